@@ -2,10 +2,11 @@
 
 #include "runtime/modules.h"
 #include "runtime/threads.h"
+#include "tests/test_support.h"
 
 TEST(ModuleScopeTest, NestedScopesKeepTheLastTwoLevels)
 {
-    ASSERT_TRUE(thread_system_init());
+    qv_test_init();
     Thread_context* context = thread_context();
     context->current_module = MOD_MSG;
     context->previous_module = MOD_MSG;
