@@ -1,0 +1,33 @@
+#include "runtime/api_start.h"
+
+#include <cstddef>
+
+#include "database/host_messaging.h"
+#include "runtime/modules.h"
+#include "runtime/msg.h"
+
+namespace {
+
+void remote_message(Thread_context*, void* buffer, size_t length, bool swap)
+{
+    if (length >= 8)
+        msg_handle_remote(static_cast<Msg_record*>(buffer), swap);
+}
+
+// The LIB areas hold shader-side library state that this program never fills.
+constexpr uint32_t LIB_CONTEXT_BYTES = 64;
+constexpr uint32_t LIB_WORLD_BYTES = 64;
+void lib_context_exit(void*) {}
+void lib_world_init(void*) {}
+void lib_world_exit(void*) {}
+
+}  // namespace
+
+void qv_api_init(int)
+{
+    Module_scope scope(MOD_API);
+    qv_msg_register(MOD_LIB, remote_message);
+    mod_register_context_area(MOD_LIB, nullptr, lib_context_exit, LIB_CONTEXT_BYTES);
+    mod_register_world_area(MOD_LIB, lib_world_init, lib_world_exit, LIB_WORLD_BYTES);
+    msg_defaults();
+}

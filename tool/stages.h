@@ -1,0 +1,17 @@
+// The four pipeline stages of fg_splice. Each takes and gives one database tag; a stage that
+// changes the points builds a new map, stores it and removes the old tag, so exactly one map is
+// alive in the database between stages.
+#pragma once
+
+#include <cstdint>
+
+using Tag = uint32_t;
+
+// Reads every input into one map and stores it; 0 when no input gave a point.
+Tag load_maps(char** names, int count);
+// Keeps the points inside (inside = 1) or outside (inside = 0) the box xmin ymin zmin xmax ymax zmax.
+Tag select_box(Tag tag, const float box[6], int inside);
+// Merges points within `distance` whose normals differ by at most `max_angle_degrees`.
+Tag merge_map(Tag tag, float distance, float max_angle_degrees);
+// Writes the map in the current format, or in the classic one when `legacy` is set.
+bool save_map(const char* name, Tag tag, int legacy);
