@@ -65,3 +65,23 @@ void mod_attach_context(void** array)
     if (context)
         context->context_areas = array;
 }
+
+// ---- first-cut placeholders, replaced by the complete module frame ----
+void mod_register_transaction_area(int, Area_callback, Area_callback, uint32_t) {}
+void mod_register_session_area(int, Area_callback, Area_callback, uint32_t) {}
+void mod_register_world_area(int, Area_callback, Area_callback, uint32_t) {}
+void* mod_transaction_area(int) { return nullptr; }
+void* mod_session_area(int) { return nullptr; }
+void* mod_world_area(int) { return nullptr; }
+void mod_report_context_areas() {}
+void mod_create_global_areas() {}
+void mod_destroy_global_areas() {}
+void** mod_detach_context()
+{
+    Thread_context* context = thread_context();
+    if (!context)
+        return nullptr;
+    void** array = context->context_areas;
+    context->context_areas = nullptr;
+    return array;
+}

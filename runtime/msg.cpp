@@ -97,3 +97,7 @@ void msg_set_classes(int id, uint32_t mask)
 }
 void msg_set_host_number(uint32_t host) { g_host = host; }
 uint32_t msg_host_number() { return g_host; }
+
+// ---- first-cut placeholders, replaced by the complete message layer ----
+void msg_defaults() { msg_set_classes(0, MSG_CLASS_DEFAULT); }
+void msg_handle_remote(Msg_record*, bool) {}
