@@ -110,10 +110,21 @@ void mod_create_global_areas();
 void mod_destroy_global_areas();
 
 // Takes the calling thread's context-area array away (folding MEM's accounts first) and
-// returns it; the caller owns it.
+// returns it; the caller owns it and may hand it to mod_attach_context on any thread. Null when
+// the thread has no array or no Thread_context.
 void** mod_detach_context();
-// Destroys the calling thread's array, if any, and installs `array` (may be null).
+// The memory manager's fold of a thread's MEM context area into the process totals, called by
+// mod_detach_context before the array leaves the thread. Null (the default) folds nothing.
+using Mod_context_fold_hook = void (*)(void* mem_context_area);
+void mod_set_context_fold_hook(Mod_context_fold_hook hook);
+// Destroys the calling thread's array, if any, and installs `array` (may be null). Destroying
+// runs each area's exit and frees it, sweeping again while a sweep released something (an exit
+// may bring back another module's area), at most MODULE_ATTACH_MAX_SWEEPS sweeps; whatever is
+// left after that is abandoned with the array.
 void mod_attach_context(void** array);
+constexpr int MODULE_ATTACH_MAX_SWEEPS = 87;
 
 // The exit permutation of 0..86 built from a priority list; `order` gets MODULE_TABLE_ROWS ids.
+// The listed ids come first; each id they displace takes the position the listed id left, so
+// (30, 7) gives 30, 7, 2, 3, 4, 5, 6, 1, 8..29, 0, 31..86 (0 is never a module: skip it).
 void mod_exit_order(const int* priority, int priority_count, int* order);
