@@ -1,0 +1,251 @@
+// Building the implicit tree in place: each inner node is chosen by a quickselect over the
+// in-order sequence of its subtree, so that everything left of it in that sequence (its left
+// subtree) has a key not above its own and everything right of it one not below.
+#include <algorithm>
+#include <bit>
+
+#include "containers/kdtree_tree.h"
+#include "containers/paged_array.h"
+
+namespace QV::LIB::detail {
+
+namespace {
+
+uint32_t depth_of(uint32_t node) { return uint32_t(std::bit_width(node)) - 1; }
+
+}  // namespace
+
+Inorder_iterator Inorder_iterator::first(uint32_t root, uint32_t n)
+{
+    Inorder_iterator it{root, depth_of(root), 0};
+    while (2 * uint64_t(it.node) <= n) {
+        it.node *= 2;
+        ++it.depth;
+    }
+    return it;
+}
+
+Inorder_iterator Inorder_iterator::last(uint32_t root, uint32_t n, uint32_t size)
+{
+    Inorder_iterator it{root, depth_of(root), size - 1};
+    while (2 * uint64_t(it.node) + 1 <= n) {
+        it.node = it.node * 2 + 1;
+        ++it.depth;
+    }
+    return it;
+}
+
+void Inorder_iterator::next(uint32_t n)
+{
+    ++rank;
+    if (2 * uint64_t(node) + 1 <= n) {
+        // Leftmost node of the right subtree.
+        node = node * 2 + 1;
+        ++depth;
+        while (2 * uint64_t(node) <= n) {
+            node *= 2;
+            ++depth;
+        }
+        return;
+    }
+    // Up past every ancestor of which we are the right child; the next one up follows.
+    while (node > 1 && (node & 1u)) {
+        node >>= 1;
+        --depth;
+    }
+    node >>= 1;
+    --depth;
+}
+
+void Inorder_iterator::prev(uint32_t n)
+{
+    --rank;
+    if (2 * uint64_t(node) <= n) {
+        node *= 2;
+        ++depth;
+        while (2 * uint64_t(node) + 1 <= n) {
+            node = node * 2 + 1;
+            ++depth;
+        }
+        return;
+    }
+    while (node > 1 && !(node & 1u)) {
+        node >>= 1;
+        --depth;
+    }
+    node >>= 1;
+    --depth;
+}
+
+bool inorder_before(const Inorder_iterator& a, const Inorder_iterator& b)
+{
+    if (a.node == b.node)
+        return false;
+    if (a.depth > b.depth) {
+        const uint32_t shift = a.depth - b.depth;
+        const uint32_t ancestor = a.node >> shift;
+        if (ancestor == b.node)
+            return ((a.node >> (shift - 1)) & 1u) == 0;  // a lies in b's left subtree
+        return ancestor < b.node;
+    }
+    if (b.depth > a.depth) {
+        const uint32_t shift = b.depth - a.depth;
+        const uint32_t ancestor = b.node >> shift;
+        if (ancestor == a.node)
+            return ((b.node >> (shift - 1)) & 1u) == 1;  // b lies in a's right subtree
+        return a.node < ancestor;
+    }
+    return a.node < b.node;
+}
+
+uint32_t subtree_size(uint32_t root, uint32_t n)
+{
+    uint64_t size = 0;
+    for (uint64_t low = root, high = root; low <= n; low = 2 * low, high = 2 * high + 1)
+        size += std::min<uint64_t>(high, n) - low + 1;
+    return uint32_t(size);
+}
+
+namespace {
+
+class Builder {
+public:
+    Builder(float* positions, Paged_array& data, uint8_t* axes, uint32_t n)
+        : positions_(positions), data_(data), axes_(axes), n_(n), record_size_(data.element_size())
+    {
+    }
+
+    void run()
+    {
+        if (n_ == 0)
+            return;
+        float low[3] = {positions_[0], positions_[1], positions_[2]};
+        float high[3] = {low[0], low[1], low[2]};
+        for (uint32_t i = 1; i < n_; ++i) {
+            const float* p = positions_ + 3 * size_t(i);
+            for (int a = 0; a < 3; ++a) {
+                low[a] = std::min(low[a], p[a]);
+                high[a] = std::max(high[a], p[a]);
+            }
+        }
+        build(1, low, high);
+    }
+
+private:
+    float key(const Inorder_iterator& it) const { return positions_[3 * size_t(it.node - 1) + axis_]; }
+
+    void swap_nodes(const Inorder_iterator& a, const Inorder_iterator& b)
+    {
+        if (a.node == b.node)
+            return;
+        float* pa = positions_ + 3 * size_t(a.node - 1);
+        float* pb = positions_ + 3 * size_t(b.node - 1);
+        std::swap(pa[0], pb[0]);
+        std::swap(pa[1], pb[1]);
+        std::swap(pa[2], pb[2]);
+        uint8_t* ra = data_.at(a.node - 1);
+        uint8_t* rb = data_.at(b.node - 1);
+        for (uint32_t k = 0; k < record_size_; ++k)
+            std::swap(ra[k], rb[k]);
+    }
+
+    void order(const Inorder_iterator& a, const Inorder_iterator& b)
+    {
+        if (key(a) > key(b))
+            swap_nodes(a, b);
+    }
+
+    // Puts the record that belongs at `target` there, with smaller keys before it in the
+    // subtree's in-order sequence and larger ones after.
+    void select(Inorder_iterator l, Inorder_iterator r, const Inorder_iterator& target)
+    {
+        for (;;) {
+            if (r.rank <= l.rank + 1) {
+                if (r.rank == l.rank + 1)
+                    order(l, r);
+                return;
+            }
+            // Median of three, with the middle moved next to l as the pivot.
+            Inorder_iterator middle = l;
+            middle.advance((r.rank - l.rank) / 2, n_);
+            Inorder_iterator l1 = l;
+            l1.next(n_);
+            swap_nodes(middle, l1);
+            order(l, r);
+            order(l1, r);
+            order(l, l1);
+            const float pivot = key(l1);
+            Inorder_iterator i = l1;
+            Inorder_iterator j = r;
+            for (;;) {
+                do
+                    i.next(n_);
+                while (key(i) < pivot);
+                do
+                    j.prev(n_);
+                while (key(j) > pivot);
+                if (inorder_before(j, i))
+                    break;
+                swap_nodes(i, j);
+            }
+            swap_nodes(l1, j);
+            if (!inorder_before(j, target)) {
+                r = j;
+                r.prev(n_);
+            }
+            if (!inorder_before(target, j))
+                l = i;
+        }
+    }
+
+    void build(uint32_t node, float* low, float* high)
+    {
+        if (2 * uint64_t(node) > n_)
+            return;  // a leaf carries no axis
+
+        // Widest extent; ties go to the later axis.
+        const float dx = high[0] - low[0];
+        const float dy = high[1] - low[1];
+        const float dz = high[2] - low[2];
+        int axis;
+        if (dx > dy)
+            axis = dx > dz ? 0 : 2;
+        else
+            axis = dy > dz ? 1 : 2;
+        axes_[node] = uint8_t(axis);
+        axis_ = axis;
+
+        const uint32_t size = subtree_size(node, n_);
+        const Inorder_iterator target{node, depth_of(node), subtree_size(2 * node, n_)};
+        select(Inorder_iterator::first(node, n_), Inorder_iterator::last(node, n_, size), target);
+
+        const float split = positions_[3 * size_t(node - 1) + axis];
+        const float saved_high = high[axis];
+        high[axis] = split;
+        build(2 * node, low, high);
+        high[axis] = saved_high;
+
+        if (2 * uint64_t(node) + 1 <= n_) {
+            const float saved_low = low[axis];
+            low[axis] = split;
+            build(2 * node + 1, low, high);
+            low[axis] = saved_low;
+        }
+    }
+
+    float* positions_;
+    Paged_array& data_;
+    uint8_t* axes_;
+    uint32_t n_;
+    uint32_t record_size_;
+    int axis_ = 0;   // axis of the selection under way
+};
+
+}  // namespace
+
+void build_tree(float* positions, Paged_array& data, uint8_t* axes, uint32_t n)
+{
+    Builder(positions, data, axes, n).run();
+}
+
+}  // namespace QV::LIB::detail
