@@ -32,7 +32,7 @@ public:
 
     // Count with the u32 primitive, then each tag with the tag primitive.
     void serialize_references(SERIAL::Serializer* serializer) const override;
-    // Reads the count and the tags; on a damaged stream keeps only the tags that arrived.
+    // Reads the count and the tags; a damaged stream leaves the list empty.
     void deserialize_references(SERIAL::Deserializer* deserializer) override;
     // Bytes the database records for the element; 0 here (a store then records 1).
     virtual uint64_t get_size() const;
