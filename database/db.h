@@ -238,8 +238,8 @@ struct Db_thread_hooks {
     void (*release)(Db_thread_list* list);
 };
 void qv_db_set_thread_hooks(const Db_thread_hooks& hooks);
-// Sum of pin counter `pidx` over the list (the calling thread's pins included if listed).
-uint64_t qv_db_pin_sum(const Db_thread_list* list, int pidx);
+// Sum, modulo 2^32, of pin counter `pidx` over the list; not 0 means pinned.
+uint32_t qv_db_pin_sum(const Db_thread_list* list, int pidx);
 
 // ---- Memory pressure -------------------------------------------------------------------------
 struct Db_flush_entry {
