@@ -59,6 +59,10 @@ struct Map_io_request {
     Map_page_entry* entry = nullptr;   // ready: the table entry to insert
 };
 
+// The page size the cache uses for a requested size in KB: at least 32, at most 1024, else the
+// next power-of-two multiple of 32; warnings 1, 2 and 3 say what was corrected.
+uint32_t map_correct_page_size_kb(uint32_t requested_kb);
+
 class Map_manager {
 public:
     // The process-wide instance, made at first use and never destroyed.
@@ -86,23 +90,24 @@ public:
     void unregister_map(Map_page_store* store);
 
     // Core of a miss (steps of get_page under the manager lock). `give_back` is an entry the
-    // caller already took out of `table`, or null.
+    // caller already took out of `table`, or null. `beyond_limit` lets a caller that has nothing
+    // left to give back take a buffer over the limit rather than wait forever.
     void get_page(Map_page_store* store, uint32_t cache_page, bool read_only, Map_page_table* table,
-                  Map_page_entry* give_back, Map_io_request* request);
-    // Ends a load / swap / swap-and-load. `loaded` and `swapped` report the I/O outcome.
+                  Map_page_entry* give_back, bool beyond_limit, Map_io_request* request);
+    // Ends a load / swap / swap-and-load; `swapped` reports the swap write (true for a plain
+    // load). A failed swap answers busy and keeps the old page.
     void finish_io(Map_page_store* store, Map_io_request* request, bool swapped);
-    // Writes the spill pages of a busy answer (outside the lock) and frees their buffers.
-    void finish_spill(Map_io_request* request, const bool* written);
-    // Makes a table entry for a node that get_page or finish_io returned, moving it up a bucket.
-    Map_page_entry* make_entry(Map_page_node* node);
-    // Gives entries back (the entry is freed); used for a table's tail on out-of-memory.
+    // Ends the writes of pages handed out to be written without the lock (spill of a busy
+    // answer, flush): written ones lose their buffers, the others stay dirty.
+    void finish_writes(Map_page_node* const* nodes, uint32_t count, const bool* written);
+    // Gives an entry back (it returns to the shared pool).
     void give_back(Map_page_entry* entry);
 
     // Frees `bytes` of page buffers (bucket 0 first, then rounds over the thread tables);
     // 0 frees everything that can be freed, writing dirty pages to their swap files.
     void flush(size_t bytes);
-    // Gives every page of one map back from the calling thread's... all tables, writing its
-    // dirty pages to the swap file, so that its memory goes back to the cache.
+    // Takes every page of one map out of all tables and out of memory, writing its dirty pages
+    // to the map's swap file; the map stays usable.
     void flush_map(Map_page_store* store);
     // Registered with the memory manager: notes the bytes and returns at once.
     static size_t flush_callback(size_t bytes);
@@ -115,6 +120,10 @@ public:
     Map_page_table* current_table();
 
     void print_statistics();
+    void set_statistics(bool on);
+    // Starts the QV_DUMP trace (also on by the variable) and names its file.
+    void set_trace(bool on);
+    void set_dump_file_name(const char* name);
     // Totals at the end of a run (statistics switch) and the QV_DUMP trace.
     void shutdown();
 
@@ -135,17 +144,22 @@ private:
     void fix_page_size_locked();
     void run_pending_flush_locked();
     void give_back_locked(Map_page_entry* entry);
+    Map_page_entry* make_entry_locked(Map_page_node* node);
+    uint32_t thread_table_capacity_locked();
+    void place_new_node_locked(Map_page_store* store, Map_record* record, uint32_t cache_page, uint8_t* data,
+                               bool ready, Map_io_request* request);
+    void flush_nodes(int32_t only_map, bool everything);
     void bucket_unlink(Map_page_node* node);
     void bucket_push_head(Map_page_node* node, uint32_t bucket);
     void move_up_locked(Map_page_node* node);
     Map_page_node* new_node_locked(uint32_t map_id, uint32_t page);
     void free_node_locked(Map_page_node* node);
-    bool take_buffer_locked(Map_page_buffer* out);
+    bool take_buffer_locked(Map_page_buffer* out, bool beyond_limit);
     void release_buffer_locked(Map_page_buffer* buffer);
     Map_page_node* find_victim_locked(uint32_t map_id);
     void shrink_table_locked(Map_page_table* table, uint32_t keep);
     void age_locked();
-    size_t flush_locked(size_t bytes, bool everything);
+    size_t flush_locked(size_t bytes);
     void drop_node_locked(Map_page_node* node);
     bool in_transit(uint32_t map_id, uint32_t page) const;
     void set_in_transit(uint32_t map_id, uint32_t page, bool on);
