@@ -1,0 +1,220 @@
+// The implicit tree on plain arrays: the in-order iterator and the in-place build.
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "containers/kdtree_tree.h"
+#include "containers/paged_array.h"
+#include "tests/test_support.h"
+
+using QV::LIB::Paged_array;
+using QV::LIB::detail::Inorder_iterator;
+using QV::LIB::detail::build_tree;
+using QV::LIB::detail::inorder_before;
+using QV::LIB::detail::subtree_size;
+
+namespace {
+
+// Reference in-order walk by recursion, independent of the iterator.
+void walk(uint32_t node, uint32_t n, std::vector<uint32_t>& out)
+{
+    if (node > n)
+        return;
+    walk(2 * node, n, out);
+    out.push_back(node);
+    walk(2 * node + 1, n, out);
+}
+
+// Records carry their original index so that they can be matched to their positions.
+struct Cloud {
+    std::vector<float> positions;
+    Paged_array data{sizeof(uint32_t)};
+    std::vector<float> original;  // positions by original index
+};
+
+Cloud make_cloud(uint32_t n, uint32_t seed, float grid = 0.0f)
+{
+    Cloud cloud;
+    std::mt19937 random(seed);
+    std::uniform_real_distribution<float> coordinate(-10.0f, 10.0f);
+    cloud.positions.resize(3 * size_t(n));
+    cloud.data.resize(n);
+    for (uint32_t i = 0; i < n; ++i) {
+        for (int a = 0; a < 3; ++a) {
+            float v = coordinate(random);
+            if (grid > 0)
+                v = float(int(v / grid)) * grid;  // many equal keys
+            cloud.positions[3 * size_t(i) + a] = v;
+        }
+        std::memcpy(cloud.data.at(i), &i, sizeof i);
+    }
+    cloud.original = cloud.positions;
+    return cloud;
+}
+
+uint32_t record_index(const Paged_array& data, uint32_t slot)
+{
+    uint32_t index;
+    std::memcpy(&index, data.at(slot), sizeof index);
+    return index;
+}
+
+// Every inner node splits its subtree: left keys not above, right keys not below.
+void expect_kd_property(const Cloud& cloud, const std::vector<uint8_t>& axes, uint32_t n)
+{
+    for (uint32_t node = 1; 2 * node <= n; ++node) {
+        const int axis = axes[node];
+        const float split = cloud.positions[3 * size_t(node - 1) + axis];
+        std::vector<uint32_t> left, right;
+        walk(2 * node, n, left);
+        walk(2 * node + 1, n, right);
+        for (uint32_t k : left)
+            ASSERT_LE(cloud.positions[3 * size_t(k - 1) + axis], split) << "node " << node << " n " << n;
+        for (uint32_t k : right)
+            ASSERT_GE(cloud.positions[3 * size_t(k - 1) + axis], split) << "node " << node << " n " << n;
+    }
+}
+
+// The build permutes records and positions together and loses nothing.
+void expect_records_follow_positions(const Cloud& cloud, uint32_t n)
+{
+    std::vector<int> seen(n, 0);
+    for (uint32_t slot = 0; slot < n; ++slot) {
+        const uint32_t index = record_index(cloud.data, slot);
+        ASSERT_LT(index, n);
+        ++seen[index];
+        for (int a = 0; a < 3; ++a)
+            ASSERT_EQ(cloud.positions[3 * size_t(slot) + a], cloud.original[3 * size_t(index) + a]);
+    }
+    for (uint32_t i = 0; i < n; ++i)
+        ASSERT_EQ(seen[i], 1) << "record " << i;
+}
+
+}  // namespace
+
+TEST(KdtreeInorderTest, WalksEverySubtreeOnceInOrderBothWays)
+{
+    for (uint32_t n = 1; n <= 70; ++n) {
+        for (uint32_t root = 1; root <= n; ++root) {
+            std::vector<uint32_t> expected;
+            walk(root, n, expected);
+            const uint32_t size = subtree_size(root, n);
+            ASSERT_EQ(size, expected.size());
+
+            Inorder_iterator it = Inorder_iterator::first(root, n);
+            const Inorder_iterator last = Inorder_iterator::last(root, n, size);
+            for (uint32_t i = 0; i < size; ++i) {
+                ASSERT_EQ(it.node, expected[i]) << "n " << n << " root " << root << " step " << i;
+                ASSERT_EQ(it.rank, i);
+                ASSERT_EQ(it.depth + 1, uint32_t(std::bit_width(it.node)));
+                if (i + 1 < size)
+                    it.next(n);
+            }
+            ASSERT_EQ(it.node, last.node);
+            for (uint32_t i = size; i-- > 1;) {
+                it.prev(n);
+                ASSERT_EQ(it.node, expected[i - 1]);
+            }
+        }
+    }
+}
+
+TEST(KdtreeInorderTest, OrderByIndexAndDepthMatchesWalk)
+{
+    for (uint32_t n : {1u, 2u, 3u, 6u, 13u, 31u, 32u, 45u}) {
+        std::vector<uint32_t> order;
+        walk(1, n, order);
+        std::vector<Inorder_iterator> at(order.size());
+        Inorder_iterator it = Inorder_iterator::first(1, n);
+        for (size_t i = 0; i < order.size(); ++i) {
+            at[i] = it;
+            if (i + 1 < order.size())
+                it.next(n);
+        }
+        for (size_t a = 0; a < at.size(); ++a)
+            for (size_t b = 0; b < at.size(); ++b)
+                ASSERT_EQ(inorder_before(at[a], at[b]), a < b) << "n " << n << " nodes " << at[a].node << ", " << at[b].node;
+    }
+}
+
+TEST(KdtreeBuildTest, SplitsEverySubtreeOnRandomData)
+{
+    qv_test_init();
+    for (uint32_t n : {0u, 1u, 2u, 3u, 4u, 7u, 100u, 257u, 1000u, 4099u}) {
+        Cloud cloud = make_cloud(n, 11 + n);
+        std::vector<uint8_t> axes(n + 4, 0xEE);
+        build_tree(cloud.positions.data(), cloud.data, axes.data(), n);
+        expect_kd_property(cloud, axes, n);
+        expect_records_follow_positions(cloud, n);
+        // Leaves carry no axis; inner nodes carry 0, 1 or 2.
+        for (uint32_t node = 1; node <= n; ++node) {
+            if (2 * node <= n)
+                EXPECT_LE(axes[node], 2);
+            else
+                EXPECT_EQ(axes[node], 0xEE);
+        }
+    }
+}
+
+TEST(KdtreeBuildTest, TwoRecordsPutTheSmallerKeyInTheLeftChild)
+{
+    qv_test_init();
+    Cloud cloud = make_cloud(2, 0);
+    // x spread widest; the larger x starts at node 2 and must move to node 1.
+    const float p[6] = {1, 0, 0, 5, 0.5f, 0.25f};
+    std::memcpy(cloud.positions.data(), p, sizeof p);
+    cloud.original = cloud.positions;
+    std::vector<uint8_t> axes(4, 0);
+    build_tree(cloud.positions.data(), cloud.data, axes.data(), 2);
+    EXPECT_EQ(axes[1], 0);
+    EXPECT_EQ(cloud.positions[0], 5.0f);
+    EXPECT_EQ(cloud.positions[3], 1.0f);
+    expect_records_follow_positions(cloud, 2);
+}
+
+TEST(KdtreeBuildTest, ManyEqualKeysAndEqualPositions)
+{
+    qv_test_init();
+    // Coarse grid: long runs of equal keys on every axis.
+    Cloud grid = make_cloud(3000, 5, 4.0f);
+    std::vector<uint8_t> axes(3004, 0);
+    build_tree(grid.positions.data(), grid.data, axes.data(), 3000);
+    expect_kd_property(grid, axes, 3000);
+    expect_records_follow_positions(grid, 3000);
+
+    // All positions equal: every extent is 0, and the tie goes to z.
+    Cloud same = make_cloud(500, 6);
+    for (float& v : same.positions)
+        v = 2.5f;
+    same.original = same.positions;
+    std::vector<uint8_t> same_axes(504, 9);
+    build_tree(same.positions.data(), same.data, same_axes.data(), 500);
+    for (uint32_t node = 1; 2 * node <= 500; ++node)
+        ASSERT_EQ(same_axes[node], 2);
+    expect_records_follow_positions(same, 500);
+}
+
+TEST(KdtreeBuildTest, AxisIsTheWidestExtentTiesToTheLaterAxis)
+{
+    qv_test_init();
+    struct Case {
+        float extent[3];
+        int axis;
+    } cases[] = {
+        {{3, 1, 1}, 0}, {{1, 3, 1}, 1}, {{1, 1, 3}, 2},
+        {{3, 3, 1}, 1},  // x == y: y
+        {{3, 1, 3}, 2},  // x == z: z
+        {{1, 3, 3}, 2},  // y == z: z
+    };
+    for (const Case& c : cases) {
+        Cloud cloud = make_cloud(3, 0);
+        const float p[9] = {0, 0, 0, c.extent[0], c.extent[1], c.extent[2], 0.5f, 0.5f, 0.5f};
+        std::memcpy(cloud.positions.data(), p, sizeof p);
+        std::vector<uint8_t> axes(4, 9);
+        build_tree(cloud.positions.data(), cloud.data, axes.data(), 3);
+        EXPECT_EQ(axes[1], c.axis) << c.extent[0] << " " << c.extent[1] << " " << c.extent[2];
+    }
+}

@@ -1,0 +1,249 @@
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstring>
+#include <memory>
+
+#include "containers/paged_array.h"
+#include "containers/swap_layout.h"
+#include "serial/deserialization_manager.h"
+#include "serial/media_queue.h"
+#include "tests/test_support.h"
+
+using QV::LIB::Paged_array;
+
+namespace {
+
+// 12 bytes with the layout "i1cs3c": a word, two bytes, a half word, four bytes of padding.
+struct Record {
+    uint32_t word;
+    uint8_t bytes[2];
+    uint16_t half;
+    uint8_t pad[4];
+};
+static_assert(sizeof(Record) == 12 && offsetof(Record, half) == 6);
+constexpr const char* RECORD_LAYOUT = "i1cs3c";
+
+Record make_record(uint32_t i)
+{
+    Record r{};
+    r.word = 0x01020300u + i;
+    r.bytes[0] = uint8_t(i);
+    r.bytes[1] = 0xAA;
+    r.half = uint16_t(0x1100 + i);
+    return r;
+}
+
+Record read_record(const Paged_array& array, uint32_t i)
+{
+    Record r;
+    std::memcpy(&r, array.at(i), sizeof r);
+    return r;
+}
+
+void fill(Paged_array& array, uint32_t count)
+{
+    array.resize(count);
+    for (uint32_t i = 0; i < count; ++i) {
+        const Record r = make_record(i);
+        std::memcpy(array.at(i), &r, sizeof r);
+    }
+}
+
+// Media that talk to a host of the other byte order.
+class Foreign_serializer : public QV::DB::Db_serializer, public QV::LIB::Byte_order_medium {
+public:
+    bool other_byte_order() const override { return true; }
+};
+
+class Foreign_deserializer : public QV::DB::Db_deserializer, public QV::LIB::Byte_order_medium {
+public:
+    using Db_deserializer::Db_deserializer;
+    bool other_byte_order() const override { return true; }
+};
+
+std::unique_ptr<Paged_array> read_back(QV::SERIAL::Deserializer& in)
+{
+    QV::SERIAL::Serializable* object = in.deserialize();
+    EXPECT_NE(object, nullptr);
+    auto* array = dynamic_cast<Paged_array*>(object);
+    EXPECT_NE(array, nullptr);
+    return std::unique_ptr<Paged_array>(array);
+}
+
+class PagedArrayTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        qv_test_init();
+        QV::SERIAL::serial_manager()->register_class(QV::LIB::PAGED_ARRAY_CLASS_ID,
+                                                     &QV::DB::construct_element<Paged_array>);
+    }
+};
+
+}  // namespace
+
+TEST_F(PagedArrayTest, GrowsInBlocksWithoutMovingRecords)
+{
+    Paged_array array(sizeof(Record));
+    array.reserve(1);
+    EXPECT_EQ(array.capacity(), 256u);
+    EXPECT_EQ(array.block_count(), 1u);
+    EXPECT_EQ(array.count(), 0u);
+
+    fill(array, 256);
+    const uint8_t* first = array.at(0);
+    array.resize(257);
+    EXPECT_EQ(array.capacity(), 512u);
+    EXPECT_EQ(array.at(0), first);
+    EXPECT_EQ(read_record(array, 0).word, make_record(0).word);
+    // Record 256 opens the second block, and records inside a block are contiguous.
+    EXPECT_EQ(array.at(257) - array.at(256), ptrdiff_t(sizeof(Record)));
+    EXPECT_EQ(array.at(255) - array.at(0), ptrdiff_t(255 * sizeof(Record)));
+
+    array.resize(3);
+    EXPECT_EQ(array.count(), 3u);
+    EXPECT_EQ(array.capacity(), 512u);
+    EXPECT_EQ(array.block_count(), 2u);
+    array.reserve(100);  // smaller than capacity: nothing changes
+    EXPECT_EQ(array.capacity(), 512u);
+}
+
+TEST_F(PagedArrayTest, CopyIsDeepAndCopiesTheExtraBlock)
+{
+    const char extra[] = "blob!";
+    Paged_array array(sizeof(Record), RECORD_LAYOUT, extra, sizeof extra, "5c");
+    fill(array, 300);
+    std::unique_ptr<QV::DB::Element_base> copy_base(array.copy());
+    auto* copy = dynamic_cast<Paged_array*>(copy_base.get());
+    ASSERT_NE(copy, nullptr);
+    EXPECT_EQ(copy->count(), 300u);
+    EXPECT_EQ(copy->capacity(), 512u);
+    EXPECT_EQ(copy->swap_string(), RECORD_LAYOUT);
+    EXPECT_EQ(copy->extra_swap_string(), "5c");
+    ASSERT_EQ(copy->extra_size(), sizeof extra);
+    EXPECT_NE(copy->extra(), array.extra());
+    EXPECT_EQ(std::memcmp(copy->extra(), extra, sizeof extra), 0);
+
+    EXPECT_NE(copy->at(0), array.at(0));
+    copy->at(299)[0] ^= 0xFF;
+    EXPECT_EQ(read_record(array, 299).word, make_record(299).word);
+
+    EXPECT_TRUE(copy->is_a(QV::LIB::PAGED_ARRAY_CLASS_ID));
+    EXPECT_TRUE(copy->is_a(0));
+    EXPECT_FALSE(copy->is_a(0x3D4D4150));
+
+    // set_extra without a block clears it; null texts read as empty.
+    array.set_extra(nullptr, nullptr, 10, nullptr);
+    EXPECT_EQ(array.extra(), nullptr);
+    EXPECT_EQ(array.extra_size(), 0u);
+    EXPECT_EQ(array.swap_string(), "");
+}
+
+TEST_F(PagedArrayTest, SerializationRoundTripSameByteOrder)
+{
+    const uint8_t extra[6] = {1, 2, 3, 4, 5, 6};
+    Paged_array array(sizeof(Record), RECORD_LAYOUT, extra, sizeof extra, "i1c");
+    fill(array, 600);
+    array.references.push_back(0x400);
+
+    QV::DB::Db_serializer out;
+    out.serialize(&array);
+    // class id, references (count + 1 tag), element size, count, swap string, extra size,
+    // extra swap string, extra, records.
+    const size_t expected = 4 + 4 + 4 + 4 + 4 + (4 + 6) + 4 + (4 + 3) + 6 + 600 * sizeof(Record);
+    EXPECT_EQ(out.queue().size(), expected);
+
+    QV::DB::Db_deserializer in(&out.queue());
+    std::unique_ptr<Paged_array> back = read_back(in);
+    ASSERT_TRUE(back);
+    EXPECT_EQ(back->element_size(), sizeof(Record));
+    EXPECT_EQ(back->count(), 600u);
+    EXPECT_EQ(back->capacity(), 768u);
+    EXPECT_EQ(back->swap_string(), RECORD_LAYOUT);
+    EXPECT_EQ(back->extra_swap_string(), "i1c");
+    ASSERT_EQ(back->extra_size(), sizeof extra);
+    EXPECT_EQ(std::memcmp(back->extra(), extra, sizeof extra), 0);
+    ASSERT_EQ(back->references.size(), 1u);
+    for (uint32_t i = 0; i < 600; ++i)
+        ASSERT_EQ(std::memcmp(back->at(i), array.at(i), sizeof(Record)), 0) << i;
+}
+
+TEST_F(PagedArrayTest, ForeignByteOrderSwapsCopiesOnTheWireAndBackOnReading)
+{
+    const uint32_t extra[2] = {0x11223344u, 0x55667788u};
+    Paged_array array(sizeof(Record), RECORD_LAYOUT, extra, sizeof extra, "1i");
+    fill(array, 260);
+
+    Foreign_serializer out;
+    out.serialize(&array);
+    // The array itself is untouched by writing.
+    EXPECT_EQ(read_record(array, 259).word, make_record(259).word);
+
+    // On the wire the last record is in the other byte order, padding left alone.
+    const size_t size = out.queue().size();
+    Record wire;
+    ASSERT_EQ(out.queue().copy_out(size - sizeof wire, &wire, sizeof wire), sizeof wire);
+    const Record original = make_record(259);
+    EXPECT_EQ(wire.word, __builtin_bswap32(original.word));
+    EXPECT_EQ(wire.half, __builtin_bswap16(original.half));
+    EXPECT_EQ(std::memcmp(wire.bytes, original.bytes, 2), 0);
+
+    // Read by a same-order host: the swapped bytes arrive as they are.
+    {
+        QV::DB::Db_deserializer in(&out.queue());
+        std::unique_ptr<Paged_array> plain = read_back(in);
+        ASSERT_TRUE(plain);
+        EXPECT_EQ(read_record(*plain, 0).word, __builtin_bswap32(make_record(0).word));
+        EXPECT_EQ(static_cast<const uint32_t*>(plain->extra())[1], __builtin_bswap32(extra[1]));
+    }
+    // Read by a host that knows the source is foreign: swapped back.
+    Foreign_deserializer in(&out.queue());
+    std::unique_ptr<Paged_array> back = read_back(in);
+    ASSERT_TRUE(back);
+    ASSERT_EQ(back->count(), 260u);
+    for (uint32_t i = 0; i < 260; ++i)
+        ASSERT_EQ(std::memcmp(back->at(i), array.at(i), sizeof(Record)), 0) << i;
+    EXPECT_EQ(std::memcmp(back->extra(), extra, sizeof extra), 0);
+}
+
+TEST_F(PagedArrayTest, TruncatedStreamKeepsOnlyWholeRecords)
+{
+    Paged_array array(sizeof(Record));
+    fill(array, 40);
+    QV::DB::Db_serializer out;
+    out.serialize(&array);
+
+    // Copy all but half a record into a shorter queue.
+    QV::SERIAL::Byte_queue cut;
+    std::vector<uint8_t> bytes(out.queue().size() - sizeof(Record) / 2);
+    out.queue().copy_out(0, bytes.data(), bytes.size());
+    cut.append(bytes.data(), bytes.size());
+
+    QV::DB::Db_deserializer in(&cut);
+    std::unique_ptr<Paged_array> back = read_back(in);
+    ASSERT_TRUE(back);
+    EXPECT_EQ(back->count(), 39u);
+    EXPECT_FALSE(in.is_valid());
+    EXPECT_EQ(std::memcmp(back->at(38), array.at(38), sizeof(Record)), 0);
+}
+
+TEST(SwapLayoutTest, CountsMeanOneMoreAndStopAtTheRecordEnd)
+{
+    uint8_t bytes[16];
+    for (int i = 0; i < 16; ++i)
+        bytes[i] = uint8_t(i);
+    // "1c" skips two bytes, "0s" swaps one pair, "i" reverses four; "p" would zero eight, but
+    // only four remain inside the 12-byte record given, and nothing past it may change.
+    QV::LIB::swap_by_layout(bytes, 12, "1c0si9p");
+    const uint8_t expected[16] = {0, 1, 3, 2, 7, 6, 5, 4, 8, 9, 10, 11, 12, 13, 14, 15};
+    EXPECT_EQ(std::memcmp(bytes, expected, 16), 0);
+    QV::LIB::swap_by_layout(bytes, 16, "7cp");
+    const uint8_t zeroed[16] = {0, 1, 3, 2, 7, 6, 5, 4, 0, 0, 0, 0, 0, 0, 0, 0};
+    EXPECT_EQ(std::memcmp(bytes, zeroed, 16), 0);
+    // Unknown characters leave the count standing for the next letter.
+    uint8_t more[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    QV::LIB::swap_by_layout(more, 8, "1xi");
+    const uint8_t expected_more[8] = {4, 3, 2, 1, 8, 7, 6, 5};
+    EXPECT_EQ(std::memcmp(more, expected_more, 8), 0);
+}
