@@ -1,0 +1,263 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <random>
+
+#include "tests/test_support.h"
+#include "tool/blend.h"
+
+namespace {
+
+Fg_point make_point(float x, float y, float z, float nx, float ny, float nz, uint32_t rays)
+{
+    Fg_point p{};
+    p.position[0] = x;
+    p.position[1] = y;
+    p.position[2] = z;
+    p.normal[0] = nx;
+    p.normal[1] = ny;
+    p.normal[2] = nz;
+    p.rays = rays;
+    for (int i = 0; i < 4; ++i)
+        p.irrad[i] = 0.25f * float(i + 1) + x;
+    for (int i = 0; i < 3; ++i) {
+        p.grad_t1[i] = 0.5f + float(i) + y;
+        p.grad_t2[i] = -1.0f + float(i) + z;
+    }
+    p.r_mean = 2.0f;
+    p.min_dist = 0.5f;
+    p.min_dist_dir[0] = 1.0f;
+    p.occluded_min_dist = 0.75f;
+    return p;
+}
+
+float dot(const float* a, const float* b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
+
+class BlendTest : public ::testing::Test {
+protected:
+    void SetUp() override { qv_test_init(); }
+};
+
+TEST_F(BlendTest, FrameIsOrthonormalAroundAnyUnitNormal)
+{
+    std::mt19937 rng(7);
+    std::normal_distribution<float> g;
+    for (int i = 0; i < 1000; ++i) {
+        float n[3] = {g(rng), g(rng), g(rng)};
+        float len = std::sqrt(dot(n, n));
+        for (float& v : n)
+            v /= len;
+        float t[3], c[3];
+        fg_tangent_frame(n, t, c);
+        EXPECT_NEAR(dot(t, t), 1.0f, 1e-5f);
+        EXPECT_NEAR(dot(t, n), 0.0f, 1e-5f);
+        EXPECT_NEAR(dot(c, t), 0.0f, 1e-5f);
+        EXPECT_NEAR(dot(c, n), 0.0f, 1e-5f);
+        // C is T x n, not n x T: the sign decides which way grad_t2 points.
+        float cross[3] = {t[1] * n[2] - t[2] * n[1], t[2] * n[0] - t[0] * n[2], t[0] * n[1] - t[1] * n[0]};
+        for (int k = 0; k < 3; ++k)
+            EXPECT_NEAR(c[k], cross[k], 1e-5f);
+    }
+}
+
+TEST_F(BlendTest, FrameTieBetweenXAndYTakesTheXZBranchAndZeroNormalGivesZeroFrame)
+{
+    const float h = std::sqrt(0.5f);
+    const float n[3] = {h, -h, 0.0f};
+    float t[3], c[3];
+    fg_tangent_frame(n, t, c);
+    EXPECT_EQ(t[0], 0.0f);
+    EXPECT_EQ(t[1], 0.0f);
+    EXPECT_FLOAT_EQ(t[2], -1.0f);
+
+    const float zero[3] = {0.0f, 0.0f, 0.0f};
+    fg_tangent_frame(zero, t, c);
+    for (int k = 0; k < 3; ++k) {
+        EXPECT_EQ(t[k], 0.0f);
+        EXPECT_EQ(c[k], 0.0f);
+    }
+}
+
+TEST_F(BlendTest, EqualWeightsGivePlainMeansAndHalfSumGradients)
+{
+    Fg_point a = make_point(1.0f, 2.0f, 3.0f, 0.0f, 0.0f, 1.0f, 7);
+    Fg_point b = make_point(2.0f, 4.0f, 5.0f, 0.0f, 0.0f, 1.0f, 7);
+    Fg_point out;
+    blend_points(&out, &a, &b);
+    EXPECT_EQ(out.rays, 14u);
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(out.position[i], 0.5f * (a.position[i] + b.position[i]));
+    for (int i = 0; i < 4; ++i)
+        EXPECT_EQ(out.irrad[i], 0.5f * (a.irrad[i] + b.irrad[i]));
+    EXPECT_EQ(out.normal[2], 1.0f);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_FLOAT_EQ(out.grad_t1[i], 0.5f * (a.grad_t1[i] + b.grad_t1[i]));
+        EXPECT_FLOAT_EQ(out.grad_t2[i], 0.5f * (a.grad_t2[i] + b.grad_t2[i]));
+    }
+}
+
+TEST_F(BlendTest, ZeroWeightFirstOperandGivesSecondPointWithZeroGradients)
+{
+    Fg_point a = make_point(1.0f, 2.0f, 3.0f, 0.6f, 0.0f, 0.8f, 0);
+    Fg_point b = make_point(-4.0f, 0.5f, 9.0f, 0.0f, 0.6f, 0.8f, 12);
+    Fg_point out;
+    blend_points(&out, &a, &b);
+    EXPECT_EQ(out.rays, 12u);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(out.position[i], b.position[i]);
+        EXPECT_FLOAT_EQ(out.normal[i], b.normal[i]);
+        EXPECT_EQ(out.grad_t1[i], 0.0f);
+        EXPECT_EQ(out.grad_t2[i], 0.0f);
+    }
+    for (int i = 0; i < 4; ++i)
+        EXPECT_EQ(out.irrad[i], b.irrad[i]);
+}
+
+TEST_F(BlendTest, ZeroWeightSecondOperandKeepsFirstPointAndAddsGradients)
+{
+    Fg_point a = make_point(1.0f, 2.0f, 3.0f, 0.0f, 0.0f, 1.0f, 5);
+    Fg_point b = make_point(-4.0f, 0.5f, 9.0f, 0.0f, 1.0f, 0.0f, 0);
+    Fg_point out;
+    blend_points(&out, &a, &b);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(out.position[i], a.position[i]);
+        EXPECT_EQ(out.normal[i], a.normal[i]);
+        EXPECT_EQ(out.grad_t1[i], a.grad_t1[i] + b.grad_t1[i]);
+        EXPECT_EQ(out.grad_t2[i], a.grad_t2[i] + b.grad_t2[i]);
+    }
+}
+
+// The gradient blend takes its frame from the first operand's unblended normal and weighs all
+// terms with a's share. A "corrected" version (blended normal, wb on b's terms) fails here.
+TEST_F(BlendTest, GradientsUseFirstOperandFrameAndItsWeightOnly)
+{
+    Fg_point a = make_point(0.0f, 0.0f, 0.0f, 0.0f, 0.0f, 1.0f, 1);
+    Fg_point b = make_point(0.0f, 0.0f, 0.0f, 0.0f, 1.0f, 0.0f, 3);
+    Fg_point ab, ba;
+    blend_points(&ab, &a, &b);
+    blend_points(&ba, &b, &a);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_FLOAT_EQ(ab.grad_t1[i], 0.25f * (a.grad_t1[i] + b.grad_t1[i]));
+        EXPECT_FLOAT_EQ(ab.grad_t2[i], 0.25f * (a.grad_t2[i] + b.grad_t2[i]));
+        EXPECT_FLOAT_EQ(ba.grad_t1[i], 0.75f * (a.grad_t1[i] + b.grad_t1[i]));
+    }
+    // The other fields do not depend on the order of the operands.
+    for (int i = 0; i < 3; ++i)
+        EXPECT_FLOAT_EQ(ab.normal[i], ba.normal[i]);
+
+    // A non-unit first normal keeps T a unit vector but scales C, so grad_t2 takes |n|^2.
+    Fg_point big = a;
+    big.normal[2] = 2.0f;
+    Fg_point out;
+    blend_points(&out, &big, &b);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_FLOAT_EQ(out.grad_t1[i], 0.25f * (a.grad_t1[i] + b.grad_t1[i]));
+        EXPECT_FLOAT_EQ(out.grad_t2[i], 4.0f * 0.25f * (a.grad_t2[i] + b.grad_t2[i]));
+    }
+
+    // A zero first normal has no frame: the gradients vanish.
+    Fg_point flat = a;
+    flat.normal[2] = 0.0f;
+    blend_points(&out, &flat, &b);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(out.grad_t1[i], 0.0f);
+        EXPECT_EQ(out.grad_t2[i], 0.0f);
+    }
+}
+
+TEST_F(BlendTest, NormalIsRenormalisedUnlessItCancels)
+{
+    Fg_point a = make_point(0, 0, 0, 1.0f, 0.0f, 0.0f, 1);
+    Fg_point b = make_point(0, 0, 0, 0.0f, 1.0f, 0.0f, 1);
+    Fg_point out;
+    blend_points(&out, &a, &b);
+    EXPECT_FLOAT_EQ(dot(out.normal, out.normal), 1.0f);
+    EXPECT_FLOAT_EQ(out.normal[0], std::sqrt(0.5f));
+
+    b.normal[0] = -1.0f;
+    b.normal[1] = 0.0f;
+    blend_points(&out, &a, &b);
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(out.normal[i], 0.0f);
+}
+
+TEST_F(BlendTest, WeightsAreUnsignedRayCounts)
+{
+    Fg_point a = make_point(0, 0, 0, 0, 0, 1, 0xC0000000u);
+    Fg_point b = make_point(13.0f, 0, 0, 0, 0, 1, 0x10000000u);
+    Fg_point out;
+    blend_points(&out, &a, &b);
+    EXPECT_EQ(out.rays, 0xD0000000u);
+    EXPECT_FLOAT_EQ(out.position[0], 1.0f);
+
+    // Both counts 0: the weights are 0/0, so every weighted field is NaN.
+    a.rays = b.rays = 0;
+    blend_points(&out, &a, &b);
+    EXPECT_TRUE(std::isnan(out.position[0]));
+    EXPECT_TRUE(std::isnan(out.irrad[3]));
+    EXPECT_TRUE(std::isnan(out.r_mean));
+}
+
+TEST_F(BlendTest, DistanceStatisticsTakeTheSmallerAndMeanIsHarmonic)
+{
+    Fg_point a = make_point(0, 0, 0, 0, 0, 1, 1);
+    Fg_point b = make_point(0, 0, 0, 0, 0, 1, 1);
+    a.r_mean = 1.0f;
+    b.r_mean = 3.0f;
+    a.min_dist = 2.0f;
+    b.min_dist = 1.0f;
+    a.min_dist_dir[0] = 0.0f;
+    a.min_dist_dir[1] = 1.0f;
+    b.min_dist_dir[0] = 0.0f;
+    b.min_dist_dir[2] = 1.0f;
+    a.occluded_min_dist = 0.5f;
+    b.occluded_min_dist = 4.0f;
+    Fg_point out;
+    blend_points(&out, &a, &b);
+    EXPECT_FLOAT_EQ(out.r_mean, 1.5f);
+    EXPECT_EQ(out.min_dist, 1.0f);
+    EXPECT_EQ(out.min_dist_dir[2], 1.0f);
+    EXPECT_EQ(out.occluded_min_dist, 0.5f);
+
+    // A tie takes a's direction; a NaN on either side takes b's value and direction.
+    b.min_dist = 2.0f;
+    blend_points(&out, &a, &b);
+    EXPECT_EQ(out.min_dist_dir[1], 1.0f);
+    EXPECT_EQ(out.min_dist_dir[2], 0.0f);
+    a.min_dist = std::nanf("");
+    blend_points(&out, &a, &b);
+    EXPECT_EQ(out.min_dist, 2.0f);
+    EXPECT_EQ(out.min_dist_dir[2], 1.0f);
+
+    // A zero mean distance on one side makes the harmonic mean zero.
+    a.r_mean = 0.0f;
+    blend_points(&out, &a, &b);
+    EXPECT_EQ(out.r_mean, 0.0f);
+}
+
+TEST_F(BlendTest, OutputMayAliasAnOperandAndUnassignedFieldsAreZero)
+{
+    Fg_point a = make_point(1.0f, 2.0f, 3.0f, 0.6f, 0.0f, 0.8f, 3);
+    Fg_point b = make_point(2.0f, -1.0f, 0.5f, 0.0f, 0.6f, 0.8f, 5);
+    a.point_id = 41;
+    a.reserved[0] = 7;
+    a.trailing = 9;
+    b.point_id = 42;
+    Fg_point separate;
+    std::memset(&separate, 0xAB, sizeof separate);
+    blend_points(&separate, &a, &b);
+    EXPECT_EQ(separate.point_id, 0);
+    EXPECT_EQ(separate.reserved[0], 0u);
+    EXPECT_EQ(separate.reserved[1], 0u);
+    EXPECT_EQ(separate.trailing, 0u);
+
+    Fg_point into_a = a;
+    blend_points(&into_a, &into_a, &b);
+    Fg_point into_b = b;
+    blend_points(&into_b, &a, &into_b);
+    EXPECT_EQ(std::memcmp(&into_a, &separate, sizeof separate), 0);
+    EXPECT_EQ(std::memcmp(&into_b, &separate, sizeof separate), 0);
+}
+
+}  // namespace

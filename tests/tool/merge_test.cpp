@@ -1,0 +1,274 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <random>
+#include <vector>
+
+#include "tests/test_support.h"
+#include "tool/merge.h"
+
+namespace {
+
+constexpr float FIVE_DEGREES = 5.0f;
+
+Fg_point make_point(float x, float y, float z, float nx, float ny, float nz, uint32_t rays)
+{
+    Fg_point p{};
+    p.position[0] = x;
+    p.position[1] = y;
+    p.position[2] = z;
+    p.normal[0] = nx;
+    p.normal[1] = ny;
+    p.normal[2] = nz;
+    p.rays = rays;
+    p.irrad[0] = 0.5f;
+    p.r_mean = 1.0f;
+    p.min_dist = 1.0f;
+    p.occluded_min_dist = 1.0f;
+    return p;
+}
+
+void set_bounds(float lo, float hi)
+{
+    const float min[3] = {lo, lo, lo};
+    const float max[3] = {hi, hi, hi};
+    merge_set_bounds(min, max);
+}
+
+uint64_t total_rays(const std::vector<Fg_point>& points, unsigned count)
+{
+    uint64_t sum = 0;
+    for (unsigned i = 0; i < count; ++i)
+        sum += points[i].rays;
+    return sum;
+}
+
+float cos_limit(float degrees) { return float(std::cos(double(degrees / 180.0f) * 3.141592653589793)); }
+
+// True when some pair among the first `count` records would still pass the merge's pair test.
+bool has_mergeable_pair(const std::vector<Fg_point>& points, unsigned count, float distance, float degrees)
+{
+    const float limit = cos_limit(degrees);
+    for (unsigned i = 0; i < count; ++i) {
+        const Fg_point& p = points[i];
+        for (unsigned j = 0; j < i; ++j) {
+            const Fg_point& q = points[j];
+            float dx = q.position[0] - p.position[0];
+            float dy = q.position[1] - p.position[1];
+            float dz = q.position[2] - p.position[2];
+            if (sqrtf(dx * dx + dy * dy + dz * dz) > distance)
+                continue;
+            float c = p.normal[0] * q.normal[0] + p.normal[1] * q.normal[1] + p.normal[2] * q.normal[2];
+            if (!(limit > c))
+                return true;
+        }
+    }
+    return false;
+}
+
+// Points on the floor and three walls of a 10 x 8 x 3 room, normals jittered by up to a few
+// degrees, as a renderer's final gather leaves them.
+std::vector<Fg_point> room_points(unsigned n, uint32_t seed)
+{
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> u(0.0f, 1.0f);
+    std::vector<Fg_point> points;
+    points.reserve(n);
+    for (unsigned i = 0; i < n; ++i) {
+        float x = 10.0f * u(rng), y = 8.0f * u(rng), z = 3.0f * u(rng);
+        float n3[3] = {0, 0, 0};
+        switch (i % 4) {
+        case 0: z = 0.0f; n3[2] = 1.0f; break;
+        case 1: x = 0.0f; n3[0] = 1.0f; break;
+        case 2: y = 8.0f; n3[1] = -1.0f; break;
+        default: x = 10.0f; n3[0] = -1.0f; break;
+        }
+        for (float& v : n3)
+            v += 0.08f * (u(rng) - 0.5f);
+        float len = std::sqrt(n3[0] * n3[0] + n3[1] * n3[1] + n3[2] * n3[2]);
+        Fg_point p = make_point(x, y, z, n3[0] / len, n3[1] / len, n3[2] / len, 1 + uint32_t(u(rng) * 500.0f));
+        p.irrad[1] = u(rng);
+        points.push_back(p);
+    }
+    const float min[3] = {0.0f, 0.0f, 0.0f};
+    const float max[3] = {10.0f, 8.0f, 3.0f};
+    merge_set_bounds(min, max);
+    return points;
+}
+
+class MergeTest : public ::testing::Test {
+protected:
+    void SetUp() override { qv_test_init(); }
+};
+
+TEST_F(MergeTest, CompareOrdersByCellWithXMostSignificant)
+{
+    set_bounds(0.0f, 10.0f);
+    merge_grid.cell_origin[0] = merge_grid.cell_origin[1] = merge_grid.cell_origin[2] = 0.0f;
+    merge_grid.cell_size[0] = merge_grid.cell_size[1] = merge_grid.cell_size[2] = 1.0f;
+    const float a[3] = {1.2f, 5.5f, 0.1f};
+    const float same_cell[3] = {1.9f, 5.0f, 0.9f};
+    const float next_x[3] = {2.1f, 0.0f, 0.0f};
+    const float next_z[3] = {1.5f, 5.5f, 1.5f};
+    EXPECT_EQ(compare_points(a, same_cell), 0);
+    EXPECT_EQ(compare_points(a, next_x), -1);
+    EXPECT_EQ(compare_points(next_x, a), 1);
+    EXPECT_EQ(compare_points(a, next_z), -1);
+    EXPECT_EQ(compare_points(next_z, a), 1);
+
+    // An axis with cell size 0 takes no part.
+    merge_grid.cell_size[0] = 0.0f;
+    EXPECT_EQ(compare_points(a, next_z), -1);
+    const float far_x[3] = {9.5f, 5.5f, 0.1f};
+    EXPECT_EQ(compare_points(a, far_x), 0);
+}
+
+TEST_F(MergeTest, CoincidentPointsMergeIntoTheirSum)
+{
+    set_bounds(0.0f, 4.0f);
+    std::vector<Fg_point> pts = {make_point(1.5f, 2.25f, 3.0f, 0, 0, 1, 3), make_point(1.5f, 2.25f, 3.0f, 0, 0, 1, 5),
+                                 make_point(1.5f, 2.25f, 3.0f, 0, 0, 1, 8)};
+    unsigned n = merge_points(pts.data(), unsigned(pts.size()), 0.1f, FIVE_DEGREES, 0);
+    ASSERT_EQ(n, 1u);
+    EXPECT_EQ(pts[0].rays, 16u);
+    EXPECT_EQ(pts[0].position[0], 1.5f);
+    EXPECT_EQ(pts[0].position[1], 2.25f);
+    EXPECT_EQ(pts[0].position[2], 3.0f);
+    EXPECT_EQ(pts[0].normal[2], 1.0f);
+    EXPECT_EQ(pts[0].irrad[0], 0.5f);
+}
+
+TEST_F(MergeTest, TinyInputsRunNoPairStep)
+{
+    set_bounds(0.0f, 1.0f);
+    EXPECT_EQ(merge_points(nullptr, 0, 0.1f, FIVE_DEGREES, 0), 0u);
+    std::vector<Fg_point> one = {make_point(0.5f, 0.5f, 0.5f, 0, 0, 1, 4)};
+    EXPECT_EQ(merge_points(one.data(), 1, 0.1f, FIVE_DEGREES, 0), 1u);
+    EXPECT_EQ(one[0].rays, 4u);
+}
+
+TEST_F(MergeTest, PointsExactlyAtTheDistanceMergeAndOneFloatBeyondDoNot)
+{
+    set_bounds(0.0f, 4.0f);
+    std::vector<Fg_point> at = {make_point(1.0f, 1.0f, 1.0f, 0, 0, 1, 1), make_point(1.25f, 1.0f, 1.0f, 0, 0, 1, 1)};
+    EXPECT_EQ(merge_points(at.data(), 2, 0.25f, FIVE_DEGREES, 0), 1u);
+    EXPECT_EQ(at[0].position[0], 1.125f);
+
+    const float beyond = std::nextafter(1.25f, 2.0f);
+    std::vector<Fg_point> apart = {make_point(1.0f, 1.0f, 1.0f, 0, 0, 1, 1), make_point(beyond, 1.0f, 1.0f, 0, 0, 1, 1)};
+    EXPECT_EQ(merge_points(apart.data(), 2, 0.25f, FIVE_DEGREES, 0), 2u);
+
+    // The same along a diagonal on a flat map, where the z axis has no cells.
+    const float min[3] = {0.0f, 0.0f, 0.0f};
+    const float max[3] = {4.0f, 4.0f, 0.0f};
+    merge_set_bounds(min, max);
+    std::vector<Fg_point> diag = {make_point(1.0f, 1.0f, 0.0f, 0, 0, 1, 1), make_point(1.3f, 1.4f, 0.0f, 0, 0, 1, 1)};
+    float dx = 1.3f - 1.0f, dy = 1.4f - 1.0f;
+    const float d = sqrtf(dx * dx + dy * dy);
+    EXPECT_EQ(merge_points(diag.data(), 2, d, FIVE_DEGREES, 0), 1u);
+    std::vector<Fg_point> diag2 = {make_point(1.0f, 1.0f, 0.0f, 0, 0, 1, 1), make_point(1.3f, 1.4f, 0.0f, 0, 0, 1, 1)};
+    EXPECT_EQ(merge_points(diag2.data(), 2, std::nextafter(d, 0.0f), FIVE_DEGREES, 0), 2u);
+}
+
+TEST_F(MergeTest, NormalsUpToFiveDegreesApartMergeAndWiderDoNot)
+{
+    set_bounds(0.0f, 4.0f);
+    // A normal whose dot product with +z is exactly the limit: equality merges.
+    const float c = cos_limit(FIVE_DEGREES);
+    const float s = std::sqrt(1.0f - c * c);
+    std::vector<Fg_point> at = {make_point(1, 1, 1, 0, 0, 1, 1), make_point(1.01f, 1, 1, s, 0, c, 1)};
+    EXPECT_EQ(merge_points(at.data(), 2, 0.1f, FIVE_DEGREES, 0), 1u);
+
+    const float wide = 5.5f * 3.14159265f / 180.0f;
+    std::vector<Fg_point> apart = {make_point(1, 1, 1, 0, 0, 1, 1),
+                                   make_point(1.01f, 1, 1, std::sin(wide), 0, std::cos(wide), 1)};
+    EXPECT_EQ(merge_points(apart.data(), 2, 0.1f, FIVE_DEGREES, 0), 2u);
+}
+
+// A negative distance also makes the cell size negative, so that every pair compares both ways.
+TEST_F(MergeTest, NegativeDistanceMergesNothing)
+{
+    std::vector<Fg_point> pts = room_points(500, 3);
+    pts.push_back(pts[0]);  // even a coincident pair stays apart
+    const uint64_t before = total_rays(pts, unsigned(pts.size()));
+    unsigned n = merge_points(pts.data(), unsigned(pts.size()), -0.5f, FIVE_DEGREES, 0);
+    EXPECT_EQ(n, pts.size());
+    EXPECT_EQ(total_rays(pts, n), before);
+}
+
+TEST_F(MergeTest, DeadMarkedInputPointsAreDropped)
+{
+    set_bounds(0.0f, 4.0f);
+    std::vector<Fg_point> pts = {
+        make_point(3.0f, 3.0f, 3.0f, 0, 0, 1, FG_POINT_DEAD),  // alone
+        make_point(1.0f, 1.0f, 1.0f, 0, 0, 1, 6),
+        make_point(1.0f, 1.0f, 1.0f, 0, 0, 1, FG_POINT_DEAD),  // on top of a live point
+        make_point(2.0f, 1.0f, 1.0f, 0, 0, 1, 2),
+    };
+    unsigned n = merge_points(pts.data(), unsigned(pts.size()), 0.1f, FIVE_DEGREES, 0);
+    ASSERT_EQ(n, 2u);
+    EXPECT_EQ(pts[0].rays + pts[1].rays, 8u);
+    EXPECT_NE(pts[0].rays, FG_POINT_DEAD);
+    EXPECT_NE(pts[1].rays, FG_POINT_DEAD);
+}
+
+// Pairs that straddle a cell corner blend into a third cell; they go through the side array,
+// which must grow past its first capacities and come back whole.
+TEST_F(MergeTest, BlendsLeavingBothCellsSurviveThroughTheSideArray)
+{
+    set_bounds(0.0f, 1000.0f);
+    std::vector<Fg_point> pts;
+    const unsigned pairs = 450;
+    for (unsigned i = 0; i < pairs; ++i) {
+        float base = 2.0f * float(i % 400);
+        float z = 10.0f * float(i / 400);
+        pts.push_back(make_point(base + 1.3f, 10.9f, z + 0.5f, 0, 0, 1, 1 + i));
+        pts.push_back(make_point(base + 0.9f, 11.3f, z + 0.5f, 0, 0, 1, 1 + i));
+    }
+    const uint64_t before = total_rays(pts, unsigned(pts.size()));
+    unsigned n = merge_points(pts.data(), unsigned(pts.size()), 1.0f, FIVE_DEGREES, 0);
+    ASSERT_EQ(n, pairs);
+    EXPECT_EQ(total_rays(pts, n), before);
+    for (unsigned i = 0; i < n; ++i) {
+        EXPECT_EQ(pts[i].rays % 2, 0u);
+        EXPECT_NEAR(pts[i].position[1], 11.1f, 1e-4f);
+    }
+}
+
+// On any realistic set the merge conserves rays and leaves no pair that its own test would
+// still merge; the crowded variant takes the half-distance recursion first.
+TEST_F(MergeTest, MergeConservesRaysAndLeavesNoMergeablePair)
+{
+    struct Case {
+        unsigned points;
+        float distance;
+    };
+    for (Case c : {Case{3000, 0.3f}, Case{3000, 2.5f}, Case{1500, 20.0f}}) {
+        std::vector<Fg_point> pts = room_points(c.points, 11 + c.points);
+        const uint64_t before = total_rays(pts, unsigned(pts.size()));
+        unsigned n = merge_points(pts.data(), unsigned(pts.size()), c.distance, FIVE_DEGREES, 0);
+        EXPECT_LT(n, pts.size()) << "distance " << c.distance;
+        EXPECT_EQ(total_rays(pts, n), before) << "distance " << c.distance;
+        EXPECT_FALSE(has_mergeable_pair(pts, n, c.distance, FIVE_DEGREES)) << "distance " << c.distance;
+        for (unsigned i = 0; i < n; ++i)
+            ASSERT_NE(pts[i].rays, FG_POINT_DEAD);
+    }
+}
+
+// NaN coordinates make the cell order inconsistent (a NaN compares equal to everything). The
+// merge must still finish inside the array; the sort may then give any order. The negative
+// cell size of a negative distance is the other such case, covered above.
+TEST_F(MergeTest, InconsistentOrderStaysInsideTheArray)
+{
+    std::vector<Fg_point> pts = room_points(2000, 5);
+    std::mt19937 rng(9);
+    for (unsigned i = 0; i < pts.size(); i += 7)
+        pts[i].position[rng() % 3] = std::nanf("");
+    const uint32_t before = uint32_t(total_rays(pts, unsigned(pts.size())));
+    unsigned n = merge_points(pts.data(), unsigned(pts.size()), 0.4f, FIVE_DEGREES, 0);
+    EXPECT_LE(n, pts.size());
+    EXPECT_EQ(uint32_t(total_rays(pts, n)), before);
+}
+
+}  // namespace
