@@ -1,0 +1,247 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "base/lib/mem/i_mem_allocatable.h"
+#include "runtime/modules.h"
+#include "runtime/msg.h"
+#include "runtime/msg_testing.h"
+#include "tests/runtime/stderr_capture.h"
+#include "tests/test_support.h"
+
+namespace {
+
+// Ids no library code registers in this test binary.
+constexpr int MOD_A = MOD_SHDB;
+constexpr int MOD_B = MOD_QSLC;
+constexpr int MOD_PING = MOD_CB12;
+constexpr int MOD_PONG = MOD_BQSL;
+constexpr int MOD_EMPTY = MOD_CFRO;
+
+std::vector<std::string> g_events;
+
+class ModulesTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        qv_test_init();
+        msg_testing_reset_all();
+        msg_set_host_number(0);
+        // Start every test with no context areas on this thread.
+        mod_attach_context(nullptr);
+        g_events.clear();
+    }
+    void TearDown() override { msg_testing_reset_all(); }
+};
+
+TEST_F(ModulesTest, TableNamesModulesByIdAndKeepsRetiredRowsEmpty)
+{
+    EXPECT_STREQ(module_name(MOD_MSG), "MSG");
+    EXPECT_STREQ(module_name(MOD_MAIN), "MAIN");
+    EXPECT_STREQ(module_name(MOD_PARTICLEMAP), "PARTICLEMAP");
+    EXPECT_STREQ(module_name(MOD_RCMP), "RCMP");
+    EXPECT_STREQ(module_name(MOD_IBL), "IBL");
+    for (int retired : {0, 16, 18, 37, 69})
+        EXPECT_STREQ(module_name(retired), "") << retired;
+    EXPECT_STREQ(module_name(87), "");
+    EXPECT_STREQ(module_name(-1), "");
+}
+
+TEST_F(ModulesTest, ContextAreaIsCreatedZeroedOnceAndNotForSizeZero)
+{
+    static int inits;
+    inits = 0;
+    mod_register_context_area(MOD_A, [](void* area) {
+        EXPECT_EQ(static_cast<unsigned char*>(area)[31], 0);
+        ++inits;
+    }, nullptr, 32);
+    mod_register_context_area(MOD_EMPTY, nullptr, nullptr, 0);
+
+    void* area = mod_context_area(MOD_A);
+    ASSERT_NE(area, nullptr);
+    EXPECT_EQ(mod_context_area(MOD_A), area);
+    EXPECT_EQ(inits, 1);
+    EXPECT_EQ(mod_context_area(MOD_EMPTY), nullptr);
+    EXPECT_EQ(thread_context()->context_areas[MOD_EMPTY], nullptr);
+}
+
+TEST_F(ModulesTest, ExitOrderPutsThePriorityListFirst)
+{
+    const int priority[] = {30, 7};
+    int order[MODULE_TABLE_ROWS];
+    mod_exit_order(priority, 2, order);
+    std::vector<int> expected = {30, 7, 2, 3, 4, 5, 6, 1};
+    for (int id = 8; id <= 29; ++id)
+        expected.push_back(id);
+    expected.push_back(0);
+    for (int id = 31; id <= 86; ++id)
+        expected.push_back(id);
+    EXPECT_EQ(std::vector<int>(order, order + MODULE_TABLE_ROWS), expected);
+
+    // A listed id that an earlier swap displaced is found where it went.
+    const int chained[] = {5, 0};
+    mod_exit_order(chained, 2, order);
+    EXPECT_EQ(order[0], 5);
+    EXPECT_EQ(order[1], 0);
+    EXPECT_EQ(order[5], 1);
+}
+
+TEST_F(ModulesTest, AttachSweepsAgainWhenAnExitBringsAnAreaBack)
+{
+    static int a_exits;
+    static int b_exits;
+    a_exits = b_exits = 0;
+    mod_register_context_area(MOD_A, nullptr, [](void*) { ++a_exits; }, 16);
+    // B's exit needs A, which the first sweep has already released.
+    mod_register_context_area(MOD_B, nullptr, [](void*) {
+        ++b_exits;
+        EXPECT_NE(mod_context_area(MOD_A), nullptr);
+    }, 16);
+    mod_context_area(MOD_A);
+    mod_context_area(MOD_B);
+
+    auto* replacement = static_cast<void**>(mem_raw_alloc(__FILE__, __LINE__, sizeof(void*) * MODULE_TABLE_ROWS));
+    mod_attach_context(replacement);
+    EXPECT_EQ(a_exits, 2);
+    EXPECT_EQ(b_exits, 1);
+    EXPECT_EQ(thread_context()->context_areas, replacement);
+    EXPECT_EQ(replacement[MOD_A], nullptr);
+}
+
+TEST_F(ModulesTest, AttachGivesUpAfter87Sweeps)
+{
+    static int ping_exits;
+    static int pong_exits;
+    static bool playing;
+    static void* last_ping;
+    ping_exits = pong_exits = 0;
+    playing = true;
+    mod_register_context_area(MOD_PING, [](void* area) { last_ping = area; }, [](void*) {
+        ++ping_exits;
+        if (playing)
+            mod_context_area(MOD_PONG);
+    }, 8);
+    mod_register_context_area(MOD_PONG, nullptr, [](void*) {
+        ++pong_exits;
+        if (playing)
+            mod_context_area(MOD_PING);
+    }, 8);
+    mod_context_area(MOD_PING);
+    mod_context_area(MOD_PONG);
+
+    mod_attach_context(nullptr);
+    playing = false;
+    EXPECT_EQ(ping_exits, MODULE_ATTACH_MAX_SWEEPS);
+    EXPECT_EQ(pong_exits, MODULE_ATTACH_MAX_SWEEPS);
+    EXPECT_EQ(thread_context()->context_areas, nullptr);
+    // The last sweep's exit of PONG brought PING back; it is abandoned with the array.
+    mem_raw_free(__FILE__, __LINE__, last_ping);
+}
+
+TEST_F(ModulesTest, DetachFoldsMemAccountsAndHandsTheArrayOver)
+{
+    static void* folded;
+    folded = nullptr;
+    mod_register_context_area(MOD_MEM, nullptr, nullptr, 64);
+    mod_register_context_area(MOD_A, nullptr, nullptr, 16);
+    mod_set_context_fold_hook([](void* area) { folded = area; });
+    void* mem_area = mod_context_area(MOD_MEM);
+    void* a_area = mod_context_area(MOD_A);
+
+    void** parked = mod_detach_context();
+    mod_set_context_fold_hook(nullptr);
+    EXPECT_EQ(folded, mem_area);
+    ASSERT_NE(parked, nullptr);
+    EXPECT_EQ(thread_context()->context_areas, nullptr);
+
+    void* fresh = mod_context_area(MOD_A);
+    EXPECT_NE(fresh, nullptr);
+    mod_attach_context(parked);
+    EXPECT_EQ(mod_context_area(MOD_A), a_area);
+    EXPECT_EQ(mod_detach_context(), parked);
+    mod_attach_context(parked);
+}
+
+TEST_F(ModulesTest, ThreadWithoutContextGetsNoAreas)
+{
+    mod_register_context_area(MOD_A, nullptr, nullptr, 16);
+    std::thread foreign([] {
+        EXPECT_EQ(mod_context_area(MOD_A), nullptr);
+        EXPECT_EQ(mod_detach_context(), nullptr);
+        mod_attach_context(nullptr);
+    });
+    foreign.join();
+}
+
+TEST_F(ModulesTest, ReportListsContextAreasAtDebugUnderTrans)
+{
+    mod_register_context_area(MOD_A, nullptr, nullptr, 24);
+    msg_set_levels(0x7f);
+    Stderr_capture capture;
+    mod_report_context_areas();
+    std::string out = capture.finish();
+    EXPECT_NE(out.find("TRAN 0.0  debug: module SHDB registered for 24 byte context area\n"), std::string::npos)
+        << out;
+    EXPECT_EQ(out.find("module CFRO"), std::string::npos);
+}
+
+TEST_F(ModulesTest, GlobalAreasAreMadeInIdOrderAndTornDownByKindInExitOrder)
+{
+    mod_register_session_area(MOD_SCENE, [](void* area) {
+        EXPECT_EQ(*static_cast<int*>(area), 0);
+        g_events.push_back("init SCENE session");
+    }, [](void*) { g_events.push_back("exit SCENE session"); }, 16);
+    mod_register_transaction_area(MOD_RC, [](void*) { g_events.push_back("init RC transaction"); },
+                                  [](void*) { g_events.push_back("exit RC transaction"); }, 8);
+    mod_register_transaction_area(MOD_API, [](void*) { g_events.push_back("init API transaction"); },
+                                  [](void*) { g_events.push_back("exit API transaction"); }, 8);
+    mod_register_session_area(MOD_API, [](void*) { g_events.push_back("init API session"); },
+                              [](void*) { g_events.push_back("exit API session"); }, 8);
+    mod_register_world_area(MOD_RC, nullptr, nullptr, 4);
+    mod_register_world_area(MOD_RCFG, nullptr, nullptr, 0);
+
+    msg_set_levels(0x7f);
+    Stderr_capture capture;
+    mod_create_global_areas();
+    std::string out = capture.finish();
+    EXPECT_NE(out.find("TRAN 0.0  debug: module SCENE registered for 16 byte session area\n"), std::string::npos)
+        << out;
+    EXPECT_NE(out.find("TRAN 0.0  debug: module RC registered for 4 byte world area\n"), std::string::npos);
+
+    // Registered too late: its row has a size but no area is made for it.
+    mod_register_world_area(MOD_RCFG, [](void*) { g_events.push_back("init RCFG world"); }, nullptr, 8);
+
+    Thread_context* context = thread_context();
+    EXPECT_EQ(context->session_areas[MOD_SCENE], mod_session_area(MOD_SCENE));
+    EXPECT_NE(mod_transaction_area(MOD_RC), nullptr);
+    EXPECT_NE(mod_world_area(MOD_RC), nullptr);
+    EXPECT_EQ(mod_world_area(MOD_RCFG), nullptr);
+    EXPECT_EQ(context->host_number, 0u);
+
+    mod_destroy_global_areas();
+    EXPECT_EQ(mod_session_area(MOD_SCENE), nullptr);
+    EXPECT_EQ(mod_world_area(MOD_RC), nullptr);
+    std::vector<std::string> expected = {
+        "init SCENE session", "init RC transaction", "init API transaction", "init API session",
+        "exit API transaction", "exit RC transaction", "exit API session", "exit SCENE session",
+    };
+    EXPECT_EQ(g_events, expected);
+}
+
+TEST_F(ModulesTest, RegistrationKeepsCallbacksThatANullDoesNotReplace)
+{
+    static int exits;
+    exits = 0;
+    mod_register_context_area(MOD_B, nullptr, [](void*) { ++exits; }, 16);
+    mod_register_context_area(MOD_B, nullptr, nullptr, 32);  // only the size changes
+    mod_context_area(MOD_B);
+    mod_attach_context(nullptr);
+    EXPECT_EQ(exits, 1);
+    mod_register_context_area(MOD_B, nullptr, nullptr, 0);
+    EXPECT_EQ(mod_context_area(MOD_B), nullptr);
+}
+
+}  // namespace

@@ -1,0 +1,477 @@
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "runtime/modules.h"
+#include "runtime/msg.h"
+#include "runtime/msg_testing.h"
+#include "tests/runtime/stderr_capture.h"
+#include "tests/test_support.h"
+
+namespace {
+
+struct Fatal_called {
+    int code;
+};
+void throwing_fatal_handler(int code) { throw Fatal_called{code}; }
+
+std::string read_file(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+struct Callback_line {
+    uint32_t level;
+    std::string line;
+    std::string text;
+    int32_t number;
+};
+std::vector<Callback_line> g_callback_lines;
+void recording_callback(uint32_t level, const char* line, const char* text, int32_t number)
+{
+    g_callback_lines.push_back({level, line, text, number});
+}
+
+class MsgTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        qv_test_init();
+        char pattern[] = "/tmp/qv_msg_test_XXXXXX";
+        ASSERT_NE(mkdtemp(pattern), nullptr);
+        dir_ = pattern;
+        // Fatal lines always go to a log file: keep it in our own directory.
+        setenv("temp", dir_.c_str(), 1);
+        unsetenv("QV_LOGFILE");
+        unsetenv("QV_KEEP_FB");
+        msg_testing_reset_all();
+        msg_set_host_number(0);
+        context_ = thread_context();
+        saved_thread_number_ = context_->thread_number;
+        g_callback_lines.clear();
+    }
+    void TearDown() override
+    {
+        context_->thread_number = saved_thread_number_;
+        unsetenv("QV_LOGFILE");
+        msg_testing_reset_all();
+        msg_set_host_number(0);
+        std::string command = "rm -rf '" + dir_ + "'";
+        ASSERT_EQ(system(command.c_str()), 0);
+    }
+
+    std::string dir_;
+    Thread_context* context_ = nullptr;
+    int32_t saved_thread_number_ = 0;
+};
+
+TEST_F(MsgTest, DescribedExampleLinesComeOutExactly)
+{
+    Module_scope scope(MOD_MAIN);
+    msg_set_levels(0x1f);
+    Stderr_capture capture;
+    msg_set_host_number(255);
+    msg_info("version %s, %s", "3.9.4.14", "May 12 2011");
+    msg_set_host_number(0);
+    msg_info("version %s, %s", "3.9.4.14", "May 12 2011");
+    msg_defaults();
+    msg_warn_n(18, "unknown color '%c', expected [.rgbcmyk]", 'x');
+    EXPECT_EQ(capture.finish(),
+              "MAIN  .0  info : version 3.9.4.14, May 12 2011\n"
+              "MAIN 0.0  info : version 3.9.4.14, May 12 2011\n"
+              "MAIN 0.0  warn   242018: unknown color 'x', expected [.rgbcmyk]\n");
+}
+
+TEST_F(MsgTest, PrefixCutsLongNamesAndMarksDetachedThreads)
+{
+    Module_scope scope(MOD_PARTICLEMAP);
+    Stderr_capture capture;
+    context_->thread_number = 12;
+    msg_error("a");
+    context_->thread_number = THREAD_NUMBER_DETACHED;
+    msg_error("b");
+    msg_set_host_number(7);
+    msg_warn("c");
+    EXPECT_EQ(capture.finish(), "PART 0.12 error: a\nPART 0.n  error: b\nPART 7.n  warn : c\n");
+}
+
+TEST_F(MsgTest, NumbersUseLastThreeDigitsAndRemapTheGapGeoFamily)
+{
+    msg_defaults();
+    qv_errorhandler(recording_callback);
+    {
+        Module_scope scope(MOD_MAIN);
+        msg_warn_n(1018, "main");
+    }
+    {
+        Module_scope scope(MOD_GEOCO);
+        msg_error_n(5, "geo");
+        msg_set_fatal_handler(throwing_fatal_handler);
+        Stderr_capture capture;
+        EXPECT_THROW(msg_fatal_n(7, "boom"), Fatal_called);
+        EXPECT_EQ(capture.finish(), "GEOC 0.0  fatal  091007: boom\n") << "a fatal reaches the console despite a callback";
+    }
+    {
+        Module_scope scope(MOD_GEOQV);
+        msg_warn_n(3, "geoqv");
+    }
+    ASSERT_EQ(g_callback_lines.size(), 4u);
+    EXPECT_EQ(g_callback_lines[0].number, 242018);
+    EXPECT_EQ(g_callback_lines[0].line, "MAIN 0.0  warn   242018: main");
+    EXPECT_EQ(g_callback_lines[1].line, "GEOC 0.0  error  091005: geo");
+    EXPECT_EQ(g_callback_lines[2].line, "GEOC 0.0  fatal  091007: boom");
+    EXPECT_EQ(g_callback_lines[2].level, uint32_t(MSG_FATAL));
+    EXPECT_EQ(g_callback_lines[3].number, 92003);
+    EXPECT_EQ(g_callback_lines[3].text, "geoqv");
+}
+
+TEST_F(MsgTest, MessageCodeIsShownOnlyWithTheMsgcodeClass)
+{
+    Module_scope scope(MOD_MAIN);
+    msg_set_classes(MOD_MAIN, MSG_CLASS_DEFAULT & ~MSG_CLASS_MSGCODE);
+    qv_errorhandler(recording_callback);
+    msg_error_n(12, "no code");
+    msg_set_classes(0, MSG_CLASS_MSGCODE);
+    msg_error_n(12, "code");
+    msg_error("unnumbered");
+    ASSERT_EQ(g_callback_lines.size(), 3u);
+    EXPECT_EQ(g_callback_lines[0].line, "MAIN 0.0  error: no code");
+    EXPECT_EQ(g_callback_lines[0].number, 241012);
+    EXPECT_EQ(g_callback_lines[1].line, "MAIN 0.0  error  241012: code");
+    EXPECT_EQ(g_callback_lines[2].line, "MAIN 0.0  error: unnumbered");
+    EXPECT_EQ(g_callback_lines[2].number, 241000);
+}
+
+TEST_F(MsgTest, LongTextsSplitAt1313Characters)
+{
+    Module_scope scope(MOD_MAIN);
+    std::string exact(1313, 'a');
+    std::string longer(1313, 'b');
+    longer += 'z';
+    Stderr_capture capture;
+    msg_error("%s", exact.c_str());
+    msg_error("%s", longer.c_str());
+    std::string expected = "MAIN 0.0  error: " + exact + "\n" + "MAIN 0.0  error: " +
+                           std::string(1313, 'b') + "...\n" + "MAIN 0.0  error: ...z\n";
+    EXPECT_EQ(capture.finish(), expected);
+}
+
+TEST_F(MsgTest, ThreePiecesCarryDotsOnBothSidesOfTheMiddle)
+{
+    Module_scope scope(MOD_MAIN);
+    std::string text = std::string(1313, 'a') + std::string(1313, 'b') + "c";
+    qv_errorhandler(recording_callback);
+    msg_warn("%s", text.c_str());
+    ASSERT_EQ(g_callback_lines.size(), 3u);
+    EXPECT_EQ(g_callback_lines[1].text, "..." + std::string(1313, 'b') + "...");
+    EXPECT_EQ(g_callback_lines[2].text, "...c");
+}
+
+TEST_F(MsgTest, NewlinesBecomeBlanksAndEmptyTextsPrintNothing)
+{
+    Module_scope scope(MOD_MAIN);
+    msg_set_levels(0x1f);
+    Stderr_capture capture;
+    msg_info("one\ntwo\n%s", "three\n");
+    msg_info("%s", "");
+    msg_debug("filtered");
+    msg_set_levels(MSG_FATAL);
+    msg_error("filtered too");
+    EXPECT_EQ(capture.finish(), "MAIN 0.0  info : one two three \n");
+}
+
+TEST_F(MsgTest, ThreadWithoutContextPrintsNothing)
+{
+    Stderr_capture capture;
+    std::thread foreign([] {
+        ASSERT_EQ(thread_context(), nullptr);
+        msg_error("nobody sees this");
+        Module_scope scope(MOD_DB);  // passes through without a record
+    });
+    foreign.join();
+    EXPECT_EQ(capture.finish(), "");
+}
+
+TEST_F(MsgTest, FatalPrintsRunsTheSequenceAndLogsTheShortForm)
+{
+    Module_scope scope(MOD_MAIN);
+    static int abort_calls;
+    static int abort_value;
+    abort_calls = 0;
+    msg_set_abort_hook([](int value) {
+        ++abort_calls;
+        abort_value = value;
+    });
+    EXPECT_EQ(msg_set_fatal_handler(throwing_fatal_handler), static_cast<Msg_fatal_handler>(exit));
+    Stderr_capture capture;
+    try {
+        msg_fatal("disk %s gone", "c");
+        FAIL() << "fatal returned";
+    } catch (const Fatal_called& called) {
+        EXPECT_EQ(called.code, 1);
+    }
+    // An empty fatal prints no line but still ends in the handler.
+    EXPECT_THROW(msg_fatal("%s", ""), Fatal_called);
+    EXPECT_EQ(capture.finish(), "MAIN 0.0  fatal: disk c gone\n");
+    EXPECT_EQ(abort_calls, 1);
+    EXPECT_EQ(abort_value, 5);
+
+    std::string log = read_file(dir_ + "/quovlib.log");
+    EXPECT_NE(log.find("] MAIN fatal: disk c gone\n"), std::string::npos) << log;
+    EXPECT_NE(log.find("] MAIN fatal: \n"), std::string::npos) << log;
+    EXPECT_EQ(log.find("0.0  fatal"), std::string::npos) << "console form must not be logged";
+}
+
+TEST_F(MsgTest, LogFileTakesEveryLineInTheRecordFormat)
+{
+    Module_scope scope(MOD_MAIN);
+    std::string path = dir_ + "/run.log";
+    setenv("QV_LOGFILE", path.c_str(), 1);
+    msg_testing_reset_output();
+    msg_set_fatal_handler(throwing_fatal_handler);
+    Stderr_capture capture;
+    msg_warn("first %d", 1);
+    EXPECT_THROW(msg_fatal("last"), Fatal_called);
+    EXPECT_EQ(capture.finish(), "") << "with a log file nothing reaches the console";
+
+    std::string pid = std::to_string(getpid());
+    std::string time_text = "[A-Z][a-z]{2} [ 0-9][0-9] [0-9]{2}:[0-9]{2}:[0-9]{2} [0-9]{4}\n";
+    std::regex record("(" + time_text + "\\.20: quovlib\\[" + pid + "\\] [^\n]*\n)");
+    std::string log = read_file(path);
+    std::regex whole("^" + time_text + "\\.20: quovlib\\[" + pid + "\\] MAIN 0\\.0  warn : first 1\n" +
+                     time_text + "\\.20: quovlib\\[" + pid + "\\] MAIN 0\\.0  fatal: last\n" + time_text +
+                     "\\.20: quovlib\\[" + pid + "\\] MAIN fatal: last\n$");
+    EXPECT_TRUE(std::regex_match(log, whole)) << log;
+    struct stat info;
+    ASSERT_EQ(stat(path.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0666u);
+}
+
+TEST_F(MsgTest, ColoursFromLettersWarnAboutUnknownOnes)
+{
+    Module_scope scope(MOD_MAIN);
+    msg_defaults();
+    Stderr_capture capture;
+    msg_set_colors("xyz");
+    EXPECT_EQ(capture.finish(), "MAIN 0.0  warn   242018: unknown color 'x', expected [.rgbcmyk]\n"
+                                "MAIN 0.0  warn   242018: unknown color 'z', expected [.rgbcmyk]\n");
+    EXPECT_TRUE(msg_colors_on());
+    EXPECT_EQ(msg_color_attribute(0), 0xc);  // red, unchanged
+    EXPECT_EQ(msg_color_attribute(1), 0xe);  // yellow
+    EXPECT_EQ(msg_color_attribute(2), 0xb);  // cyan, unchanged
+
+    msg_set_colors("\"kgbm.c");
+    EXPECT_EQ(msg_color_attribute(0), 0x8);
+    EXPECT_EQ(msg_color_attribute(3), 0xd);
+    EXPECT_EQ(msg_color_attribute(4), 0x0);
+    EXPECT_EQ(msg_color_attribute(5), 0xb);
+    EXPECT_EQ(msg_color_attribute(6), 0xa);  // text ended: default kept
+
+    msg_set_colors("on");
+    EXPECT_TRUE(msg_colors_on());
+    EXPECT_EQ(msg_color_attribute(0), 0xc) << "on resets the table";
+    for (const char* off : {"off", "-", "false", "0"}) {
+        msg_set_colors("on");
+        msg_set_colors(off);
+        EXPECT_FALSE(msg_colors_on()) << off;
+    }
+}
+
+TEST_F(MsgTest, ColouredLinesOnlyOnACharacterDevice)
+{
+    Module_scope scope(MOD_MAIN);
+    msg_set_colors("ry");
+    Stderr_capture capture;
+    msg_error("plain");
+    msg_testing_set_console_char_device(1);
+    msg_error("coloured");
+    msg_warn("cyan");
+    EXPECT_EQ(capture.finish(), "MAIN 0.0  error: plain\n"
+                                "\033[93mMAIN 0.0  error: coloured\n\033[0m"
+                                "\033[96mMAIN 0.0  warn : cyan\n\033[0m");
+}
+
+TEST_F(MsgTest, ClassListsAddRemoveAndReportUnknownItems)
+{
+    msg_defaults();
+    uint32_t mask = 123;
+    EXPECT_EQ(msg_parse_class_list(&mask, ""), 1);
+    EXPECT_EQ(mask, 0u);
+    EXPECT_EQ(msg_parse_class_list(&mask, ",,msgc,ti"), 1);
+    EXPECT_EQ(mask, 0x1008u);
+    EXPECT_EQ(msg_parse_class_list(&mask, "all,-time,!0,~net"), 1);
+    EXPECT_EQ(mask, 0xffffffffu & ~0x8u & ~0x1u & ~0x200u);
+    EXPECT_EQ(msg_parse_class_list(&mask, "31,4"), 1);
+    EXPECT_EQ(mask, 0x80000010u);
+    EXPECT_EQ(msg_parse_class_list(&mask, "d"), 1) << "the first matching row wins";
+    EXPECT_EQ(mask, uint32_t(MSG_CLASS_DEFAULT));
+
+    Module_scope scope(MOD_MAIN);
+    Stderr_capture capture;
+    EXPECT_EQ(msg_parse_class_list(&mask, "phase,bogus"), 0);
+    EXPECT_EQ(capture.finish(),
+              "LIB  0.0  error  291048: invalid message list, use 0..31,none,default,all,none,phase,"
+              "progress,vprogress,time,scene,memory,render,vrender,resources,network,files,debug,"
+              "msgcode,msgtrans,tessellate\n");
+}
+
+TEST_F(MsgTest, ErrorTextsComeFromTheSystemTable)
+{
+    EXPECT_STREQ(msg_error_text(ENOENT), "No such file or directory");
+    EXPECT_STREQ(msg_error_text(99999), "unknown error code 99999, check Win32 manual");
+    errno = EACCES;
+    const char* text = msg_os_error_text();
+    EXPECT_STREQ(text, "Permission denied");
+    EXPECT_EQ(text, context_->error_text) << "the thread's own buffer";
+}
+
+TEST_F(MsgTest, FatalHandlerAndCallbackAreGuarded)
+{
+    Module_scope scope(MOD_MAIN);
+    Stderr_capture capture;
+    EXPECT_EQ(msg_set_fatal_handler(nullptr), nullptr);
+    msg_set_host_number(3);
+    qv_errorhandler(recording_callback);
+    msg_set_host_number(0);
+    msg_warn("after");
+    EXPECT_EQ(capture.finish(), "MAIN 0.0  warn : The fatal-handler must be set\n"
+                                "MAIN 3.0  error: qv_errorhandler can only be used on master\n"
+                                "MAIN 0.0  warn : after\n");
+    EXPECT_TRUE(g_callback_lines.empty());
+}
+
+TEST_F(MsgTest, CallbackReplacesConsoleUntilRemoved)
+{
+    Module_scope scope(MOD_MAIN);
+    msg_set_host_number(255);
+    qv_errorhandler(recording_callback);
+    Stderr_capture capture;
+    msg_error("to callback");
+    qv_errorhandler(nullptr);
+    msg_error("to console");
+    EXPECT_EQ(capture.finish(), "MAIN  .0  error: to console\n");
+    ASSERT_EQ(g_callback_lines.size(), 1u);
+    EXPECT_EQ(g_callback_lines[0].line, "MAIN  .0  error: to callback");
+}
+
+TEST_F(MsgTest, TimerReportNeedsTheTimeClass)
+{
+    Module_scope scope(MOD_MAIN);
+    msg_set_levels(0x1f);
+    double* timer = msg_timer_start();
+    Stderr_capture capture;
+    msg_timer_report(timer, "merge");
+    msg_set_classes(MOD_MAIN, MSG_CLASS_TIME);
+    *timer -= 3723.5;  // one hour, two minutes, three and a half seconds ago
+    msg_timer_report(timer, "merge");
+    msg_timer_report(timer, "total");
+    msg_timer_free(timer);
+    std::string out = capture.finish();
+    std::regex expected("MAIN 0\\.0  info : wallclock  1:02:03\\.[0-9]{2} for merge\n"
+                        "MAIN 0\\.0  info : allocated [0-9]+ MB, max resident [0-9]+ MB\n"
+                        "MAIN 0\\.0  info : wallclock  1:02:03\\.[0-9]{2} total\n"
+                        "MAIN 0\\.0  info : allocated [0-9]+ MB, max resident [0-9]+ MB\n");
+    EXPECT_TRUE(std::regex_match(out, expected)) << out;
+}
+
+std::vector<std::vector<char>> g_sent;
+std::vector<uint32_t> g_sent_to;
+int g_send_result = 1;
+int recording_send(uint32_t host, const void* record, size_t length)
+{
+    g_sent.emplace_back(static_cast<const char*>(record), static_cast<const char*>(record) + length);
+    g_sent_to.push_back(host);
+    return g_send_result;
+}
+
+TEST_F(MsgTest, ForwardedLinesGoToTheMasterOnly)
+{
+    Module_scope scope(MOD_MAIN);
+    g_sent.clear();
+    g_sent_to.clear();
+    g_send_result = 1;
+    msg_set_send_hook(recording_send);
+    msg_set_host_number(4);
+    msg_set_forwarding(true);
+    Stderr_capture capture;
+    msg_error("hello");
+    g_send_result = 0;
+    msg_error("lost");
+    EXPECT_EQ(capture.finish(), "");
+    ASSERT_EQ(g_sent.size(), 2u);
+    EXPECT_EQ(g_sent_to[0], 0u);
+    EXPECT_EQ(g_sent[0].size(), offsetof(Msg_record, text) + 6);
+    auto* record = reinterpret_cast<const Msg_record*>(g_sent[0].data());
+    EXPECT_EQ(record->type, 1u);
+    EXPECT_STREQ(record->prefix, "MAIN 4.0  error");
+    EXPECT_STREQ(record->text, "hello");
+    EXPECT_NE(read_file(dir_ + "/quovlib.log").find("] MAIN 4.0  error: lost\n"), std::string::npos)
+        << "a failed send goes to the log file";
+}
+
+TEST_F(MsgTest, SettingsTravelBetweenHosts)
+{
+    g_sent.clear();
+    g_sent_to.clear();
+    g_send_result = 1;
+    msg_set_send_hook(recording_send);
+    msg_set_host_number(2);
+    msg_set_levels(0x1f);
+    EXPECT_TRUE(g_sent.empty()) << "only the master sends settings";
+    msg_set_host_number(0);
+    msg_set_classes(MOD_DB, 0xabc);
+    ASSERT_EQ(g_sent.size(), 1u);
+    EXPECT_EQ(g_sent_to[0], 255u);
+    Msg_record record;
+    ASSERT_EQ(g_sent[0].size(), sizeof record);
+    std::memcpy(&record, g_sent[0].data(), sizeof record);
+    EXPECT_EQ(record.type, 2u);
+    EXPECT_EQ(record.level, 0x1fu);
+
+    // A slave receives them in the other byte order.
+    msg_testing_reset_all();
+    record.type = __builtin_bswap32(record.type);
+    record.level = __builtin_bswap32(record.level);
+    uint32_t masks[MODULE_TABLE_ROWS];
+    std::memcpy(masks, record.text, sizeof masks);
+    for (uint32_t& mask : masks)
+        mask = __builtin_bswap32(mask);
+    std::memcpy(record.text, masks, sizeof masks);
+    msg_handle_remote(&record, true);
+    EXPECT_EQ(msg_level_mask(), 0x1fu);
+    EXPECT_EQ(msg_class_mask(MOD_DB), 0xabcu);
+    EXPECT_EQ(msg_class_mask(MOD_MAIN), 0u);
+}
+
+TEST_F(MsgTest, RemoteLinesAreOutputAsTheyCame)
+{
+    Msg_record record;
+    std::memset(&record, 0, sizeof record);
+    record.type = 1;
+    record.level = MSG_WARN;
+    record.number = 242018;
+    std::strcpy(record.prefix, "RC   3.2  warn ");
+    std::strcpy(record.text, "from afar");
+    msg_set_send_hook(recording_send);
+    msg_set_forwarding(true);
+    g_sent.clear();
+    Stderr_capture capture;
+    msg_handle_remote(&record, false);
+    EXPECT_EQ(capture.finish(), "RC   3.2  warn : from afar\n");
+    EXPECT_TRUE(g_sent.empty()) << "a remote line is not forwarded again";
+}
+
+}  // namespace
