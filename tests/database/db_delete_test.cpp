@@ -1,0 +1,138 @@
+// Deletes: double deletes, delayed deletes from element destructors, attached data, job tags.
+#include "tests/database/db_test_support.h"
+
+namespace {
+
+using DbDeleteTest = DbTest;
+
+// A serializable element whose destructor deletes a further tag, as elements that own other
+// elements do.
+struct Owner_element {
+    Db_tag child;
+};
+
+int g_frees;
+bool g_child_alive_in_destructor;
+
+void free_owner(void* data)
+{
+    auto* owner = static_cast<Owner_element*>(data);
+    ++g_frees;
+    qv_db_delete(owner->child);
+    // A queued delete leaves the child's record untouched until the bracket closes.
+    g_child_alive_in_destructor = qv_db_peek(owner->child)->state == DB_STATE_NORMAL;
+    QV_FREE(owner);
+}
+
+TEST_F(DbDeleteTest, DeletingTwiceReportsErrorThirtyEightOnce)
+{
+    Db_tag tag = 0;
+    qv_db_create(&tag, 0, 32);
+    qv_db_delete(tag);
+    EXPECT_EQ(count_messages(41038), 0);
+    EXPECT_EQ(qv_db_peek(tag)->state, DB_STATE_FREE);
+    EXPECT_EQ(qv_db_peek(tag)->lock, nullptr);
+    qv_db_delete(tag);
+    EXPECT_EQ(count_messages(41038), 1);
+    EXPECT_TRUE(has_text("attempt to delete invalid tag 0x400, ignoring"));
+    EXPECT_EQ(qv_db_statistics().tags, 0);
+
+    // The slot was given back once only: the next two creates get 0x400 and 0x401.
+    Db_tag again = 0, next = 0;
+    qv_db_create(&again, 0, 4);
+    qv_db_create(&next, 0, 4);
+    EXPECT_EQ(again, tag);
+    EXPECT_EQ(next, 0x401u);
+}
+
+TEST_F(DbDeleteTest, DestructorDeletesRunAfterTheLockIsLeft)
+{
+    Db_type_handler handler{};
+    handler.free_data = free_owner;
+    qv_db_set_type_handler(DB_TYPE_SERIALIZABLE, handler);
+    g_frees = 0;
+    g_child_alive_in_destructor = false;
+
+    Db_tag child = 0, owner_tag = 0;
+    qv_db_create(&child, 0, 16);
+    auto* owner = static_cast<Owner_element*>(QV_ALLOC(sizeof(Owner_element)));
+    owner->child = child;
+    qv_db_create(&owner_tag, DB_TYPE_SERIALIZABLE, sizeof(Owner_element), owner);
+
+    qv_db_delete(owner_tag);
+    EXPECT_EQ(g_frees, 1);
+    EXPECT_TRUE(g_child_alive_in_destructor) << "the child's delete was queued, not run under the lock";
+    EXPECT_TRUE(has_text("entering delete delayed tag 0x400"));
+    EXPECT_TRUE(has_text("delete delayed tag 0x400"));
+    EXPECT_EQ(qv_db_peek(child)->state, DB_STATE_FREE);
+    EXPECT_EQ(qv_db_peek(owner_tag)->state, DB_STATE_FREE);
+    EXPECT_EQ(count_messages(41038), 0);
+}
+
+TEST_F(DbDeleteTest, DelayBracketQueuesDeletesUntilItCloses)
+{
+    Db_tag first = 0, second = 0;
+    qv_db_create(&first, 0, 8);
+    qv_db_create(&second, 0, 8);
+    qv_db_delay_deletes();
+    qv_db_delete(first);
+    qv_db_delete(second);
+    EXPECT_EQ(qv_db_peek(first)->state, DB_STATE_NORMAL);
+    EXPECT_EQ(qv_db_peek(second)->state, DB_STATE_NORMAL);
+    qv_db_run_delayed_deletes();
+    EXPECT_EQ(qv_db_peek(first)->state, DB_STATE_FREE);
+    EXPECT_EQ(qv_db_peek(second)->state, DB_STATE_FREE);
+
+    // The bracket is closed: deletes run at once again.
+    Db_tag third = 0;
+    qv_db_create(&third, 0, 8);
+    qv_db_delete(third);
+    EXPECT_EQ(qv_db_peek(third)->state, DB_STATE_FREE);
+}
+
+TEST_F(DbDeleteTest, AttachedDataIsNotTheDatabasesToFree)
+{
+    // Stack memory: freeing it would be caught by the sanitizer build.
+    char buffer[32] = {};
+    Db_tag tag = 0;
+    qv_db_create(&tag, 0, 4);
+    void* own = qv_db_access(tag);
+    QV_FREE(own);
+    qv_db_attach(tag, buffer, sizeof buffer);
+    EXPECT_EQ(qv_db_peek(tag)->state, DB_STATE_ATTACHED);
+    EXPECT_EQ(qv_db_access(tag), buffer);
+    qv_db_delete(tag);
+    EXPECT_EQ(qv_db_peek(tag)->state, DB_STATE_FREE);
+}
+
+TEST_F(DbDeleteTest, JobTagStaysWithoutTheJobModulesConsent)
+{
+    Db_tag job = 0;
+    qv_db_create_job_tag(&job, 63, MOD_DBN);
+    qv_db_delete(job);
+    EXPECT_EQ(qv_db_peek(job)->state, DB_STATE_NORMAL);
+
+    Db_job_hooks hooks{};
+    hooks.consent_delete = [](Db_tag) { return 1; };
+    qv_db_set_job_hooks(hooks);
+    qv_db_delete(job);
+    EXPECT_EQ(qv_db_peek(job)->state, DB_STATE_FREE);
+}
+
+TEST_F(DbDeleteTest, SharedTagDeleteIsBroadcast)
+{
+    static std::vector<Db_tag> broadcast;
+    broadcast.clear();
+    Db_remote_hooks remote{};
+    remote.broadcast_delete = [](Db_tag tag) { broadcast.push_back(tag); };
+    qv_db_set_remote_hooks(remote);
+    Db_tag local = 0, shared = 0;
+    qv_db_create(&local, 0, 4);
+    qv_db_create(&shared, 0, 4);
+    qv_db_mark_shared(shared);
+    qv_db_delete(local);
+    qv_db_delete(shared);
+    EXPECT_EQ(broadcast, std::vector<Db_tag>{shared});
+}
+
+}  // namespace

@@ -1,0 +1,159 @@
+// Pins: per-thread accounting, the job parent chain, untracked elements, shared pin slots.
+#include <thread>
+
+#include "runtime/threads.h"
+#include "tests/database/db_test_support.h"
+
+namespace {
+
+using DbPinTest = DbTest;
+
+constexpr int POLYGON = 14;
+
+// Collects what a flush walk offers.
+void collect_tags(void* user, void*, Db_flush_entry* entries, int count, Db_thread_list*)
+{
+    auto* out = static_cast<std::vector<Db_tag>*>(user);
+    for (int i = 0; i < count; ++i)
+        out->push_back(entries[i].tag);
+}
+
+std::vector<Db_tag> flush_candidates()
+{
+    std::vector<Db_tag> tags;
+    qv_db_flush_walk(collect_tags, &tags, nullptr);
+    return tags;
+}
+
+bool contains(const std::vector<Db_tag>& tags, Db_tag tag)
+{
+    return std::find(tags.begin(), tags.end(), tag) != tags.end();
+}
+
+TEST_F(DbPinTest, TrackedElementStaysPinnedByItsCreatorUntilUnpinned)
+{
+    Db_tag tag = 0;
+    qv_db_create(&tag, POLYGON, 16);
+    EXPECT_EQ(my_pins(tag), 1u);
+    EXPECT_FALSE(contains(flush_candidates(), tag));
+
+    qv_db_access(tag);
+    EXPECT_EQ(my_pins(tag), 2u);
+    qv_db_unpin(tag);
+    qv_db_unpin(tag);
+    EXPECT_EQ(my_pins(tag), 0u);
+    EXPECT_TRUE(contains(flush_candidates(), tag));
+}
+
+TEST_F(DbPinTest, UntrackedElementNeedsNoUnpinAndIsNeverOffered)
+{
+    Db_tag map = 0;
+    void* data = qv_db_create(&map, DB_TYPE_SERIALIZABLE, 64);
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(qv_db_access(map), data);
+    EXPECT_EQ(my_pins(map), 0u);
+    EXPECT_FALSE(contains(flush_candidates(), map));
+    EXPECT_EQ(qv_db_peek(map)->data, data);
+}
+
+TEST_F(DbPinTest, UnpinOfNullTagReportsErrorTwelve)
+{
+    qv_db_unpin(0);
+    EXPECT_EQ(count_messages(41012), 1);
+    EXPECT_TRUE(has_text("attempt to unpin null tag"));
+    qv_db_set_parent(0, 0);  // no effect, no message
+    EXPECT_EQ(db_messages().size(), 1u);
+}
+
+TEST_F(DbPinTest, ElementMadeInsideAJobPinsTheJobChain)
+{
+    Db_tag job = 0;
+    qv_db_create_job_tag(&job, 63, MOD_DBN);
+    EXPECT_EQ(my_pins(job), 0u) << "the job tag's creation pin is released";
+
+    Db_record* previous = qv_db_set_current_job(job);
+    Db_tag child = 0;
+    qv_db_create(&child, POLYGON, 16);
+    qv_db_restore_current_job(previous);
+
+    EXPECT_EQ(qv_db_peek(child)->parent, qv_db_peek(job));
+    EXPECT_EQ(my_pins(child), 1u);
+    EXPECT_EQ(my_pins(job), 1u);
+    qv_db_access(child);
+    EXPECT_EQ(my_pins(job), 2u);
+    qv_db_unpin(child);
+    qv_db_unpin(child);
+    EXPECT_EQ(my_pins(child), 0u);
+    EXPECT_EQ(my_pins(job), 0u);
+
+    qv_db_set_parent(child, 0);
+    EXPECT_EQ(qv_db_peek(child)->parent, nullptr);
+}
+
+TEST_F(DbPinTest, PinsAreCountedPerThreadAndSummedByTheFlush)
+{
+    Db_tag tag = 0;
+    qv_db_create(&tag, POLYGON, 16);
+    qv_db_unpin(tag);
+    uint16_t pidx = qv_db_peek(tag)->pidx;
+
+    std::mutex step_lock;
+    std::condition_variable step_changed;
+    int step = 0;
+    auto wait_for = [&](int wanted) {
+        std::unique_lock<std::mutex> hold(step_lock);
+        step_changed.wait(hold, [&] { return step >= wanted; });
+    };
+    auto advance = [&](int to) {
+        std::lock_guard<std::mutex> hold(step_lock);
+        step = to;
+        step_changed.notify_all();
+    };
+
+    uint32_t foreign_pins = 0;
+    std::thread foreign([&] {
+        ASSERT_GE(thread_init_current(), 0);
+        qv_db_access(tag);
+        foreign_pins = thread_context()->db_pins[pidx];
+        advance(1);
+        wait_for(2);
+        qv_db_unpin(tag);
+        advance(3);
+        wait_for(4);
+        // Ends with a pin held: the pin outlives the thread.
+        qv_db_access(tag);
+        thread_end_current();
+    });
+
+    wait_for(1);
+    EXPECT_EQ(foreign_pins, 1u);
+    EXPECT_EQ(my_pins(tag), 0u) << "the foreign pin is not in this thread's array";
+    EXPECT_FALSE(contains(flush_candidates(), tag));
+    advance(2);
+    wait_for(3);
+    EXPECT_TRUE(contains(flush_candidates(), tag));
+    advance(4);
+    foreign.join();
+    EXPECT_FALSE(contains(flush_candidates(), tag)) << "an ended thread's pins still count";
+}
+
+TEST_F(DbPinTest, SharedPinSlotMakesTheFlushSkipBoth)
+{
+    Db_tag first = 0, second = 0;
+    qv_db_create(&first, POLYGON, 16);
+    qv_db_create(&second, POLYGON, 16);
+    qv_db_unpin(first);
+    qv_db_unpin(second);
+    qv_db_peek(second)->pidx = qv_db_peek(first)->pidx;
+
+    qv_db_access(first);
+    std::vector<Db_tag> offered = flush_candidates();
+    EXPECT_FALSE(contains(offered, first));
+    EXPECT_FALSE(contains(offered, second));
+    qv_db_unpin(first);
+    offered = flush_candidates();
+    EXPECT_TRUE(contains(offered, first));
+    EXPECT_TRUE(contains(offered, second));
+}
+
+}  // namespace

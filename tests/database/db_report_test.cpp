@@ -1,0 +1,150 @@
+// Reports: dump rows, the two summaries with their listing thresholds, statistics, host tags.
+#include <cstdlib>
+#include <sstream>
+
+#include "tests/database/db_test_support.h"
+
+namespace {
+
+using DbReportTest = DbTest;
+
+const char* name_types(int type) { return type == 14 ? "polygon" : type == 15 ? "index" : nullptr; }
+const char* name_tags(Db_tag tag) { return tag == 0x400 ? "probe" : nullptr; }
+
+std::vector<std::string> info_lines()
+{
+    std::vector<std::string> lines;
+    for (const Db_message& message : db_messages())
+        if (message.level == MSG_INFO)
+            lines.push_back(message.text);
+    return lines;
+}
+
+int word_count(const std::string& line)
+{
+    std::istringstream words(line);
+    std::string word;
+    int count = 0;
+    while (words >> word)
+        ++count;
+    return count;
+}
+
+TEST_F(DbReportTest, DumpRowsFollowTheirFormatAndHaveFewerColumnsThanTheHeading)
+{
+    qv_db_set_type_name_hook(name_types);
+    qv_db_set_tag_name_hook(name_tags);
+    Db_type_handler serial{};
+    serial.class_id = [](const void*) { return 0x3D4D4150u; };
+    qv_db_set_type_handler(DB_TYPE_SERIALIZABLE, serial);
+    Db_tag polygon = 0, map = 0, other = 0;
+    {
+        Module_scope scope(MOD_MAIN);
+        qv_db_create(&polygon, 14, 16);
+        qv_db_create(&map, DB_TYPE_SERIALIZABLE, 8);
+    }
+    {
+        Module_scope scope(MOD_RCFG);
+        qv_db_create(&other, 1, 8);
+    }
+    qv_db_mark_shared(map);
+    db_messages().clear();
+    qv_db_dump(0);
+    std::vector<std::string> lines = info_lines();
+    ASSERT_EQ(lines.size(), 4u);
+    const std::string heading =
+        "host  mod        tag                addr   ctrans    size pidx fj v priv refs    type          qv name";
+    EXPECT_EQ(lines[0], heading);
+    EXPECT_EQ(lines[1].rfind("   0  MAIN  00000400  ", 0), 0u) << lines[1];
+    const std::string polygon_tail = "       16    0 -- 1    0   14=polygon     probe";
+    ASSERT_GE(lines[1].size(), polygon_tail.size());
+    EXPECT_EQ(lines[1].substr(lines[1].size() - polygon_tail.size()), polygon_tail) << lines[1];
+    EXPECT_NE(lines[2].find(" F- 1    0   63==MAP        "), std::string::npos) << lines[2];
+    EXPECT_LT(word_count(lines[1]), word_count(heading));
+
+    db_messages().clear();
+    qv_db_dump(MOD_RCFG);
+    lines = info_lines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[1].rfind("   0  RCFG  00000402  ", 0), 0u) << lines[1];
+    qv_db_unpin(polygon);
+}
+
+TEST_F(DbReportTest, SummaryListsByModuleAndTypeWithTheirThresholds)
+{
+    qv_db_set_type_name_hook(name_types);
+    Db_tag polygon = 0, index = 0, job = 0;
+    {
+        Module_scope scope(MOD_MAIN);
+        qv_db_create(&polygon, 14, 2u << 20);
+    }
+    {
+        // Exactly one unit: listed by module (at or above), not by type (above).
+        Module_scope scope(MOD_RCFG);
+        qv_db_create(&index, 15, 1u << 20);
+    }
+    qv_db_create_job_tag(&job, 63, MOD_DBN);
+    db_messages().clear();
+    qv_db_summary();
+    std::vector<std::string> expected{
+        "database elements by module:",
+        "  jobs MB    #jobs     MB #nonjobs   module",
+        "        0        0      2        1   MAIN",
+        "        0        0      1        1   RCFG",
+        " ",
+        "database elements by type:",
+        "  jobs MB    #jobs     MB #nonjobs   type",
+        "        0        0      2        1   14 polygon",
+        "        0        1      1        1   other",
+        "        0        1      3        2   total",
+    };
+    EXPECT_EQ(info_lines(), expected);
+    qv_db_unpin(polygon);
+    qv_db_unpin(index);
+}
+
+TEST_F(DbReportTest, StatisticsCountWhatHappened)
+{
+    Db_tag first = 0, second = 0;
+    qv_db_create(&first, 0, 8);
+    qv_db_create(&second, 0, 8);
+    qv_db_realloc(first, 64);
+    qv_db_delete(second);
+    db_messages().clear();
+    qv_db_stats();
+    EXPECT_EQ(info_lines(), (std::vector<std::string>{"1 tags, 2 creates, 1 reallocs",
+                                                      "1 deletes, 0 flushes, 0 data/type reqs (0 errors)"}));
+
+    Db_statistics& counters = qv_db_statistics();
+    counters.kbytes_sent = 30000;
+    counters.send_requests = 5;
+    counters.send_seconds = 3;
+    db_messages().clear();
+    qv_db_stats();
+    ASSERT_EQ(info_lines().size(), 3u);
+    EXPECT_EQ(info_lines()[2], "30000 Kbytes data sent, 5 reqs in 3 seconds (10000 Kb/s)");
+}
+
+TEST_F(DbReportTest, LeftoverTagsOfAHostAreReportedWhenAsked)
+{
+    setenv("QV_DEBUG_SLAVE_TAGS", "1", 1);
+    qv_db_exit();
+    qv_db_init();
+    unsetenv("QV_DEBUG_SLAVE_TAGS");
+    ASSERT_TRUE(qv_db_debug_slave_tags());
+
+    thread_context()->host_number = 3;
+    Db_tag tag = 0;
+    qv_db_create(&tag, 0, 8);
+    qv_db_create(&tag, 0, 8);
+    thread_context()->host_number = 0;
+    db_messages().clear();
+    qv_db_host_event(3, false);
+    qv_db_host_event(4, true);
+    qv_db_host_event(0, true);
+    ASSERT_EQ(db_messages().size(), 1u);
+    EXPECT_EQ(db_messages()[0].text, "Found 2 still existing tags for disconnecting host 3");
+    EXPECT_EQ(db_messages()[0].level, MSG_WARN);
+}
+
+}  // namespace

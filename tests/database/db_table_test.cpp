@@ -1,0 +1,147 @@
+// Tag allocation: first tags, page and slot hints, host directories, the type flags.
+#include "tests/database/db_test_support.h"
+
+namespace {
+
+using DbTableTest = DbTest;
+
+TEST_F(DbTableTest, FirstOrdinaryTagIs0x400AndFirstJobTagIs0x40000000)
+{
+    Db_tag first = 0, second = 0, job = 0;
+    qv_db_create(&first, 0, 8);
+    qv_db_create(&second, 0, 8);
+    EXPECT_EQ(first, 0x400u);
+    EXPECT_EQ(second, 0x401u);
+    EXPECT_EQ(qv_db_create_job_tag(&job, 63, MOD_DBN), 1);
+    EXPECT_EQ(job, 0x40000000u);
+    EXPECT_TRUE(qv_db_is_job(job));
+    EXPECT_FALSE(qv_db_is_job(first));
+    EXPECT_FALSE(qv_db_is_job(0xC0000000u)) << "a tag with bit 31 set is never a job tag";
+    EXPECT_EQ(qv_db_peek(job)->module, MOD_DBN);
+    EXPECT_EQ(qv_db_peek(job)->data, nullptr);
+}
+
+TEST_F(DbTableTest, SizeZeroStoresOneByteAndTheCreatorsModule)
+{
+    Db_tag tag = 0;
+    void* data;
+    {
+        Module_scope scope(MOD_MAIN);
+        data = qv_db_create(&tag, 0, 0);
+    }
+    ASSERT_NE(data, nullptr);
+    Db_record* record = qv_db_peek(tag);
+    EXPECT_EQ(record->size, 1u);
+    EXPECT_EQ(record->module, MOD_MAIN);
+    EXPECT_EQ(record->state, DB_STATE_NORMAL);
+    EXPECT_NE(record->lock, nullptr);
+    EXPECT_EQ(qv_db_size(tag), 1u);
+    EXPECT_EQ(qv_db_access(tag), data);
+}
+
+TEST_F(DbTableTest, FullPageMovesOnAndFreedSlotsAreTakenFirst)
+{
+    std::vector<Db_tag> tags(DB_RECORDS_PER_PAGE + 1);
+    for (Db_tag& tag : tags)
+        qv_db_create(&tag, 0, 4);
+    EXPECT_EQ(tags[1023], 0x7FFu);
+    EXPECT_EQ(tags[1024], 0x800u) << "page 1 is full, page 2 starts at slot 0";
+
+    // A freed slot in an earlier page lowers the directory hint, and the slot hint points at it.
+    qv_db_delete(0x500);
+    Db_tag reused = 0;
+    qv_db_create(&reused, 0, 4);
+    EXPECT_EQ(reused, 0x500u);
+    Db_tag next = 0;
+    qv_db_create(&next, 0, 4);
+    EXPECT_EQ(next, 0x801u);
+}
+
+TEST_F(DbTableTest, SlaveHostAllocatesInItsOwnDirectory)
+{
+    thread_context()->host_number = 3;
+    Db_tag tag = 0;
+    qv_db_create(&tag, 0, 4);
+    EXPECT_EQ(tag, 0x83000000u);
+    EXPECT_EQ(qv_db_tag_owner(tag), 3u);
+    EXPECT_EQ(qv_db_count_host_tags(3), 1);
+    EXPECT_EQ(qv_db_count_host_tags(4), 0);
+    // Only the master allocates job tags.
+    EXPECT_EXIT(qv_db_create_job_tag(&tag, 63, MOD_DBN), ::testing::ExitedWithCode(1),
+                "N=41016 T=all tags in use, database is full");
+}
+
+TEST_F(DbTableTest, SplitJobsPinInTheirOwnBand)
+{
+    Db_tag plain = 0, split = 0;
+    qv_db_create(&plain, 0, 4);
+    qv_db_create(&split, DB_TYPE_RCB_SPLIT_JOB, 4);
+    EXPECT_EQ(qv_db_peek(plain)->pidx, 0);
+    EXPECT_EQ(qv_db_peek(split)->pidx, split % 1023 + 31744);
+    Db_tag after = 0;
+    qv_db_create(&after, 0, 4);
+    EXPECT_EQ(qv_db_peek(after)->pidx, 1) << "the split job does not use up the running counter";
+}
+
+TEST_F(DbTableTest, TrackedTypesAreExactlyTheGeometryTypes)
+{
+    std::vector<int> tracked;
+    for (int type = 0; type < DB_TYPES; ++type)
+        if (qv_db_type_tracked(type))
+            tracked.push_back(type);
+    std::vector<int> expected{14, 15, 16, 17, 18, 19, 20, 21, 22, 23, 24, 25, 26, 30, 33, 40};
+    EXPECT_EQ(tracked, expected);
+    EXPECT_TRUE(qv_db_tracked(0x40000000u, DB_TYPE_SERIALIZABLE)) << "job tags are always tracked";
+    EXPECT_FALSE(qv_db_tracked(0x400u, DB_TYPE_SERIALIZABLE));
+}
+
+TEST_F(DbTableTest, FatalsCarryTheirNumbers)
+{
+    Db_tag tag = 0;
+    qv_db_create(&tag, 0, 4);
+    EXPECT_EXIT(qv_db_access(0), ::testing::ExitedWithCode(1), "N=41008 T=attempt to access null DB tag");
+    EXPECT_EXIT(qv_db_access(0x5000), ::testing::ExitedWithCode(1), "N=41052 T=accessing unknown tag 0x5000");
+    EXPECT_EXIT(qv_db_access(0x85000010), ::testing::ExitedWithCode(1),
+                "N=41061 T=invalid tag value 0x85000010 requested");
+    qv_db_release_data(tag);
+    EXPECT_EXIT(qv_db_access(tag), ::testing::ExitedWithCode(1), "N=41000 T=accessing unknown tag 0x400");
+    Db_tag job = 0;
+    qv_db_create_job_tag(&job, 63, MOD_DBN);
+    EXPECT_EXIT(qv_db_access(job), ::testing::ExitedWithCode(1), "N=41037 T=database job execution failed");
+
+    // With a live owner the lookup asks the network, and a failed answer is fatal 51.
+    Db_remote_hooks remote{};
+    remote.host_live = [](uint32_t) { return true; };
+    remote.fetch = [](Db_tag, Db_record*, bool, uint32_t) { return 0; };
+    qv_db_set_remote_hooks(remote);
+    EXPECT_EXIT(qv_db_type(0x85000010), ::testing::ExitedWithCode(1), "N=41051 T=database network access failed");
+}
+
+TEST_F(DbTableTest, RemoteFetchFillsAnUnknownTagOfALiveHost)
+{
+    static int fetches;
+    fetches = 0;
+    static uint32_t payload = 0xABCD;
+    Db_remote_hooks remote{};
+    remote.host_live = [](uint32_t host) { return host == 5; };
+    remote.fetch = [](Db_tag, Db_record* record, bool type_only, uint32_t owner) {
+        ++fetches;
+        EXPECT_EQ(owner, 5u);
+        record->type = 2;
+        record->state = DB_STATE_ATTACHED;
+        if (!type_only) {
+            record->data = &payload;
+            record->size = sizeof payload;
+        }
+        return 1;
+    };
+    qv_db_set_remote_hooks(remote);
+    EXPECT_EQ(qv_db_type(0x85000010), 2);
+    EXPECT_EQ(fetches, 1);
+    // The record now describes the tag but holds no data: the access path fetches it.
+    EXPECT_EQ(qv_db_access(0x85000010), &payload);
+    EXPECT_EQ(fetches, 2);
+    qv_db_forget(0x85000010);
+}
+
+}  // namespace

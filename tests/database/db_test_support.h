@@ -1,0 +1,96 @@
+// Fixture for the tag store tests: a fresh database per test and a capture of the messages.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "database/db.h"
+#include "runtime/msg.h"
+#include "tests/test_support.h"
+
+struct Db_message {
+    uint32_t level;
+    int32_t number;
+    std::string text;
+};
+
+inline std::vector<Db_message>& db_messages()
+{
+    static std::vector<Db_message> messages;
+    return messages;
+}
+
+// Keeps every line; a fatal is also written to stderr with its number, so death tests can
+// match number and text together.
+inline void db_capture(uint32_t level, const char*, const char* text, int32_t number)
+{
+    db_messages().push_back({level, number, text});
+    if (level == MSG_FATAL)
+        std::fprintf(stderr, "N=%d T=%s\n", number, text);
+}
+
+class DbTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        qv_test_init();
+        // The host layer is not started here: make this process the master.
+        msg_set_host_number(0);
+        thread_context()->host_number = 0;
+        if (qv_db_started())
+            qv_db_exit();
+        qv_db_init();
+        // Pins the calling thread left in an earlier database mean nothing to this one.
+        if (Thread_context* context = thread_context(); context && context->db_pins)
+            std::memset(context->db_pins, 0, sizeof(uint32_t) * DB_PIN_SLOTS);
+        db_messages().clear();
+        saved_levels_ = msg_level_mask();
+        msg_set_levels(saved_levels_ | MSG_INFO | MSG_DEBUG);
+        qv_errorhandler(db_capture);
+    }
+
+    void TearDown() override
+    {
+        qv_errorhandler(nullptr);
+        msg_set_levels(saved_levels_);
+        qv_db_set_job_hooks({});
+        qv_db_set_remote_hooks({});
+        qv_db_set_type_handler(DB_TYPE_SERIALIZABLE, {});
+        qv_db_set_type_name_hook(nullptr);
+        qv_db_set_tag_name_hook(nullptr);
+        qv_db_restore_current_job(nullptr);
+        if (Thread_context* context = thread_context())
+            context->host_number = 0;
+    }
+
+    static int count_messages(int32_t number)
+    {
+        int count = 0;
+        for (const Db_message& message : db_messages())
+            count += message.number == number;
+        return count;
+    }
+
+    static bool has_text(const std::string& text)
+    {
+        for (const Db_message& message : db_messages())
+            if (message.text == text)
+                return true;
+        return false;
+    }
+
+    static uint32_t my_pins(Db_tag tag)
+    {
+        Thread_context* context = thread_context();
+        return context->db_pins ? context->db_pins[qv_db_peek(tag)->pidx] : 0;
+    }
+
+    uint32_t saved_levels_ = 0;
+};
