@@ -1,0 +1,193 @@
+// Page addressing: elements per page with the page-BVH room, segments, page size rules, bounds.
+#include <cstring>
+
+#include "maps/map_page_store.h"
+#include "tests/maps/map_storage_support.h"
+
+using namespace QV::RCMAP;
+using namespace map_storage_test;
+
+namespace {
+
+class Map_storage_layout : public Map_storage_test {};
+
+// A backing file whose page p holds the byte value (p + seed) everywhere.
+class Pattern_source : public Map_page_source {
+public:
+    explicit Pattern_source(uint8_t seed, uint32_t pages, int* reads = nullptr)
+        : seed_(seed), pages_(pages), reads_(reads) {}
+    bool read_pages(uint32_t page, uint32_t count, void* buffer) override
+    {
+        if (reads_)
+            ++*reads_;
+        if (page + count > pages_)
+            return false;
+        for (uint32_t i = 0; i < count; ++i)
+            memset(static_cast<uint8_t*>(buffer) + size_t(i) * MAP_FILE_PAGE_BYTES, uint8_t(page + i + seed_),
+                   MAP_FILE_PAGE_BYTES);
+        return true;
+    }
+
+private:
+    uint8_t seed_;
+    uint32_t pages_;
+    int* reads_;
+};
+
+} // namespace
+
+TEST_F(Map_storage_layout, ElementsPerPageLeaveRoomForThePageBvh)
+{
+    // Worked by hand: 291 final-gather records of 104 bytes, inner nodes 37 + 5, room
+    // 4 + trunc(43 * 36 * 1.6) = 2480 bytes; 292 would need 32848.
+    EXPECT_EQ(map_page_bvh_bytes(291, 3), 2480u);
+    EXPECT_EQ(map_elements_per_page(104, 3), 291u);
+    // Up to 8 elements the tree is one node.
+    EXPECT_EQ(map_page_bvh_bytes(8, 3), 4u + 57u);
+    EXPECT_EQ(map_page_bvh_bytes(9, 1), 4u + uint32_t(3 * 20 * 1.6f));
+
+    // The largest count that fits, for every dimension and a spread of sizes.
+    for (uint32_t dimension = 1; dimension <= 6; ++dimension) {
+        for (uint32_t bytes : {4u * dimension, 20u, 28u, 104u, 1000u, 16000u, 32000u}) {
+            uint32_t count = map_elements_per_page(bytes, dimension);
+            ASSERT_GT(count, 0u) << bytes;
+            EXPECT_LE(uint64_t(count) * bytes + map_page_bvh_bytes(count, dimension), MAP_FILE_PAGE_BYTES);
+            EXPECT_GT(uint64_t(count + 1) * bytes + map_page_bvh_bytes(count + 1, dimension), MAP_FILE_PAGE_BYTES)
+                << "dimension " << dimension << " bytes " << bytes;
+        }
+    }
+    // An element larger than a page has no place at all.
+    EXPECT_EQ(map_elements_per_page(32769, 3), 0u);
+}
+
+TEST_F(Map_storage_layout, PageSizeIsCorrectedWithItsWarning)
+{
+    EXPECT_EQ(map_correct_page_size_kb(33), 64u);
+    EXPECT_TRUE(saw("map page size in KB rounded up to 64"));
+    EXPECT_EQ(map_correct_page_size_kb(2048), 1024u);
+    EXPECT_TRUE(saw("map page size in KB greater than maximum (2048), corrected"));
+    EXPECT_EQ(map_correct_page_size_kb(16), 32u);
+    EXPECT_TRUE(saw("map page size in KB smaller than minimum (16), corrected"));
+    EXPECT_EQ(map_correct_page_size_kb(96), 128u);
+
+    captured().clear();
+    EXPECT_EQ(map_correct_page_size_kb(256), 256u);
+    EXPECT_EQ(map_correct_page_size_kb(32), 32u);
+    EXPECT_TRUE(captured().empty()) << "a valid size is not reported";
+    // The warning numbers say which rule applied.
+    map_correct_page_size_kb(1);
+    map_correct_page_size_kb(5000);
+    map_correct_page_size_kb(100);
+    ASSERT_EQ(captured().size(), 3u);
+    EXPECT_EQ(captured()[0].number % 1000, 1);
+    EXPECT_EQ(captured()[1].number % 1000, 2);
+    EXPECT_EQ(captured()[2].number % 1000, 3);
+}
+
+TEST_F(Map_storage_layout, ThreadTablesHoldAtLeastFourEntries)
+{
+    Map_manager& manager = Map_manager::instance();
+    manager.set_size_limit_mb(0.01f);
+    EXPECT_EQ(manager.thread_table_capacity(), 4u);
+    manager.set_size_limit_mb(1.0f);
+    // 32 cache pages of 32 KB, 80 percent for one thread.
+    EXPECT_EQ(manager.thread_table_capacity(), 25u);
+}
+
+TEST_F(Map_storage_layout, LocateContinuesNumberingAcrossSegments)
+{
+    Map_page_store store;
+    store.configure(20, 3);
+    uint32_t e = store.elements_per_page;
+    uint32_t page, slot;
+    store.locate(e + 3, &page, &slot);
+    EXPECT_EQ(page, 1u);
+    EXPECT_EQ(slot, 3u);
+
+    // A file of 2.5 pages at its own E, then memory data after it.
+    uint32_t file_e = 100;
+    store.add_file_segment(new Pattern_source(0, 3), 0, 250, file_e);
+    ASSERT_EQ(store.segments().size(), 1u);
+    EXPECT_EQ(store.segments()[0].last_page, 2u);
+    EXPECT_EQ(store.segments()[0].last_page_count, 50u);
+    store.locate(249, &page, &slot);
+    EXPECT_EQ(page, 2u);
+    EXPECT_EQ(slot, 49u);
+    // The partly filled last page stays partly filled: element 250 opens page 3.
+    store.locate(250, &page, &slot);
+    EXPECT_EQ(page, 3u);
+    EXPECT_EQ(slot, 0u);
+    store.locate(250 + e, &page, &slot);
+    EXPECT_EQ(page, 4u);
+    EXPECT_EQ(slot, 0u);
+    EXPECT_EQ(store.page_count(250), 3u);
+    EXPECT_EQ(store.page_count(251), 4u);
+
+    // Pending memory elements become a segment without moving.
+    store.add_memory_segment(250, e + 1);
+    ASSERT_EQ(store.segments().size(), 2u);
+    EXPECT_EQ(store.segments()[1].first_page, 3u);
+    EXPECT_EQ(store.segments()[1].last_page, 4u);
+    EXPECT_EQ(store.segments()[1].file_index, -1);
+    store.locate(250 + e, &page, &slot);
+    EXPECT_EQ(page, 4u);
+    EXPECT_EQ(slot, 0u);
+
+    // A second file continues after the memory data.
+    store.add_file_segment(new Pattern_source(100, 1), 251 + e, 10, file_e);
+    store.locate(251 + e, &page, &slot);
+    EXPECT_EQ(page, 5u);
+    EXPECT_EQ(slot, 0u);
+    EXPECT_EQ(store.backed_file_pages(), 6u);
+}
+
+TEST_F(Map_storage_layout, PagesComeFromTheirFilesAndChangesWinOverThem)
+{
+    Map_manager::instance().set_size_limit_mb(0.25f); // 8 cache pages
+    Map_page_store store;
+    store.configure(20, 3);
+    int reads = 0;
+    store.add_file_segment(new Pattern_source(7, 40, &reads), 0, 40 * 100, 100);
+    ASSERT_EQ(store.page_count(4000), 40u);
+
+    for (uint32_t page = 0; page < 40; ++page) {
+        const uint8_t* data = store.get_page(page, true);
+        ASSERT_EQ(data[0], uint8_t(page + 7));
+        ASSERT_EQ(data[MAP_FILE_PAGE_BYTES - 1], uint8_t(page + 7));
+    }
+    EXPECT_EQ(reads, 40);
+
+    // Change one element on every page, push them all out, and read them back.
+    for (uint32_t page = 0; page < 40; ++page) {
+        int32_t marker = int32_t(page * 1000 + 1);
+        store.write_bytes(page * 100 + 5, 16, 4, &marker);
+    }
+    for (uint32_t page = 0; page < 40; ++page) {
+        int32_t marker = 0;
+        store.read_bytes(page * 100 + 5, 16, 4, &marker);
+        EXPECT_EQ(marker, int32_t(page * 1000 + 1)) << page;
+        uint8_t untouched = 0;
+        store.read_bytes(page * 100 + 6, 0, 1, &untouched);
+        EXPECT_EQ(untouched, uint8_t(page + 7));
+    }
+    EXPECT_TRUE(store.has_swap_file);
+}
+
+TEST_F(Map_storage_layout, BoundsStartEmptyWithTheDescribedBits)
+{
+    Map_bounds box;
+    box.clear();
+    uint32_t low, high;
+    memcpy(&low, &box.minimum[5], 4);
+    memcpy(&high, &box.maximum[0], 4);
+    EXPECT_EQ(low, 0x7B4097CEu);
+    EXPECT_EQ(high, 0xFB4097CEu);
+    EXPECT_FALSE(box.valid);
+    float a[2] = {1.0f, -2.0f}, b[2] = {-3.0f, 4.0f};
+    box.add(a, 2);
+    box.add(b, 2);
+    EXPECT_TRUE(box.valid);
+    EXPECT_EQ(box.minimum[0], -3.0f);
+    EXPECT_EQ(box.maximum[1], 4.0f);
+    EXPECT_EQ(box.minimum[2], 1.0e36f) << "unused coordinates stay empty";
+}

@@ -1,0 +1,97 @@
+// Shared set-up of the map storage tests: module start, message capture, small declarations.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "maps/map_declaration.h"
+#include "maps/map_impl.h"
+#include "maps/map_manager.h"
+#include "maps/rcmp_module.h"
+#include "runtime/msg.h"
+#include "tests/test_support.h"
+
+namespace map_storage_test {
+
+struct Captured_line {
+    uint32_t level;
+    int32_t number;
+    std::string text;
+};
+
+inline std::vector<Captured_line>& captured()
+{
+    static std::vector<Captured_line> lines;
+    return lines;
+}
+
+inline void capture(uint32_t level, const char*, const char* text, int32_t number)
+{
+    captured().push_back({level, number, text});
+}
+
+inline bool saw(const std::string& fragment)
+{
+    for (const Captured_line& line : captured())
+        if (line.text.find(fragment) != std::string::npos)
+            return true;
+    return false;
+}
+
+// Every test starts with the module up, all levels captured and a generous cache limit.
+class Map_storage_test : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        qv_test_init();
+        rcmp_init(true);
+        msg_set_levels(MSG_FATAL | MSG_ERROR | MSG_WARN | MSG_INFO);
+        captured().clear();
+        qv_errorhandler(capture);
+        QV::RCMAP::Map_manager::instance().set_size_limit_mb(64.0f);
+    }
+    void TearDown() override
+    {
+        qv_errorhandler(nullptr);
+        QV::RCMAP::Map_manager::instance().set_size_limit_mb(64.0f);
+    }
+};
+
+// Dimension 3 with a scalar "weight" and an integer "id": 20 bytes per element.
+inline QV::RCMAP::Map_declaration_impl small_declaration()
+{
+    QV::RCMAP::Map_declaration_impl declaration(3);
+    declaration.add_scalar("weight");
+    declaration.add_integer("id");
+    return declaration;
+}
+
+struct Small_element {
+    float position[3];
+    float weight;
+    int32_t id;
+};
+static_assert(sizeof(Small_element) == 20, "packed like the declaration");
+
+// A value of element `i` that no other element shares.
+inline Small_element small_element(uint32_t i)
+{
+    Small_element element;
+    element.position[0] = float(i);
+    element.position[1] = float(i % 97) * 0.5f;
+    element.position[2] = -float(i % 13);
+    element.weight = float(i) * 0.25f + 1.0f;
+    element.id = int32_t(i * 2654435761u);
+    return element;
+}
+
+inline bool same(const Small_element& a, const Small_element& b)
+{
+    return memcmp(&a, &b, sizeof a) == 0;
+}
+
+} // namespace map_storage_test
