@@ -1,0 +1,456 @@
+// Map declarations: layout, identifiers, the add checks, signatures, comparisons and the stored
+// forms.
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "maps/map_declaration.h"
+#include "serial/media_queue.h"
+#include "tests/test_support.h"
+
+using namespace QV::RCMAP;
+using namespace qv::shader_v3;
+
+namespace {
+
+class MapDeclarationTest : public ::testing::Test {
+protected:
+    void SetUp() override { qv_test_init(); }
+};
+
+// The final-gather point layout: ten element fields of mixed kinds, no global.
+Map_declaration_impl fg_like_declaration()
+{
+    Map_declaration_impl d(3);
+    d.add_vector("normal");
+    d.add_color("irrad");
+    d.add_integer("rays");
+    d.add_scalar_array("grad_t1", 3);
+    d.add_scalar_array("grad_t2", 3);
+    d.add_integer("point_id");
+    d.add_scalar("r_mean");
+    d.add_scalar("min_dist");
+    d.add_vector("min_dist_dir");
+    d.add_scalar("occluded_min_dist");
+    return d;
+}
+
+// One field of every kind in both lists.
+Map_declaration_impl mixed_declaration()
+{
+    Map_declaration_impl d(2);
+    d.add_scalar("s");
+    d.add_integer_array("ia", 5);
+    d.add_transform("t");
+    d.add_global_string("label", 8);
+    d.add_global_color("tint");
+    d.add_global_scalar_array("w", 4);
+    return d;
+}
+
+std::string long_name(size_t length)
+{
+    return std::string(length, 'n');
+}
+
+} // namespace
+
+TEST_F(MapDeclarationTest, FieldsArePackedWithoutPaddingBehindThePosition)
+{
+    const Map_declaration_impl d = fg_like_declaration();
+    const uint32_t expected[] = {12, 24, 40, 44, 56, 68, 72, 76, 80, 92};
+    ASSERT_EQ(d.get_element_field_count(), 10u);
+    for (uint32_t i = 0; i < 10; ++i)
+        EXPECT_EQ(d.element_field_offset(i), expected[i]) << "field " << i;
+    EXPECT_EQ(d.element_bytes(), 96u);
+    EXPECT_EQ(d.position_bytes(), 12u);
+    EXPECT_EQ(d.global_bytes(), 0u);
+}
+
+TEST_F(MapDeclarationTest, GlobalBlockStartsAtZeroAndAOneByteStringShiftsWhatFollows)
+{
+    Map_declaration_impl d(3);
+    ASSERT_EQ(d.add_global_string("tag", 1), MAP_SUCCESS);
+    ASSERT_EQ(d.add_global_scalar("scale"), MAP_SUCCESS);
+    ASSERT_EQ(d.add_global_vector("axis"), MAP_SUCCESS);
+    EXPECT_EQ(d.global_field_offset(0), 0u);
+    EXPECT_EQ(d.global_field_offset(1), 1u);
+    EXPECT_EQ(d.global_field_offset(2), 5u);
+    EXPECT_EQ(d.global_bytes(), 17u);
+    // Globals take no room in an element.
+    EXPECT_EQ(d.element_bytes(), 12u);
+}
+
+TEST_F(MapDeclarationTest, FieldSizesFollowTheTableIn16BitArithmetic)
+{
+    EXPECT_EQ(map_field_bytes(MAP_TYPE_TRANSFORM, 0), 64u);
+    EXPECT_EQ(map_field_bytes(MAP_TYPE_COLOR, 0), 16u);
+    EXPECT_EQ(map_field_bytes(MAP_TYPE_SCALAR_ARRAY, 3), 12u);
+    EXPECT_EQ(map_field_bytes(MAP_TYPE_STRING, 9), 9u);
+    // (count * 4) & 0xFFFF: an array of 16384 takes no bytes at all, one more takes 4.
+    EXPECT_EQ(map_field_bytes(MAP_TYPE_INTEGER_ARRAY, 16384), 0u);
+    EXPECT_EQ(map_field_bytes(MAP_TYPE_INTEGER_ARRAY, 16385), 4u);
+    EXPECT_EQ(map_field_value_count(MAP_TYPE_STRING, 40), 1u);
+    EXPECT_EQ(map_field_value_count(MAP_TYPE_SCALAR_ARRAY, 7), 7u);
+    EXPECT_EQ(map_field_value_count(MAP_TYPE_TRANSFORM, 0), 16u);
+
+    // The element size wraps as the 16-bit offsets do.
+    Map_declaration_impl d(3);
+    ASSERT_EQ(d.add_scalar_array("big", 16380), MAP_SUCCESS);
+    EXPECT_EQ(d.element_bytes(), (12u + 16380u * 4u) & 0xFFFFu);
+    ASSERT_EQ(d.add_scalar_array("more", 2), MAP_SUCCESS);
+    EXPECT_EQ(d.element_bytes(), (12u + 16380u * 4u + 8u) & 0xFFFFu);
+}
+
+TEST_F(MapDeclarationTest, AddChecksGiveTheirStatusInTheDescribedPrecedence)
+{
+    struct Case {
+        bool global;
+        std::string name;
+        uint32_t type;
+        uint32_t count;
+        Map_status expected;
+    };
+    const Case cases[] = {
+        {false, "position", MAP_TYPE_SCALAR, 0, MAP_FIELD_NAME_RESERVED},
+        {true, "position", MAP_TYPE_SCALAR, 0, MAP_FIELD_NAME_RESERVED},
+        {false, long_name(63), MAP_TYPE_SCALAR, 0, MAP_SUCCESS},
+        {false, long_name(64), MAP_TYPE_SCALAR, 0, MAP_FIELD_NAME_TOO_LONG},
+        {true, long_name(200), MAP_TYPE_SCALAR, 0, MAP_FIELD_NAME_TOO_LONG},
+        {false, "", MAP_TYPE_SCALAR, 0, MAP_FIELD_NAME_EMPTY},
+        {false, "a", MAP_TYPE_NONE, 0, MAP_FIELD_TYPE_ZERO},
+        // The name check comes later and overrides the type findings.
+        {false, "", MAP_TYPE_NONE, 0, MAP_FIELD_NAME_EMPTY},
+        {true, "position", MAP_TYPE_NONE, 0, MAP_FIELD_NAME_RESERVED},
+        {true, long_name(64), 7, 0, MAP_FIELD_NAME_TOO_LONG},
+        // Which types each list takes.
+        {false, "s", MAP_TYPE_STRING, 8, MAP_FIELD_ILLEGAL_TYPE},
+        {true, "s", MAP_TYPE_STRING, 8, MAP_SUCCESS},
+        {true, "x", 7, 0, MAP_FIELD_ILLEGAL_TYPE},
+        {false, "a", MAP_TYPE_SCALAR_ARRAY, 0, MAP_FIELD_COUNT_ZERO},
+        {false, "a", MAP_TYPE_INTEGER_ARRAY, 0, MAP_FIELD_COUNT_ZERO},
+        {true, "a", MAP_TYPE_STRING, 0, MAP_FIELD_COUNT_ZERO},
+        {true, "a", MAP_TYPE_INTEGER_ARRAY, 0, MAP_FIELD_COUNT_ZERO},
+        // A count on a fixed type is ignored, not refused.
+        {false, "v", MAP_TYPE_VECTOR, 5, MAP_SUCCESS},
+    };
+    for (const Case& c : cases) {
+        Map_declaration_impl d(3);
+        d.add_scalar("before");
+        const Map_status status =
+            c.global ? d.add_global_field(c.name.c_str(), Map_field_type(c.type), c.count)
+                     : d.add_field(c.name.c_str(), Map_field_type(c.type), c.count);
+        EXPECT_EQ(status, c.expected) << (c.global ? "global " : "element ") << c.name.size()
+                                      << "-char name, type " << c.type;
+        if (status != MAP_SUCCESS) {
+            // A failed add leaves the declaration as it was.
+            EXPECT_EQ(d.get_field_count_total(), 1u);
+            EXPECT_EQ(d.element_bytes(), 16u);
+            EXPECT_EQ(d.global_bytes(), 0u);
+            EXPECT_EQ(d.signature(), "s");
+        }
+    }
+    EXPECT_EQ(Map_declaration_impl(3).add_field(nullptr, MAP_TYPE_SCALAR, 0), MAP_FIELD_NAME_EMPTY);
+}
+
+TEST_F(MapDeclarationTest, FixedTypesStoreCountZero)
+{
+    Map_declaration_impl d(3);
+    ASSERT_EQ(d.add_field("v", MAP_TYPE_VECTOR, 5), MAP_SUCCESS);
+    Map_field_type type;
+    uint32_t count = 99;
+    bool global = true;
+    EXPECT_EQ(d.get_field_info("v", &type, &count, &global), MAP_SUCCESS);
+    EXPECT_EQ(type, MAP_TYPE_VECTOR);
+    EXPECT_EQ(count, 0u);
+    EXPECT_FALSE(global);
+    EXPECT_EQ(d.signature(), "v");
+}
+
+TEST_F(MapDeclarationTest, IdentifiersAddressBothListsAndElementFieldsWinByName)
+{
+    Map_declaration_impl d(3);
+    d.add_scalar("a");
+    d.add_vector("shared");
+    d.add_global_integer("g");
+    d.add_global_scalar("shared");
+    Map_status status = MAP_NO_DECLARATION;
+
+    EXPECT_EQ(d.get_field_id("shared", &status), 1);
+    EXPECT_EQ(status, MAP_SUCCESS);
+    EXPECT_EQ(d.get_field_id("g", nullptr), 0x10000);
+    EXPECT_EQ(d.get_field_id("nope", &status), MAP_FIELD_NONE);
+    EXPECT_EQ(status, MAP_NO_SUCH_FIELD);
+
+    EXPECT_EQ(d.get_global_field_id(1, &status), 0x10001);
+    EXPECT_EQ(d.get_global_field_id(2, &status), MAP_FIELD_NONE);
+    EXPECT_EQ(status, MAP_NO_SUCH_FIELD);
+    EXPECT_EQ(d.get_element_field_id(1, &status), 1);
+    EXPECT_EQ(d.get_element_field_id(2, &status), MAP_FIELD_NONE);
+
+    EXPECT_TRUE(d.has_field(0x10001, &status));
+    EXPECT_FALSE(d.has_field(0x10002, &status));
+    EXPECT_EQ(status, MAP_NO_SUCH_FIELD);
+    EXPECT_FALSE(d.has_field(MAP_FIELD_NONE, nullptr));
+    EXPECT_TRUE(d.has_field("g", nullptr));
+    EXPECT_FALSE(d.has_global_field("a", nullptr));
+
+    const Map_field* field = d.get_field(0x10001, &status);
+    ASSERT_NE(field, nullptr);
+    EXPECT_STREQ(field->name, "shared");
+    EXPECT_EQ(field->type, MAP_TYPE_SCALAR);
+    EXPECT_EQ(d.get_field(7, &status), nullptr);
+    EXPECT_EQ(status, MAP_NO_SUCH_FIELD);
+
+    Map_field_type type = MAP_TYPE_COLOR;
+    uint32_t count = 5;
+    bool global = false;
+    EXPECT_EQ(d.get_field_info(0x10001, &type, &count, &global), MAP_SUCCESS);
+    EXPECT_TRUE(global);
+    EXPECT_EQ(d.get_field_info(0x20000, &type, &count, &global), MAP_NO_SUCH_FIELD);
+    EXPECT_EQ(type, MAP_TYPE_NONE);
+    EXPECT_EQ(count, 0u);
+    EXPECT_EQ(d.get_field_info("missing", &type, nullptr, nullptr), MAP_NO_SUCH_FIELD);
+}
+
+TEST_F(MapDeclarationTest, SignaturesCarryLettersCountsAndTheGlobalMark)
+{
+    const Map_declaration_impl d = mixed_declaration();
+    EXPECT_EQ(d.element_signature(), "si5t");
+    EXPECT_EQ(d.global_signature(), "$8gcgs4g");
+    EXPECT_EQ(d.signature(), "si5t$8gcgs4g");
+
+    const Map_declaration_impl empty(3);
+    EXPECT_TRUE(empty.is_empty());
+    EXPECT_EQ(empty.element_bytes(), 12u);
+    EXPECT_EQ(empty.signature(), "");
+}
+
+TEST_F(MapDeclarationTest, ThreeStrengthsOfComparison)
+{
+    Map_declaration_impl a(3), b(3);
+    a.add_scalar("first");
+    a.add_vector("second");
+    b.add_scalar("other");
+    b.add_vector("names");
+    Map_status status = MAP_NO_DECLARATION;
+    // Same types, other names.
+    EXPECT_TRUE(a.is_layout_equivalent(b));
+    EXPECT_TRUE(a.is_equivalent(&b, &status));
+    EXPECT_EQ(status, MAP_SUCCESS);
+    EXPECT_FALSE(a.is_equal(&b, &status));
+    Map_declaration_impl a_copy(a);
+    EXPECT_TRUE(a.is_equal(&a_copy, nullptr));
+
+    // Other global fields: still mergeable, no longer equivalent.
+    b.add_global_integer("count");
+    EXPECT_TRUE(a.is_layout_equivalent(b));
+    EXPECT_FALSE(a.is_equivalent(&b, nullptr));
+    EXPECT_FALSE(a.is_equal(&b, nullptr));
+
+    // A global name differs only: equivalent, not equal.
+    Map_declaration_impl c(a), e(a);
+    c.add_global_integer("x");
+    e.add_global_integer("y");
+    EXPECT_TRUE(c.is_equivalent(&e, nullptr));
+    EXPECT_FALSE(c.is_equal(&e, nullptr));
+
+    // The dimension separates all three.
+    Map_declaration_impl d2(2);
+    d2.add_scalar("first");
+    d2.add_vector("second");
+    EXPECT_FALSE(a.is_layout_equivalent(d2));
+    EXPECT_FALSE(a.is_equivalent(&d2, nullptr));
+
+    // A scalar array of 1 is not a scalar.
+    Map_declaration_impl s(3), s1(3);
+    s.add_scalar("v");
+    s1.add_scalar_array("v", 1);
+    EXPECT_FALSE(s.is_layout_equivalent(s1));
+
+    EXPECT_FALSE(a.is_equivalent(nullptr, &status));
+    EXPECT_EQ(status, MAP_NO_DECLARATION);
+}
+
+TEST_F(MapDeclarationTest, TextFormListsGlobalsFirst)
+{
+    std::string text;
+    mixed_declaration().write_text("decl_1", text);
+    EXPECT_EQ(text,
+              "declare map\n"
+              "\t\"decl_1\" (\n"
+              "\t\tdim 2,\n"
+              "\t\tglobal string 8 \"label\",\n"
+              "\t\tglobal color \"tint\",\n"
+              "\t\tglobal scalar array 4 \"w\",\n"
+              "\t\tscalar \"s\",\n"
+              "\t\tinteger array 5 \"ia\",\n"
+              "\t\ttransform \"t\"\n"
+              "\t)\n"
+              "end declare\n\n");
+
+    std::string bare;
+    Map_declaration_impl(4).write_text("n", bare);
+    EXPECT_EQ(bare, "declare map\n\t\"n\" (\n\t\tdim 4\n\t)\nend declare\n\n");
+}
+
+TEST_F(MapDeclarationTest, OpenBinaryFieldTextPutsTheCountBeforeTheGlobalMark)
+{
+    Map_declaration_impl d(3);
+    d.add_vector("dir");
+    d.add_scalar_array("w", 4);
+    d.add_global_scalar("scale");
+    std::string text;
+    d.signature_text(text);
+    EXPECT_EQ(text, "sg\"scale\"v\"dir\"s4\"w\"");
+
+    Map_declaration_impl g(3);
+    g.add_global_integer_array("ids", 12);
+    text.clear();
+    g.signature_text(text);
+    EXPECT_EQ(text, "i12g\"ids\"");
+}
+
+TEST_F(MapDeclarationTest, ResetLeavesTheStateOfADeclarationAboutToBeRead)
+{
+    Map_declaration_impl d = mixed_declaration();
+    d.reset();
+    EXPECT_TRUE(d.is_empty());
+    EXPECT_EQ(d.get_dimension(), 3u);
+    EXPECT_EQ(d.position_bytes(), 0u);
+    EXPECT_EQ(d.element_bytes(), 0u);
+    EXPECT_EQ(d.global_bytes(), 0u);
+    EXPECT_EQ(d.signature(), "");
+}
+
+TEST_F(MapDeclarationTest, CopiesShareNothing)
+{
+    Map_declaration_impl original = fg_like_declaration();
+    Map_declaration_impl copy(original);
+    original.add_global_scalar("later");
+    original.add_scalar("later_too");
+    EXPECT_EQ(copy.get_field_count_total(), 10u);
+    EXPECT_EQ(copy.element_bytes(), 96u);
+    EXPECT_TRUE(copy.is_equal(&copy, nullptr));
+    EXPECT_FALSE(copy.is_equivalent(&original, nullptr));
+    Map_declaration_impl assigned(1);
+    assigned = copy;
+    EXPECT_TRUE(assigned.is_equal(&copy, nullptr));
+}
+
+TEST_F(MapDeclarationTest, BinaryRecordHasTheFileLayoutAndReadsBack)
+{
+    const Map_declaration_impl d = mixed_declaration();
+    std::vector<uint8_t> bytes;
+    d.write_binary(bytes);
+    ASSERT_EQ(bytes.size(), d.binary_size());
+    ASSERT_EQ(bytes.size(), map_declaration_record_bytes(3, 3));
+
+    // Spot-check the packed record: F, first name, its type and count, then H after 3 fields.
+    uint16_t value16;
+    std::memcpy(&value16, bytes.data(), 2);
+    EXPECT_EQ(value16, 3u);
+    EXPECT_STREQ(reinterpret_cast<const char*>(bytes.data() + 2), "s");
+    std::memcpy(&value16, bytes.data() + 2 + 68 + 64, 2);
+    EXPECT_EQ(value16, MAP_TYPE_INTEGER_ARRAY);
+    std::memcpy(&value16, bytes.data() + 2 + 68 + 66, 2);
+    EXPECT_EQ(value16, 5u);
+    std::memcpy(&value16, bytes.data() + 2 + 3 * 68, 2);
+    EXPECT_EQ(value16, 3u);
+    // The record ends with dimension, element size and global size.
+    const uint8_t* tail = bytes.data() + bytes.size() - 8;
+    uint32_t global_size;
+    std::memcpy(&value16, tail, 2);
+    EXPECT_EQ(value16, 2u);
+    std::memcpy(&value16, tail + 2, 2);
+    EXPECT_EQ(value16, d.element_bytes());
+    std::memcpy(&global_size, tail + 4, 4);
+    EXPECT_EQ(global_size, d.global_bytes());
+
+    // Trailing bytes belong to the caller.
+    bytes.push_back(0xAB);
+    Map_declaration_impl back;
+    size_t consumed = 0;
+    ASSERT_EQ(back.read_binary(bytes.data(), bytes.size(), &consumed), MAP_SUCCESS);
+    EXPECT_EQ(consumed, bytes.size() - 1);
+    EXPECT_TRUE(back.is_equal(&d, nullptr));
+    EXPECT_EQ(back.signature(), d.signature());
+    EXPECT_EQ(back.position_bytes(), 8u);
+    EXPECT_EQ(back.global_field_offset(2), d.global_field_offset(2));
+}
+
+TEST_F(MapDeclarationTest, DamagedBinaryRecordsAreRefused)
+{
+    const Map_declaration_impl d = mixed_declaration();
+    std::vector<uint8_t> good;
+    d.write_binary(good);
+
+    Map_declaration_impl back;
+    size_t consumed = 1;
+    // Every truncation is refused, and nothing is kept.
+    for (size_t length = 0; length < good.size(); length += 7) {
+        EXPECT_EQ(back.read_binary(good.data(), length, &consumed), MAP_FILE_MALFORMED) << length;
+        EXPECT_EQ(consumed, 0u);
+        EXPECT_TRUE(back.is_empty());
+    }
+    EXPECT_EQ(back.read_binary(nullptr, 10, nullptr), MAP_FILE_MALFORMED);
+
+    // An element offset past the element size would let accessors write out of the block.
+    std::vector<uint8_t> bad = good;
+    const size_t offsets = 2 + 3 * 68 + 2 + 3 * 68 + 4;
+    const uint16_t far = 4000;
+    std::memcpy(bad.data() + offsets, &far, 2);
+    EXPECT_EQ(back.read_binary(bad.data(), bad.size(), nullptr), MAP_FILE_MALFORMED);
+
+    // A dimension of 7.
+    bad = good;
+    const uint16_t seven = 7;
+    std::memcpy(bad.data() + bad.size() - 8, &seven, 2);
+    EXPECT_EQ(back.read_binary(bad.data(), bad.size(), nullptr), MAP_FILE_MALFORMED);
+
+    // A size that disagrees with the type.
+    bad = good;
+    const size_t sizes = offsets + 3 * 2 + 4 + 3 * 4 + 4;
+    const uint16_t wrong = 2;
+    std::memcpy(bad.data() + sizes, &wrong, 2);
+    EXPECT_EQ(back.read_binary(bad.data(), bad.size(), nullptr), MAP_FILE_MALFORMED);
+}
+
+TEST_F(MapDeclarationTest, StreamFormRoundTripsAndStatesItsSize)
+{
+    const Map_declaration_impl d = mixed_declaration();
+    QV::DB::Db_serializer out;
+    d.serialize(&out);
+    EXPECT_EQ(out.queue().size(), d.get_serialized_size());
+
+    QV::DB::Db_deserializer in(&out.queue());
+    Map_declaration_impl back(5);
+    ASSERT_TRUE(back.deserialize(&in));
+    EXPECT_TRUE(back.is_equal(&d, nullptr));
+    EXPECT_EQ(back.element_bytes(), d.element_bytes());
+    EXPECT_EQ(back.global_bytes(), d.global_bytes());
+    EXPECT_EQ(back.element_signature(), "si5t");
+    EXPECT_EQ(in.position(), out.queue().size());
+}
+
+TEST_F(MapDeclarationTest, TruncatedStreamIsRefused)
+{
+    const Map_declaration_impl d = fg_like_declaration();
+    QV::DB::Db_serializer out;
+    d.serialize(&out);
+    std::vector<uint8_t> bytes(out.queue().size());
+    out.queue().copy_out(0, bytes.data(), bytes.size());
+
+    for (size_t length : {size_t{0}, size_t{3}, bytes.size() / 2, bytes.size() - 1}) {
+        QV::SERIAL::Byte_queue part;
+        part.append(bytes.data(), length);
+        QV::DB::Db_deserializer in(&part);
+        Map_declaration_impl back(3);
+        back.add_scalar("kept?");
+        EXPECT_FALSE(back.deserialize(&in)) << length;
+        EXPECT_TRUE(back.is_empty());
+    }
+}
