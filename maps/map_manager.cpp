@@ -39,7 +39,7 @@ uint32_t env_positive(const char* name)
 }
 
 // Available physical memory in whole MB (MemAvailable, else MemFree).
-uint32_t available_memory_mb()
+uint32_t available_memory_mb_impl()
 {
     FILE* file = fopen("/proc/meminfo", "r");
     if (!file)
@@ -74,6 +74,24 @@ struct Fallback_table_holder {
 thread_local Fallback_table_holder t_fallback_holder;
 
 } // namespace
+
+uint32_t map_available_memory_mb()
+{
+    return available_memory_mb_impl();
+}
+
+uint32_t map_cache_env_size_mb()
+{
+    return env_positive("QV_MAP_CACHE_SIZE");
+}
+
+float map_cache_limit_mb(uint32_t memory_limit_mb, uint32_t option_mb, uint32_t registry_mb, uint32_t env_mb)
+{
+    uint32_t chosen = option_mb ? option_mb : registry_mb ? registry_mb : env_mb;
+    if (chosen == 0)
+        return float(memory_limit_mb / 4);
+    return float(chosen > memory_limit_mb ? memory_limit_mb : chosen);
+}
 
 uint32_t map_correct_page_size_kb(uint32_t requested_kb)
 {
@@ -140,23 +158,19 @@ void Map_manager::fix_page_size_locked()
 
 void Map_manager::resolve_limit_locked()
 {
-    memory_limit_mb_ = available_memory_mb();
+    memory_limit_mb_ = map_available_memory_mb();
     if (bypass_) {
         // Programs that only process maps are bounded by memory alone.
         limit_mb_ = float(memory_limit_mb_);
         return;
     }
-    env_size_ = env_positive("QV_MAP_CACHE_SIZE");
+    env_size_ = map_cache_env_size_mb();
     if (char* text = registry_lookup("{_QV_REG_MAP_CACHE_SIZE}", 0)) {
         int value = atoi(text);
         registry_size_ = value > 0 ? uint32_t(value) : 0;
         mem_free(__FILE__, __LINE__, text);
     }
-    uint32_t chosen = option_size_ ? option_size_ : registry_size_ ? registry_size_ : env_size_;
-    if (chosen == 0)
-        limit_mb_ = float(memory_limit_mb_ / 4);
-    else
-        limit_mb_ = float(chosen > memory_limit_mb_ ? memory_limit_mb_ : chosen);
+    limit_mb_ = map_cache_limit_mb(memory_limit_mb_, option_size_, registry_size_, env_size_);
     msg_info("map cache size set to %u MB", unsigned(limit_mb_));
 }
 

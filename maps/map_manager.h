@@ -59,6 +59,14 @@ struct Map_io_request {
     Map_page_entry* entry = nullptr;   // ready: the table entry to insert
 };
 
+// The cache limit in MB from the memory limit and the three settings (0 = unset), in the order
+// option, registry, environment: a quarter of memory when none is set, never above memory.
+float map_cache_limit_mb(uint32_t memory_limit_mb, uint32_t option_mb, uint32_t registry_mb, uint32_t env_mb);
+// QV_MAP_CACHE_SIZE when it is a positive number, else 0.
+uint32_t map_cache_env_size_mb();
+// The machine's available physical memory in whole MB.
+uint32_t map_available_memory_mb();
+
 // The page size the cache uses for a requested size in KB: at least 32, at most 1024, else the
 // next power-of-two multiple of 32; warnings 1, 2 and 3 say what was corrected.
 uint32_t map_correct_page_size_kb(uint32_t requested_kb);

@@ -191,3 +191,30 @@ TEST_F(Map_storage_layout, BoundsStartEmptyWithTheDescribedBits)
     EXPECT_EQ(box.maximum[1], 4.0f);
     EXPECT_EQ(box.minimum[2], 1.0e36f) << "unused coordinates stay empty";
 }
+
+TEST_F(Map_storage_layout, CacheLimitFollowsSettingsWithinMemory)
+{
+    // Nothing set: a quarter of memory, in whole MB.
+    EXPECT_EQ(map_cache_limit_mb(1001, 0, 0, 0), 250.0f);
+    // Option before registry before environment.
+    EXPECT_EQ(map_cache_limit_mb(1000, 10, 20, 30), 10.0f);
+    EXPECT_EQ(map_cache_limit_mb(1000, 0, 20, 30), 20.0f);
+    EXPECT_EQ(map_cache_limit_mb(1000, 0, 0, 30), 30.0f);
+    // Never more than memory.
+    EXPECT_EQ(map_cache_limit_mb(1000, 0, 0, 5000), 1000.0f);
+
+    const char* old = getenv("QV_MAP_CACHE_SIZE");
+    std::string saved = old ? old : "";
+    setenv("QV_MAP_CACHE_SIZE", "0", 1);
+    EXPECT_EQ(map_cache_env_size_mb(), 0u);
+    setenv("QV_MAP_CACHE_SIZE", "-64", 1);
+    EXPECT_EQ(map_cache_env_size_mb(), 0u);
+    setenv("QV_MAP_CACHE_SIZE", "300", 1);
+    EXPECT_EQ(map_cache_env_size_mb(), 300u);
+    if (old)
+        setenv("QV_MAP_CACHE_SIZE", saved.c_str(), 1);
+    else
+        unsetenv("QV_MAP_CACHE_SIZE");
+
+    EXPECT_GT(map_available_memory_mb(), 0u);
+}
