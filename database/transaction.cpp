@@ -35,6 +35,8 @@ uint32_t recorded_size(const Element_base* element)
 
 void transaction_set_job_support(const Transaction_job_support& support) { g_job_support = support; }
 
+const Transaction_job_support& transaction_job_support() { return g_job_support; }
+
 void transaction_set_poll_hook(void (*poll)(int value)) { g_poll_hook = poll; }
 
 // ---- The singleton ---------------------------------------------------------------------------

@@ -46,7 +46,8 @@ public:
     // Replaces whatever `tag` holds with `element` (the old data is deleted), type 63.
     virtual void store_over(Db_tag tag, Element_base* element, const char* name);
     // Stores a new element under a new tag, written to `*tag` and returned. The element is not
-    // copied: from here on the database owns it. `name` may be null.
+    // copied: from here on the database owns it. `name` may be null. The record's data is the
+    // Element_base address; a class with several bases gets back with static_cast<T*>.
     virtual Db_tag store(Db_tag* tag, Element_base* element, const char* name = nullptr);
     virtual void flush();
     // qv_db_delete, then the tag's name is dropped (an older name of the tag stays).
@@ -84,6 +85,7 @@ struct Transaction_job_support {
     void (*schedule)(const Db_tag* tags, int count);
 };
 void transaction_set_job_support(const Transaction_job_support& support);
+const Transaction_job_support& transaction_job_support();
 
 // Host messaging's poll, called by Transaction::wait with 1. Null: nothing to poll.
 void transaction_set_poll_hook(void (*poll)(int value));

@@ -1,0 +1,298 @@
+// Stored objects: the framing, the manager that turns ids into objects, and what happens when
+// the stream lies (unknown ids, truncation, damaged counts).
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "database/element.h"
+#include "runtime/msg.h"
+#include "tests/serial/media_fixture.h"
+
+using namespace QV::SERIAL;
+using namespace serial_test;
+using QV::DB::Element;
+
+namespace {
+
+class Probe : public Element<Probe, qv_class_id("=PRB")> {
+public:
+    int32_t value = 0;
+    std::string label;
+
+    const void* serialize(Serializer* out) const override
+    {
+        out->write(value);
+        out->write(label);
+        return this + 1;
+    }
+    void* deserialize(Deserializer* in) override
+    {
+        in->read(&value);
+        in->read(&label);
+        return this + 1;
+    }
+};
+
+class Other : public Element<Other, qv_class_id("=OTH")> {
+public:
+    const void* serialize(Serializer*) const override { return this + 1; }
+    void* deserialize(Deserializer*) override { return this + 1; }
+};
+
+Serializable* make_probe() { return new Probe(); }
+Serializable* make_other() { return new Other(); }
+
+struct Counting_factory : Class_factory {
+    int calls = 0;
+    uint32_t last_id = 0;
+    Serializable* construct(uint32_t class_id) override
+    {
+        ++calls;
+        last_id = class_id;
+        return new Probe();
+    }
+};
+
+std::vector<std::string> g_errors;
+void record_errors(uint32_t level, const char*, const char* text, int32_t)
+{
+    if (level == MSG_ERROR)
+        g_errors.push_back(text);
+}
+
+class StoredObjectTest : public testing::TestWithParam<Media> {
+protected:
+    void SetUp() override
+    {
+        qv_test_init();
+        manager_.register_class(Probe::CLASS_ID, make_probe);
+        g_errors.clear();
+        qv_errorhandler(record_errors);
+    }
+    void TearDown() override { qv_errorhandler(nullptr); }
+
+    std::vector<uint8_t> stored_probe()
+    {
+        Probe probe;
+        probe.value = -17;
+        probe.label = "point cloud";
+        probe.references = {0x400, 0x40000000};
+        Writer out(GetParam());
+        out->serialize(&probe);
+        return out.bytes();
+    }
+
+    Deserialization_manager_impl manager_;
+};
+
+TEST_P(StoredObjectTest, FramingIsIdThenReferencesThenPayload)
+{
+    std::vector<uint8_t> bytes = stored_probe();
+    EXPECT_EQ(bytes, concat({le32(0x3D505242), le32(2), le32(0x400), le32(0x40000000),
+                             le32(uint32_t(-17)), le32(12), text_bytes("point cloud")}));
+
+    Reader in = reader_over(GetParam(), bytes, &manager_);
+    Serializable* object = in->deserialize();
+    ASSERT_NE(object, nullptr);
+    auto* probe = dynamic_cast<Probe*>(object);
+    ASSERT_NE(probe, nullptr);
+    EXPECT_EQ(probe->value, -17);
+    EXPECT_EQ(probe->label, "point cloud");
+    EXPECT_EQ(probe->references, (std::vector<Db_tag>{0x400, 0x40000000}));
+    EXPECT_TRUE(in->is_valid());
+    EXPECT_TRUE(g_errors.empty());
+    delete object;
+}
+
+TEST_P(StoredObjectTest, UnknownClassIdIsAnErrorAndNoObject)
+{
+    std::vector<uint8_t> bytes = stored_probe();
+    manager_.unregister(Probe::CLASS_ID);
+    Reader in = reader_over(GetParam(), bytes, &manager_);
+    EXPECT_EQ(in->deserialize(), nullptr);
+    ASSERT_EQ(g_errors.size(), 1u);
+    EXPECT_EQ(g_errors[0], "cannot construct serializable class id 0x3d505242");
+}
+
+TEST_P(StoredObjectTest, WithoutManagerNothingIsRead)
+{
+    Reader in = reader_over(GetParam(), stored_probe(), nullptr);
+    if (GetParam() == Media::queue)
+        in->set_manager(nullptr);   // the queue reader defaults to the process manager
+    EXPECT_EQ(in->deserialize(), nullptr);
+    int32_t id = 0;
+    in->read(&id);
+    EXPECT_EQ(uint32_t(id), Probe::CLASS_ID);
+    EXPECT_TRUE(g_errors.empty());
+}
+
+TEST_P(StoredObjectTest, EveryTruncationIsReportedAndNeverCrashes)
+{
+    std::vector<uint8_t> bytes = stored_probe();
+    for (size_t keep = 0; keep < bytes.size(); ++keep) {
+        SCOPED_TRACE(keep);
+        Reader in = reader_over(GetParam(), std::vector<uint8_t>(bytes.begin(), bytes.begin() + keep),
+                                &manager_);
+        Serializable* object = in->deserialize();
+        EXPECT_FALSE(in->is_valid());
+        // Cut inside the class id: nothing to build. Later: the object exists, half filled.
+        EXPECT_EQ(object == nullptr, keep < 4);
+        if (auto* probe = dynamic_cast<Probe*>(object)) {
+            EXPECT_LE(probe->label.size(), 11u);
+        }
+        delete object;
+    }
+}
+
+TEST_P(StoredObjectTest, DamagedCountsEndWithTheStreamNotWithAHugeAllocation)
+{
+    const std::vector<uint8_t> tail = text_bytes("xyz");
+    {
+        Reader in = reader_over(GetParam(), concat({le32(0xFFFFFFFFu), tail}), &manager_);
+        char* text = reinterpret_cast<char*>(1);
+        in->read(&text);
+        EXPECT_EQ(text, nullptr);
+        EXPECT_FALSE(in->is_valid());
+    }
+    {
+        Reader in = reader_over(GetParam(), concat({le32(0xFFFFFFFFu), tail}), &manager_);
+        std::string text = "old";
+        in->read(&text);
+        EXPECT_LE(text.size(), 4096u);
+        EXPECT_EQ(text.substr(0, 3), "xyz");
+        EXPECT_FALSE(in->is_valid());
+    }
+    {
+        Reader in = reader_over(GetParam(), concat({le64(uint64_t(1) << 62), le32(2), tail}), &manager_);
+        String_map map;
+        in->read(&map);
+        EXPECT_TRUE(map.empty());
+        EXPECT_FALSE(in->is_valid());
+    }
+    {
+        Reader in = reader_over(GetParam(), concat({le64(uint64_t(1) << 60), le64(uint64_t(1) << 60), tail}),
+                                &manager_);
+        Byte_block block;
+        in->read(&block);
+        EXPECT_LE(block.capacity(), 4096u);
+        EXPECT_FALSE(in->is_valid());
+    }
+    {
+        // An element whose reference count is damaged.
+        Reader in = reader_over(GetParam(), concat({le32(Probe::CLASS_ID), le32(0xFFFFFFF0u), le32(7)}),
+                                &manager_);
+        Serializable* object = in->deserialize();
+        ASSERT_NE(object, nullptr);
+        EXPECT_TRUE(static_cast<Probe*>(object)->references.empty());
+        EXPECT_FALSE(in->is_valid());
+        delete object;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Media, StoredObjectTest, testing::Values(Media::file, Media::queue),
+                         media_name);
+
+TEST(DeserializationManagerTest, LaterRegistrationReplacesTheNode)
+{
+    qv_test_init();
+    Deserialization_manager_impl manager;
+    Counting_factory factory;
+    constexpr uint32_t MAP_ID = qv_class_id("=MAP");
+    static_assert(MAP_ID == 0x3D4D4150);
+    static_assert(qv_class_id("pss") == 0x707373);
+    static_assert(qv_class_id("*DUJ") == 0x2A44554A);
+
+    EXPECT_EQ(manager.construct(MAP_ID), nullptr);
+    manager.register_class(MAP_ID, make_probe);
+    manager.register_class(MAP_ID, make_other);
+    Serializable* object = manager.construct(MAP_ID);
+    EXPECT_NE(dynamic_cast<Other*>(object), nullptr);
+    delete object;
+
+    // A factory registered over a constructor replaces the whole node, and gets the id.
+    manager.register_factory(MAP_ID, &factory);
+    object = manager.construct(MAP_ID);
+    EXPECT_NE(dynamic_cast<Probe*>(object), nullptr);
+    EXPECT_EQ(factory.calls, 1);
+    EXPECT_EQ(factory.last_id, MAP_ID);
+    delete object;
+
+    EXPECT_TRUE(manager.unregister(MAP_ID));
+    EXPECT_FALSE(manager.unregister(MAP_ID));
+    EXPECT_EQ(manager.construct(MAP_ID), nullptr);
+    EXPECT_EQ(factory.calls, 1);
+}
+
+TEST(DeserializationManagerTest, ProcessManagerIsOneObject)
+{
+    qv_test_init();
+    EXPECT_EQ(serial_manager(), serial_module()->get_deserialization_manager());
+    EXPECT_EQ(serial_module(), serial_module());
+}
+
+TEST(FileMediaTest, ObjectReaderStopsAtEndOfFile)
+{
+    qv_test_init();
+    Deserialization_manager_impl manager;
+    manager.register_class(Probe::CLASS_ID, make_probe);
+    std::FILE* file = std::tmpfile();
+    {
+        File_serializer out(file);
+        Probe first, second;
+        first.value = 1;
+        second.value = 2;
+        out.serialize(&first);
+        out.serialize(&second);
+        EXPECT_TRUE(out.is_valid());
+    }
+    std::rewind(file);
+    File_deserializer in(file, &manager);
+    std::vector<int32_t> values;
+    while (Serializable* object = in.read_object()) {
+        values.push_back(static_cast<Probe*>(object)->value);
+        EXPECT_TRUE(in.is_valid());
+        delete object;
+    }
+    EXPECT_EQ(values, (std::vector<int32_t>{1, 2}));
+    EXPECT_FALSE(in.is_valid());
+    std::fclose(file);
+
+    File_deserializer no_file(nullptr, &manager);
+    EXPECT_EQ(no_file.read_object(), nullptr);
+    EXPECT_FALSE(no_file.is_valid());
+}
+
+TEST(FileMediaTest, ShortWriteClearsValidAndLaterWritesStillGoToTheFile)
+{
+    qv_test_init();
+    // /dev/full accepts the open and refuses every byte; unbuffered, each write fails at once.
+    std::FILE* full = std::fopen("/dev/full", "wb");
+    if (!full)
+        GTEST_SKIP() << "/dev/full is not available";
+    std::setvbuf(full, nullptr, _IONBF, 0);
+    File_serializer out(full);
+    EXPECT_EQ(out.write("abcd", size_t(4)), 0u);
+    EXPECT_FALSE(out.is_valid());
+    std::fclose(full);
+
+    // A memory stream of 8 bytes: the second write runs out of room, yet after a seek the
+    // serializer still writes, and the flag stays down.
+    char buffer[8] = {};
+    std::FILE* memory = fmemopen(buffer, sizeof buffer, "r+");
+    ASSERT_NE(memory, nullptr);
+    std::setvbuf(memory, nullptr, _IONBF, 0);
+    File_serializer bounded(memory);
+    bounded.write(uint32_t(0x11111111));
+    EXPECT_TRUE(bounded.is_valid());
+    bounded.write(uint64_t(0x2222222222222222ull));
+    EXPECT_FALSE(bounded.is_valid());
+    std::fseek(memory, 0, SEEK_SET);
+    bounded.write(uint16_t(0x3333));
+    EXPECT_FALSE(bounded.is_valid());
+    std::fclose(memory);
+    EXPECT_EQ(uint8_t(buffer[0]), 0x33);
+    EXPECT_EQ(uint8_t(buffer[1]), 0x33);
+    EXPECT_EQ(uint8_t(buffer[2]), 0x11);
+}
+
+}  // namespace
