@@ -20,6 +20,7 @@ constexpr int MOD_B = MOD_QSLC;
 constexpr int MOD_PING = MOD_CB12;
 constexpr int MOD_PONG = MOD_BQSL;
 constexpr int MOD_EMPTY = MOD_CFRO;
+constexpr int MOD_CHECKED = MOD_GCPP;
 
 std::vector<std::string> g_events;
 
@@ -54,15 +55,15 @@ TEST_F(ModulesTest, ContextAreaIsCreatedZeroedOnceAndNotForSizeZero)
 {
     static int inits;
     inits = 0;
-    mod_register_context_area(MOD_A, [](void* area) {
+    mod_register_context_area(MOD_CHECKED, [](void* area) {
         EXPECT_EQ(static_cast<unsigned char*>(area)[31], 0);
         ++inits;
     }, nullptr, 32);
     mod_register_context_area(MOD_EMPTY, nullptr, nullptr, 0);
 
-    void* area = mod_context_area(MOD_A);
+    void* area = mod_context_area(MOD_CHECKED);
     ASSERT_NE(area, nullptr);
-    EXPECT_EQ(mod_context_area(MOD_A), area);
+    EXPECT_EQ(mod_context_area(MOD_CHECKED), area);
     EXPECT_EQ(inits, 1);
     EXPECT_EQ(mod_context_area(MOD_EMPTY), nullptr);
     EXPECT_EQ(thread_context()->context_areas[MOD_EMPTY], nullptr);
