@@ -1,0 +1,103 @@
+// What the Element template fixes for every concrete element, and the element's own stored form.
+#include "base/lib/mem/i_mem_allocatable.h"
+#include "serial/deserialization_manager.h"
+#include "serial/media_queue.h"
+#include "tests/database/transaction_test_elements.h"
+
+using namespace QV::DB;
+using namespace transaction_test;
+
+namespace {
+
+TEST(ElementBaseTest, TemplateFixesIdSizeAndKinship)
+{
+    qv_test_init();
+    Counted counted;
+    Sized sized;
+    sized.storage_bytes = 4096;
+    EXPECT_EQ(counted.get_class_id(), 0x3D434E54u);
+    EXPECT_EQ(counted.get_size(), sizeof(Counted));
+    EXPECT_EQ(sized.get_size(), 4096u);   // an override of the size wins
+
+    EXPECT_TRUE(counted.is_a(Counted::CLASS_ID));
+    EXPECT_TRUE(counted.is_a(0));
+    EXPECT_TRUE(sized.is_a(0));
+    EXPECT_FALSE(counted.is_a(Sized::CLASS_ID));
+    EXPECT_EQ(counted.get_job(), nullptr);
+}
+
+TEST(ElementBaseTest, CopyIsADeepCopyOfTheFinalClass)
+{
+    qv_test_init();
+    Counted::destroyed = 0;
+    Counted original(5);
+    original.label = "original";
+    original.references = {0x400, 0x401, 0x402};
+    Element_base* copy = original.copy();
+    auto* counted = dynamic_cast<Counted*>(copy);
+    ASSERT_NE(counted, nullptr);
+    EXPECT_EQ(counted->payload, 5);
+    EXPECT_EQ(counted->label, "original");
+    EXPECT_EQ(counted->references, original.references);
+    counted->references.push_back(0x403);
+    EXPECT_EQ(original.references.size(), 3u);
+    delete copy;   // through the base: the final destructor runs
+    EXPECT_EQ(Counted::destroyed, 1);
+}
+
+TEST(ElementBaseTest, ElementsAreChargedToTheModuleCurrentAtAllocation)
+{
+    qv_test_init();
+    uint64_t before = mem_module_bytes(MOD_RCGI);
+    Element_base* element;
+    {
+        Module_scope scope(MOD_RCGI);
+        element = new Counted();
+    }
+    EXPECT_GE(mem_module_bytes(MOD_RCGI), before + sizeof(Counted));
+    delete element;
+    EXPECT_EQ(mem_module_bytes(MOD_RCGI), before);
+}
+
+TEST(ElementBaseTest, StoredFormCarriesReferencesAndComesBackThroughTheManager)
+{
+    qv_test_init();
+    Counted original(-3);
+    original.label = "with refs";
+    original.references = {0x400, 0x80000401u};
+
+    QV::DB::Db_serializer out;
+    out.serialize(&original);
+    // id, count, two tags, payload (i32 and a 9-character string)
+    EXPECT_EQ(out.queue().size(), 4u + 4 + 8 + 4 + 4 + 9);
+
+    QV::SERIAL::Deserialization_manager_impl manager;
+    manager.register_class(Counted::CLASS_ID, construct_element<Counted>);
+    QV::DB::Db_deserializer in(&out.queue(), &manager);
+    QV::SERIAL::Serializable* back = in.deserialize();
+    auto* counted = dynamic_cast<Counted*>(back);
+    ASSERT_NE(counted, nullptr);
+    EXPECT_EQ(counted->payload, -3);
+    EXPECT_EQ(counted->label, "with refs");
+    EXPECT_EQ(counted->references, original.references);
+    delete back;
+}
+
+TEST(ElementBaseTest, DatabaseDeletesStoredElementsThroughTheVirtualDestructor)
+{
+    start_database();
+    get_transaction();   // installs the type-63 handler
+    Counted::destroyed = 0;
+    Db_tag tag = 0;
+    {
+        Module_scope scope(MOD_MAIN);
+        qv_db_create(&tag, DB_TYPE_SERIALIZABLE, sizeof(Counted), static_cast<Element_base*>(new Counted()));
+    }
+    const Db_type_handler& handler = qv_db_type_handler(DB_TYPE_SERIALIZABLE);
+    ASSERT_NE(handler.class_id, nullptr);
+    EXPECT_EQ(handler.class_id(qv_db_peek(tag)->data), Counted::CLASS_ID);
+    qv_db_delete(tag);
+    EXPECT_EQ(Counted::destroyed, 1);
+}
+
+}  // namespace

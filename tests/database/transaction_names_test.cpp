@@ -1,0 +1,108 @@
+// Tag names: both maps, the shared answer string, and the stale-name rule.
+#include "tests/database/transaction_test_elements.h"
+
+using namespace QV::DB;
+using namespace transaction_test;
+
+namespace {
+
+class TransactionNamesTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        start_database();
+        transaction_ = get_transaction();
+    }
+
+    Db_tag store_named(const char* name)
+    {
+        Db_tag tag = 0;
+        transaction_->store(&tag, new Counted(), name);
+        return tag;
+    }
+
+    Db_tag lookup(const char* name)
+    {
+        Db_tag tag = 77;
+        Db_tag result = transaction_->name_to_tag(&tag, name);
+        EXPECT_EQ(result, tag);
+        return tag;
+    }
+
+    Transaction* transaction_ = nullptr;
+};
+
+TEST_F(TransactionNamesTest, UnknownNullAndEmptyNamesGiveTagZero)
+{
+    Db_tag tag = store_named("names.known");
+    EXPECT_EQ(lookup("names.known"), tag);
+    EXPECT_EQ(lookup("names.never-given"), 0u);
+    EXPECT_EQ(lookup(""), 0u);
+    EXPECT_EQ(lookup(nullptr), 0u);
+    transaction_->remove(tag);
+}
+
+TEST_F(TransactionNamesTest, UnnamedTagHasNoNameAndEmptyNamesAreNotRegistered)
+{
+    Db_tag tag = store_named("");
+    EXPECT_EQ(transaction_->tag_to_name(tag), nullptr);
+    EXPECT_EQ(transaction_->tag_to_name(0), nullptr);
+    transaction_->remove(tag);
+}
+
+TEST_F(TransactionNamesTest, AnswerStringIsSharedAndOverwrittenByTheNextCall)
+{
+    Db_tag a = store_named("names.alpha");
+    Db_tag b = store_named("names.beta");
+    const char* first = transaction_->tag_to_name(a);
+    ASSERT_NE(first, nullptr);
+    EXPECT_STREQ(first, "names.alpha");
+    const char* second = transaction_->tag_to_name(b);
+    EXPECT_STREQ(second, "names.beta");
+    EXPECT_STREQ(first, "names.beta");   // same storage, now holding the later answer
+    transaction_->remove(a);
+    transaction_->remove(b);
+}
+
+TEST_F(TransactionNamesTest, RenamedTagStaysFindableUnderItsOlderName)
+{
+    Db_tag tag = store_named("names.old");
+    auto* replacement = new Counted();
+    transaction_->store_over(tag, replacement, "names.new");
+    EXPECT_STREQ(transaction_->tag_to_name(tag), "names.new");
+    EXPECT_EQ(lookup("names.new"), tag);
+    EXPECT_EQ(lookup("names.old"), tag);
+
+    // Removal drops the current name only; the older entry remains as it was.
+    transaction_->remove(tag);
+    EXPECT_EQ(lookup("names.new"), 0u);
+    EXPECT_EQ(lookup("names.old"), tag);
+    EXPECT_EQ(transaction_->tag_to_name(tag), nullptr);
+}
+
+TEST_F(TransactionNamesTest, NameGivenToAnotherTagMovesToIt)
+{
+    Db_tag first = store_named("names.shared");
+    Db_tag second = store_named("names.shared");
+    EXPECT_EQ(lookup("names.shared"), second);
+    // The first tag still reports the name it was given.
+    EXPECT_STREQ(transaction_->tag_to_name(first), "names.shared");
+
+    // Removing the first tag erases the name entry, whoever it points at now.
+    transaction_->remove(first);
+    EXPECT_EQ(lookup("names.shared"), 0u);
+    EXPECT_STREQ(transaction_->tag_to_name(second), "names.shared");
+    transaction_->remove(second);
+}
+
+TEST_F(TransactionNamesTest, StoreOverWritesTheNameEvenWhenItIsUnchanged)
+{
+    Db_tag tag = store_named("names.same");
+    Db_tag other = store_named("names.same");   // takes the name away
+    transaction_->store_over(tag, new Counted(), "names.same");
+    EXPECT_EQ(lookup("names.same"), tag);
+    transaction_->remove(other);
+    transaction_->remove(tag);
+}
+
+}  // namespace

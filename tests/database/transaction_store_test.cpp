@@ -1,0 +1,311 @@
+// Storing, replacing and removing elements through the transaction, and binding handles.
+#include <vector>
+
+#include "runtime/msg.h"
+#include "tests/database/transaction_test_elements.h"
+
+using namespace QV::DB;
+using namespace transaction_test;
+
+namespace {
+
+class TransactionStoreTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        start_database();
+        transaction_ = get_transaction();
+        Counted::destroyed = 0;
+    }
+
+    Transaction* transaction_ = nullptr;
+};
+
+TEST_F(TransactionStoreTest, StoredElementIsTheRecordDataUnderTypeSerializable)
+{
+    auto* element = new Counted(7);
+    Db_tag out = 0;
+    Db_tag tag = transaction_->store(&out, element, nullptr);
+    EXPECT_EQ(tag, out);
+    ASSERT_NE(tag, 0u);
+
+    Db_record* record = qv_db_peek(tag);
+    ASSERT_NE(record, nullptr);
+    EXPECT_EQ(record->data, static_cast<void*>(static_cast<Element_base*>(element)));
+    EXPECT_EQ(record->type, DB_TYPE_SERIALIZABLE);
+    EXPECT_EQ(record->module, MOD_DBN);
+    EXPECT_EQ(record->size, sizeof(Counted));
+    EXPECT_EQ(record->state, DB_STATE_NORMAL);
+    EXPECT_EQ(transaction_->get_class_id(tag), Counted::CLASS_ID);
+
+    // The database owns it now: removing the tag runs the element's destructor once.
+    transaction_->remove(tag);
+    EXPECT_EQ(Counted::destroyed, 1);
+}
+
+TEST_F(TransactionStoreTest, ZeroSizedElementRecordsOneByteAndKeepsItsAddress)
+{
+    auto* element = new Sized();
+    Db_tag tag = 0;
+    transaction_->store(&tag, element);
+    EXPECT_EQ(qv_db_peek(tag)->size, 1u);
+    EXPECT_EQ(qv_db_access(tag), static_cast<void*>(static_cast<Element_base*>(element)));
+
+    Db_tag second = 0;
+    auto* large = new Sized();
+    large->storage_bytes = 123456;
+    transaction_->store(&second, large);
+    EXPECT_EQ(qv_db_peek(second)->size, 123456u);
+    transaction_->remove(tag);
+    transaction_->remove(second);
+}
+
+TEST_F(TransactionStoreTest, ClassIdIsZeroForPlainDataAndForDataThatIsGone)
+{
+    Db_tag plain = 0;
+    {
+        Module_scope scope(MOD_MAIN);
+        qv_db_create(&plain, 5, 16);
+    }
+    EXPECT_EQ(transaction_->get_class_id(plain), 0u);
+
+    Db_tag tag = 0;
+    transaction_->store(&tag, new Counted());
+    qv_db_release_data(tag);
+    EXPECT_EQ(Counted::destroyed, 1);
+    EXPECT_EQ(transaction_->get_class_id(tag), 0u);
+    transaction_->remove(tag);
+    qv_db_delete(plain);
+}
+
+TEST_F(TransactionStoreTest, StoreOverDeletesTheOldDataAndTakesTheNewElement)
+{
+    Db_tag tag = 0;
+    transaction_->store(&tag, new Counted(1), "first");
+    auto* replacement = new Counted(2);
+    transaction_->store_over(tag, replacement, "second");
+    EXPECT_EQ(Counted::destroyed, 1);
+    Db_record* record = qv_db_peek(tag);
+    EXPECT_EQ(record->data, static_cast<void*>(static_cast<Element_base*>(replacement)));
+    EXPECT_EQ(record->type, DB_TYPE_SERIALIZABLE);
+    EXPECT_EQ(record->module, MOD_DB);
+    EXPECT_EQ(record->flags, 1);
+    EXPECT_EQ(record->size, sizeof(Counted));
+    EXPECT_STREQ(transaction_->tag_to_name(tag), "second");
+
+    // Storing the element that is already there must not delete it.
+    transaction_->store_over(tag, replacement, nullptr);
+    EXPECT_EQ(Counted::destroyed, 1);
+
+    // Over plain bytes: the bytes are freed and the tag becomes an element.
+    Db_tag plain = 0;
+    {
+        Module_scope scope(MOD_MAIN);
+        qv_db_create(&plain, 5, 64);
+    }
+    auto* element = new Counted(3);
+    transaction_->store_over(plain, element, nullptr);
+    EXPECT_EQ(transaction_->get_class_id(plain), Counted::CLASS_ID);
+
+    transaction_->remove(tag);
+    transaction_->remove(plain);
+    EXPECT_EQ(Counted::destroyed, 3);
+}
+
+TEST_F(TransactionStoreTest, ElementBehindAnotherBaseIsStoredAndDeletedByItsElementAddress)
+{
+    auto* element = new Two_bases();
+    Element_base* as_element = element;
+    ASSERT_NE(static_cast<void*>(as_element), static_cast<void*>(element));
+    Db_tag tag = 0;
+    transaction_->store(&tag, element);
+    Access_handle handle(tag, Two_bases::CLASS_ID);
+    EXPECT_EQ(handle.element(), as_element);
+    EXPECT_EQ(static_cast<Two_bases*>(handle.element())->answer(), 42);
+    handle.release();
+    transaction_->remove(tag);   // ASan catches a delete through the wrong address
+}
+
+TEST_F(TransactionStoreTest, CreatedTagsFollowStoreAndRemove)
+{
+    Created_tags* list = created_tags();
+    ASSERT_NE(list, nullptr);
+    // Tags other tests left on this thread's list are set aside, so that the thread-end
+    // removal below touches only this test's tags.
+    std::vector<Db_tag> others(list->tags, list->tags + list->count);
+    list->count = 0;
+    const uint32_t before = 0;
+    Db_tag a = 0, b = 0, c = 0;
+    transaction_->store(&a, new Counted());
+    transaction_->store(&b, new Counted());
+    transaction_->store(&c, new Counted());
+    ASSERT_EQ(list->count, before + 3);
+    EXPECT_EQ(list->tags[before + 2], c);
+
+    transaction_->remove(b);
+    ASSERT_EQ(list->count, before + 2);
+    EXPECT_EQ(list->tags[before], a);
+    EXPECT_EQ(list->tags[before + 1], c);
+
+    EXPECT_EQ(created_tags_take_last(), c);
+    EXPECT_EQ(list->count, before + 1);
+
+    // The end of a thread context removes what is still listed; c was taken off, so it stays.
+    created_tags_remove_all();
+    EXPECT_EQ(list->count, 0u);
+    EXPECT_EQ(Counted::destroyed, 2);
+    EXPECT_EQ(transaction_->get_class_id(c), Counted::CLASS_ID);
+    transaction_->remove(c);
+    for (Db_tag tag : others)
+        created_tags_append(tag);
+}
+
+TEST_F(TransactionStoreTest, StatelessRowsAnswerTheirFixedValues)
+{
+    EXPECT_EQ(get_transaction(), transaction_);
+    EXPECT_FALSE(transaction_->is_open());
+    EXPECT_TRUE(transaction_->is_valid());
+    EXPECT_EQ(transaction_->get_host_count(), 0);
+    uint32_t id = 99;
+    transaction_->get_id(&id);
+    EXPECT_EQ(id, 0u);
+    Transaction_scope scope{1, {2, 3}};
+    transaction_->get_scope(&scope, 5, 17);
+    EXPECT_EQ(scope.value, 17u);
+    EXPECT_EQ(scope.reserved[0], 0u);
+    EXPECT_EQ(scope.reserved[1], 0u);
+
+    static int polled = 0;
+    transaction_set_poll_hook([](int value) { polled = value; });
+    transaction_->wait();
+    EXPECT_EQ(polled, 1);
+    transaction_set_poll_hook(nullptr);
+}
+
+std::vector<std::string> g_errors;
+void record_errors(uint32_t level, const char*, const char* text, int32_t)
+{
+    if (level == MSG_ERROR)
+        g_errors.push_back(text);
+}
+
+TEST_F(TransactionStoreTest, JobRowsGoThroughTheJobModulesSupport)
+{
+    Transaction_job_support saved = transaction_job_support();
+    g_errors.clear();
+    qv_errorhandler(record_errors);
+
+    transaction_set_job_support(Transaction_job_support{});
+    Db_tag tag = 5;
+    EXPECT_EQ(transaction_->store_dummy(&tag, false), 0u);
+    EXPECT_EQ(tag, 0u);
+    EXPECT_EQ(transaction_->store_job(&tag, nullptr, "j"), 0u);
+    ASSERT_EQ(g_errors.size(), 2u);
+    EXPECT_EQ(g_errors[0], "transaction: no job support for store_dummy");
+
+    // A dummy that is not a job is stored directly, with no job tag.
+    static std::vector<Db_tag> scheduled;
+    scheduled.clear();
+    Transaction_job_support support{};
+    support.make_dummy_tag = []() -> Element_base* { return new Counted(-1); };
+    support.schedule = [](const Db_tag* tags, int count) { scheduled.assign(tags, tags + count); };
+    transaction_set_job_support(support);
+    transaction_->store_dummy(&tag, false);
+    EXPECT_FALSE(qv_db_is_job(tag));
+    EXPECT_EQ(transaction_->get_class_id(tag), Counted::CLASS_ID);
+
+    // Only job tags are scheduled.
+    transaction_->schedule(tag);
+    EXPECT_TRUE(scheduled.empty());
+    transaction_->schedule(0x40000123);
+    EXPECT_EQ(scheduled, std::vector<Db_tag>{0x40000123});
+
+    transaction_->remove(tag);
+    qv_errorhandler(nullptr);
+    transaction_set_job_support(saved);
+}
+
+// ---- Handles ------------------------------------------------------------------------------
+
+TEST_F(TransactionStoreTest, HandleOnTagZeroIsEmptyAndReleasesQuietly)
+{
+    Access_handle handle;
+    EXPECT_EQ(handle.bind(0, qv_class_id("=MAP"), true), nullptr);
+    EXPECT_EQ(handle.object(), nullptr);
+    EXPECT_EQ(handle.record(), nullptr);
+    EXPECT_EQ(handle.transaction(), get_transaction());
+    handle.release_flush();
+    handle.release();
+    EXPECT_EQ(handle.tag(), 0u);
+}
+
+TEST_F(TransactionStoreTest, HandlesBindWithoutCopyAndTwoEditorsDoNotWait)
+{
+    auto* element = new Counted(10);
+    Db_tag tag = 0;
+    transaction_->store(&tag, element);
+
+    Access_handle first(tag, Counted::CLASS_ID, true);
+    Access_handle second;
+    second.bind(first);
+    EXPECT_EQ(first.element(), element);
+    EXPECT_EQ(second.element(), element);
+    EXPECT_TRUE(second.is_edit());
+    static_cast<Counted*>(first.element())->payload = 11;
+    static_cast<Counted*>(second.element())->payload += 1;
+    EXPECT_EQ(element->payload, 12);
+
+    // A bind releases the old binding first; binding a handle to itself keeps the tag.
+    Access_handle third(tag, 0);
+    third.bind(third);
+    EXPECT_EQ(third.tag(), tag);
+    EXPECT_EQ(third.element(), element);
+
+    Access_handle moved(std::move(first));
+    EXPECT_EQ(first.tag(), 0u);
+    EXPECT_EQ(moved.element(), element);
+
+    // An untracked element holds no pin, so nothing keeps the handles from letting go.
+    moved.release();
+    second.release();
+    third.release();
+    EXPECT_EQ(Counted::destroyed, 0);
+    transaction_->remove(tag);
+    EXPECT_EQ(Counted::destroyed, 1);
+}
+
+TEST_F(TransactionStoreTest, HeapElementEntersTheDatabaseOnlyWhenStored)
+{
+    static int released = 0;
+    released = 0;
+    {
+        Element_dbhandle handle(new Counted(1));
+        EXPECT_FALSE(handle.owned_by_database());
+        EXPECT_EQ(handle.tag(), 0u);
+    }
+    EXPECT_EQ(Counted::destroyed, 1);   // never stored: the handle deleted it
+
+    auto* element = new Counted(2);
+    Db_tag tag = 0;
+    {
+        Element_dbhandle handle(element, [](Element_base*) { ++released; });
+        tag = handle.store();
+        ASSERT_NE(tag, 0u);
+        EXPECT_EQ(handle.store(), tag);   // a second store gives the same tag
+        EXPECT_TRUE(handle.owned_by_database());
+        EXPECT_EQ(handle.get(), element);
+        EXPECT_EQ(qv_db_access(tag), static_cast<void*>(static_cast<Element_base*>(element)));
+    }
+    EXPECT_EQ(released, 1);
+    EXPECT_EQ(Counted::destroyed, 1);   // stored: it stays under its tag
+    {
+        Element_dbhandle again(tag, Counted::CLASS_ID, false);
+        EXPECT_EQ(again.get(), element);
+        EXPECT_EQ(again.store(), tag);
+    }
+    EXPECT_EQ(Counted::destroyed, 1);
+    transaction_->remove(tag);
+    EXPECT_EQ(Counted::destroyed, 2);
+}
+
+}  // namespace
