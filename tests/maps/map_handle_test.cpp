@@ -1,0 +1,316 @@
+// Map iterators and handles: walking by index, in-place access and its status values, and the
+// life of a map behind an access or edit handle.
+
+#include <gtest/gtest.h>
+
+#include "database/db.h"
+#include "database/transaction.h"
+#include "maps/map_dbhandle.h"
+#include "maps/map_declaration.h"
+#include "maps/map_element.h"
+#include "maps/map_impl.h"
+#include "maps/map_iterator.h"
+#include "maps/rcmp_module.h"
+#include "runtime/msg.h"
+#include "tests/test_support.h"
+
+using namespace QV::RCMAP;
+using namespace qv::shader_v3;
+
+namespace {
+
+class MapHandleTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        qv_test_init();
+        rcmp_init(true);
+        msg_set_host_number(0);
+        thread_context()->host_number = 0;
+        if (!qv_db_started())
+            qv_db_init();
+    }
+};
+
+Map_declaration_impl point_declaration()
+{
+    Map_declaration_impl d(3);
+    d.add_scalar("w");         // 0
+    d.add_integer("id");       // 1
+    d.add_scalar_array("rgb", 3); // 2
+    return d;
+}
+
+// A committed map of `count` elements: element i at (i, 2i, -i) with id i.
+Map_impl* filled_map(uint32_t count)
+{
+    const Map_declaration_impl d = point_declaration();
+    auto* map = new Map_impl(d);
+    Map_element_impl e(&d);
+    for (uint32_t i = 0; i < count; ++i) {
+        const float position[3] = {float(i), 2.0f * float(i), -float(i)};
+        e.set_position(position);
+        e.set(1, int32_t(i));
+        map->append(&e);
+    }
+    map->commit();
+    return map;
+}
+
+} // namespace
+
+TEST_F(MapHandleTest, IteratorOnAnEmptyMapIsAtEndAtOnce)
+{
+    Map_impl* map = filled_map(0);
+    Map_iterator_impl it(map);
+    Map_status status = MAP_NO_DECLARATION;
+    EXPECT_TRUE(it.at_end(&status));
+    EXPECT_EQ(status, MAP_SUCCESS);
+    EXPECT_EQ(it.current(&status), 1u);
+    EXPECT_EQ(status, MAP_ITERATOR_AT_END);
+    EXPECT_EQ(it.next(), MAP_ITERATOR_AT_END);
+    EXPECT_EQ(it.set_to(0), MAP_ITERATOR_OUT_OF_RANGE);
+    delete map;
+}
+
+TEST_F(MapHandleTest, IteratorWithoutMapAnswers48Everywhere)
+{
+    Map_iterator_impl it(static_cast<Map_impl*>(nullptr), true);
+    Map_status status = MAP_SUCCESS;
+    EXPECT_TRUE(it.at_end(&status));
+    EXPECT_EQ(status, MAP_ITERATOR_NO_MAP);
+    EXPECT_EQ(it.current(&status), 0u);
+    EXPECT_EQ(status, MAP_ITERATOR_NO_MAP);
+    EXPECT_EQ(it.reset(), MAP_ITERATOR_NO_MAP);
+    EXPECT_EQ(it.next(), MAP_ITERATOR_NO_MAP);
+    EXPECT_EQ(it.previous(), MAP_ITERATOR_NO_MAP);
+    EXPECT_EQ(it.skip(0), MAP_ITERATOR_NO_MAP);
+    EXPECT_EQ(it.set_to(0), MAP_ITERATOR_NO_MAP);
+    float s;
+    EXPECT_EQ(it.get(0, s), MAP_ITERATOR_NO_MAP);
+    EXPECT_EQ(it.set(0, 1.0f), MAP_ITERATOR_NO_MAP);
+    Map_element_impl e;
+    EXPECT_EQ(it.get(&e), MAP_ITERATOR_NO_MAP);
+    Map_vector3 p{};
+    EXPECT_EQ(it.set_position(p), MAP_ITERATOR_NO_MAP);
+}
+
+TEST_F(MapHandleTest, WalkingRulesOfNextPreviousAndSkip)
+{
+    Map_impl* map = filled_map(5);
+    Map_iterator_impl it(map);
+    Map_status status;
+
+    // previous at 0 keeps the index.
+    EXPECT_EQ(it.previous(), MAP_ITERATOR_OUT_OF_RANGE);
+    EXPECT_EQ(it.current(nullptr), 0u);
+
+    // skip(n) moves n + 1, and never onto the end.
+    EXPECT_EQ(it.skip(0), MAP_SUCCESS);
+    EXPECT_EQ(it.current(nullptr), 1u);
+    EXPECT_EQ(it.skip(2), MAP_SUCCESS);
+    EXPECT_EQ(it.current(nullptr), 4u);
+    EXPECT_EQ(it.skip(0), MAP_ITERATOR_OUT_OF_RANGE);
+    EXPECT_EQ(it.current(nullptr), 4u);
+    EXPECT_EQ(it.skip(0xFFFFFFFFu), MAP_ITERATOR_OUT_OF_RANGE);
+
+    // next steps onto the end; there previous is refused and the index kept.
+    EXPECT_EQ(it.next(), MAP_SUCCESS);
+    EXPECT_TRUE(it.at_end(nullptr));
+    EXPECT_EQ(it.current(&status), 6u);
+    EXPECT_EQ(status, MAP_ITERATOR_AT_END);
+    EXPECT_EQ(it.previous(), MAP_ITERATOR_AT_END);
+    EXPECT_EQ(it.skip(0), MAP_ITERATOR_AT_END);
+    EXPECT_EQ(it.next(), MAP_ITERATOR_AT_END);
+    EXPECT_TRUE(it.at_end(nullptr));
+
+    EXPECT_EQ(it.set_to(5), MAP_ITERATOR_OUT_OF_RANGE);
+    EXPECT_EQ(it.set_to(2), MAP_SUCCESS);
+    EXPECT_EQ(it.previous(), MAP_SUCCESS);
+    EXPECT_EQ(it.current(nullptr), 1u);
+    EXPECT_EQ(it.reset(), MAP_SUCCESS);
+    EXPECT_EQ(it.current(nullptr), 0u);
+    delete map;
+}
+
+TEST_F(MapHandleTest, IteratorReadsAndWritesInPlace)
+{
+    Map_impl* map = filled_map(40);
+    Map_iterator_impl it(map);
+    uint32_t visited = 0;
+    for (it.reset(); !it.at_end(nullptr); it.next()) {
+        int32_t id = -1;
+        ASSERT_EQ(it.get(1, id), MAP_SUCCESS);
+        ASSERT_EQ(id, int32_t(visited));
+        float position[3];
+        ASSERT_EQ(it.get_position(position), MAP_SUCCESS);
+        ASSERT_EQ(position[1], 2.0f * float(visited));
+        ASSERT_EQ(it.set(0, float(visited) * 0.5f), MAP_SUCCESS);
+        ++visited;
+    }
+    EXPECT_EQ(visited, 40u);
+
+    // The writes reached the map; the colour accessor reads the three-float field.
+    ASSERT_EQ(it.set_to(9), MAP_SUCCESS);
+    const Map_color tint{0.1f, 0.2f, 0.3f, 0.9f};
+    ASSERT_EQ(it.set(2, &tint), MAP_SUCCESS);
+    Map_element_impl e;
+    ASSERT_EQ(map->get(9, &e), MAP_SUCCESS);
+    float w = 0;
+    e.get(0, w);
+    EXPECT_EQ(w, 4.5f);
+    Map_color back{};
+    ASSERT_EQ(it.get(2, back), MAP_SUCCESS);
+    EXPECT_EQ(back.b, 0.3f);
+    EXPECT_EQ(back.a, 1.0f);
+
+    // Whole elements through the iterator.
+    e.set(1, int32_t{1000});
+    ASSERT_EQ(it.set(&e), MAP_SUCCESS);
+    Map_element_impl copy;
+    ASSERT_EQ(it.get(&copy), MAP_SUCCESS);
+    int32_t id = 0;
+    copy.get(1, id);
+    EXPECT_EQ(id, 1000);
+    delete map;
+}
+
+TEST_F(MapHandleTest, IteratorAccessStatusValues)
+{
+    Map_impl* map = filled_map(3);
+    Map_iterator_impl it(map, true);
+    float s;
+    EXPECT_EQ(it.get(7, s), MAP_NO_SUCH_FIELD);
+    EXPECT_EQ(it.get(1, s), MAP_FIELD_TYPE_MISMATCH);
+
+    Map_declaration_impl d2(2);
+    Map_impl flat(d2);
+    Map_iterator_impl it2(&flat);
+    Map_vector3 p{};
+    EXPECT_EQ(it2.get_position(p), MAP_WRONG_DIMENSION);
+    EXPECT_EQ(it2.set_position(p), MAP_WRONG_DIMENSION);
+
+    // A map that may not be changed refuses setters before looking at the field.
+    map->editable = false;
+    EXPECT_EQ(it.set(99, 1.0f), MAP_NOT_EDITABLE);
+    EXPECT_EQ(it.set_position(p), MAP_NOT_EDITABLE);
+    EXPECT_EQ(it.get(0, s), MAP_SUCCESS);
+    map->editable = true;
+
+    // With check_end, the end position stops every access first.
+    it.set_to(2);
+    it.next();
+    EXPECT_EQ(it.get(99, s), MAP_ITERATOR_AT_END);
+    EXPECT_EQ(it.set(0, 1.0f), MAP_ITERATOR_AT_END);
+    EXPECT_EQ(it.get_position(p), MAP_ITERATOR_AT_END);
+    Map_element_impl e;
+    EXPECT_EQ(it.get(&e), MAP_ITERATOR_AT_END);
+
+    // A map without declaration.
+    Map_impl bare;
+    Map_iterator_impl it3(&bare);
+    EXPECT_EQ(it3.get(0, s), MAP_NO_DECLARATION);
+    EXPECT_EQ(it3.get_position(p), MAP_NO_DECLARATION);
+    delete map;
+}
+
+TEST_F(MapHandleTest, MovingAPositionMarksTheBvhStaleAndAFieldDoesNot)
+{
+    Map_impl* map = filled_map(4);
+    map->needs_build = map->needs_refit = false;
+    Map_iterator_impl it(map);
+    it.set_to(1);
+    ASSERT_EQ(it.set(0, 2.0f), MAP_SUCCESS);
+    EXPECT_FALSE(map->needs_build || map->needs_refit);
+    const Map_vector3 far{100.0f, 200.0f, 300.0f};
+    ASSERT_EQ(it.set_position(far), MAP_SUCCESS);
+    EXPECT_TRUE(map->needs_build || map->needs_refit);
+    EXPECT_GE(map->get_bounds().maximum[2], 300.0f);
+    Map_vector3 back{};
+    it.get_position(back);
+    EXPECT_EQ(back.y, 200.0f);
+    delete map;
+}
+
+TEST_F(MapHandleTest, StoreHandsTheMapToTheDatabaseOnce)
+{
+    Db_tag tag = 0;
+    {
+        Edit_map_dbhandle_impl edit(filled_map(6));
+        EXPECT_EQ(edit.get_tag(), 0u);
+        EXPECT_FALSE(edit.is_in_database());
+        Map_impl* before = edit.get_map();
+        tag = edit.store();
+        ASSERT_NE(tag, 0u);
+        EXPECT_EQ(edit.store(), tag);
+        EXPECT_EQ(edit.get_tag(), tag);
+        EXPECT_TRUE(edit.is_in_database());
+        // The same object, now reached through the database.
+        EXPECT_EQ(edit.get_map(), before);
+    }
+    // The handle's end left the map in the database, committed and readable.
+    EXPECT_EQ(QV::DB::get_transaction()->get_class_id(tag), MAP_CLASS_ID);
+    {
+        Access_map_dbhandle_impl read(tag);
+        ASSERT_NE(read.get(), nullptr);
+        EXPECT_EQ(read.get_tag(), tag);
+        EXPECT_EQ(read.store(), tag);
+        EXPECT_EQ(read.get()->size(), 6u);
+        Map_iterator_impl it(read.get());
+        it.set_to(5);
+        int32_t id = 0;
+        EXPECT_EQ(it.get(1, id), MAP_SUCCESS);
+        EXPECT_EQ(id, 5);
+    }
+    // Release removes the tag; the handle is empty afterwards and releasing again is harmless.
+    Edit_map_dbhandle_impl edit(tag);
+    ASSERT_NE(edit.get(), nullptr);
+    edit.release();
+    EXPECT_EQ(edit.get(), nullptr);
+    EXPECT_EQ(edit.get_tag(), 0u);
+    edit.release();
+    const Db_record* record = qv_db_peek(tag);
+    EXPECT_TRUE(record == nullptr || record->data == nullptr);
+}
+
+TEST_F(MapHandleTest, HandlesOwnWhatTheyMake)
+{
+    const Map_declaration_impl d = point_declaration();
+    {
+        Edit_map_dbhandle_impl edit(&d);
+        ASSERT_NE(edit.get(), nullptr);
+        EXPECT_TRUE(edit.get()->has_declaration());
+        EXPECT_EQ(edit.get()->size(), 0u);
+        EXPECT_EQ(edit.get_tag(), 0u);
+        // An owned map is deleted by release (the sanitizer build would see a leak or a
+        // double free otherwise).
+        edit.release();
+        EXPECT_EQ(edit.get(), nullptr);
+        EXPECT_EQ(edit.store(), 0u);
+    }
+    {
+        Edit_map_dbhandle_impl edit(static_cast<const Map_declaration_impl*>(nullptr));
+        ASSERT_NE(edit.get(), nullptr);
+        EXPECT_FALSE(edit.get()->has_declaration());
+    }
+    {
+        // A tag of 0 gives an empty handle.
+        Access_map_dbhandle_impl read(Db_tag{0});
+        EXPECT_EQ(read.get(), nullptr);
+        EXPECT_EQ(read.store(), 0u);
+    }
+}
+
+TEST_F(MapHandleTest, FileHandlesReportAFailedReadAndStillOwnAMap)
+{
+    Map_status status = MAP_SUCCESS;
+    Access_map_dbhandle_impl read("/nonexistent/dir/none.map", &status);
+    EXPECT_NE(status, MAP_SUCCESS);
+    ASSERT_NE(read.get(), nullptr);
+    EXPECT_EQ(read.get()->size(), 0u);
+
+    status = MAP_SUCCESS;
+    Edit_map_dbhandle_impl edit("/nonexistent/dir/none.map", &status);
+    EXPECT_NE(status, MAP_SUCCESS);
+    EXPECT_NE(edit.get(), nullptr);
+}
