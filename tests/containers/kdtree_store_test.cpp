@@ -14,6 +14,7 @@
 #include "containers/paged_array.h"
 #include "database/db.h"
 #include "database/scene_types.h"
+#include "database/transaction.h"
 #include "runtime/msg.h"
 #include "runtime/threads.h"
 #include "tests/test_support.h"
@@ -396,6 +397,8 @@ TEST_F(KdtreeStoreTest, ChunksFromConcurrentWriters)
         threads.emplace_back([&, w] {
             thread_init_current();
             add_points(tag, points, size_t(w) * 2000, size_t(w + 1) * 2000);
+            // Without DBN's context area nobody else frees this thread's list of stored tags.
+            QV::DB::created_tags_free(QV::DB::created_tags());
             thread_end_current();
         });
     }
