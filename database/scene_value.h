@@ -50,6 +50,7 @@ public:
 
 class BoolValue : public Value {
 public:
+    using Value::get;  // the refused reads stay callable on the subclass
     explicit BoolValue(bool value = false) : value_(value) {}
     bool get(int32_t& value) const override;
     bool get(bool& value) const override;
@@ -63,6 +64,7 @@ private:
 
 class IntValue : public Value {
 public:
+    using Value::get;  // the refused reads stay callable on the subclass
     explicit IntValue(int32_t value = 0) : value_(value) {}
     bool get(float& value) const override;
     bool get(int32_t& value) const override;
@@ -77,6 +79,7 @@ private:
 
 class FloatValue : public Value {
 public:
+    using Value::get;  // the refused reads stay callable on the subclass
     explicit FloatValue(float value = 0) : value_(value) {}
     bool get(float (&value)[4]) const override;
     bool get(float (&value)[3]) const override;
@@ -92,6 +95,7 @@ private:
 
 class Float2Value : public Value {
 public:
+    using Value::get;  // the refused reads stay callable on the subclass
     Float2Value(float x = 0, float y = 0) : value_{x, y} {}
     bool get(float (&value)[2]) const override;
     bool get(float& value) const override;          // the first component
@@ -105,6 +109,7 @@ private:
 
 class Float3Value : public Value {
 public:
+    using Value::get;  // the refused reads stay callable on the subclass
     Float3Value(float x = 0, float y = 0, float z = 0) : value_{x, y, z} {}
     bool get(float (&value)[3]) const override;
     bool get(float (&value)[2]) const override;
@@ -119,6 +124,7 @@ private:
 
 class Float4Value : public Value {
 public:
+    using Value::get;  // the refused reads stay callable on the subclass
     Float4Value(float x = 0, float y = 0, float z = 0, float w = 0) : value_{x, y, z, w} {}
     bool get(float (&value)[4]) const override;
     bool get(float (&value)[3]) const override;
@@ -134,6 +140,7 @@ private:
 
 class StringValue : public Value {
 public:
+    using Value::get;  // the refused reads stay callable on the subclass
     explicit StringValue(std::string value = {}) : value_(std::move(value)) {}
     bool get(std::string& value) const override;
     void print(std::ostream& out) const override;

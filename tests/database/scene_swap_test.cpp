@@ -1,0 +1,204 @@
+// Byte-order conversion by layout string, and the swap handlers of the type table.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "database/scene_records.h"
+#include "database/scene_swap.h"
+#include "database/scene_types.h"
+
+namespace {
+
+std::vector<unsigned char> random_bytes(size_t count, unsigned seed)
+{
+    std::mt19937 generator(seed);
+    std::vector<unsigned char> bytes(count);
+    for (unsigned char& byte : bytes)
+        byte = static_cast<unsigned char>(generator());
+    return bytes;
+}
+
+uint32_t big_endian_32(uint32_t value) { return __builtin_bswap32(value); }
+
+Db_record record_over(std::vector<unsigned char>& bytes)
+{
+    Db_record record{};
+    record.data = bytes.data();
+    record.size = uint32_t(bytes.size());
+    return record;
+}
+
+// The layouts of the message header, the classic final-gather file and the scene headers, with
+// the sizes their records are known to have.
+struct Known_layout {
+    const char* layout;
+    size_t bytes;
+};
+const Known_layout KNOWN_LAYOUTS[] = {
+    {"3c2i11i", 64}, {"2f5fii8f5f", 104}, {"i4i2f5fii8f5f", 128}, {"6i3cscc", 36}, {"5icccciissiiii", 56},
+};
+
+TEST(SceneSwapTest, CountBeforeLetterMeansOneMoreItem)
+{
+    for (const Known_layout& known : KNOWN_LAYOUTS) {
+        EXPECT_EQ(qv_scene_layout_size(known.layout), known.bytes) << known.layout;
+        std::vector<unsigned char> bytes(known.bytes + 16, 0);
+        EXPECT_EQ(qv_scene_swap_layout(bytes.data(), known.layout), known.bytes) << known.layout;
+    }
+    EXPECT_EQ(qv_scene_layout_size("c"), 1u);
+    EXPECT_EQ(qv_scene_layout_size("0c"), 1u);
+    EXPECT_EQ(qv_scene_layout_size("1c"), 2u);
+    EXPECT_EQ(qv_scene_layout_size("79c"), 80u);
+    EXPECT_EQ(qv_scene_layout_size("5i"), 24u);
+}
+
+TEST(SceneSwapTest, SwappingTwiceGivesTheRecordBack)
+{
+    unsigned seed = 1;
+    for (const Known_layout& known : KNOWN_LAYOUTS) {
+        std::vector<unsigned char> bytes = random_bytes(known.bytes, seed++);
+        const std::vector<unsigned char> original = bytes;
+        qv_scene_swap_layout(bytes.data(), known.layout);
+        EXPECT_NE(bytes, original) << known.layout;
+        qv_scene_swap_layout(bytes.data(), known.layout);
+        EXPECT_EQ(bytes, original) << known.layout;
+    }
+}
+
+TEST(SceneSwapTest, EachLetterConvertsItsOwnWidthAtTheRightPlace)
+{
+    // "6i3cscc": seven words, four bytes left alone, a 16-bit field, two bytes left alone.
+    std::vector<unsigned char> bytes(36);
+    for (size_t i = 0; i < bytes.size(); ++i)
+        bytes[i] = static_cast<unsigned char>(i);
+    qv_scene_swap_layout(bytes.data(), "6i3cscc");
+    for (int word = 0; word < 7; ++word)
+        for (int b = 0; b < 4; ++b)
+            EXPECT_EQ(bytes[word * 4 + b], word * 4 + 3 - b) << "word " << word;
+    for (int i = 28; i < 32; ++i)
+        EXPECT_EQ(bytes[i], i);
+    EXPECT_EQ(bytes[32], 33);
+    EXPECT_EQ(bytes[33], 32);
+    EXPECT_EQ(bytes[34], 34);
+    EXPECT_EQ(bytes[35], 35);
+
+    // A double is reversed as one eight-byte unit.
+    double value = 1.5;
+    uint64_t bits;
+    std::memcpy(&bits, &value, 8);
+    bits = __builtin_bswap64(bits);
+    std::memcpy(&value, &bits, 8);
+    qv_scene_swap_layout(&value, "d");
+    EXPECT_EQ(value, 1.5);
+}
+
+TEST(SceneSwapTest, PointerFieldsComeOutZero)
+{
+    struct {
+        void* pointer;
+        uint32_t word;
+        uint32_t pad;
+    } record{&record, big_endian_32(77), 0};
+    qv_scene_swap_layout(&record, "pic");
+    EXPECT_EQ(record.pointer, nullptr);
+    EXPECT_EQ(record.word, 77u);
+}
+
+TEST(SceneSwapTest, CountCarriesOverCharactersThatAreNoLetter)
+{
+    // '3' then 'x' (inside '0'..'s') then 'i': four integers. ' ' and 'z' are outside the range.
+    uint32_t words[5] = {big_endian_32(1), big_endian_32(2), big_endian_32(3), big_endian_32(4), 0x11223344};
+    EXPECT_EQ(qv_scene_swap_layout(words, "3x i"), 16u);
+    EXPECT_EQ(words[0], 1u);
+    EXPECT_EQ(words[3], 4u);
+    EXPECT_EQ(words[4], 0x11223344u);
+    EXPECT_EQ(qv_scene_layout_size("1zd"), 16u);
+}
+
+TEST(SceneSwapTest, FuncdeclHandlerReadsItsCountersAfterConvertingThem)
+{
+    // A foreign declaration: no result declaration bytes, two subtags after the fixed head.
+    const uint32_t size = qv_scene_funcdecl_size(0, 2);
+    std::vector<unsigned char> bytes(size, 0);
+    auto* decl = reinterpret_cast<Scene_funcdecl*>(bytes.data());
+    decl->cache = bytes.data();
+    decl->language = int32_t(big_endian_32(1));
+    decl->subtag_count = int32_t(big_endian_32(2));
+    decl->root = big_endian_32(0x400);
+    std::strcpy(decl->name, "foreign");
+    const uint32_t subtags[2] = {big_endian_32(0x401), big_endian_32(0x402)};
+    std::memcpy(bytes.data() + SCENE_FUNCDECL_FIXED, subtags, sizeof subtags);
+
+    Db_record record = record_over(bytes);
+    Scene_swap_fn swap = qv_scene_handlers(SCENE_FUNCDECL).swap;
+    ASSERT_NE(swap, nullptr);
+    swap(&record, false);
+    EXPECT_EQ(decl->subtag_count, int32_t(big_endian_32(2))) << "a false flag changes nothing";
+    swap(&record, true);
+
+    EXPECT_EQ(decl->cache, nullptr);
+    EXPECT_EQ(decl->language, 1);
+    EXPECT_EQ(decl->subtag_count, 2);
+    EXPECT_EQ(decl->root, 0x400u);
+    EXPECT_STREQ(decl->name, "foreign");
+    uint32_t native[2];
+    std::memcpy(native, bytes.data() + SCENE_FUNCDECL_FIXED, sizeof native);
+    EXPECT_EQ(native[0], 0x401u);
+    EXPECT_EQ(native[1], 0x402u);
+}
+
+TEST(SceneSwapTest, RecordHandlersConvertFixedPartAndTail)
+{
+    // Instance: the layout for the first 316 bytes, then 32-bit words to the end.
+    std::vector<unsigned char> instance = random_bytes(SCENE_INSTANCE_SIZE + 8, 7);
+    const std::vector<unsigned char> original = instance;
+    Db_record record = record_over(instance);
+    qv_scene_handlers(SCENE_INSTANCE).swap(&record, true);
+    for (size_t word = 316 / 4; word < instance.size() / 4; ++word)
+        for (int b = 0; b < 4; ++b)
+            ASSERT_EQ(instance[word * 4 + b], original[word * 4 + 3 - b]) << "tail word " << word;
+    qv_scene_handlers(SCENE_INSTANCE).swap(&record, true);
+    EXPECT_EQ(instance, original);
+
+    // Vertices are swapped in 16-bit units, geovectors in 64-bit ones.
+    uint16_t vertices[4] = {0x0102, 0x0304, 0x0506, 0x0708};
+    Db_record vertex{};
+    vertex.data = vertices;
+    vertex.size = sizeof vertices;
+    qv_scene_handlers(SCENE_VERTEX).swap(&vertex, true);
+    EXPECT_EQ(vertices[0], 0x0201);
+    EXPECT_EQ(vertices[3], 0x0807);
+
+    double geovector[2] = {1.0, 2.0};
+    uint64_t expected;
+    std::memcpy(&expected, &geovector[1], 8);
+    expected = __builtin_bswap64(expected);
+    Db_record geo{};
+    geo.data = geovector;
+    geo.size = sizeof geovector;
+    qv_scene_handlers(SCENE_GEOVECTOR).swap(&geo, true);
+    uint64_t converted;
+    std::memcpy(&converted, &geovector[1], 8);
+    EXPECT_EQ(converted, expected);
+}
+
+TEST(SceneSwapTest, ItemRecordsConvertEveryWholeItemAndNothingBeyond)
+{
+    // Two polygons ("iiiicccc", 20 bytes each) and a stray partial item of 4 bytes.
+    std::vector<unsigned char> bytes = random_bytes(44, 3);
+    const std::vector<unsigned char> original = bytes;
+    Db_record record = record_over(bytes);
+    qv_scene_handlers(SCENE_POLYGON).swap(&record, true);
+    for (int item = 0; item < 2; ++item) {
+        const int base = item * 20;
+        EXPECT_EQ(bytes[base + 0], original[base + 3]);
+        EXPECT_EQ(bytes[base + 12], original[base + 15]);
+        EXPECT_EQ(bytes[base + 16], original[base + 16]) << "the c bytes stay";
+    }
+    for (int i = 40; i < 44; ++i)
+        EXPECT_EQ(bytes[i], original[i]);
+}
+
+}  // namespace

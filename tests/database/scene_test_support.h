@@ -1,0 +1,47 @@
+// Fixture of the scene and job tests: a fresh database with SCENE and DBN up, and the messages
+// captured (see DbTest).
+#pragma once
+
+#include <string>
+
+#include "database/dbn.h"
+#include "database/element.h"
+#include "database/job.h"
+#include "database/scene_types.h"
+#include "tests/database/db_test_support.h"
+
+class SceneTest : public DbTest {
+protected:
+    void SetUp() override
+    {
+        DbTest::SetUp();
+        qv_dbn_init();
+        qv_scene_init();
+        // DbTest's tear-down clears the database hooks these modules installed at their start.
+        QV::DB::element_install_db_handler();
+        qv_db_set_type_name_hook(qv_scene_type_name);
+        QV::SCHED::qv_job_set_runner(QV::SCHED::qv_job_inert_runner());
+    }
+
+    void TearDown() override
+    {
+        QV::SCHED::qv_job_set_runner(QV::SCHED::qv_job_inert_runner());
+        DbTest::TearDown();
+    }
+
+    static int errors_with(const std::string& fragment)
+    {
+        int count = 0;
+        for (const Db_message& message : db_messages())
+            count += message.level == MSG_ERROR && message.text.find(fragment) != std::string::npos;
+        return count;
+    }
+
+    static int error_count()
+    {
+        int count = 0;
+        for (const Db_message& message : db_messages())
+            count += message.level == MSG_ERROR;
+        return count;
+    }
+};

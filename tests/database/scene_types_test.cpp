@@ -1,0 +1,246 @@
+// The type table: names, registration, create/resize/copy/delete/unlink, and the options values.
+#include <sstream>
+
+#include "database/scene_value.h"
+#include "database/transaction.h"
+#include "serial/media_queue.h"
+#include "tests/database/scene_test_support.h"
+
+namespace {
+
+using QV::SCENE::Options;
+
+class SceneTypesTest : public SceneTest {};
+
+int record_unlink(Db_tag, Db_tag child) { return child == 0x1234 ? 1 : 0; }
+
+TEST_F(SceneTypesTest, TypeNamesFollowTheTable)
+{
+    EXPECT_STREQ(qv_scene_type_name(0), "null");
+    EXPECT_STREQ(qv_scene_type_name(63), "serializable");
+    EXPECT_STREQ(qv_scene_type_name(83), qv_scene_type_name(71));
+    EXPECT_STREQ(qv_scene_type_name(83), "render_data");
+    EXPECT_STREQ(qv_scene_type_name(91), "rcb_split_job");
+    EXPECT_STREQ(qv_scene_type_name(109), "kdtree_accel");
+    EXPECT_STREQ(qv_scene_type_name(27), "invalid");
+    EXPECT_STREQ(qv_scene_type_name(111), "invalid");
+    EXPECT_STREQ(qv_scene_type_name(127), "invalid");
+    EXPECT_STREQ(qv_scene_type_name(128), "invalid");
+    EXPECT_STREQ(qv_scene_type_name(-1), "invalid");
+}
+
+TEST_F(SceneTypesTest, RegistrationAcceptsOnlyTheFreeNumbers)
+{
+    for (int type : {39, 64, 127}) {
+        db_messages().clear();
+        EXPECT_EQ(qv_scene_register_type(type, nullptr, nullptr, nullptr, nullptr, record_unlink), 1) << type;
+        EXPECT_EQ(qv_scene_handlers(type).unlink, record_unlink);
+        EXPECT_EQ(error_count(), 0);
+        qv_scene_register_type(type, nullptr, nullptr, nullptr, nullptr, nullptr);
+    }
+    const Scene_swap_fn funcdecl_swap = qv_scene_handlers(SCENE_FUNCDECL).swap;
+    for (int type : {1, 38, 63, 128, -5}) {
+        db_messages().clear();
+        EXPECT_EQ(qv_scene_register_type(type, nullptr, nullptr, nullptr, nullptr, record_unlink), 0) << type;
+        // Error 4 of module SCENE (7), as the message layer numbers it (errors share class 1).
+        EXPECT_EQ(count_messages((7 * 10 + 1) * 1000 + SCENE_ERROR_REGISTER_RANGE), 1);
+        EXPECT_TRUE(has_text("qv_scene_register_type: type number out of range"));
+    }
+    EXPECT_EQ(qv_scene_handlers(SCENE_FUNCDECL).swap, funcdecl_swap);
+    EXPECT_EQ(qv_scene_handlers(38).unlink, nullptr);
+    EXPECT_EQ(qv_scene_handlers(63).unlink, nullptr);
+}
+
+TEST_F(SceneTypesTest, CreateSizesArraysAndStampsTheCaller)
+{
+    Thread_context* context = thread_context();
+    Module_scope caller(MOD_RCFG);
+    Db_tag vectors = 0;
+    ASSERT_NE(qv_scene_create(&vectors, SCENE_VECTOR, 5), nullptr);
+    Db_record* record = qv_db_peek(vectors);
+    EXPECT_EQ(record->size, 5u * 12u);
+    EXPECT_EQ(record->module, MOD_RCFG);
+    EXPECT_EQ(record->flags, 7);
+    EXPECT_EQ(record->refs, 0u);
+    EXPECT_EQ(record->priv, 0);
+    EXPECT_EQ(context->current_module, MOD_RCFG);
+    qv_db_unpin(vectors);  // a tracked type keeps its creation pin
+
+    Db_tag quosl = 0;
+    qv_scene_create(&quosl, SCENE_QUOSL, 1000);
+    EXPECT_EQ(qv_db_size(quosl), 32u);
+
+    Db_tag decl = 0;
+    auto* data = static_cast<Scene_funcdecl*>(qv_scene_create(&decl, SCENE_FUNCDECL, 6, 3));
+    EXPECT_EQ(qv_db_size(decl), qv_scene_funcdecl_size(6, 3));
+    EXPECT_EQ(data->result_size, 6);
+    EXPECT_EQ(data->subtag_count, 3);
+}
+
+TEST_F(SceneTypesTest, ResizeGrowsArraysAndRefusesFixedTypes)
+{
+    Db_tag tags = 0;
+    qv_scene_create(&tags, SCENE_TAG, 2);
+    qv_scene_resize(tags, 10);
+    EXPECT_EQ(qv_db_size(tags), 40u);
+
+    Db_tag group = 0;
+    qv_scene_create(&group, SCENE_GROUP, 1);
+    qv_scene_resize(group, 4);
+    EXPECT_EQ(qv_db_size(group), SCENE_GROUP_FIXED + 4 * SCENE_GROUP_MEMBER_SIZE);
+    EXPECT_EQ(qv_scene_validate(group), 1) << "the counter follows the new size";
+
+    Db_tag material = 0;
+    void* before = qv_scene_create(&material, SCENE_MATERIAL);
+    db_messages().clear();
+    EXPECT_EQ(qv_scene_resize(material, 99), before);
+    EXPECT_EQ(qv_db_size(material), SCENE_MATERIAL_SIZE);
+    EXPECT_TRUE(has_text("can't grow a material"));
+}
+
+TEST_F(SceneTypesTest, CopyOfACameraDuplicatesTheSubTagsItOwns)
+{
+    Db_tag output = 0;
+    auto* output_bytes = static_cast<int32_t*>(qv_scene_create(&output, SCENE_TAG, 1));
+    output_bytes[0] = 0x77;
+    Db_tag camera = 0;
+    void* camera_data = qv_scene_create(&camera, SCENE_CAMERA);
+    scene_set_word(camera_data, SCENE_CAMERA_OUTPUT_WORD, int32_t(output));
+    scene_set_word(camera_data, 1, 0x3f800000);
+
+    const Db_tag copy = qv_scene_copy(camera);
+    ASSERT_NE(copy, camera);
+    const void* copy_data = qv_db_access(copy);
+    EXPECT_EQ(scene_word(copy_data, 1), 0x3f800000);
+    const Db_tag output_copy = Db_tag(scene_word(copy_data, SCENE_CAMERA_OUTPUT_WORD));
+    EXPECT_NE(output_copy, output);
+    ASSERT_NE(output_copy, 0u);
+    EXPECT_EQ(static_cast<const int32_t*>(qv_db_access(output_copy))[0], 0x77);
+    EXPECT_EQ(scene_word(copy_data, SCENE_CAMERA_FB_WORD), 0) << "a null sub-tag stays null";
+
+    // The delete takes the owned output list along, and leaves the original alone.
+    qv_scene_delete(copy);
+    EXPECT_EQ(qv_db_peek(output_copy)->state, DB_STATE_FREE);
+    EXPECT_EQ(qv_db_peek(copy)->state, DB_STATE_FREE);
+    EXPECT_EQ(qv_db_peek(output)->state, DB_STATE_NORMAL);
+}
+
+TEST_F(SceneTypesTest, CopyOfOptionsStoresTheOptionsElementAnew)
+{
+    auto* options = new Options;
+    options->set("samples", new QV::SCENE::IntValue(16));
+    Db_tag element = 0;
+    QV::DB::get_transaction()->store(&element, options, nullptr);
+    Db_tag record = 0;
+    void* data = qv_scene_create(&record, SCENE_OPTIONS);
+    scene_set_word(data, SCENE_OPTIONS_ELEMENT_WORD, int32_t(element));
+
+    const Db_tag copy = qv_scene_copy(record);
+    const Db_tag element_copy = Db_tag(scene_word(qv_db_access(copy), SCENE_OPTIONS_ELEMENT_WORD));
+    ASSERT_NE(element_copy, 0u);
+    ASSERT_NE(element_copy, element);
+    auto* copied = static_cast<Options*>(qv_db_access(element_copy));
+    ASSERT_NE(copied, options);
+    int32_t samples = 0;
+    ASSERT_NE(copied->find("samples"), nullptr);
+    EXPECT_TRUE(copied->find("samples")->get(samples));
+    EXPECT_EQ(samples, 16);
+    EXPECT_EQ(qv_scene_validate(copy), 1);
+}
+
+TEST_F(SceneTypesTest, DeleteAndUnlinkReportWhatTheyCannotDo)
+{
+    Db_tag untyped = 0;
+    qv_db_create(&untyped, 0, 4);
+    qv_scene_delete(untyped);
+    EXPECT_TRUE(has_text("qv_scene_delete fails, unknown object type"));
+    EXPECT_EQ(qv_db_peek(untyped)->state, DB_STATE_NORMAL);
+
+    Db_tag list = 0;
+    auto* tags = static_cast<Db_tag*>(qv_scene_create(&list, SCENE_TAG, 3));
+    tags[0] = 0x501;
+    tags[1] = 0x502;
+    tags[2] = 0x503;
+    EXPECT_EQ(qv_scene_unlink(list, 0x502), 1);
+    ASSERT_EQ(qv_db_size(list), 8u);
+    tags = static_cast<Db_tag*>(qv_db_access(list));
+    EXPECT_EQ(tags[0], 0x501u);
+    EXPECT_EQ(tags[1], 0x503u);
+
+    db_messages().clear();
+    EXPECT_EQ(qv_scene_unlink(list, 0x502), 0);
+    EXPECT_TRUE(has_text("tag to unlink is not linked"));
+
+    Db_tag material = 0;
+    qv_scene_create(&material, SCENE_MATERIAL);
+    EXPECT_EQ(qv_scene_unlink(material, list), 0);
+    char line[96];
+    std::snprintf(line, sizeof line, "don't know how to unlink tag tag %#x from material tag %#x", list, material);
+    EXPECT_TRUE(has_text(line));
+
+    // A registered type unlinks through its own handler.
+    qv_scene_register_type(70, nullptr, nullptr, nullptr, nullptr, record_unlink);
+    Db_tag custom = 0;
+    qv_db_create(&custom, 70, 4);
+    EXPECT_EQ(qv_scene_unlink(custom, 0x1234), 1);
+    qv_scene_register_type(70, nullptr, nullptr, nullptr, nullptr, nullptr);
+}
+
+TEST_F(SceneTypesTest, ValuesAnswerTheReadsThatFitThem)
+{
+    QV::SCENE::IntValue integer(3);
+    float as_float = 0;
+    bool as_bool = false;
+    std::string as_string;
+    EXPECT_TRUE(integer.get(as_float));
+    EXPECT_EQ(as_float, 3.0f);
+    EXPECT_TRUE(integer.get(as_bool));
+    EXPECT_TRUE(as_bool);
+    EXPECT_FALSE(integer.get(as_string));
+
+    QV::SCENE::FloatValue spread(0.5f);
+    float four[4] = {};
+    EXPECT_TRUE(spread.get(four));
+    EXPECT_EQ(four[3], 0.5f);
+    int32_t as_int = 7;
+    EXPECT_FALSE(spread.get(as_int));
+    EXPECT_EQ(as_int, 7) << "a refused read leaves the output alone";
+
+    QV::SCENE::Float3Value vector(1, 2, 3);
+    float two[2] = {};
+    EXPECT_TRUE(vector.get(two));
+    EXPECT_EQ(two[1], 2.0f);
+    EXPECT_FALSE(vector.get(four));
+
+    QV::SCENE::BoolValue flag(true);
+    EXPECT_TRUE(flag.get(as_int));
+    EXPECT_EQ(as_int, 1);
+}
+
+TEST_F(SceneTypesTest, OptionsPrintOneLineEachAndRoundTrip)
+{
+    Options options;
+    options.set("samples", new QV::SCENE::IntValue(4));
+    options.set("name", new QV::SCENE::StringValue("final"));
+    options.set("color", new QV::SCENE::Float4Value(1, 0.5f, 0, 1));
+    options.set("shadow", new QV::SCENE::BoolValue(false));
+    options.set("samples", new QV::SCENE::IntValue(8));  // replaces in place
+    std::ostringstream text;
+    options.print(text);
+    EXPECT_EQ(text.str(), "samples 8\nname final\ncolor 1 0.5 0 1\nshadow off\n");
+
+    QV::DB::Db_serializer out;
+    out.serialize(&options);
+    QV::DB::Db_deserializer in(&out.queue());
+    QV::SERIAL::Serializable* read = in.deserialize();
+    ASSERT_NE(read, nullptr);
+    ASSERT_EQ(read->get_class_id(), Options::CLASS_ID);
+    auto* back = static_cast<Options*>(read);
+    std::ostringstream again;
+    back->print(again);
+    EXPECT_EQ(again.str(), text.str());
+    EXPECT_EQ(back->get_size(), sizeof(Options));
+    delete read;
+}
+
+}  // namespace
