@@ -140,6 +140,17 @@ void msg_set_abort_hook(Msg_abort_hook hook);
 using Msg_cleanup_hook = void (*)();
 void msg_set_frame_buffer_cleanup(Msg_cleanup_hook hook);
 
+// ---- Faults and console signals ------------------------------------------------------------
+// Installs process-wide handlers: a fault (SIGSEGV, SIGBUS, SIGILL, SIGFPE) ends in fatal 500
+// "interrupted by exception code", an interrupt or termination (SIGINT, SIGQUIT, SIGHUP,
+// SIGTERM) in fatal 503 "interrupted by console signal:". The host layer start calls it unless
+// asked not to catch exceptions.
+void msg_install_signal_handlers();
+// Name of a fault by signal number and si_code ("access violation", ..., "unknown").
+const char* msg_exception_name(int signal_number, int signal_code);
+// Name of a console signal ("control c", ...); null for a signal that only restores colours.
+const char* msg_console_signal_name(int signal_number);
+
 // ---- Colour state (reads) -----------------------------------------------------------------
 // Attribute of level index 0..6 in the console's colour codes (0x8 black .. 0xe yellow; 0 is
 // the console's own colour); whether colours are on.

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -472,6 +473,43 @@ TEST_F(MsgTest, RemoteLinesAreOutputAsTheyCame)
     msg_handle_remote(&record, false);
     EXPECT_EQ(capture.finish(), "RC   3.2  warn : from afar\n");
     EXPECT_TRUE(g_sent.empty()) << "a remote line is not forwarded again";
+}
+
+TEST_F(MsgTest, FaultNamesFollowTheSignalAndItsCode)
+{
+    EXPECT_STREQ(msg_exception_name(SIGSEGV, 0), "access violation");
+    EXPECT_STREQ(msg_exception_name(SIGBUS, 0), "datatype misalignment");
+    EXPECT_STREQ(msg_exception_name(SIGFPE, FPE_INTDIV), "integer divide by zero");
+    EXPECT_STREQ(msg_exception_name(SIGFPE, FPE_INTOVF), "interger overflow");
+    EXPECT_STREQ(msg_exception_name(SIGFPE, FPE_FLTUND), "float under flow");
+    EXPECT_STREQ(msg_exception_name(SIGFPE, SI_USER), "unknown");
+    EXPECT_STREQ(msg_exception_name(SIGPIPE, 0), "unknown");
+    EXPECT_STREQ(msg_console_signal_name(SIGQUIT), "control break");
+    EXPECT_EQ(msg_console_signal_name(SIGPIPE), nullptr);
+}
+
+using MsgDeathTest = MsgTest;
+
+TEST_F(MsgDeathTest, FaultsAndConsoleSignalsEndInNumberedFatals)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    Module_scope scope(MOD_MAIN);
+    msg_defaults();
+    // The handlers are installed in the child only, so this process keeps its own.
+    EXPECT_EXIT(
+        {
+            msg_install_signal_handlers();
+            raise(SIGTERM);
+        },
+        ::testing::ExitedWithCode(1),
+        "^MAIN 0\\.0  fatal  241503: interrupted by console signal: \\(system shutting down\\) \n$");
+    EXPECT_EXIT(
+        {
+            msg_install_signal_handlers();
+            raise(SIGSEGV);
+        },
+        ::testing::ExitedWithCode(1),
+        "^MAIN 0\\.0  fatal  241500: interrupted by exception code 0x0000000b \\(access violation\\) \n$");
 }
 
 }  // namespace
