@@ -214,6 +214,22 @@ Map_status Map_impl::append_raw(const void* element_bytes, uint32_t* index)
     return MAP_SUCCESS;
 }
 
+int32_t Map_impl::attach_file(Map_page_source* source, uint32_t element_count, uint32_t source_elements_per_page,
+                              const Map_bounds* file_bounds)
+{
+    Module_scope scope(MOD_RCMP);
+    std::lock_guard<std::mutex> hold(lock);
+    uint32_t total = size_ + pending_count;
+    uint32_t start = store.segments().empty() ? 0 : store.segments().back().last_element + 1;
+    if (total > start)
+        store.add_memory_segment(start, total - start);
+    int32_t index = store.add_file_segment(source, total, element_count, source_elements_per_page);
+    pending_count += element_count;
+    if (file_bounds)
+        pending_bounds.merge(*file_bounds, store.dimension);
+    return index;
+}
+
 void Map_impl::read_element(uint32_t index, void* out) const
 {
     const_cast<Map_page_store&>(store).read_bytes(index, 0, store.element_bytes, out);

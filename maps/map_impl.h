@@ -112,6 +112,13 @@ public:
     // Appends one element given as raw bytes of the map's element size (position first).
     // 4 without a declaration. Index of the new element through `index` when not null.
     qv::shader_v3::Map_status append_raw(const void* element_bytes, uint32_t* index = nullptr);
+    // Attaches a backing file (owned from now on) whose `element_count` elements, at
+    // `source_elements_per_page` per file page, follow all elements so far. Elements still held
+    // only in memory first become a memory segment, so their pages keep their numbers. The file's
+    // elements are pending like appends; `file_bounds`, when given, grows the pending bounds.
+    // Returns the file index. REQUIRES: a declaration whose layout the file shares.
+    int32_t attach_file(Map_page_source* source, uint32_t element_count, uint32_t source_elements_per_page,
+                        const Map_bounds* file_bounds);
     // Raw element bytes by index, no range check against size (pending ones included).
     void read_element(uint32_t index, void* out) const;
     void write_element(uint32_t index, const void* in);

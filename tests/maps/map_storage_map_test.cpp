@@ -190,3 +190,47 @@ TEST_F(Map_storage_map, StoredFormRoundTrips)
     EXPECT_EQ(back.get_class_id(), 0x3D4D4150u);
     EXPECT_GE(back.get_size(), uint64_t(2 * 32768)) << "the storage counts, not the object";
 }
+
+TEST_F(Map_storage_map, AttachedFileFollowsTheElementsInMemory)
+{
+    Map_impl map(small_declaration());
+    for (uint32_t i = 0; i < 5; ++i) {
+        Small_element element = small_element(i);
+        map.append_raw(&element);
+    }
+    int reads = 0;
+    Map_bounds file_bounds;
+    file_bounds.clear();
+    float corner[3] = {-50.0f, 0.0f, 0.0f};
+    file_bounds.add(corner, 3);
+    map.attach_file(new Pattern_source(40, 2, &reads), 100, 50, &file_bounds);
+    EXPECT_EQ(map.get_pending_count(), 105u);
+    ASSERT_EQ(map.page_store().segments().size(), 2u);
+    EXPECT_EQ(map.page_store().segments()[0].file_index, -1);
+    map.commit();
+    EXPECT_EQ(map.size(), 105u);
+    EXPECT_EQ(map.get_bounds().minimum[0], -50.0f);
+
+    // The memory elements keep their page; the file's first element opens page 1.
+    for (uint32_t i = 0; i < 5; ++i) {
+        Small_element element;
+        map.read_element(i, &element);
+        EXPECT_TRUE(same(element, small_element(i))) << i;
+    }
+    uint8_t first = 0, last = 0;
+    map.read_field(5, 0, 1, &first);
+    map.read_field(104, 19, 1, &last);
+    EXPECT_EQ(first, uint8_t(40));      // file page 0
+    EXPECT_EQ(last, uint8_t(41));       // file page 1
+    EXPECT_EQ(reads, 2);
+
+    // Appends after the file continue behind its partly filled last page.
+    Small_element element = small_element(7);
+    uint32_t index = 0;
+    map.append_raw(&element, &index);
+    EXPECT_EQ(index, 105u);
+    uint32_t page, slot;
+    map.page_store().locate(index, &page, &slot);
+    EXPECT_EQ(page, 3u);
+    EXPECT_EQ(slot, 0u);
+}

@@ -94,4 +94,27 @@ inline bool same(const Small_element& a, const Small_element& b)
     return memcmp(&a, &b, sizeof a) == 0;
 }
 
+// A backing file whose page p holds the byte value (p + seed) everywhere.
+class Pattern_source : public QV::RCMAP::Map_page_source {
+public:
+    explicit Pattern_source(uint8_t seed, uint32_t pages, int* reads = nullptr)
+        : seed_(seed), pages_(pages), reads_(reads) {}
+    bool read_pages(uint32_t page, uint32_t count, void* buffer) override
+    {
+        if (reads_)
+            ++*reads_;
+        if (page + count > pages_)
+            return false;
+        for (uint32_t i = 0; i < count; ++i)
+            memset(static_cast<uint8_t*>(buffer) + size_t(i) * QV::RCMAP::MAP_FILE_PAGE_BYTES, uint8_t(page + i + seed_),
+                   QV::RCMAP::MAP_FILE_PAGE_BYTES);
+        return true;
+    }
+
+private:
+    uint8_t seed_;
+    uint32_t pages_;
+    int* reads_;
+};
+
 } // namespace map_storage_test
