@@ -3,6 +3,7 @@
 // subtree) has a key not above its own and everything right of it one not below.
 #include <algorithm>
 #include <bit>
+#include <cstring>
 
 #include "containers/kdtree_tree.h"
 #include "containers/paged_array.h"
@@ -143,10 +144,22 @@ private:
         std::swap(pa[0], pb[0]);
         std::swap(pa[1], pb[1]);
         std::swap(pa[2], pb[2]);
-        uint8_t* ra = data_.at(a.node - 1);
-        uint8_t* rb = data_.at(b.node - 1);
-        for (uint32_t k = 0; k < record_size_; ++k)
-            std::swap(ra[k], rb[k]);
+        swap_bytes(data_.at(a.node - 1), data_.at(b.node - 1), record_size_);
+    }
+
+    // Records are exchanged in place; whole words at a time, since this is the build's main cost.
+    static void swap_bytes(uint8_t* a, uint8_t* b, uint32_t size)
+    {
+        uint32_t k = 0;
+        for (; k + 8 <= size; k += 8) {
+            uint64_t x, y;
+            std::memcpy(&x, a + k, 8);
+            std::memcpy(&y, b + k, 8);
+            std::memcpy(a + k, &y, 8);
+            std::memcpy(b + k, &x, 8);
+        }
+        for (; k < size; ++k)
+            std::swap(a[k], b[k]);
     }
 
     void order(const Inorder_iterator& a, const Inorder_iterator& b)
