@@ -8,7 +8,9 @@
 //
 // Thread rules: a handle belongs to one thread at a time (it holds the lookup heap). Several
 // writers may fill one kd-tree at once, each with its own handle; closing a writer and
-// balancing take the header's exclusive lock, lookups take none.
+// balancing take the header's exclusive lock, lookups take none. A read handle points straight
+// into the tree's elements: while it is open, no writer may close on the same tree (that grows
+// the header, which may move it) and no new reader may rebalance it (that moves the positions).
 #pragma once
 
 #include <cstddef>

@@ -165,7 +165,9 @@ void* Paged_array::deserialize(QV::SERIAL::Deserializer* deserializer)
         extra_swap_string_.clear();
     }
 
-    if (!deserializer->is_valid())
+    // Zero-byte records carry nothing to restore, and a count for them could only come from a
+    // damaged stream that would otherwise buy blocks for billions of empty records.
+    if (!deserializer->is_valid() || element_size_ == 0)
         return this + 1;
     // Grow block by block, so a count from a damaged stream costs memory only for records that
     // actually arrive.
