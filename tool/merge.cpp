@@ -149,6 +149,40 @@ void permute_records(Fg_point* points, Cell_key* keys, uint32_t n)
     }
 }
 
+// First record among keys[0..i) that compares equal to the probe, or i when there is none: the
+// start of the probe's cell run, as a hit of a binary search followed by the walk back to the
+// run's first record would give it in the sorted array.
+//
+// The 14 probes of one point come in falling cell order, so each run lies before the previous
+// probe's lower bound, kept in `bound`. The search gallops back from there instead of bisecting
+// the whole prefix: most neighbour cells are near, which saves most of the comparisons. Should
+// rounding at a cell border break that order, the bound is dropped and the whole prefix searched.
+// All indices stay within [0, i) whatever the comparison answers.
+inline uint32_t find_run(const Grid& g, const Cell_key* keys, const Cell_key& probe, uint32_t& bound, uint32_t i)
+{
+    uint32_t hi = bound;
+    if (hi < i && compare_keys(g, probe, keys[hi]) >= 0)
+        hi = i;
+    uint32_t lo = 0;
+    for (uint64_t step = 1; step <= hi; step *= 2) {
+        uint32_t m = hi - uint32_t(step);
+        if (compare_keys(g, keys[m], probe) < 0) {
+            lo = m + 1;
+            break;
+        }
+        hi = m;
+    }
+    while (lo < hi) {
+        uint32_t mid = lo + (hi - lo) / 2;
+        if (compare_keys(g, keys[mid], probe) < 0)
+            lo = mid + 1;
+        else
+            hi = mid;
+    }
+    bound = lo;
+    return lo < i && compare_keys(g, keys[lo], probe) == 0 ? lo : i;
+}
+
 void side_append(const Fg_point& record)
 {
     if (g_side.count == g_side.capacity) {
@@ -202,6 +236,7 @@ uint32_t merge_pass(Fg_point* points, uint32_t& count, Cell_key* keys, Cell_key*
         if (p->rays == FG_POINT_DEAD)
             continue;
         bool in_place = true;
+        uint32_t bound = i;
         // The own cell and the 13 neighbours that sort before it, so each pair is met once,
         // from its later point.
         for (int k = 13; k >= 0 && in_place; --k) {
@@ -211,24 +246,9 @@ uint32_t merge_pass(Fg_point* points, uint32_t& count, Cell_key* keys, Cell_key*
                 probe.pos[axis] = p->position[axis] + distance * float(offset[axis]);
             cell_numbers(g, probe.pos, probe.cell);
 
-            // Any record of the probe's cell among those before p, then back to the run's start.
-            uint32_t lo = 0, hi = i, run = i;
-            while (lo < hi) {
-                uint32_t mid = lo + (hi - lo) / 2;
-                int c = compare_keys(g, probe, keys[mid]);
-                if (c < 0) {
-                    hi = mid;
-                } else if (c > 0) {
-                    lo = mid + 1;
-                } else {
-                    run = mid;
-                    break;
-                }
-            }
+            const uint32_t run = find_run(g, keys, probe, bound, i);
             if (run == i)
                 continue;
-            while (run > 0 && compare_keys(g, keys[run - 1], probe) == 0)
-                --run;
 
             for (uint32_t j = run; j < i && compare_keys(g, keys[j], probe) == 0; ++j) {
                 Fg_point* q = &points[j];
