@@ -539,3 +539,22 @@ TEST_F(KdtreeStoreTest, HeaderFromAHostOfTheOtherByteOrder)
     EXPECT_EQ(positions[0], 1.5f);
     EXPECT_EQ(positions[1], -2.0f);
 }
+
+TEST_F(KdtreeStoreTest, ShutdownClosesOpenHandlesAndWritesTheirChunks)
+{
+    const uint32_t tag = make_tree();
+    const std::vector<Point> points = random_points(30, 8);
+    Kdtree_handle* writer = kdtree_open_for_writing(tag, nullptr, 0);
+    for (const Point& p : points) {
+        const Payload payload{p.id, 0, {}};
+        kdtree_add(writer, &payload, p.position);
+    }
+    Kdtree_handle* idle = kdtree_open_for_writing(tag, nullptr, 0);
+    ASSERT_NE(idle, nullptr);
+    kdtree_shutdown();
+    // One chunk from the writer with records; none from the idle one.
+    EXPECT_EQ(qv_db_size(tag), kdtree_header_bytes(1));
+    Kdtree_handle* reader = kdtree_open_for_reading(tag, nullptr, nullptr);
+    EXPECT_EQ(kdtree_count(reader), 30u);
+    kdtree_close(reader);
+}
