@@ -218,9 +218,11 @@ struct Db_type_handler {
 };
 void qv_db_set_type_handler(int type, const Db_type_handler& handler);
 const Db_type_handler& qv_db_type_handler(int type);
-// Names for the dump and summary; null hooks print "".
-void qv_db_set_type_name_hook(const char* (*type_name)(int type));
-void qv_db_set_tag_name_hook(const char* (*tag_name)(Db_tag tag));
+// Names for the dump and summary; null hooks print "". Each setter returns the hook it replaced.
+using Db_type_name_fn = const char* (*)(int type);
+using Db_tag_name_fn = const char* (*)(Db_tag tag);
+Db_type_name_fn qv_db_set_type_name_hook(Db_type_name_fn type_name);
+Db_tag_name_fn qv_db_set_tag_name_hook(Db_tag_name_fn tag_name);
 
 // ---- Thread list ------------------------------------------------------------------------------
 // What the flush needs from the thread table: every live thread's pin array, stable while held,

@@ -298,5 +298,16 @@ void qv_db_set_type_handler(int type, const Db_type_handler& handler)
 }
 
 const Db_type_handler& qv_db_type_handler(int type) { return g_type_handlers[type & (DB_TYPES - 1)]; }
-void qv_db_set_type_name_hook(const char* (*type_name)(int type)) { g_type_name_hook = type_name; }
-void qv_db_set_tag_name_hook(const char* (*tag_name)(Db_tag tag)) { g_tag_name_hook = tag_name; }
+Db_type_name_fn qv_db_set_type_name_hook(Db_type_name_fn type_name)
+{
+    Db_type_name_fn previous = g_type_name_hook;
+    g_type_name_hook = type_name;
+    return previous;
+}
+
+Db_tag_name_fn qv_db_set_tag_name_hook(Db_tag_name_fn tag_name)
+{
+    Db_tag_name_fn previous = g_tag_name_hook;
+    g_tag_name_hook = tag_name;
+    return previous;
+}

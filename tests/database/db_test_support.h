@@ -50,6 +50,15 @@ protected:
         // Pins the calling thread left in an earlier database mean nothing to this one.
         if (Thread_context* context = thread_context(); context && context->db_pins)
             std::memset(context->db_pins, 0, sizeof(uint32_t) * DB_PIN_SLOTS);
+        // Other suites of this binary install hooks of their own; they get them back afterwards.
+        saved_job_hooks_ = qv_db_job_hooks();
+        saved_remote_hooks_ = qv_db_remote_hooks();
+        saved_serial_handler_ = qv_db_type_handler(DB_TYPE_SERIALIZABLE);
+        saved_type_names_ = qv_db_set_type_name_hook(nullptr);
+        saved_tag_names_ = qv_db_set_tag_name_hook(nullptr);
+        qv_db_set_job_hooks({});
+        qv_db_set_remote_hooks({});
+        qv_db_set_type_handler(DB_TYPE_SERIALIZABLE, {});
         db_messages().clear();
         saved_levels_ = msg_level_mask();
         msg_set_levels(saved_levels_ | MSG_INFO | MSG_DEBUG);
@@ -60,11 +69,11 @@ protected:
     {
         qv_errorhandler(nullptr);
         msg_set_levels(saved_levels_);
-        qv_db_set_job_hooks({});
-        qv_db_set_remote_hooks({});
-        qv_db_set_type_handler(DB_TYPE_SERIALIZABLE, {});
-        qv_db_set_type_name_hook(nullptr);
-        qv_db_set_tag_name_hook(nullptr);
+        qv_db_set_job_hooks(saved_job_hooks_);
+        qv_db_set_remote_hooks(saved_remote_hooks_);
+        qv_db_set_type_handler(DB_TYPE_SERIALIZABLE, saved_serial_handler_);
+        qv_db_set_type_name_hook(saved_type_names_);
+        qv_db_set_tag_name_hook(saved_tag_names_);
         qv_db_restore_current_job(nullptr);
         if (Thread_context* context = thread_context())
             context->host_number = 0;
@@ -93,4 +102,9 @@ protected:
     }
 
     uint32_t saved_levels_ = 0;
+    Db_job_hooks saved_job_hooks_{};
+    Db_remote_hooks saved_remote_hooks_{};
+    Db_type_handler saved_serial_handler_{};
+    Db_type_name_fn saved_type_names_ = nullptr;
+    Db_tag_name_fn saved_tag_names_ = nullptr;
 };
