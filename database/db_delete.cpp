@@ -62,6 +62,7 @@ uint8_t* qv_db_delete_in_progress() { return static_cast<uint8_t*>(mod_context_a
 
 void qv_db_delay_deletes()
 {
+    Module_scope scope(MOD_DB);
     Lock_holder hold(g_delay_lock);
     ++g_delay_count;
 }

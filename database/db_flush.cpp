@@ -85,6 +85,7 @@ void qv_db_flush_walk(Db_flush_fn fn, void* user1, void* user2)
 
 void* qv_db_evict(uint32_t* out_size, Db_record* record, Db_thread_list* threads)
 {
+    Module_scope scope(MOD_DB);
     lock_enter(record->lock);
     uint8_t saved = record->state;
     // A reader of a job tag that sees this state waits on the record's lock we hold.
