@@ -38,19 +38,6 @@ protected:
     void TearDown() override { msg_testing_reset_all(); }
 };
 
-TEST_F(ModulesTest, TableNamesModulesByIdAndKeepsRetiredRowsEmpty)
-{
-    EXPECT_STREQ(module_name(MOD_MSG), "MSG");
-    EXPECT_STREQ(module_name(MOD_MAIN), "MAIN");
-    EXPECT_STREQ(module_name(MOD_PARTICLEMAP), "PARTICLEMAP");
-    EXPECT_STREQ(module_name(MOD_RCMP), "RCMP");
-    EXPECT_STREQ(module_name(MOD_IBL), "IBL");
-    for (int retired : {0, 16, 18, 37, 69})
-        EXPECT_STREQ(module_name(retired), "") << retired;
-    EXPECT_STREQ(module_name(87), "");
-    EXPECT_STREQ(module_name(-1), "");
-}
-
 TEST_F(ModulesTest, ContextAreaIsCreatedZeroedOnceAndNotForSizeZero)
 {
     static int inits;

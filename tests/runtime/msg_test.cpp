@@ -475,19 +475,6 @@ TEST_F(MsgTest, RemoteLinesAreOutputAsTheyCame)
     EXPECT_TRUE(g_sent.empty()) << "a remote line is not forwarded again";
 }
 
-TEST_F(MsgTest, FaultNamesFollowTheSignalAndItsCode)
-{
-    EXPECT_STREQ(msg_exception_name(SIGSEGV, 0), "access violation");
-    EXPECT_STREQ(msg_exception_name(SIGBUS, 0), "datatype misalignment");
-    EXPECT_STREQ(msg_exception_name(SIGFPE, FPE_INTDIV), "integer divide by zero");
-    EXPECT_STREQ(msg_exception_name(SIGFPE, FPE_INTOVF), "interger overflow");
-    EXPECT_STREQ(msg_exception_name(SIGFPE, FPE_FLTUND), "float under flow");
-    EXPECT_STREQ(msg_exception_name(SIGFPE, SI_USER), "unknown");
-    EXPECT_STREQ(msg_exception_name(SIGPIPE, 0), "unknown");
-    EXPECT_STREQ(msg_console_signal_name(SIGQUIT), "control break");
-    EXPECT_EQ(msg_console_signal_name(SIGPIPE), nullptr);
-}
-
 using MsgDeathTest = MsgTest;
 
 TEST_F(MsgDeathTest, FaultsAndConsoleSignalsEndInNumberedFatals)
