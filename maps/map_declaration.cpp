@@ -19,6 +19,8 @@ void store(Map_status* status, Map_status value)
         *status = value;
 }
 
+constexpr size_t MAX_FIELDS_PER_LIST = 0xFFFF;
+
 bool is_array_type(uint32_t type)
 {
     return type == MAP_TYPE_SCALAR_ARRAY || type == MAP_TYPE_INTEGER_ARRAY;
@@ -370,6 +372,9 @@ Map_status Map_declaration_impl::add(bool global, const char* name, uint32_t typ
 
     // The name; a later finding overrides an earlier one. "position" is reserved because the
     // position is not a field.
+    // The map file counts each list in 16 bits; a longer list could not be written back.
+    if ((global ? global_fields_.size() : element_fields_.size()) >= MAX_FIELDS_PER_LIST)
+        status = MAP_FIELD_ILLEGAL_TYPE;
     if (type == MAP_TYPE_NONE)
         status = MAP_FIELD_TYPE_ZERO;
     if (!name || name[0] == '\0')

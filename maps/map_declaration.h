@@ -78,6 +78,8 @@ public:
                               bool* is_global) const override;
     Map_status get_field_info(Map_field_id id, Map_field_type* type, uint32_t* count,
                               bool* is_global) const override;
+    // A list holds at most 65535 fields (the file's 16-bit counters); one more is refused
+    // with MAP_FIELD_ILLEGAL_TYPE, before the name checks.
     Map_status add_field(const char* name, Map_field_type type, uint32_t count) override;
     Map_status add_scalar(const char* name) override;
     Map_status add_integer(const char* name) override;
