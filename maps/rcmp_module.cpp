@@ -1,9 +1,11 @@
 #include "maps/rcmp_module.h"
 
 #include "base/lib/mem/i_mem_allocatable.h"
+#include "maps/map_impl.h"
 #include "maps/map_manager.h"
 #include "maps/map_page_table.h"
 #include "runtime/modules.h"
+#include "serial/deserialization_manager.h"
 
 using QV::RCMAP::Map_manager;
 using QV::RCMAP::Map_page_table;
@@ -49,6 +51,9 @@ void rcmp_init(bool bypass_settings)
     mod_register_session_area(MOD_RCMP, session_init, session_exit, sizeof(Rcmp_session));
     Map_manager::instance().init(bypass_settings);
     mem_register_flush(MOD_RCMP, &Map_manager::flush_callback);
+    // Maps arriving from another host are rebuilt through this constructor.
+    QV::SERIAL::serial_manager()->register_class(QV::RCMAP::Map_impl::CLASS_ID,
+                                                  &QV::DB::construct_element<QV::RCMAP::Map_impl>);
 }
 
 void rcmp_exit()

@@ -189,6 +189,20 @@ TEST_F(Map_storage_map, StoredFormRoundTrips)
     }
     EXPECT_EQ(back.get_class_id(), 0x3D4D4150u);
     EXPECT_GE(back.get_size(), uint64_t(2 * 32768)) << "the storage counts, not the object";
+
+    // As a stored object, the class id alone brings the map back (registered by the module).
+    QV::DB::Db_serializer framed;
+    framed.serialize(&map);
+    QV::DB::Db_deserializer reader(&framed.queue());
+    QV::SERIAL::Serializable* object = reader.deserialize();
+    ASSERT_NE(object, nullptr);
+    auto* rebuilt = dynamic_cast<Map_impl*>(object);
+    ASSERT_NE(rebuilt, nullptr);
+    EXPECT_EQ(rebuilt->size(), count);
+    Small_element element;
+    rebuilt->read_element(count - 1, &element);
+    EXPECT_TRUE(same(element, small_element(count - 1)));
+    delete rebuilt;
 }
 
 TEST_F(Map_storage_map, AttachedFileFollowsTheElementsInMemory)
