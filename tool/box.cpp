@@ -1,0 +1,62 @@
+// Box selection: replaces the stored map by one that holds only the points on the wanted side
+// of an axis-aligned box.
+#include "maps/map_dbhandle.h"
+#include "maps/map_element.h"
+#include "maps/map_impl.h"
+#include "maps/map_iterator.h"
+#include "runtime/msg.h"
+#include "tool/stages.h"
+
+using namespace QV::RCMAP;
+
+namespace {
+
+// The quality factor the tool builds its (disabled) BVHs with; building then only commits.
+constexpr float BUILD_FACTOR = 0.6f;
+
+}  // namespace
+
+Tag select_box(Tag tag, const float box[6], int inside)
+{
+    // x first, then y, then z; a minimum equal to its maximum is a valid plane.
+    for (int axis = 0; axis < 3; ++axis) {
+        if (box[axis] > box[axis + 3]) {
+            // The text says -b also for -B, and the whole selection is skipped.
+            msg_error("bad box option: -b %f %f %f %f %f %f, ignoring", box[0], box[1], box[2], box[3],
+                      box[4], box[5]);
+            return tag;
+        }
+    }
+    if (tag == 0)
+        return 0;
+
+    Edit_map_dbhandle_impl source(tag);
+    Map_impl* source_map = source.get_map();
+    if (!source_map)
+        return tag;
+    Edit_map_dbhandle_impl target(source_map->get_declaration());
+    Map_impl* target_map = target.get_map();
+    target_map->bvh_enabled = false;
+
+    Map_element_impl element(source_map->get_declaration());
+    Map_iterator_impl it(source_map);
+    uint32_t count = 0;
+    for (uint32_t i = 0, end = source_map->size(); i < end; ++i, it.next()) {
+        float p[3];
+        it.get_position(p);
+        // All six faces belong to the box; a NaN coordinate fails every test and is outside.
+        bool within = p[0] >= box[0] && p[0] <= box[3] && p[1] >= box[1] && p[1] <= box[4] &&
+                      p[2] >= box[2] && p[2] <= box[5];
+        if (int(within) == inside) {
+            it.get(&element);
+            target_map->append(&element);
+            ++count;
+        }
+    }
+    target_map->build_bvh(BUILD_FACTOR, false, false);
+
+    source.release();
+    Tag result = target.store();
+    msg_info("box selected %i points", int(count));
+    return result;
+}
