@@ -240,3 +240,41 @@ TEST_F(Map_storage_cache, StatisticsAndTraceAreWrittenAtShutdown)
     manager.set_statistics(false);
     manager.set_dump_file_name("memory_file.txt");
 }
+
+TEST_F(Map_storage_cache, AgingMakesTablesGiveBackWhenTheCacheIsFull)
+{
+    Map_manager& manager = Map_manager::instance();
+    manager.set_size_limit_mb(SMALL_LIMIT_MB);
+    Map_impl map(small_declaration());
+    fill(map, 64);
+    map.flush();
+    manager.flush(0);
+    ASSERT_EQ(manager.resident_pages(), 0u);
+
+    // Two tables that pin the whole cache between them.
+    Map_page_table first(25), second(25);
+    manager.register_table(&first);
+    manager.register_table(&second);
+    Map_page_store& store = map.page_store();
+    for (uint32_t page = 0; page < 25; ++page)
+        ASSERT_NE(store.get_page(page, true, &first), nullptr);
+    for (uint32_t page = 25; page < SMALL_LIMIT_PAGES; ++page)
+        ASSERT_NE(store.get_page(page, true, &second), nullptr);
+    EXPECT_EQ(manager.bucket_count(0), 0u);
+    EXPECT_EQ(manager.bucket_count(1), SMALL_LIMIT_PAGES);
+
+    // The next miss finds bucket 0 empty: the tables are cut to a share of half their weight.
+    const uint8_t* data = store.get_page(SMALL_LIMIT_PAGES, true, &second);
+    ASSERT_NE(data, nullptr);
+    EXPECT_LE(first.count(), 8u);
+    EXPECT_GE(first.count(), 1u);
+    EXPECT_LE(manager.resident_pages(), SMALL_LIMIT_PAGES);
+    // What the tables still hold is intact.
+    Small_element element;
+    uint32_t e = store.elements_per_page;
+    memcpy(&element, data, sizeof element);
+    EXPECT_TRUE(same(element, small_element(SMALL_LIMIT_PAGES * e)));
+
+    manager.unregister_table(&first);
+    manager.unregister_table(&second);
+}
