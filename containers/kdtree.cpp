@@ -2,6 +2,7 @@
 // walking the tree and deleting it.
 #include "containers/kdtree.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "base/lib/mem/i_mem_allocatable.h"
