@@ -438,6 +438,8 @@ void Map_manager::set_in_transit(uint32_t map_id, uint32_t page, bool on)
 void Map_manager::register_table(Map_page_table* table)
 {
     std::lock_guard<std::mutex> hold(lock_);
+    if (table->registered)
+        return;
     table->next_table = tables_;
     table->prev_table = nullptr;
     if (tables_)

@@ -132,6 +132,8 @@ uint8_t* Map_page_store::get_page(uint32_t page, bool read_only, Map_page_table*
     // 2.
     if (flags & MAP_PAGE_NO_LOAD)
         return nullptr;
+    if (!table->registered)
+        manager.register_table(table);
     // 3. A full table gives its oldest entry back with the request.
     Map_page_entry* give_back = nullptr;
     {

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "base/lib/mem/i_mem_allocatable.h"
+#include "maps/map_manager.h"
 
 namespace QV::RCMAP {
 
@@ -29,7 +30,9 @@ Map_page_table::Map_page_table(uint32_t capacity) : capacity_(capacity < 4 ? 4 :
 
 Map_page_table::~Map_page_table()
 {
-    // The manager has taken the entries back before a table goes.
+    // Its pages must not stay pinned by a table that is gone.
+    if (registered)
+        Map_manager::instance().unregister_table(this);
     assert(count_ == 0 && "a table must be emptied by the manager before it is destroyed");
     mem_raw_free(__FILE__, __LINE__, slots_);
 }

@@ -23,6 +23,8 @@ struct Map_page_entry {
     bool dirty;                // the page was taken for writing
 };
 
+// A table made outside the module frame (e.g. one per worker of a job) joins the manager's list
+// on its first miss and leaves it, giving its pages back, when destroyed. One thread at a time.
 class Map_page_table {
 public:
     // `capacity` entries at most (at least 4 are always allowed).
