@@ -1,6 +1,7 @@
 #include "database/scene_types.h"
 
 #include <cstring>
+#include <utility>
 
 #include "base/lib/mem/i_mem_allocatable.h"
 #include "database/element.h"
@@ -131,21 +132,22 @@ void write_counters(int type, void* data, const Scene_args& args)
 
 uint32_t clamp_size(uint64_t size) { return size > 0xFFFFFFFFu ? 0xFFFFFFFFu : uint32_t(size); }
 
-// The constructor of every built-in record type: a zeroed record of the size its counts ask for.
+// The constructor and resize of every built-in record type: a zeroed record of the size its
+// counts ask for, with the counters written. One instance per type, so the table row alone
+// says which type a call is for.
+template <int Type>
 void* builtin_create(Db_tag* tag, const Scene_args& args)
 {
-    // The table row tells which type this call is for; qv_scene_create passes it in slot 7.
-    const int type = int(args.value[7]);
-    void* data = qv_db_create(tag, type, clamp_size(record_size(type, args)));
-    write_counters(type, data, args);
+    void* data = qv_db_create(tag, Type, clamp_size(record_size(Type, args)));
+    write_counters(Type, data, args);
     return data;
 }
 
+template <int Type>
 void* builtin_resize(Db_tag tag, const Scene_args& args)
 {
-    const int type = int(args.value[7]);
-    void* data = qv_db_realloc(tag, clamp_size(record_size(type, args)));
-    write_counters(type, data, args);
+    void* data = qv_db_realloc(tag, clamp_size(record_size(Type, args)));
+    write_counters(Type, data, args);
     return data;
 }
 
@@ -188,21 +190,27 @@ int owned_words(int type, int* words)
     }
 }
 
-void fill_builtin_table()
+template <int Type>
+void fill_builtin_row()
 {
-    for (int type = 1; type <= SCENE_LAST_BUILTIN; ++type) {
-        Scene_type_handlers& row = g_handlers[type];
-        if (!qv_scene_array_element_size(type) && type != SCENE_QUOSL) {
-            row.constructor = builtin_create;
-            row.resize = builtin_resize;
-        }
-        row.validator = qv_scene_builtin_validator(type);
-        row.swap = qv_scene_builtin_swap(type);
+    Scene_type_handlers& row = g_handlers[Type];
+    // Array types and quosl are made by qv_scene_create itself.
+    if (!qv_scene_array_element_size(Type) && Type != SCENE_QUOSL) {
+        row.constructor = builtin_create<Type>;
+        row.resize = builtin_resize<Type>;
     }
+    row.validator = qv_scene_builtin_validator(Type);
+    row.swap = qv_scene_builtin_swap(Type);
+}
+
+template <int... Offsets>
+void fill_builtin_rows(std::integer_sequence<int, Offsets...>)
+{
+    (fill_builtin_row<Offsets + 1>(), ...);
 }
 
 struct Table_filler {
-    Table_filler() { fill_builtin_table(); }
+    Table_filler() { fill_builtin_rows(std::make_integer_sequence<int, SCENE_LAST_BUILTIN>()); }
 } g_table_filler;
 
 }  // namespace
@@ -298,9 +306,7 @@ void* qv_scene_create(Db_tag* tag, int type, const Scene_args& args)
         } else if (type == SCENE_QUOSL) {
             data = qv_db_create(tag, type, 32);
         } else {
-            Scene_args typed = args;
-            typed.value[7] = type;
-            data = g_handlers[type].constructor(tag, typed);
+            data = g_handlers[type].constructor(tag, args);
         }
     } else if (type > 0 && type < DB_TYPES && g_handlers[type].constructor) {
         data = g_handlers[type].constructor(tag, args);
@@ -368,9 +374,7 @@ void* qv_scene_resize(Db_tag tag, const Scene_args& args)
         }
         if (type == SCENE_QUOSL)
             return qv_scene_edit(tag)->data;
-        Scene_args typed = args;
-        typed.value[7] = type;
-        return g_handlers[type].resize(tag, typed);
+        return g_handlers[type].resize(tag, args);
     }
     if (type > 0 && type < DB_TYPES && g_handlers[type].resize)
         return g_handlers[type].resize(tag, args);

@@ -26,6 +26,9 @@ protected:
     void TearDown() override
     {
         QV::SCHED::qv_job_set_runner(QV::SCHED::qv_job_inert_runner());
+        // Close the database while elements are still deleted through their destructors: once
+        // DbTest's tear-down clears that handler, the next start would free them as plain bytes.
+        qv_db_exit();
         DbTest::TearDown();
     }
 
