@@ -1,7 +1,5 @@
 // What the Element template fixes for every concrete element, and the element's own stored form.
 #include "base/lib/mem/i_mem_allocatable.h"
-#include "serial/deserialization_manager.h"
-#include "serial/media_queue.h"
 #include "tests/database/transaction_test_elements.h"
 
 using namespace QV::DB;
@@ -57,47 +55,6 @@ TEST(ElementBaseTest, ElementsAreChargedToTheModuleCurrentAtAllocation)
     EXPECT_GE(mem_module_bytes(MOD_RCGI), before + sizeof(Counted));
     delete element;
     EXPECT_EQ(mem_module_bytes(MOD_RCGI), before);
-}
-
-TEST(ElementBaseTest, StoredFormCarriesReferencesAndComesBackThroughTheManager)
-{
-    qv_test_init();
-    Counted original(-3);
-    original.label = "with refs";
-    original.references = {0x400, 0x80000401u};
-
-    QV::DB::Db_serializer out;
-    out.serialize(&original);
-    // id, count, two tags, payload (i32 and a 9-character string)
-    EXPECT_EQ(out.queue().size(), 4u + 4 + 8 + 4 + 4 + 9);
-
-    QV::SERIAL::Deserialization_manager_impl manager;
-    manager.register_class(Counted::CLASS_ID, construct_element<Counted>);
-    QV::DB::Db_deserializer in(&out.queue(), &manager);
-    QV::SERIAL::Serializable* back = in.deserialize();
-    auto* counted = dynamic_cast<Counted*>(back);
-    ASSERT_NE(counted, nullptr);
-    EXPECT_EQ(counted->payload, -3);
-    EXPECT_EQ(counted->label, "with refs");
-    EXPECT_EQ(counted->references, original.references);
-    delete back;
-}
-
-TEST(ElementBaseTest, DatabaseDeletesStoredElementsThroughTheVirtualDestructor)
-{
-    start_database();
-    get_transaction();   // installs the type-63 handler
-    Counted::destroyed = 0;
-    Db_tag tag = 0;
-    {
-        Module_scope scope(MOD_MAIN);
-        qv_db_create(&tag, DB_TYPE_SERIALIZABLE, sizeof(Counted), static_cast<Element_base*>(new Counted()));
-    }
-    const Db_type_handler& handler = qv_db_type_handler(DB_TYPE_SERIALIZABLE);
-    ASSERT_NE(handler.class_id, nullptr);
-    EXPECT_EQ(handler.class_id(qv_db_peek(tag)->data), Counted::CLASS_ID);
-    qv_db_delete(tag);
-    EXPECT_EQ(Counted::destroyed, 1);
 }
 
 }  // namespace

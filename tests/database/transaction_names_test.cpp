@@ -32,22 +32,17 @@ protected:
     Transaction* transaction_ = nullptr;
 };
 
-TEST_F(TransactionNamesTest, UnknownNullAndEmptyNamesGiveTagZero)
+TEST_F(TransactionNamesTest, UnknownNullAndEmptyNamesGiveTagZeroAndAreNeverRegistered)
 {
     Db_tag tag = store_named("names.known");
     EXPECT_EQ(lookup("names.known"), tag);
     EXPECT_EQ(lookup("names.never-given"), 0u);
     EXPECT_EQ(lookup(""), 0u);
     EXPECT_EQ(lookup(nullptr), 0u);
+    Db_tag unnamed = store_named("");
+    EXPECT_EQ(transaction_->tag_to_name(unnamed), nullptr);
     transaction_->remove(tag);
-}
-
-TEST_F(TransactionNamesTest, UnnamedTagHasNoNameAndEmptyNamesAreNotRegistered)
-{
-    Db_tag tag = store_named("");
-    EXPECT_EQ(transaction_->tag_to_name(tag), nullptr);
-    EXPECT_EQ(transaction_->tag_to_name(0), nullptr);
-    transaction_->remove(tag);
+    transaction_->remove(unnamed);
 }
 
 TEST_F(TransactionNamesTest, AnswerStringIsSharedAndOverwrittenByTheNextCall)

@@ -160,28 +160,6 @@ TEST_F(TransactionStoreTest, CreatedTagsFollowStoreAndRemove)
         created_tags_append(tag);
 }
 
-TEST_F(TransactionStoreTest, StatelessRowsAnswerTheirFixedValues)
-{
-    EXPECT_EQ(get_transaction(), transaction_);
-    EXPECT_FALSE(transaction_->is_open());
-    EXPECT_TRUE(transaction_->is_valid());
-    EXPECT_EQ(transaction_->get_host_count(), 0);
-    uint32_t id = 99;
-    transaction_->get_id(&id);
-    EXPECT_EQ(id, 0u);
-    Transaction_scope scope{1, {2, 3}};
-    transaction_->get_scope(&scope, 5, 17);
-    EXPECT_EQ(scope.value, 17u);
-    EXPECT_EQ(scope.reserved[0], 0u);
-    EXPECT_EQ(scope.reserved[1], 0u);
-
-    static int polled = 0;
-    transaction_set_poll_hook([](int value) { polled = value; });
-    transaction_->wait();
-    EXPECT_EQ(polled, 1);
-    transaction_set_poll_hook(nullptr);
-}
-
 std::vector<std::string> g_errors;
 void record_errors(uint32_t level, const char*, const char* text, int32_t)
 {
