@@ -1,7 +1,12 @@
 #include "tool/bringup.h"
 
 #include "base/lib/mem/i_mem_allocatable.h"
+#include "containers/kdtree.h"
+#include "database/db.h"
+#include "database/dbn.h"
 #include "database/host_messaging.h"
+#include "database/scene_types.h"
+#include "maps/rcmp_module.h"
 #include "runtime/api_start.h"
 #include "runtime/modules.h"
 
@@ -10,11 +15,17 @@ void bring_up_modules()
     mem_init();
     qv_net_init();
     qv_msg_init(0);
-    // DB, DBN, SCENE and the kd-tree registration join here.
+    qv_db_init();
+    qv_dbn_init();
+    qv_scene_init();
+    kdtree_register();
     mod_report_context_areas();
     mod_create_global_areas();
+    // Registered after the global areas were made: in this program the LIB world area and the
+    // RCFG and RCMP session areas stay null, and only their context areas exist.
     qv_api_init(0);
-    // RCFG and RCMP (with the tool's cache bypass flag) join here.
+    // RCFG joins here.
+    rcmp_init(true);  // the cache is bounded by physical memory alone
     // The array is parked and dropped on purpose: the work that follows builds its own areas
     // with the sizes now known.
     mod_detach_context();
