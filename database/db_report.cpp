@@ -75,15 +75,11 @@ void qv_db_dump(int module)
 void qv_db_summary()
 {
     Module_scope scope(MOD_DB);
-    static Totals by_module[MODULE_TABLE_ROWS];
-    static Totals by_type[DB_TYPES];
+    Totals by_module[MODULE_TABLE_ROWS] = {};
+    Totals by_type[DB_TYPES] = {};
     Totals all{};
     {
         Lock_holder hold(g_global_lock);
-        for (auto& row : by_module)
-            row = Totals{};
-        for (auto& row : by_type)
-            row = Totals{};
         for_each_record([&](Db_tag tag, Db_record* record) {
             if (record->state == DB_STATE_FREE)
                 return;
