@@ -15,6 +15,7 @@ int qv_msg_init(int)
     if (g_started)
         return 1;
     g_started = true;
+    msg_install_signal_handlers();
     msg_set_host_number(0);
     if (Thread_context* context = thread_context())
         context->host_number = 0;
@@ -28,3 +29,17 @@ int qv_msg_send(uint32_t, int, const void*, size_t) { return 1; }
 void qv_msg_register(int, Qv_msg_handler) {}
 
 void qv_msg_abort_hook(int) {}
+
+// Called by the fatal sequence. A single host has no connections to close.
+void qv_msg_abort()
+{
+    Module_scope scope(MOD_MSG);
+    if (msg_class_mask(MOD_MSG) & MSG_CLASS_PHASE)
+        msg_debug("qv_msg_abort: terminating");
+    if (!g_started) {
+        g_started = true;
+        return;
+    }
+    if (msg_class_mask(MOD_MSG) & MSG_CLASS_NETWORK)
+        msg_debug("disconnect hosts");
+}

@@ -24,3 +24,5 @@ void qv_msg_register(int module, Qv_msg_handler handler);
 
 // Abort hook of the fatal sequence; nothing to tell other hosts here.
 void qv_msg_abort_hook(int value);
+// The message layer's abort route: closes the connections to other hosts (there are none).
+void qv_msg_abort();
