@@ -497,12 +497,6 @@ void Map_manager::give_back_locked(Map_page_entry* entry)
     free_entries_ = entry;
 }
 
-void Map_manager::give_back(Map_page_entry* entry)
-{
-    std::lock_guard<std::mutex> hold(lock_);
-    give_back_locked(entry);
-}
-
 Map_page_entry* Map_manager::make_entry_locked(Map_page_node* node)
 {
     Map_page_entry* entry = free_entries_;
@@ -568,7 +562,7 @@ Map_page_node* Map_manager::find_victim_locked(uint32_t map_id)
 // ---- The miss path ----------------------------------------------------------------------
 
 void Map_manager::get_page(Map_page_store* store, uint32_t cache_page, bool read_only, Map_page_table* table,
-                           Map_page_entry* give_back, bool beyond_limit, Map_io_request* request)
+                           bool give_back_tail, bool beyond_limit, Map_io_request* request)
 {
     Module_scope scope(MOD_RCMP);
     std::lock_guard<std::mutex> hold(lock_);
@@ -579,8 +573,12 @@ void Map_manager::get_page(Map_page_store* store, uint32_t cache_page, bool read
 
     // a. Work that was asked for while the lock was not ours.
     run_pending_flush_locked();
-    // b. The entry the caller's table let go.
-    give_back_locked(give_back);
+    // b. The caller's table lets its oldest entry go. Done here, under this lock, so that no map
+    //    can be taken out of the cache while one of its entries is on its way back.
+    if (give_back_tail && table) {
+        std::lock_guard<std::mutex> table_hold(table->lock());
+        give_back_locked(table->remove_tail());
+    }
     ++record->statistics.global_accesses;
     if (limit_mb_ < 0.0f)
         resolve_limit_locked();

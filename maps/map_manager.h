@@ -97,19 +97,17 @@ public:
     // statistics.
     void unregister_map(Map_page_store* store);
 
-    // Core of a miss (steps of get_page under the manager lock). `give_back` is an entry the
-    // caller already took out of `table`, or null. `beyond_limit` lets a caller that has nothing
-    // left to give back take a buffer over the limit rather than wait forever.
+    // Core of a miss (steps of get_page under the manager lock). `give_back_tail`: `table`
+    // gives its oldest entry back first. `beyond_limit` lets a caller that has nothing left to
+    // give back take a buffer over the limit rather than wait forever.
     void get_page(Map_page_store* store, uint32_t cache_page, bool read_only, Map_page_table* table,
-                  Map_page_entry* give_back, bool beyond_limit, Map_io_request* request);
+                  bool give_back_tail, bool beyond_limit, Map_io_request* request);
     // Ends a load / swap / swap-and-load; `swapped` reports the swap write (true for a plain
     // load). A failed swap answers busy and keeps the old page.
     void finish_io(Map_page_store* store, Map_io_request* request, bool swapped);
     // Ends the writes of pages handed out to be written without the lock (spill of a busy
     // answer, flush): written ones lose their buffers, the others stay dirty.
     void finish_writes(Map_page_node* const* nodes, uint32_t count, const bool* written);
-    // Gives an entry back (it returns to the shared pool).
-    void give_back(Map_page_entry* entry);
 
     // Frees `bytes` of page buffers (bucket 0 first, then rounds over the thread tables);
     // 0 frees everything that can be freed, writing dirty pages to their swap files.

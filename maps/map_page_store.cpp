@@ -135,18 +135,17 @@ uint8_t* Map_page_store::get_page(uint32_t page, bool read_only, Map_page_table*
     if (!table->registered)
         manager.register_table(table);
     // 3. A full table gives its oldest entry back with the request.
-    Map_page_entry* give_back = nullptr;
+    bool give_back_tail;
     {
         std::lock_guard<std::mutex> hold(table->lock());
-        if (table->is_full())
-            give_back = table->remove_tail();
+        give_back_tail = table->is_full();
     }
     bool beyond_limit = false;
     for (;;) {
         // 4. The manager decides under its lock.
         Map_io_request request;
-        manager.get_page(this, cache_page, read_only, table, give_back, beyond_limit, &request);
-        give_back = nullptr;
+        manager.get_page(this, cache_page, read_only, table, give_back_tail, beyond_limit, &request);
+        give_back_tail = false;
 
         // 5, 6. I/O without the manager lock, then the manager finishes.
         switch (request.answer) {
@@ -188,10 +187,9 @@ uint8_t* Map_page_store::get_page(uint32_t page, bool read_only, Map_page_table*
             return nullptr;
         if (request.out_of_memory) {
             std::lock_guard<std::mutex> hold(table->lock());
-            give_back = table->remove_tail();
+            give_back_tail = table->count() > 0;
             // Nothing of ours left to give: no other thread is going to make room for us.
-            if (!give_back)
-                beyond_limit = true;
+            beyond_limit = !give_back_tail;
         } else if (!request.spill_count) {
             sched_yield();
         }
