@@ -274,3 +274,33 @@ TEST_F(Map_storage_cache, AgingMakesTablesGiveBackWhenTheCacheIsFull)
     EXPECT_TRUE(same(element, small_element(SMALL_LIMIT_PAGES * e)));
     // Tables leave with their pages given back.
 }
+
+TEST_F(Map_storage_cache, DirtyPagesOfAnotherMapAreWrittenToTheirOwnSwapFile)
+{
+    Map_manager& manager = Map_manager::instance();
+    manager.flush(0);
+    manager.set_size_limit_mb(0.25f); // 8 pages; this thread's table holds 6
+    Map_impl first(small_declaration());
+    fill(first, 8);
+    ASSERT_EQ(first.page_store().swap.slot_count(), 0u) << "all of it fits";
+
+    // Every idle page is a dirty page of the first map: the second map's miss has them written
+    // to the first map's swap file, not its own.
+    Map_impl second(small_declaration());
+    Small_element element = small_element(12345);
+    ASSERT_EQ(second.append_raw(&element), qv::shader_v3::MAP_SUCCESS);
+    second.commit();
+    EXPECT_GT(first.page_store().swap.slot_count(), 0u);
+    EXPECT_EQ(second.page_store().swap.slot_count(), 0u);
+    EXPECT_GT(manager.map_statistics(first.page_store().map_id).swaps, 0u);
+    EXPECT_LE(manager.resident_pages(), 8u);
+
+    for (uint32_t i = 0; i < first.size(); ++i) {
+        Small_element back;
+        first.read_element(i, &back);
+        ASSERT_TRUE(same(back, small_element(i))) << i;
+    }
+    Small_element back;
+    second.read_element(0, &back);
+    EXPECT_TRUE(same(back, element));
+}
