@@ -3,9 +3,11 @@
 #include <cmath>
 #include <cstdint>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "tests/test_support.h"
+#include "runtime/msg.h"
 #include "tool/merge.h"
 
 namespace {
@@ -95,6 +97,27 @@ std::vector<Fg_point> room_points(unsigned n, uint32_t seed)
     const float max[3] = {10.0f, 8.0f, 3.0f};
     merge_set_bounds(min, max);
     return points;
+}
+
+std::vector<std::string> g_lines;
+
+void keep_line(uint32_t level, const char*, const char* text, int32_t)
+{
+    if (level == MSG_DEBUG)
+        g_lines.push_back(text);
+}
+
+// Runs a merge with the debug level on and gives the debug lines it printed.
+std::vector<std::string> merge_debug_lines(std::vector<Fg_point>& pts, float distance, unsigned* count)
+{
+    const uint32_t mask = msg_level_mask();
+    g_lines.clear();
+    qv_errorhandler(keep_line);
+    msg_set_levels(mask | MSG_DEBUG);
+    *count = merge_points(pts.data(), unsigned(pts.size()), distance, FIVE_DEGREES, 0);
+    msg_set_levels(mask);
+    qv_errorhandler(nullptr);
+    return g_lines;
 }
 
 class MergeTest : public ::testing::Test {
@@ -234,6 +257,55 @@ TEST_F(MergeTest, BlendsLeavingBothCellsSurviveThroughTheSideArray)
         EXPECT_EQ(pts[i].rays % 2, 0u);
         EXPECT_NEAR(pts[i].position[1], 11.1f, 1e-4f);
     }
+}
+
+// More than eight points per cell on average sends the merge to half the distance first, as
+// far as that rule asks and at most ten levels deep; the debug lines tell the levels.
+TEST_F(MergeTest, CrowdedGridMergesAtHalfTheDistanceFirst)
+{
+    auto starts = [](const std::string& line, const char* head) { return line.rfind(head, 0) == 0; };
+    auto count_trying = [&](const std::vector<std::string>& lines) {
+        int n = 0;
+        for (const std::string& line : lines)
+            n += starts(line, "trying merging with distance ");
+        return n;
+    };
+
+    // Bounds within the distance on every axis make one cell: eight points are not crowded.
+    set_bounds(0.0f, 1.0f);
+    std::vector<Fg_point> pts;
+    for (int i = 0; i < 8; ++i)
+        pts.push_back(make_point(0.1f * float(i), 0.5f, 0.5f, 0, 0, 1, 1));
+    unsigned n = 0;
+    std::vector<std::string> lines = merge_debug_lines(pts, 4.0f, &n);
+    EXPECT_EQ(n, 1u);
+    EXPECT_EQ(count_trying(lines), 0);
+
+    // Nine are. At 2 and 1 the unit box is still one cell; at 0.5 it has 27, which is enough.
+    pts.clear();
+    for (int i = 0; i < 9; ++i)
+        pts.push_back(make_point(0.1f * float(i), 0.5f, 0.5f, 0, 0, 1, 1));
+    lines = merge_debug_lines(pts, 4.0f, &n);
+    EXPECT_EQ(n, 1u);
+    EXPECT_EQ(pts[0].rays, 9u);
+    ASSERT_GE(lines.size(), 6u);
+    EXPECT_EQ(count_trying(lines), 3);
+    EXPECT_EQ(lines[0], "trying merging with distance 2.000000 first");
+    EXPECT_EQ(lines[1], "trying merging with distance 1.000000 first");
+    EXPECT_EQ(lines[2], "trying merging with distance 0.500000 first");
+    EXPECT_TRUE(starts(lines[3], "merged ")) << lines[3];
+    EXPECT_EQ(lines[lines.size() - 2], "merging 1 fg point with distance 4.000000");
+    EXPECT_EQ(lines.back(), "merged 0 fg points, 0 in place");
+
+    // Bounds of a single point never give more cells: the recursion stops at depth 10.
+    set_bounds(0.0f, 0.0f);
+    pts.assign(9, make_point(0.0f, 0.0f, 0.0f, 0, 0, 1, 2));
+    lines = merge_debug_lines(pts, 4.0f, &n);
+    EXPECT_EQ(n, 1u);
+    EXPECT_EQ(pts[0].rays, 18u);
+    EXPECT_EQ(count_trying(lines), 10);
+    ASSERT_GE(lines.size(), 10u);
+    EXPECT_EQ(lines[9], "trying merging with distance 0.003906 first");
 }
 
 // On any realistic set the merge conserves rays and leaves no pair that its own test would
