@@ -437,38 +437,6 @@ Map_status Map_impl::set(Map_field_id id, const Map_color* value)
     return MAP_SUCCESS;
 }
 
-// ---- File operations and BVH --------------------------------------------------------------
-// These belong to the map file and BVH code. Until it lands they fail plainly rather than
-// pretend: nothing is read or written.
-
-Map_status Map_impl::read(const char*, uint32_t)
-{
-    return MAP_FILE_CANNOT_OPEN;
-}
-
-Map_status Map_impl::append_to_file(const char*, bool)
-{
-    return MAP_FILE_MALFORMED;
-}
-
-Map_status Map_impl::append_from_file(const char*, bool, bool, uint32_t* format)
-{
-    if (format)
-        *format = MAP_FORMAT_BINARY;
-    return MAP_FILE_CANNOT_OPEN;
-}
-
-Map_status Map_impl::write(const char*, Map_file_format, bool)
-{
-    return MAP_FILE_MALFORMED;
-}
-
-Map_status Map_impl::build_bvh(float, bool, bool)
-{
-    commit();
-    return MAP_SUCCESS;
-}
-
 // ---- Stored form ----------------------------------------------------------------------------
 
 const void* Map_impl::serialize(QV::SERIAL::Serializer* serializer) const
