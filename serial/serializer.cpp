@@ -209,7 +209,7 @@ void Deserializer::read(String_map* value)
         read(&text);
         if (!valid_)
             break;
-        value->insert_or_assign(key, text);
+        value->emplace(key, text);   // an entry already present keeps its value
     }
 }
 

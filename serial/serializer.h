@@ -120,7 +120,7 @@ class Deserialization_manager;
 class Deserializer {
 public:
     virtual ~Deserializer();                                          // 0
-    virtual void read(String_map* value);                             // 1: inserts the pairs
+    virtual void read(String_map* value);                             // 1: inserts; present keys stay
     virtual void read(Byte_block* value);                             // 2: replaces the block
     virtual void read(double (*value)[3]);                            // 3
     virtual void read(double (*value)[2]);                            // 4
