@@ -57,6 +57,81 @@ size_t walk_layout(unsigned char* record, const char* layout, size_t limit)
     return offset;
 }
 
+// The handlers' layouts are known at compile time: each is turned into a short list of runs
+// (letter, repeat), with neighbouring equal letters merged, so converting an array of items does
+// not parse the string again for every item.
+struct Layout_run {
+    char letter;
+    uint32_t repeat;
+};
+constexpr int LAYOUT_MAX_RUNS = 96;
+struct Compiled_layout {
+    int count = 0;
+    size_t size = 0;
+    Layout_run runs[LAYOUT_MAX_RUNS] = {};
+};
+
+constexpr Compiled_layout compile_layout(const char* layout)
+{
+    Compiled_layout compiled;
+    size_t count = 0;
+    for (const char* cursor = layout; *cursor; ++cursor) {
+        const char letter = *cursor;
+        if (letter >= '0' && letter <= '9') {
+            count = count * 10 + size_t(letter - '0');
+            continue;
+        }
+        const size_t width = qv_scene_layout_letter_width(letter);
+        if (width == 0)
+            continue;
+        const uint32_t repeat = uint32_t(count + 1);
+        compiled.size += width * repeat;
+        count = 0;
+        if (compiled.count > 0 && compiled.runs[compiled.count - 1].letter == letter) {
+            compiled.runs[compiled.count - 1].repeat += repeat;
+            continue;
+        }
+        // More runs than room is a compile-time error: the constant evaluation fails here.
+        compiled.runs[compiled.count++] = Layout_run{letter, repeat};
+    }
+    return compiled;
+}
+
+template <const char* Layout>
+inline constexpr Compiled_layout compiled_layout = compile_layout(Layout);
+
+// Same conversion as walk_layout, by runs; stops at the first field that would pass `limit`.
+void apply_layout(unsigned char* record, const Compiled_layout& layout, size_t limit)
+{
+    size_t offset = 0;
+    for (int r = 0; r < layout.count; ++r) {
+        const Layout_run run = layout.runs[r];
+        const size_t width = qv_scene_layout_letter_width(run.letter);
+        if (run.letter == 'c') {
+            offset += width * run.repeat;
+            continue;
+        }
+        for (uint32_t n = 0; n < run.repeat; ++n, offset += width) {
+            if (offset + width > limit)
+                return;
+            unsigned char* field = record + offset;
+            switch (run.letter) {
+            case 's': reverse_2(field); break;
+            case 'i':
+            case 'f': reverse_4(field); break;
+            case 'd': reverse_8(field); break;
+            default: std::memset(field, 0, 8); break;  // 'p'
+            }
+        }
+    }
+}
+
+template <const char* Layout>
+void apply(unsigned char* record, size_t limit)
+{
+    apply_layout(record, compiled_layout<Layout>, limit);
+}
+
 unsigned char* bytes_of(Db_record* record) { return static_cast<unsigned char*>(record->data); }
 
 // Fixed part by layout, nothing else.
@@ -64,7 +139,7 @@ template <const char* Layout>
 void swap_record(Db_record* record, bool swap)
 {
     if (swap && record->data)
-        walk_layout(bytes_of(record), Layout, record->size);
+        apply<Layout>(bytes_of(record), record->size);
 }
 
 // Records that are a run of equal items.
@@ -73,10 +148,10 @@ void swap_items(Db_record* record, bool swap)
 {
     if (!swap || !record->data)
         return;
-    constexpr size_t item = qv_scene_layout_size(Layout);
+    constexpr size_t item = compiled_layout<Layout>.size;
     unsigned char* bytes = bytes_of(record);
     for (size_t offset = 0; offset + item <= record->size; offset += item)
-        walk_layout(bytes + offset, Layout, item);
+        apply<Layout>(bytes + offset, item);
 }
 
 void swap_array_16(Db_record* record, bool swap)
@@ -101,7 +176,7 @@ void swap_funcdecl(Db_record* record, bool swap)
     if (!swap || !record->data)
         return;
     unsigned char* bytes = bytes_of(record);
-    walk_layout(bytes, scene_layout::funcdecl, record->size);
+    apply<scene_layout::funcdecl>(bytes, record->size);
     if (record->size < SCENE_FUNCDECL_FIXED)
         return;
     const int32_t result_size = scene_word(bytes, offsetof(Scene_funcdecl, result_size) / 4);
@@ -119,14 +194,15 @@ void swap_object(Db_record* record, bool swap)
 {
     if (!swap || !record->data || record->size < 4)
         return;
-    static const char* const layouts[4] = {scene_layout::object_0, scene_layout::object_1,
-                                           scene_layout::object_2, scene_layout::object_3};
+    static const Compiled_layout* const layouts[4] = {
+        &compiled_layout<scene_layout::object_0>, &compiled_layout<scene_layout::object_1>,
+        &compiled_layout<scene_layout::object_2>, &compiled_layout<scene_layout::object_3>};
     const uint32_t object_type = __builtin_bswap32(uint32_t(scene_word(record->data, SCENE_OBJECT_TYPE_WORD)));
     if (object_type > 3) {
         reverse_4(bytes_of(record));  // at least the type word becomes readable
         return;
     }
-    walk_layout(bytes_of(record), layouts[object_type], record->size);
+    apply_layout(bytes_of(record), *layouts[object_type], record->size);
 }
 
 void swap_box(Db_record* record, bool swap)
@@ -134,10 +210,10 @@ void swap_box(Db_record* record, bool swap)
     if (!swap || !record->data)
         return;
     unsigned char* bytes = bytes_of(record);
-    walk_layout(bytes, scene_layout::box, record->size);
+    apply<scene_layout::box>(bytes, record->size);
     for (size_t offset = SCENE_BOX_FIXED; offset + SCENE_BOX_ITEM_SIZE <= record->size;
          offset += SCENE_BOX_ITEM_SIZE)
-        walk_layout(bytes + offset, scene_layout::box_item, SCENE_BOX_ITEM_SIZE);
+        apply<scene_layout::box_item>(bytes + offset, SCENE_BOX_ITEM_SIZE);
 }
 
 void swap_instance(Db_record* record, bool swap)
@@ -145,8 +221,8 @@ void swap_instance(Db_record* record, bool swap)
     if (!swap || !record->data)
         return;
     unsigned char* bytes = bytes_of(record);
-    walk_layout(bytes, scene_layout::instance, SCENE_INSTANCE_SWAP_FIXED < record->size
-                                                   ? SCENE_INSTANCE_SWAP_FIXED : record->size);
+    apply<scene_layout::instance>(bytes, SCENE_INSTANCE_SWAP_FIXED < record->size ? SCENE_INSTANCE_SWAP_FIXED
+                                                                                 : record->size);
     if (record->size > SCENE_INSTANCE_SWAP_FIXED)
         qv_scene_swap_32(bytes + SCENE_INSTANCE_SWAP_FIXED, (record->size - SCENE_INSTANCE_SWAP_FIXED) / 4);
 }
@@ -156,10 +232,10 @@ void swap_group(Db_record* record, bool swap)
     if (!swap || !record->data)
         return;
     unsigned char* bytes = bytes_of(record);
-    walk_layout(bytes, scene_layout::group, record->size);
+    apply<scene_layout::group>(bytes, record->size);
     for (size_t offset = SCENE_GROUP_FIXED; offset + SCENE_GROUP_MEMBER_SIZE <= record->size;
          offset += SCENE_GROUP_MEMBER_SIZE)
-        walk_layout(bytes + offset, scene_layout::group_member, SCENE_GROUP_MEMBER_SIZE);
+        apply<scene_layout::group_member>(bytes + offset, SCENE_GROUP_MEMBER_SIZE);
 }
 
 // A local record carries its own layout: a zero-terminated layout string, padded to a multiple
