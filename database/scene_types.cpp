@@ -402,7 +402,9 @@ Db_tag qv_scene_copy(Db_tag tag)
         Db_tag sub_copy = 0;
         if (type == SCENE_OPTIONS) {
             // The Options element is an object: copy it as one and store it anew.
-            auto* element = static_cast<QV::DB::Element_base*>(qv_db_access(sub));
+            auto* element = qv_db_type(sub) == DB_TYPE_SERIALIZABLE
+                                ? static_cast<QV::DB::Element_base*>(qv_db_access(sub))
+                                : nullptr;
             if (element)
                 QV::DB::get_transaction()->store(&sub_copy, element->copy(), nullptr);
         } else {
