@@ -1,5 +1,6 @@
 // The type table: names, registration, create/resize/copy/delete/unlink, and the options values.
 #include <sstream>
+#include <vector>
 
 #include "database/scene_value.h"
 #include "database/transaction.h"
@@ -241,6 +242,51 @@ TEST_F(SceneTypesTest, OptionsPrintOneLineEachAndRoundTrip)
     EXPECT_EQ(again.str(), text.str());
     EXPECT_EQ(back->get_size(), sizeof(Options));
     delete read;
+}
+
+std::vector<Db_tag> g_forgotten;
+std::vector<Db_tag> g_changed;
+void remember_forget(Db_tag tag, void*) { g_forgotten.push_back(tag); }
+void remember_change(Db_tag tag) { g_changed.push_back(tag); }
+
+TEST_F(SceneTypesTest, EditMarksTheRecordAndTellsFunctionsAndObjects)
+{
+    g_forgotten.clear();
+    g_changed.clear();
+    qv_scene_set_edit_hooks({remember_forget, remember_change});
+    Db_tag function = 0;
+    qv_scene_create(&function, SCENE_FUNC);
+    Db_tag object = 0;
+    qv_scene_create(&object, SCENE_OBJECT, 2);
+    Db_tag material = 0;
+    qv_scene_create(&material, SCENE_MATERIAL);
+    qv_db_peek(material)->flags = 0x10;
+
+    EXPECT_EQ(qv_scene_edit(material)->flags, 0x17);
+    qv_scene_edit(function);
+    qv_scene_edit(object);
+    qv_scene_set_edit_hooks({});
+    EXPECT_EQ(g_forgotten, std::vector<Db_tag>{function});
+    EXPECT_EQ(g_changed, std::vector<Db_tag>{object});
+    EXPECT_EQ(scene_word(qv_db_access(object), SCENE_OBJECT_TYPE_WORD), 2);
+}
+
+TEST_F(SceneTypesTest, DeleteOfAnInstanceTakesItsParametersButNotItsItem)
+{
+    Db_tag item = 0;
+    qv_scene_create(&item, SCENE_OBJECT, 0);
+    Db_tag parameters = 0;
+    qv_scene_create(&parameters, SCENE_USERDATA, 8);
+    Db_tag instance = 0;
+    void* data = qv_scene_create(&instance, SCENE_INSTANCE);
+    scene_set_word(data, SCENE_INSTANCE_ITEM_WORD, int32_t(item));
+    scene_set_word(data, SCENE_INSTANCE_PARAM_WORD, int32_t(parameters));
+    EXPECT_EQ(qv_scene_validate(instance), 1);
+
+    qv_scene_delete(instance);
+    EXPECT_EQ(qv_db_peek(instance)->state, DB_STATE_FREE);
+    EXPECT_EQ(qv_db_peek(parameters)->state, DB_STATE_FREE);
+    EXPECT_EQ(qv_db_peek(item)->state, DB_STATE_NORMAL);
 }
 
 }  // namespace
