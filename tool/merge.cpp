@@ -5,6 +5,11 @@
 #include <cstring>
 
 #include "base/lib/mem/i_mem_allocatable.h"
+#include "finalgather/fg_map.h"
+#include "maps/map_dbhandle.h"
+#include "maps/map_declaration.h"
+#include "maps/map_element.h"
+#include "maps/map_impl.h"
 #include "runtime/msg.h"
 #include "tool/blend.h"
 
@@ -371,4 +376,54 @@ unsigned merge_points(Fg_point* points, unsigned count, float distance, float an
     QV_FREE(scratch);
     QV_FREE(keys);
     return count;
+}
+
+Tag merge_map(Tag tag, float distance, float angle_degrees)
+{
+    using namespace QV::RCMAP;
+    if (tag == 0)
+        return 0;
+
+    // Out of the database into a flat array. Releasing the handle removes the old tag, so from
+    // there on the points exist only in the array.
+    Fg_point* points = nullptr;
+    uint32_t count = 0;
+    Map_declaration_impl* declaration = nullptr;
+    {
+        Edit_map_dbhandle_impl source(tag);
+        Map_impl* map = source.get_map();
+        if (!map || !map->get_declaration())
+            return 0;
+        // The committed bounds fix the grid for the whole merge, however the points move.
+        const Map_bounds& bounds = map->get_bounds();
+        merge_set_bounds(bounds.minimum, bounds.maximum);
+        count = map->size();
+        points = static_cast<Fg_point*>(QV_ALLOC(size_t(count) * sizeof(Fg_point)));
+        declaration = new Map_declaration_impl(*map->get_declaration());
+        Map_element_impl element(map->get_declaration());
+        for (uint32_t i = 0; i < count; ++i) {
+            map->get(i, &element);
+            fg_point_from_element(&points[i], &element);
+        }
+        source.release();
+    }
+
+    const unsigned new_count = merge_points(points, count, distance, angle_degrees, 0);
+
+    // The survivors become a new map; its BVH is built once, at the commit below.
+    Edit_map_dbhandle_impl target(declaration);
+    Map_impl* map = target.get_map();
+    map->bvh_enabled = false;
+    {
+        Map_element_impl element(declaration);
+        for (unsigned i = 0; i < new_count; ++i) {
+            fg_point_to_element(&element, points[i].position, points[i].normal);
+            map->append(&element);
+        }
+    }
+    QV_FREE(points);
+    map->build_bvh(0.6f, false, false);
+    const Tag result = target.store();
+    delete declaration;
+    return result;
 }

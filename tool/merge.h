@@ -37,3 +37,9 @@ int compare_points(const void* a, const void* b);
 // eight points per cell, merges at half the distance first (at most 10 levels deep). The first
 // call passes depth 0. Never fails; allocation failures follow the memory manager's rules.
 unsigned merge_points(Fg_point* points, unsigned count, float distance, float angle_degrees, int depth);
+
+// merge_map (declared in tool/stages.h) is the pipeline stage around merge_points: it takes the
+// grid bounds from the map's committed bounds, copies the points out, releases the map under
+// `tag` (which removes that tag), merges, and stores the survivors as a new map of the same
+// declaration, committed with build_bvh(0.6). Returns the new tag; 0 for tag 0 or a tag that
+// holds no map.
