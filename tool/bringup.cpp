@@ -6,6 +6,7 @@
 #include "database/dbn.h"
 #include "database/host_messaging.h"
 #include "database/scene_types.h"
+#include "finalgather/rcfg_module.h"
 #include "maps/rcmp_module.h"
 #include "runtime/api_start.h"
 #include "runtime/modules.h"
@@ -24,7 +25,7 @@ void bring_up_modules()
     // Registered after the global areas were made: in this program the LIB world area and the
     // RCFG and RCMP session areas stay null, and only their context areas exist.
     qv_api_init(0);
-    // RCFG joins here.
+    fg_module_init();
     rcmp_init(true);  // the cache is bounded by physical memory alone
     // The array is parked and dropped on purpose: the work that follows builds its own areas
     // with the sizes now known.

@@ -13,5 +13,6 @@ Tag load_maps(char** names, int count);
 Tag select_box(Tag tag, const float box[6], int inside);
 // Merges points within `distance` whose normals differ by at most `max_angle_degrees`.
 Tag merge_map(Tag tag, float distance, float max_angle_degrees);
-// Writes the map in the current format, or in the classic one when `legacy` is set.
-bool save_map(const char* name, Tag tag, int legacy);
+// Removes an existing output file, then writes the map in the current format, or in the classic
+// one when `legacy` is set. Failures are reported by the writers only.
+void save_map(const char* name, Tag tag, int legacy);

@@ -1,0 +1,71 @@
+// Output: the map under a tag goes to a current map file, or with legacy set to a classic file
+// through the kd-tree store. Failures are reported by the writers; the caller learns nothing.
+#include <unistd.h>
+
+#include "containers/kdtree.h"
+#include "finalgather/fg_file.h"
+#include "finalgather/fg_map.h"
+#include "maps/map_dbhandle.h"
+#include "maps/map_element.h"
+#include "maps/map_impl.h"
+#include "maps/map_iterator.h"
+#include "tool/stages.h"
+
+using namespace QV::RCMAP;
+
+namespace {
+
+// Type 1 kd-tree whose records are words 3 to 25 of a point.
+constexpr int KDTREE_TYPE = 1;
+constexpr uint32_t KDTREE_PAYLOAD_BYTES = 92;
+
+void save_current(const char* path, Tag tag)
+{
+    Edit_map_dbhandle_impl handle(tag);
+    Map_impl* map = handle.get_map();
+    if (!map)
+        return;
+    // The earlier stages switched it off; the write builds the hierarchy and stores it.
+    map->bvh_enabled = true;
+    map->write(path, qv::shader_v3::MAP_FORMAT_BINARY, true);
+}
+
+void save_classic(const char* path, Tag tag)
+{
+    uint32_t kdtree = kdtree_create(KDTREE_TYPE, KDTREE_PAYLOAD_BYTES);
+    Kdtree_handle* writer = kdtree_open_for_writing(kdtree, nullptr, 0);
+    {
+        Access_map_dbhandle_impl handle(tag);
+        Map_impl* map = handle.get_map();
+        if (map && writer) {
+            Map_element_impl element(map->get_declaration());
+            Map_iterator_impl it(map);
+            // The reserved words have no map field; they are written as zero.
+            Fg_point point = {};
+            for (uint32_t i = 0, end = map->size(); i < end; ++i, it.next()) {
+                it.get(&element);
+                fg_point_from_element(&point, &element);
+                kdtree_add(writer, point.normal, point.position);  // word 3 onwards
+            }
+        }
+    }
+    if (writer)
+        kdtree_close(writer);
+    fg_map_save_legacy(kdtree, nullptr, path);
+    kdtree_delete(kdtree);
+}
+
+}  // namespace
+
+void save_map(const char* path, Tag tag, int legacy)
+{
+    // The raw name, before substitution: the write below goes to the substituted one.
+    if (access(path, F_OK) == 0)
+        unlink(path);
+    if (tag == 0)
+        return;
+    if (legacy)
+        save_classic(path, tag);
+    else
+        save_current(path, tag);
+}
