@@ -50,7 +50,7 @@ constexpr uint32_t FG_POOL_BLOCK_BYTES = 712;
 
 // Start of module RCFG: context and transaction areas, scene types 86 to 88, the table of
 // powers, the obsolete-variable check and the two grid classes, in that order. Runs in
-// Module_scope RCFG. A second call does nothing.
+// Module_scope RCFG. Registering again is harmless; the table of powers is made only once.
 void fg_module_init();
 
 // This thread's cached final-gather declaration, built on first use. Not owned by the caller.
@@ -66,6 +66,11 @@ QV::RCMAP::Map_impl* fg_map_new();
 // The process-wide table of powers of 0.6 that stay above 0.1: 1.0, 0.6, 0.36, 0.216, 0.1296.
 // Null before fg_module_init; never freed. `length` (may be null) receives its length.
 const float* fg_power_table(uint32_t* length);
+
+// A zeroed block of FG_POOL_BLOCK_BYTES from this thread's pool, and its return. Blocks stay
+// with the pool of the thread that freed them until that thread's area goes.
+void* fg_block_alloc();
+void fg_block_free(void* block);
 
 // Creates a grid border record (type 88) under a new tag; returns its 40 zeroed bytes.
 void* fg_grid_border_create(uint32_t* tag);

@@ -1,0 +1,342 @@
+// Reading final-gather files: telling the kinds apart, the classic headers and records, and the
+// loaders into maps and kd-trees.
+#include "finalgather/fg_file.h"
+
+#include <cstring>
+#include <utility>
+
+#include "containers/kdtree.h"
+#include "database/db.h"
+#include "database/scene_records.h"
+#include "finalgather/fg_file_internal.h"
+#include "finalgather/fg_file_io.h"
+#include "finalgather/fg_map.h"
+#include "finalgather/rcfg_module.h"
+#include "maps/map_declaration.h"
+#include "maps/map_element.h"
+#include "maps/map_impl.h"
+#include "runtime/modules.h"
+#include "runtime/msg.h"
+#include "runtime/paths.h"
+#include "tool/blend.h"
+
+using QV::RCMAP::Map_declaration_impl;
+using QV::RCMAP::Map_element_impl;
+using QV::RCMAP::Map_impl;
+using namespace fg_file_detail;
+
+namespace {
+
+Fg_progressive_query g_progressive_query = nullptr;
+
+// Reads the classic records behind the headers and hands each to `add`, which gets the whole
+// record (word 26 zero). Stops at the first short read and keeps what came before it, so the
+// header's count is only an upper bound. Returns how many records were handed on.
+template <class Add>
+uint32_t read_classic_records(FILE* file, const char* path, const Classic_header& header, Add add)
+{
+    if (!file_seek(file, FG_DATA_OFFSET, SEEK_SET, path, 10, "failed seek to finalgather data file begin"))
+        return 0;
+    uint32_t loaded = 0;
+    Fg_point record;
+    for (uint32_t n = 0; n < header.count; ++n) {
+        if (!file_read(file, &record, FG_RECORD_BYTES, path, 11, "failed reading finalgather point"))
+            break;
+        record.trailing = 0;
+        if (header.swap)
+            swap_bytes(&record, FG_SWAP_RECORD);
+        if (header.version == 0)
+            convert_version0(&record);
+        add(record);
+        ++loaded;
+    }
+    return loaded;
+}
+
+// The classic part of the two loaders: headers, records, close. The stream stands at 32.
+template <class Add>
+uint32_t load_classic(FILE* file, const char* path, Add add)
+{
+    const Classic_header header = read_classic_headers(file, path);
+    if (header.count == 0) {
+        file_close(file, path, 9, TEXT_CLOSING);
+        return 0;
+    }
+    const uint32_t loaded = read_classic_records(file, path, header, add);
+    file_close(file, path, 12, "failed closing finalgather file");
+    return loaded;
+}
+
+void report_loaded(uint32_t loaded, const char* path)
+{
+    if (loaded > 0)
+        msg_progress("%i finalgather points loaded from %s", int(loaded), path);
+}
+
+// A NUL-terminated copy of the file name held by a string element, cut to the path buffer.
+void element_text(char (&out)[FG_PATH_BYTES], const void* data, uint32_t size)
+{
+    size_t length = 0;
+    if (data) {
+        const auto* text = static_cast<const char*>(data);
+        while (length < size && length + 1 < FG_PATH_BYTES && text[length])
+            ++length;
+        std::memcpy(out, text, length);
+    }
+    out[length] = '\0';
+}
+
+bool may_load_list(uint32_t tag)
+{
+    if (!tag)
+        return false;
+    if (const Thread_context* context = thread_context(); context && context->host_number != 0)
+        return false;
+    return !(g_progressive_query && g_progressive_query());
+}
+
+// Loads the file named under `tag`, or every file of a tag list; `load(name, allow_classic)`.
+template <class Load>
+uint32_t load_list(uint32_t tag, bool skip_first, bool limit_classic, Load load)
+{
+    char name[FG_PATH_BYTES];
+    uint32_t loaded = 0;
+    if (qv_db_type(tag) == SCENE_TAG) {
+        const auto* entries = static_cast<const uint32_t*>(qv_db_access(tag));
+        const uint32_t count = qv_db_size(tag) / 4;
+        const uint32_t first = skip_first && count > 0 ? 1 : 0;
+        uint32_t remaining = 0;
+        for (uint32_t n = first; n < count; ++n)
+            remaining += entries[n] != 0;
+        // Several files combine only when all are current files.
+        const bool allow_classic = !limit_classic || remaining <= 1;
+        for (uint32_t n = first; n < count; ++n) {
+            const uint32_t entry = entries[n];
+            if (!entry)
+                continue;
+            element_text(name, qv_db_access(entry), qv_db_size(entry));
+            qv_db_unpin(entry);
+            loaded += load(name, allow_classic);
+        }
+    } else {
+        element_text(name, qv_db_access(tag), qv_db_size(tag));
+        loaded = load(name, true);
+    }
+    qv_db_unpin(tag);
+    return loaded;
+}
+
+}  // namespace
+
+namespace fg_file_detail {
+
+File_kind file_kind(FILE* file, const char* path)
+{
+    uint8_t header[FG_FILE_HEADER_BYTES];
+    if (!file_seek(file, 0, SEEK_SET, path, 2, TEXT_SEEK_HEADER) ||
+        !file_read(file, header, sizeof(header), path, 3, TEXT_READ_HEADER))
+        return FILE_KIND_FAILED;
+    return std::memcmp(header, FG_FILE_MAGIC, 4) == 0 ? FILE_KIND_CLASSIC : FILE_KIND_CURRENT;
+}
+
+Classic_header read_classic_headers(FILE* file, const char* path)
+{
+    Classic_header header{0, 0, false};
+    uint8_t options[FG_OPTIONS_HEADER_BYTES];
+    if (!file_read(file, options, sizeof(options), path, 6,
+                   "failed to read used options from file, content ignored"))
+        return header;
+    if (std::memcmp(options, FG_OPTIONS_MAGIC, 4) != 0) {
+        msg_error_n(7, "%s: wrong finalgather map header magic", path);
+        return header;
+    }
+    int32_t order;
+    std::memcpy(&order, options + 4, 4);
+    header.swap = order != 1;
+    if (header.swap)
+        swap_bytes(options, FG_SWAP_OPTIONS);
+    uint32_t version;
+    std::memcpy(&version, options + 8, 4);
+    if (version > 1) {
+        msg_info("%s: unknown finalgather map version, content ignored", path);
+        return header;
+    }
+    // The size block's template runs on over a first record, so the buffer has room for it.
+    uint8_t size_block[128] = {};
+    if (!file_read(file, size_block, FG_SIZE_BLOCK_BYTES, path, 8, "failed to read data size, content ignored"))
+        return header;
+    if (header.swap)
+        swap_bytes(size_block, FG_SWAP_SIZE);
+    std::memcpy(&header.count, size_block, 4);
+    header.version = version;
+    return header;
+}
+
+void convert_version0(Fg_point* record)
+{
+    // Rows of the red, green and blue world-space gradients at record bytes 44, 56 and 68.
+    float rows[9];
+    std::memcpy(rows, reinterpret_cast<const uint8_t*>(record) + 44, sizeof(rows));
+    float t[3], c[3];
+    fg_tangent_frame(record->normal, t, c);
+    float grad_t1[3], grad_t2[3];
+    for (int k = 0; k < 3; ++k) {
+        const float* row = rows + 3 * k;
+        grad_t1[k] = -(row[0] * c[0] + row[1] * c[1] + row[2] * c[2]);
+        grad_t2[k] = row[0] * t[0] + row[1] * t[1] + row[2] * t[2];
+    }
+    // The third row stays where it was: its first word now reads as point_id.
+    std::memcpy(record->grad_t1, grad_t1, sizeof(grad_t1));
+    std::memcpy(record->grad_t2, grad_t2, sizeof(grad_t2));
+}
+
+}  // namespace fg_file_detail
+
+void swap_bytes(void* data, const char* layout)
+{
+    auto* cursor = static_cast<uint8_t*>(data);
+    uint32_t count = 0;
+    for (const char* letter = layout; *letter; ++letter) {
+        if (*letter >= '0' && *letter <= '9') {
+            count = count * 10 + uint32_t(*letter - '0');
+            continue;
+        }
+        for (;;) {
+            switch (*letter) {
+            case 'c':
+                cursor += 1;
+                break;
+            case 's':
+                std::swap(cursor[0], cursor[1]);
+                cursor += 2;
+                break;
+            case 'f':
+            case 'i':
+                std::swap(cursor[0], cursor[3]);
+                std::swap(cursor[1], cursor[2]);
+                cursor += 4;
+                break;
+            case 'd':
+                for (int n = 0; n < 4; ++n)
+                    std::swap(cursor[n], cursor[7 - n]);
+                cursor += 8;
+                break;
+            case 'p':
+                std::memset(cursor, 0, 8);
+                cursor += 8;
+                break;
+            default:
+                // Not a letter: the count stays standing for the next one.
+                goto next_character;
+            }
+            if (count == 0)
+                break;
+            --count;
+        }
+    next_character:;
+    }
+}
+
+void fg_set_progressive_query(Fg_progressive_query query)
+{
+    g_progressive_query = query;
+}
+
+uint32_t fg_map_load(Map_impl* map, const char* path, bool allow_classic)
+{
+    Module_scope scope(MOD_RCFG);
+    char name[FG_PATH_BYTES];
+    path_substitute(name, path, sizeof(name));
+    FILE* file = file_open(name, "rb", 0, "cannot load finalgather map file");
+    if (!file)
+        return 0;
+    const File_kind kind = file_kind(file, name);
+    if (kind == FILE_KIND_FAILED) {
+        file_close(file, name, 5, TEXT_CLOSING);
+        return 0;
+    }
+    uint32_t loaded = 0;
+    if (kind == FILE_KIND_CURRENT) {
+        if (!file_close(file, name, 5, TEXT_CLOSING))
+            return 0;
+        const uint32_t before = map->size();
+        if (map->append_from_file(name, true, false, nullptr) != qv::shader_v3::MAP_SUCCESS)
+            return 0;
+        loaded = map->size() - before;
+    } else if (!allow_classic) {
+        msg_error_n(5, "cannot use classic finalgather map file '%s'", name);
+        file_close(file, name, 5, TEXT_CLOSING);
+        return 0;
+    } else {
+        loaded = load_classic(file, name, [map](const Fg_point& record) {
+            fg_map_add_point(map, record.position, record.normal);
+        });
+    }
+    report_loaded(loaded, name);
+    return loaded;
+}
+
+uint32_t fg_kdtree_load(Kdtree_handle* kdtree, const char* path)
+{
+    Module_scope scope(MOD_RCFG);
+    char name[FG_PATH_BYTES];
+    path_substitute(name, path, sizeof(name));
+    FILE* file = file_open(name, "rb", 0, "cannot load finalgather map file");
+    if (!file)
+        return 0;
+    const File_kind kind = file_kind(file, name);
+    if (kind == FILE_KIND_FAILED) {
+        file_close(file, name, 5, TEXT_CLOSING);
+        return 0;
+    }
+    uint32_t loaded = 0;
+    if (kind == FILE_KIND_CURRENT) {
+        if (!file_close(file, name, 5, TEXT_CLOSING))
+            return 0;
+        const Map_declaration_impl* declaration = fg_cached_declaration();
+        auto* map = new Map_impl(*declaration);
+        // A file of another layout is no final-gather map, whatever the reader thinks of it.
+        if (map->read(name, 0) != qv::shader_v3::MAP_SUCCESS || !map->get_declaration() ||
+            !map->get_declaration()->is_layout_equivalent(*declaration)) {
+            msg_error_n(20, "%s", TEXT_NOT_VALID);
+            delete map;
+            return 0;
+        }
+        Map_element_impl element(declaration);
+        Fg_point point{};
+        loaded = map->size();
+        for (uint32_t n = 0; n < loaded; ++n) {
+            map->get(n, &element);
+            fg_point_from_element(&point, &element);
+            kdtree_add(kdtree, point.normal, point.position);
+        }
+        delete map;
+    } else {
+        loaded = load_classic(file, name, [kdtree](const Fg_point& record) {
+            kdtree_add(kdtree, record.normal, record.position);
+        });
+    }
+    report_loaded(loaded, name);
+    return loaded;
+}
+
+uint32_t fg_map_load_list(Map_impl* map, uint32_t tag, bool skip_first)
+{
+    Module_scope scope(MOD_RCFG);
+    uint32_t loaded = 0;
+    if (may_load_list(tag))
+        loaded = load_list(tag, skip_first, true, [map](const char* name, bool allow_classic) {
+            return fg_map_load(map, name, allow_classic);
+        });
+    map->build_bvh(0.6f, false, false);
+    return loaded;
+}
+
+uint32_t fg_kdtree_load_list(Kdtree_handle* kdtree, uint32_t tag, bool skip_first)
+{
+    Module_scope scope(MOD_RCFG);
+    if (!may_load_list(tag))
+        return 0;
+    return load_list(tag, skip_first, false,
+                     [kdtree](const char* name, bool) { return fg_kdtree_load(kdtree, name); });
+}
