@@ -1,0 +1,79 @@
+// Builds and decodes classic final-gather files byte by byte, independently of the library, so
+// the end-to-end tests check the tool against the layout rather than against its own reader.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+struct Classic_point {
+    uint32_t words[26];  // the on-disk record: words 0..25 of a point
+
+    float f(int w) const { float v; std::memcpy(&v, &words[w], 4); return v; }
+    void set(int w, float v) { std::memcpy(&words[w], &v, 4); }
+};
+
+// A point with every word distinct and recognisable; `rays` is word 10, `point_id` word 17.
+inline Classic_point make_point(float x, float y, float z, uint32_t rays, int32_t id)
+{
+    Classic_point p{};
+    p.set(0, x); p.set(1, y); p.set(2, z);
+    p.set(3, 0); p.set(4, 1); p.set(5, 0);  // normal +y
+    for (int w = 6; w <= 9; ++w) p.set(w, 0.25f * float(w) + 0.001f * float(id));
+    p.words[10] = rays;
+    for (int w = 11; w <= 16; ++w) p.set(w, 0.01f * float(w - 10));
+    std::memcpy(&p.words[17], &id, 4);
+    p.words[18] = 0xAAAA0000u + uint32_t(id);  // reserved: never survives a map
+    p.words[19] = 0xBBBB0000u + uint32_t(id);
+    for (int w = 20; w <= 25; ++w) p.set(w, 0.5f + 0.125f * float(w - 20));
+    return p;
+}
+
+inline uint32_t swap32(uint32_t u) { return __builtin_bswap32(u); }
+
+// The 120-byte header followed by the records; `foreign` writes big-endian, `stored_count`
+// overrides the count word (for files that lie about it).
+inline std::string classic_bytes(const std::vector<Classic_point>& points, uint32_t version = 1,
+                                 bool foreign = false, int64_t stored_count = -1)
+{
+    auto word = [foreign](uint32_t u) { return foreign ? swap32(u) : u; };
+    std::string out(120, '\0');
+    std::memcpy(&out[0], "qvFG    3.9.4.14", 16);
+    std::memcpy(&out[32], "qvFH", 4);
+    uint32_t head[2] = {word(1), word(version)};
+    std::memcpy(&out[36], head, 8);
+    uint32_t count = word(stored_count < 0 ? uint32_t(points.size()) : uint32_t(stored_count));
+    std::memcpy(&out[96], &count, 4);
+    for (const Classic_point& p : points)
+        for (uint32_t w : p.words) {
+            uint32_t v = word(w);
+            out.append(reinterpret_cast<const char*>(&v), 4);
+        }
+    return out;
+}
+
+struct Classic_file {
+    bool ok = false;
+    std::string header;  // the first 120 bytes
+    uint32_t count = 0;
+    std::vector<Classic_point> points;
+};
+
+inline Classic_file decode_classic(const std::string& bytes)
+{
+    Classic_file file;
+    if (bytes.size() < 120)
+        return file;
+    file.header = bytes.substr(0, 120);
+    std::memcpy(&file.count, &bytes[96], 4);
+    if (bytes.size() != 120 + 104 * size_t(file.count))
+        return file;
+    for (uint32_t i = 0; i < file.count; ++i) {
+        Classic_point p;
+        std::memcpy(p.words, &bytes[120 + 104 * size_t(i)], 104);
+        file.points.push_back(p);
+    }
+    file.ok = true;
+    return file;
+}

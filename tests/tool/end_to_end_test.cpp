@@ -1,0 +1,243 @@
+// The tool run as a user runs it, on files made here, with its outputs decoded byte by byte.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+
+#include "tests/tool/classic_file.h"
+#include "tests/tool/run_tool.h"
+
+namespace {
+
+std::vector<Classic_point> sample_points()
+{
+    std::vector<Classic_point> points;
+    for (int i = 0; i < 40; ++i)
+        points.push_back(make_point(float(i % 5), float(i / 5) * 0.5f, float(i % 3), 10 + uint32_t(i), i));
+    return points;
+}
+
+// Records by point_id, for comparisons that do not depend on the kd-tree's order.
+std::map<int32_t, Classic_point> by_id(const std::vector<Classic_point>& points)
+{
+    std::map<int32_t, Classic_point> result;
+    for (const Classic_point& p : points) {
+        int32_t id;
+        std::memcpy(&id, &p.words[17], 4);
+        result[id] = p;
+    }
+    return result;
+}
+
+// Every word but the two reserved ones (18, 19), which have no map field.
+void expect_same_named_fields(const Classic_point& a, const Classic_point& b)
+{
+    for (int w = 0; w < 26; ++w) {
+        if (w != 18 && w != 19) {
+            EXPECT_EQ(a.words[w], b.words[w]) << "word " << w;
+        }
+    }
+}
+
+void expect_classic_header(const Classic_file& file, uint32_t count)
+{
+    ASSERT_TRUE(file.ok);
+    EXPECT_EQ(file.header.substr(0, 32), std::string("qvFG    3.9.4.14") + std::string(16, '\0'));
+    EXPECT_EQ(file.header.substr(32, 4), "qvFH");
+    uint32_t words[3];
+    std::memcpy(words, &file.header[36], 12);
+    EXPECT_EQ(words[0], 1u);  // byte order
+    EXPECT_EQ(words[1], 1u);  // version
+    EXPECT_EQ(words[2], 0u);  // finalg. rays: no options were passed
+    EXPECT_EQ(file.header.substr(48, 48), std::string(48, '\0'));
+    EXPECT_EQ(file.count, count);
+    EXPECT_EQ(file.header.substr(100, 20), std::string(20, '\0'));
+}
+
+class EndToEndTest : public ::testing::Test {
+protected:
+    Temp_dir dir;
+    std::string input = dir.file("in.fg");
+    std::string output = dir.file("out.fg");
+
+    void SetUp() override { write_file(input, classic_bytes(sample_points())); }
+
+    Classic_file run_legacy(std::vector<std::string> args, int expected_exit = 0)
+    {
+        args.insert(args.begin(), {"-l", "on"});
+        Tool_result r = run_tool(args);
+        EXPECT_EQ(r.exit_code, expected_exit) << r.err;
+        last_err = r.err;
+        return decode_classic(read_file(output));
+    }
+    std::string last_err;
+};
+
+}  // namespace
+
+TEST_F(EndToEndTest, LegacyCopyKeepsEveryPointAndNamedFieldInTreeOrder)
+{
+    Classic_file out = run_legacy({input, output});
+    expect_classic_header(out, 40);
+    auto expected = by_id(sample_points());
+    auto got = by_id(out.points);
+    ASSERT_EQ(got.size(), expected.size());
+    for (auto& [id, p] : expected)
+        expect_same_named_fields(got[id], p);
+    // The reserved words do not travel through a map.
+    EXPECT_EQ(out.points[0].words[18], 0u);
+    // Opening the tree for reading balances it, so the order differs from the input's.
+    std::vector<int32_t> order;
+    for (const Classic_point& p : out.points)
+        order.push_back(int32_t(p.words[17]));
+    EXPECT_FALSE(std::is_sorted(order.begin(), order.end()));
+    EXPECT_EQ(last_err, "");  // silent without -v
+}
+
+TEST_F(EndToEndTest, ForeignByteOrderInputLoadsAsNative)
+{
+    write_file(input, classic_bytes(sample_points(), 1, true));
+    Classic_file out = run_legacy({input, output});
+    expect_classic_header(out, 40);
+    auto expected = by_id(sample_points());
+    for (auto& [id, p] : by_id(out.points))
+        expect_same_named_fields(p, expected[id]);
+}
+
+TEST_F(EndToEndTest, UnknownVersionAndTruncatedFilesLoadWhatTheyCan)
+{
+    // Version 2 is refused (info level only), so the run finds no point and leaves the output.
+    write_file(input, classic_bytes(sample_points(), 2));
+    write_file(output, "untouched");
+    Tool_result r = run_tool({input, output});
+    EXPECT_EQ(r.exit_code, 1);
+    EXPECT_EQ(read_file(output), "untouched");
+
+    // A file cut inside its 11th record loads the ten whole ones; the count is an upper bound.
+    std::string bytes = classic_bytes(sample_points());
+    write_file(input, bytes.substr(0, 120 + 104 * 10 + 50));
+    Classic_file out = run_legacy({input, output});
+    expect_classic_header(out, 10);
+
+    // Shorter than a header, absurd count, wrong options magic: never a crash.
+    write_file(input, "qvFG");
+    EXPECT_EQ(run_tool({input, output}).exit_code, 1);
+    write_file(input, classic_bytes({}, 1, false, 0x7fffffff));
+    EXPECT_EQ(run_tool({input, output}).exit_code, 1);
+    std::string wrong_magic = classic_bytes(sample_points());
+    wrong_magic[33] = 'X';
+    write_file(input, wrong_magic);
+    EXPECT_EQ(run_tool({input, output}).exit_code, 1);
+}
+
+TEST_F(EndToEndTest, MissingInputAmongGoodOnesIsSkippedAndInputsAccumulate)
+{
+    Classic_file out = run_legacy({dir.file("missing.fg"), input, input, output});
+    // Listed twice, loaded twice.
+    expect_classic_header(out, 80);
+    // The missing file is reported at the info level only.
+    EXPECT_EQ(last_err, "");
+}
+
+TEST_F(EndToEndTest, BoxKeepsFacesInsideAndNanOutside)
+{
+    std::vector<Classic_point> points = {make_point(0, 0, 0, 1, 0), make_point(1, 1, 1, 1, 1),
+                                         make_point(0.5f, 0.5f, 0.5f, 1, 2), make_point(2, 0, 0, 1, 3),
+                                         make_point(NAN, 0.5f, 0.5f, 1, 4)};
+    write_file(input, classic_bytes(points));
+
+    Classic_file in = run_legacy({"-b", "0", "0", "0", "1", "1", "1", input, output});
+    auto kept = by_id(in.points);
+    EXPECT_EQ(kept.size(), 3u);
+    EXPECT_TRUE(kept.count(0) && kept.count(1) && kept.count(2));
+
+    Classic_file outside = run_legacy({"-B", "0", "0", "0", "1", "1", "1", input, output});
+    auto dropped = by_id(outside.points);
+    EXPECT_EQ(dropped.size(), 2u);
+    EXPECT_TRUE(dropped.count(3) && dropped.count(4));
+
+    Tool_result r = run_tool({"-v", "-l", "on", "-b", "0", "0", "0", "1", "1", "1", input, output});
+    EXPECT_NE(r.err.find("MAIN 0.0  info : box selected 3 points\n"), std::string::npos) << r.err;
+}
+
+TEST_F(EndToEndTest, BadBoxIsReportedAndSelectsNothingAway)
+{
+    Classic_file out = run_legacy({"-B", "1", "0", "0", "0", "1", "1", input, output});
+    EXPECT_EQ(out.count, 40u);
+    EXPECT_EQ(last_err,
+              "MAIN 0.0  error: bad box option: -b 1.000000 0.000000 0.000000 0.000000 1.000000 1.000000, "
+              "ignoring\n");
+}
+
+TEST_F(EndToEndTest, EmptySelectionWritesAnEmptyClassicFile)
+{
+    Tool_result r = run_tool({"-v", "-l", "on", "-b", "100", "100", "100", "101", "101", "101", input, output});
+    EXPECT_EQ(r.exit_code, 0);
+    std::string bytes = read_file(output);
+    EXPECT_EQ(bytes.size(), 120u);
+    expect_classic_header(decode_classic(bytes), 0);
+    EXPECT_NE(r.err.find("0 new finalgather points saved to"), std::string::npos) << r.err;
+}
+
+TEST_F(EndToEndTest, MergeBlendsCoincidentPointsAndConservesRays)
+{
+    std::vector<Classic_point> points = {make_point(1, 1, 1, 30, 0), make_point(1, 1, 1, 10, 1),
+                                         make_point(5, 5, 5, 7, 2)};
+    write_file(input, classic_bytes(points));
+    Classic_file out = run_legacy({"-f", "0.1", input, output});
+    ASSERT_EQ(out.count, 2u);
+    uint32_t rays = 0;
+    for (const Classic_point& p : out.points)
+        rays += p.words[10];
+    EXPECT_EQ(rays, 47u);
+    bool found_blend = false;
+    for (const Classic_point& p : out.points)
+        if (p.words[10] == 40u) {
+            found_blend = true;
+            EXPECT_EQ(p.f(0), 1.0f);
+            EXPECT_EQ(p.f(4), 1.0f);  // normal stays +y
+        }
+    EXPECT_TRUE(found_blend);
+
+    // A distance of 0 (or one that is no number) does not merge; a negative one merges nothing.
+    EXPECT_EQ(run_legacy({"-f", "abc", input, output}).count, 3u);
+    EXPECT_EQ(run_legacy({"-f", "-1", input, output}).count, 3u);
+}
+
+TEST_F(EndToEndTest, OutputInAMissingDirectoryIsReportedWithExitZero)
+{
+    output = dir.file("no/such/dir/out.fg");
+    Tool_result r = run_tool({"-l", "on", input, output});
+    EXPECT_EQ(r.exit_code, 0);
+    EXPECT_NE(r.err.find("cannot save finalgather map"), std::string::npos) << r.err;
+    r = run_tool({input, output});
+    EXPECT_EQ(r.exit_code, 0);
+    EXPECT_NE(r.err.find("cannot open map file"), std::string::npos) << r.err;
+}
+
+TEST_F(EndToEndTest, CurrentFormatRoundTripKeepsThePoints)
+{
+    std::string current = dir.file("mid.fgm");
+    Tool_result r = run_tool({input, current});
+    ASSERT_EQ(r.exit_code, 0) << r.err;
+    EXPECT_EQ(read_file(current).substr(0, 6), "qv=MAP");
+
+    // Current to classic, and a mix of both kinds in one run.
+    Classic_file back = run_legacy({current, output});
+    expect_classic_header(back, 40);
+    auto expected = by_id(sample_points());
+    for (auto& [id, p] : by_id(back.points))
+        expect_same_named_fields(p, expected[id]);
+    EXPECT_EQ(run_legacy({current, input, output}).count, 80u);
+}
+
+TEST_F(EndToEndTest, EmptySelectionWritesAValidEmptyCurrentFile)
+{
+    std::string current = dir.file("empty.fgm");
+    Tool_result r = run_tool({"-b", "100", "100", "100", "101", "101", "101", input, current});
+    EXPECT_EQ(r.exit_code, 0) << r.err;
+    EXPECT_EQ(read_file(current).substr(0, 6), "qv=MAP");
+    // It reads back as a file with no point: the run then finds nothing to write.
+    EXPECT_EQ(run_tool({current, output}).exit_code, 1);
+}
