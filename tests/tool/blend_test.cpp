@@ -114,20 +114,6 @@ TEST_F(BlendTest, ZeroWeightFirstOperandGivesSecondPointWithZeroGradients)
         EXPECT_EQ(out.irrad[i], b.irrad[i]);
 }
 
-TEST_F(BlendTest, ZeroWeightSecondOperandKeepsFirstPointAndAddsGradients)
-{
-    Fg_point a = make_point(1.0f, 2.0f, 3.0f, 0.0f, 0.0f, 1.0f, 5);
-    Fg_point b = make_point(-4.0f, 0.5f, 9.0f, 0.0f, 1.0f, 0.0f, 0);
-    Fg_point out;
-    blend_points(&out, &a, &b);
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(out.position[i], a.position[i]);
-        EXPECT_EQ(out.normal[i], a.normal[i]);
-        EXPECT_EQ(out.grad_t1[i], a.grad_t1[i] + b.grad_t1[i]);
-        EXPECT_EQ(out.grad_t2[i], a.grad_t2[i] + b.grad_t2[i]);
-    }
-}
-
 // The gradient blend takes its frame from the first operand's unblended normal and weighs all
 // terms with a's share. A "corrected" version (blended normal, wb on b's terms) fails here.
 TEST_F(BlendTest, GradientsUseFirstOperandFrameAndItsWeightOnly)

@@ -167,15 +167,11 @@ TEST_F(MergeTest, CoincidentPointsMergeIntoTheirSum)
     EXPECT_EQ(pts[0].position[2], 3.0f);
     EXPECT_EQ(pts[0].normal[2], 1.0f);
     EXPECT_EQ(pts[0].irrad[0], 0.5f);
-}
 
-TEST_F(MergeTest, TinyInputsRunNoPairStep)
-{
-    set_bounds(0.0f, 1.0f);
+    // No pair at all: nothing to do, and nothing read beyond the array.
     EXPECT_EQ(merge_points(nullptr, 0, 0.1f, FIVE_DEGREES, 0), 0u);
-    std::vector<Fg_point> one = {make_point(0.5f, 0.5f, 0.5f, 0, 0, 1, 4)};
-    EXPECT_EQ(merge_points(one.data(), 1, 0.1f, FIVE_DEGREES, 0), 1u);
-    EXPECT_EQ(one[0].rays, 4u);
+    EXPECT_EQ(merge_points(pts.data(), 1, 0.1f, FIVE_DEGREES, 0), 1u);
+    EXPECT_EQ(pts[0].rays, 16u);
 }
 
 TEST_F(MergeTest, PointsExactlyAtTheDistanceMergeAndOneFloatBeyondDoNot)
