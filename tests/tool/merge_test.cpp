@@ -312,15 +312,27 @@ TEST_F(MergeTest, CrowdedGridMergesAtHalfTheDistanceFirst)
 }
 
 // On any realistic set the merge conserves rays and leaves no pair that its own test would
-// still merge; the crowded variant takes the half-distance recursion first.
+// still merge: sparse, crowded (half-distance recursion first), and a floor alone, whose flat
+// z axis has no cells, so that probes of different offsets land in the same cell.
 TEST_F(MergeTest, MergeConservesRaysAndLeavesNoMergeablePair)
 {
     struct Case {
         unsigned points;
         float distance;
+        bool floor_only;
     };
-    for (Case c : {Case{3000, 0.3f}, Case{3000, 2.5f}, Case{1500, 20.0f}}) {
+    for (Case c : {Case{3000, 0.3f, false}, Case{3000, 2.5f, false}, Case{1500, 20.0f, false}, Case{3000, 0.2f, true}}) {
         std::vector<Fg_point> pts = room_points(c.points, 11 + c.points);
+        if (c.floor_only) {
+            std::vector<Fg_point> floor;
+            for (const Fg_point& p : pts)
+                if (p.position[2] == 0.0f)
+                    floor.push_back(p);
+            pts = floor;
+            const float min[3] = {0.0f, 0.0f, 0.0f};
+            const float max[3] = {10.0f, 8.0f, 0.0f};
+            merge_set_bounds(min, max);
+        }
         const uint64_t before = total_rays(pts, unsigned(pts.size()));
         unsigned n = merge_points(pts.data(), unsigned(pts.size()), c.distance, FIVE_DEGREES, 0);
         EXPECT_LT(n, pts.size()) << "distance " << c.distance;
