@@ -1,0 +1,171 @@
+// The binary map file decoded by hand: header offsets, declaration record, pages and slots.
+#include "tests/maps/map_file_test_support.h"
+
+using namespace map_file_test;
+using map_storage_test::Small_element;
+using map_storage_test::small_element;
+using map_storage_test::same;
+
+namespace {
+
+class Map_file_layout : public Map_file_test {};
+
+// Reads one 68-byte field entry of the record: 64 bytes of name, type and count in 16 bits.
+void expect_field_entry(const std::vector<uint8_t>& bytes, size_t at, const char* name, uint16_t type, uint16_t count)
+{
+    char stored[64];
+    memcpy(stored, bytes.data() + at, 64);
+    EXPECT_STREQ(stored, name);
+    for (size_t i = strlen(name); i < 64; ++i)
+        EXPECT_EQ(stored[i], 0) << "names are NUL-padded";
+    EXPECT_EQ(field_at<uint16_t>(bytes, at + 64), type);
+    EXPECT_EQ(field_at<uint16_t>(bytes, at + 66), count);
+}
+
+} // namespace
+
+TEST_F(Map_file_layout, HeaderRecordAndSlotsAreWhereTheLayoutPutsThem)
+{
+    Map_declaration_impl declaration = declaration_with_globals();
+    Map_impl map(declaration);
+    map.bvh_enabled = false; // keep the append order so slots can be predicted
+    const uint32_t per_page = map_elements_per_page(20, 3);
+    const uint32_t count = 3 * per_page + 5;
+    fill(map, 0, count);
+    ASSERT_EQ(map.set(declaration.get_field_id("scale", nullptr), 2.5f), MAP_SUCCESS);
+    ASSERT_EQ(map.set(declaration.get_field_id("label", nullptr), "abcd", -1), MAP_SUCCESS);
+    const std::string name = path("layout.map");
+    ASSERT_EQ(map.write(name.c_str(), MAP_FORMAT_BINARY, true), MAP_SUCCESS);
+    EXPECT_TRUE(map_storage_test::saw("writing map file \"" + name + "\""));
+
+    const std::vector<uint8_t> bytes = file_bytes(name);
+    ASSERT_GT(bytes.size(), 14u);
+    EXPECT_EQ(memcmp(bytes.data(), "qv=MAP", 6), 0);
+    EXPECT_EQ(field_at<uint32_t>(bytes, 6), 2u);
+    const uint32_t d = field_at<uint32_t>(bytes, 10);
+    ASSERT_EQ(d, map_declaration_record_bytes(2, 2));
+
+    // The declaration record, field by field.
+    size_t at = 14;
+    EXPECT_EQ(field_at<uint16_t>(bytes, at), 2u);
+    expect_field_entry(bytes, at + 2, "weight", MAP_TYPE_SCALAR, 0);
+    expect_field_entry(bytes, at + 70, "id", MAP_TYPE_INTEGER, 0);
+    at += 2 + 2 * 68;
+    EXPECT_EQ(field_at<uint16_t>(bytes, at), 2u);
+    expect_field_entry(bytes, at + 2, "scale", MAP_TYPE_SCALAR, 0);
+    expect_field_entry(bytes, at + 70, "label", MAP_TYPE_STRING, 5);
+    at += 2 + 2 * 68;
+    EXPECT_EQ(field_at<uint32_t>(bytes, at), 2u);
+    EXPECT_EQ(field_at<uint16_t>(bytes, at + 4), 12u) << "element offsets count the position";
+    EXPECT_EQ(field_at<uint16_t>(bytes, at + 6), 16u);
+    at += 8;
+    EXPECT_EQ(field_at<uint32_t>(bytes, at), 2u);
+    EXPECT_EQ(field_at<uint32_t>(bytes, at + 4), 0u);
+    EXPECT_EQ(field_at<uint32_t>(bytes, at + 8), 4u);
+    at += 12;
+    EXPECT_EQ(field_at<uint32_t>(bytes, at), 2u);
+    EXPECT_EQ(field_at<uint16_t>(bytes, at + 4), 4u);
+    EXPECT_EQ(field_at<uint16_t>(bytes, at + 6), 4u);
+    at += 8;
+    EXPECT_EQ(field_at<uint32_t>(bytes, at), 2u);
+    EXPECT_EQ(field_at<uint32_t>(bytes, at + 4), 4u);
+    EXPECT_EQ(field_at<uint32_t>(bytes, at + 8), 5u) << "a string is as long as its count";
+    at += 12;
+    EXPECT_EQ(field_at<uint16_t>(bytes, at), 3u);
+    EXPECT_EQ(field_at<uint16_t>(bytes, at + 2), 20u);
+    EXPECT_EQ(field_at<uint32_t>(bytes, at + 4), 9u);
+    at += 8;
+    ASSERT_EQ(at, 14 + d);
+
+    // The global block, then the counts.
+    const uint32_t g = field_at<uint32_t>(bytes, 14 + d);
+    ASSERT_EQ(g, 9u);
+    EXPECT_EQ(field_at<float>(bytes, 18 + d), 2.5f);
+    EXPECT_EQ(memcmp(bytes.data() + 22 + d, "abcd", 5), 0);
+    EXPECT_EQ(field_at<uint32_t>(bytes, 18 + d + g), 32768u);
+    EXPECT_EQ(field_at<uint32_t>(bytes, 22 + d + g), per_page);
+    EXPECT_EQ(field_at<uint32_t>(bytes, 26 + d + g), 4u);
+    EXPECT_EQ(field_at<uint32_t>(bytes, 30 + d + g), count);
+    EXPECT_EQ(field_at<uint64_t>(bytes, 34 + d + g), 0u) << "no BVH was built";
+    // Positions run 0..count-1 on x, 0..48 on y and -12..0 on z.
+    EXPECT_EQ(field_at<float>(bytes, 42 + d + g), 0.0f);
+    EXPECT_EQ(field_at<float>(bytes, 46 + d + g), 0.0f);
+    EXPECT_EQ(field_at<float>(bytes, 50 + d + g), -12.0f);
+    EXPECT_EQ(field_at<float>(bytes, 54 + d + g), float(count - 1));
+    EXPECT_EQ(field_at<float>(bytes, 58 + d + g), 48.0f);
+    EXPECT_EQ(field_at<float>(bytes, 62 + d + g), 0.0f);
+
+    // Element i at page i / E, slot i % E; the file ends with the last whole page.
+    const size_t data = 42 + d + g + 24;
+    ASSERT_EQ(bytes.size(), data + 4 * size_t(32768));
+    for (uint32_t i = 0; i < count; ++i) {
+        Small_element stored;
+        memcpy(&stored, bytes.data() + data + size_t(i / per_page) * 32768 + size_t(i % per_page) * 20, 20);
+        ASSERT_TRUE(same(stored, small_element(i))) << "element " << i;
+    }
+}
+
+TEST_F(Map_file_layout, EmptyMapWithoutGlobalsHasAFullHeaderAndNothingElse)
+{
+    Map_declaration_impl declaration(2);
+    Map_impl map(declaration);
+    const std::string name = path("empty.map");
+    ASSERT_EQ(map.write(name.c_str(), MAP_FORMAT_BINARY, false), MAP_SUCCESS);
+    EXPECT_TRUE(map_storage_test::captured().empty()) << "no messages without the verbose flag";
+
+    const std::vector<uint8_t> bytes = file_bytes(name);
+    const uint32_t d = field_at<uint32_t>(bytes, 10);
+    ASSERT_EQ(d, map_declaration_record_bytes(0, 0));
+    EXPECT_EQ(field_at<uint32_t>(bytes, 14 + d), 0u);
+    // With G = 0 the page size follows the G field directly.
+    EXPECT_EQ(field_at<uint32_t>(bytes, 18 + d), 32768u);
+    EXPECT_EQ(field_at<uint32_t>(bytes, 22 + d), map_elements_per_page(8, 2));
+    EXPECT_EQ(field_at<uint32_t>(bytes, 26 + d), 0u);
+    EXPECT_EQ(field_at<uint32_t>(bytes, 30 + d), 0u);
+    // The empty box's bit patterns.
+    EXPECT_EQ(field_at<uint32_t>(bytes, 42 + d), MAP_BOUNDS_EMPTY_MIN_BITS);
+    EXPECT_EQ(field_at<uint32_t>(bytes, 50 + d), MAP_BOUNDS_EMPTY_MAX_BITS);
+    EXPECT_EQ(bytes.size(), 42 + d + 16u);
+
+    Map_impl back;
+    ASSERT_EQ(back.read(name.c_str(), 0), MAP_SUCCESS);
+    EXPECT_EQ(back.size(), 0u);
+    ASSERT_TRUE(back.has_declaration());
+    EXPECT_EQ(back.get_declaration()->dimension(), 2u);
+    EXPECT_EQ(back.page_store().file_count(), 0u) << "a file without elements is not kept open";
+}
+
+TEST_F(Map_file_layout, MapOfSeveralSegmentsIsRepackedIntoPlainPages)
+{
+    // Two files appended one after the other leave a partly filled page between them; the
+    // written file must still have element i at page i / E, slot i % E.
+    const uint32_t per_page = map_elements_per_page(20, 3);
+    Map_impl first(map_storage_test::small_declaration());
+    first.bvh_enabled = false;
+    fill(first, 0, per_page + 3);
+    ASSERT_EQ(first.write(path("a.map").c_str(), MAP_FORMAT_BINARY, false), MAP_SUCCESS);
+    Map_impl second(map_storage_test::small_declaration());
+    second.bvh_enabled = false;
+    fill(second, per_page + 3, 10);
+    ASSERT_EQ(second.write(path("b.map").c_str(), MAP_FORMAT_BINARY, false), MAP_SUCCESS);
+
+    Map_impl joined;
+    joined.bvh_enabled = false;
+    ASSERT_EQ(joined.append_from_file(path("a.map").c_str(), false, false, nullptr), MAP_SUCCESS);
+    ASSERT_EQ(joined.append_from_file(path("b.map").c_str(), false, false, nullptr), MAP_SUCCESS);
+    fill(joined, per_page + 13, 4); // and a few held in memory only
+    ASSERT_EQ(joined.size(), per_page + 17);
+    ASSERT_EQ(joined.page_store().segments().size(), 2u);
+
+    ASSERT_EQ(joined.write(path("joined.map").c_str(), MAP_FORMAT_BINARY, false), MAP_SUCCESS);
+    const std::vector<uint8_t> bytes = file_bytes(path("joined.map"));
+    const uint32_t d = field_at<uint32_t>(bytes, 10);
+    const size_t data = 42 + d + 24;
+    ASSERT_EQ(field_at<uint32_t>(bytes, 30 + d), per_page + 17);
+    ASSERT_EQ(bytes.size(), data + 2 * size_t(32768));
+    for (uint32_t i = 0; i < per_page + 17; ++i) {
+        Small_element stored;
+        memcpy(&stored, bytes.data() + data + size_t(i / per_page) * 32768 + size_t(i % per_page) * 20, 20);
+        ASSERT_TRUE(same(stored, small_element(i))) << "element " << i;
+    }
+}

@@ -1,0 +1,121 @@
+// Shared set-up of the map file tests: a scratch directory, maps of known elements, raw file
+// bytes and little-endian field access.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include "maps/map_file.h"
+#include "tests/maps/map_storage_support.h"
+
+namespace map_file_test {
+
+using namespace QV::RCMAP;
+using namespace qv::shader_v3;
+
+inline std::vector<uint8_t> file_bytes(const std::string& path)
+{
+    std::vector<uint8_t> bytes;
+    if (FILE* f = fopen(path.c_str(), "rb")) {
+        uint8_t chunk[65536];
+        size_t n;
+        while ((n = fread(chunk, 1, sizeof chunk, f)) > 0)
+            bytes.insert(bytes.end(), chunk, chunk + n);
+        fclose(f);
+    }
+    return bytes;
+}
+
+inline void put_file(const std::string& path, const void* data, size_t size)
+{
+    FILE* f = fopen(path.c_str(), "wb");
+    ASSERT_NE(f, nullptr);
+    if (size) {
+        ASSERT_EQ(fwrite(data, 1, size, f), size);
+    }
+    fclose(f);
+}
+
+inline void put_file(const std::string& path, const std::vector<uint8_t>& bytes)
+{
+    put_file(path, bytes.data(), bytes.size());
+}
+
+template <class T>
+T field_at(const std::vector<uint8_t>& bytes, size_t offset)
+{
+    T value;
+    memcpy(&value, bytes.data() + offset, sizeof value);
+    return value;
+}
+
+template <class T>
+void set_field_at(std::vector<uint8_t>& bytes, size_t offset, T value)
+{
+    memcpy(bytes.data() + offset, &value, sizeof value);
+}
+
+// Elements of dimension 3 with a "weight" scalar and an "id" integer, plus, where asked, global
+// fields that make the global block an odd size.
+inline Map_declaration_impl declaration_with_globals()
+{
+    Map_declaration_impl declaration = map_storage_test::small_declaration();
+    declaration.add_global_scalar("scale");
+    declaration.add_global_string("label", 5);
+    return declaration;
+}
+
+// Every test runs in a scratch directory of its own, with the map module up and messages captured.
+class Map_file_test : public map_storage_test::Map_storage_test {
+protected:
+    void SetUp() override
+    {
+        Map_storage_test::SetUp();
+        char pattern[] = "/tmp/qv_map_file_XXXXXX";
+        ASSERT_NE(mkdtemp(pattern), nullptr);
+        directory = pattern;
+    }
+    void TearDown() override
+    {
+        std::string command = "rm -rf '" + directory + "'";
+        EXPECT_EQ(system(command.c_str()), 0);
+        Map_storage_test::TearDown();
+    }
+    std::string path(const char* name) const { return directory + "/" + name; }
+
+    // Appends elements [first, first + count) of small_element and commits them.
+    static void fill(Map_impl& map, uint32_t first, uint32_t count)
+    {
+        for (uint32_t i = first; i < first + count; ++i) {
+            map_storage_test::Small_element element = map_storage_test::small_element(i);
+            ASSERT_EQ(map.append_raw(&element), MAP_SUCCESS);
+        }
+        map.commit();
+    }
+
+    static map_storage_test::Small_element element_of(const Map_impl& map, uint32_t index)
+    {
+        map_storage_test::Small_element element;
+        map.read_element(index, &element);
+        return element;
+    }
+
+    // Counts captured lines of a level that contain `fragment`.
+    static int count_lines(uint32_t level, const std::string& fragment)
+    {
+        int n = 0;
+        for (const map_storage_test::Captured_line& line : map_storage_test::captured())
+            if (line.level == level && line.text.find(fragment) != std::string::npos)
+                ++n;
+        return n;
+    }
+
+    std::string directory;
+};
+
+} // namespace map_file_test
