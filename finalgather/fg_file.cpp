@@ -268,8 +268,11 @@ uint32_t fg_map_load(Map_impl* map, const char* path, bool allow_classic)
         file_close(file, name, 5, TEXT_CLOSING);
         return 0;
     } else {
-        loaded = load_classic(file, name, [map](const Fg_point& record) {
-            fg_map_add_point(map, record.position, record.normal);
+        // fg_map_add_point per record, with the scratch element looked up once.
+        Map_element_impl* element = fg_scratch_element();
+        loaded = load_classic(file, name, [map, element](const Fg_point& record) {
+            fg_point_to_element(element, record.position, record.normal);
+            map->append(element);
         });
     }
     report_loaded(loaded, name);
