@@ -1,0 +1,236 @@
+// Appending: a map onto the end of a file (partial last page, counts, bounds, BVH offset), and a
+// file's elements onto a map.
+#include "tests/maps/map_file_test_support.h"
+
+using namespace map_file_test;
+using map_storage_test::Small_element;
+using map_storage_test::small_element;
+using map_storage_test::same;
+
+namespace {
+
+// Dimension 3 with a scalar array of 1000: 4012-byte elements, 8 to a page.
+constexpr uint32_t WIDE_ARRAY = 1000;
+constexpr uint32_t WIDE_BYTES = 12 + 4 * WIDE_ARRAY;
+
+Map_declaration_impl wide_declaration()
+{
+    Map_declaration_impl declaration(3);
+    declaration.add_scalar_array("samples", WIDE_ARRAY);
+    return declaration;
+}
+
+// Element i: position (i, 2i, -i), samples all equal to i + 0.5.
+std::vector<float> wide_element(uint32_t i)
+{
+    std::vector<float> element(WIDE_BYTES / 4, float(i) + 0.5f);
+    element[0] = float(i);
+    element[1] = 2.0f * float(i);
+    element[2] = -float(i);
+    return element;
+}
+
+class Map_file_append : public Map_file_test {
+protected:
+    static void fill_wide(Map_impl& map, uint32_t first, uint32_t count)
+    {
+        for (uint32_t i = first; i < first + count; ++i)
+            ASSERT_EQ(map.append_raw(wide_element(i).data()), MAP_SUCCESS);
+        map.commit();
+    }
+    static bool stored_wide(const std::vector<uint8_t>& bytes, size_t at, uint32_t i)
+    {
+        return bytes.size() >= at + WIDE_BYTES && memcmp(bytes.data() + at, wide_element(i).data(), WIDE_BYTES) == 0;
+    }
+};
+
+} // namespace
+
+TEST_F(Map_file_append, TenOntoFiveFillTheLastPageThenOneMorePage)
+{
+    ASSERT_EQ(map_elements_per_page(WIDE_BYTES, 3), 8u);
+    const std::string name = path("wide.map");
+    Map_impl five(wide_declaration());
+    five.bvh_enabled = false;
+    fill_wide(five, 0, 5);
+    ASSERT_EQ(five.write(name.c_str(), MAP_FORMAT_BINARY, false), MAP_SUCCESS);
+    const size_t one_page_file = file_bytes(name).size();
+
+    Map_impl ten(wide_declaration());
+    fill_wide(ten, 5, 10);
+    ASSERT_EQ(ten.append_to_file(name.c_str(), true), MAP_SUCCESS);
+    EXPECT_TRUE(map_storage_test::saw("appending to map file \"" + name + "\""));
+
+    const std::vector<uint8_t> bytes = file_bytes(name);
+    const uint32_t d = field_at<uint32_t>(bytes, 10);
+    const size_t data = 42 + d + 24;
+    EXPECT_EQ(field_at<uint32_t>(bytes, 26 + d), 2u) << "page count";
+    EXPECT_EQ(field_at<uint32_t>(bytes, 30 + d), 15u) << "element count";
+    EXPECT_EQ(field_at<uint64_t>(bytes, 34 + d), 0u);
+    EXPECT_EQ(field_at<float>(bytes, 42 + d), 0.0f) << "bounds merged: the file's minimum";
+    EXPECT_EQ(field_at<float>(bytes, 42 + d + 12), 14.0f) << "bounds merged: the map's maximum";
+    EXPECT_EQ(field_at<float>(bytes, 42 + d + 20), 0.0f);
+    EXPECT_EQ(field_at<float>(bytes, 42 + d + 8), -14.0f);
+    ASSERT_EQ(bytes.size(), one_page_file + 32768) << "one whole page more";
+    for (uint32_t i = 0; i < 15; ++i)
+        EXPECT_TRUE(stored_wide(bytes, data + (i / 8) * 32768 + (i % 8) * WIDE_BYTES, i)) << "element " << i;
+
+    // And as a map again, with the BVH to be built anew.
+    Map_impl back;
+    back.bvh_enabled = false;
+    ASSERT_EQ(back.read(name.c_str(), 0), MAP_SUCCESS);
+    ASSERT_EQ(back.size(), 15u);
+    EXPECT_TRUE(back.needs_build);
+    std::vector<float> element(WIDE_BYTES / 4);
+    for (uint32_t i = 0; i < 15; ++i) {
+        back.read_element(i, element.data());
+        EXPECT_EQ(element, wide_element(i)) << "element " << i;
+    }
+}
+
+TEST_F(Map_file_append, AppendsOnFullAndPartialPagesKeepTheCountsAndNoBvh)
+{
+    const uint32_t per_page = map_elements_per_page(20, 3);
+    const std::string name = path("grow.map");
+    Map_impl start(map_storage_test::small_declaration());
+    start.bvh_enabled = false;
+    fill(start, 0, per_page); // the file ends on a full page
+    ASSERT_EQ(start.write(name.c_str(), MAP_FORMAT_BINARY, false), MAP_SUCCESS);
+    // A stale BVH offset must not survive an append.
+    std::vector<uint8_t> bytes = file_bytes(name);
+    const uint32_t d = field_at<uint32_t>(bytes, 10);
+    set_field_at<uint64_t>(bytes, 34 + d, 32768);
+    put_file(name, bytes);
+
+    uint32_t total = per_page;
+    for (uint32_t round = 0; round < 3; ++round) {
+        const uint32_t count = round == 1 ? 3 : per_page + 11;
+        Map_impl more(map_storage_test::small_declaration());
+        fill(more, total, count);
+        ASSERT_EQ(more.append_to_file(name.c_str(), false), MAP_SUCCESS);
+        total += count;
+        bytes = file_bytes(name);
+        ASSERT_EQ(field_at<uint64_t>(bytes, 34 + d), 0u) << "round " << round;
+        ASSERT_EQ(field_at<uint32_t>(bytes, 30 + d), total);
+        ASSERT_EQ(field_at<uint32_t>(bytes, 26 + d), (total - 1) / per_page + 1);
+    }
+    Map_impl back;
+    back.bvh_enabled = false;
+    ASSERT_EQ(back.read(name.c_str(), 0), MAP_SUCCESS);
+    ASSERT_EQ(back.size(), total);
+    for (uint32_t i = 0; i < total; ++i)
+        ASSERT_TRUE(same(element_of(back, i), small_element(i))) << "element " << i;
+}
+
+TEST_F(Map_file_append, AppendToFileRefusals)
+{
+    const std::string name = path("target.map");
+    Map_impl target(map_storage_test::small_declaration());
+    fill(target, 0, 4);
+    ASSERT_EQ(target.write(name.c_str(), MAP_FORMAT_BINARY, false), MAP_SUCCESS);
+    const std::vector<uint8_t> before = file_bytes(name);
+
+    Map_impl empty(map_storage_test::small_declaration());
+    EXPECT_EQ(empty.append_to_file(name.c_str(), true), MAP_SUCCESS);
+    EXPECT_EQ(empty.append_to_file(path("nowhere.map").c_str(), true), MAP_SUCCESS) << "nothing to write";
+
+    Map_impl locked(map_storage_test::small_declaration());
+    fill(locked, 0, 2);
+    locked.editable = false;
+    EXPECT_EQ(locked.append_to_file(name.c_str(), true), MAP_NOT_EDITABLE);
+
+    // Same dimension and field types under other names is the same layout; other types are not.
+    Map_declaration_impl renamed(3);
+    renamed.add_scalar("w");
+    renamed.add_integer("n");
+    Map_impl alike(renamed);
+    fill(alike, 10, 1);
+    Map_declaration_impl swapped(3);
+    swapped.add_integer("id");
+    swapped.add_scalar("weight");
+    Map_impl other(swapped);
+    fill(other, 10, 1);
+    map_storage_test::captured().clear();
+    EXPECT_EQ(other.append_to_file(name.c_str(), true), MAP_NOT_EQUIVALENT);
+    EXPECT_TRUE(map_storage_test::saw("cannot append to map file \"" + name + "\", declarations are not equivalent"));
+    EXPECT_EQ(file_bytes(name), before) << "a refused append leaves the file alone";
+
+    put_file(path("text.map"), "declare map", 11);
+    EXPECT_EQ(other.append_to_file(path("text.map").c_str(), true), MAP_FILE_MALFORMED);
+    EXPECT_TRUE(map_storage_test::saw("cannot append to map file \"" + path("text.map") + "\", file format is open"));
+    put_file(path("ob.map"), "qv=MAPob1dim3", 13);
+    EXPECT_EQ(other.append_to_file(path("ob.map").c_str(), true), MAP_FILE_MALFORMED);
+    EXPECT_EQ(count_lines(MSG_ERROR, "file format is open"), 2);
+    EXPECT_EQ(other.append_to_file(path("nowhere.map").c_str(), true), MAP_FILE_CANNOT_OPEN);
+    EXPECT_TRUE(map_storage_test::saw("for reading"));
+
+    ASSERT_EQ(chmod(name.c_str(), 0444), 0);
+    if (access(name.c_str(), W_OK) != 0) { // root writes anyway
+        map_storage_test::captured().clear();
+        EXPECT_EQ(alike.append_to_file(name.c_str(), true), MAP_FILE_CANNOT_OPEN);
+        EXPECT_TRUE(map_storage_test::saw("cannot open map file \"" + name + "\" for reading/writing"));
+    }
+    ASSERT_EQ(chmod(name.c_str(), 0644), 0);
+    EXPECT_EQ(alike.append_to_file(name.c_str(), true), MAP_SUCCESS);
+    EXPECT_EQ(field_at<uint32_t>(file_bytes(name), 30 + field_at<uint32_t>(before, 10)), 5u);
+}
+
+TEST_F(Map_file_append, FileElementsFollowTheMapsOwn)
+{
+    Map_declaration_impl declaration = declaration_with_globals();
+    Map_impl source(declaration);
+    source.bvh_enabled = false;
+    fill(source, 50, 30);
+    source.set(declaration.get_field_id("scale", nullptr), 4.0f);
+    const std::string name = path("source.map");
+    ASSERT_EQ(source.write(name.c_str(), MAP_FORMAT_BINARY, false), MAP_SUCCESS);
+
+    // An empty map takes the file's declaration and global values.
+    Map_impl empty;
+    empty.bvh_enabled = false;
+    uint32_t format = 99;
+    ASSERT_EQ(empty.append_from_file(name.c_str(), true, false, &format), MAP_SUCCESS);
+    EXPECT_EQ(format, uint32_t(MAP_FORMAT_BINARY));
+    EXPECT_TRUE(map_storage_test::saw("appending from map file \"" + name + "\""));
+    ASSERT_EQ(empty.size(), 30u);
+    float scale = 0;
+    empty.get(declaration.get_field_id("scale", nullptr), scale);
+    EXPECT_EQ(scale, 4.0f);
+
+    // A filled map keeps its globals; its committed and pending elements come first.
+    Map_impl filled(declaration);
+    filled.bvh_enabled = false;
+    filled.set(declaration.get_field_id("scale", nullptr), 1.0f);
+    fill(filled, 0, 40);
+    for (uint32_t i = 40; i < 50; ++i) {
+        Small_element element = small_element(i);
+        filled.append_raw(&element);
+    }
+    ASSERT_EQ(filled.append_from_file(name.c_str(), false, false, nullptr), MAP_SUCCESS);
+    ASSERT_EQ(filled.size(), 80u);
+    EXPECT_EQ(filled.get_pending_count(), 0u);
+    EXPECT_TRUE(filled.needs_build);
+    filled.get(declaration.get_field_id("scale", nullptr), scale);
+    EXPECT_EQ(scale, 1.0f);
+    for (uint32_t i = 0; i < 80; ++i)
+        ASSERT_TRUE(same(element_of(filled, i), small_element(i))) << "element " << i;
+    EXPECT_EQ(filled.get_bounds().maximum[0], 79.0f);
+    EXPECT_EQ(filled.get_bounds().minimum[0], 0.0f);
+
+    // Leaving the BVH alone only asks for a refit.
+    Map_impl settled(declaration);
+    settled.needs_build = settled.needs_refit = false;
+    ASSERT_EQ(settled.append_from_file(name.c_str(), false, true, nullptr), MAP_SUCCESS);
+    EXPECT_TRUE(settled.needs_refit);
+
+    // Another element layout is refused, and the map is as it was.
+    Map_declaration_impl wide = wide_declaration();
+    Map_impl differing(wide);
+    fill_wide(differing, 0, 2);
+    map_storage_test::captured().clear();
+    EXPECT_EQ(differing.append_from_file(name.c_str(), true, false, &format), MAP_NOT_EQUIVALENT);
+    EXPECT_TRUE(map_storage_test::saw("cannot append from map file \"" + name + "\", declarations are not equivalent"));
+    EXPECT_FALSE(map_storage_test::saw("appending from"));
+    EXPECT_EQ(differing.size(), 2u);
+    EXPECT_EQ(differing.page_store().file_count(), 0u);
+}

@@ -1,0 +1,225 @@
+// Reading a binary map file: round trips, pages read on demand, and every malformed header
+// refused with its status while the map keeps what it had.
+#include "tests/maps/map_file_test_support.h"
+
+using namespace map_file_test;
+using map_storage_test::Small_element;
+using map_storage_test::small_element;
+using map_storage_test::same;
+
+namespace {
+
+class Map_file_read : public Map_file_test {
+protected:
+    // A written file of `count` small elements with globals; returns its bytes.
+    std::vector<uint8_t> written(const std::string& name, uint32_t count)
+    {
+        Map_declaration_impl declaration = declaration_with_globals();
+        Map_impl map(declaration);
+        map.bvh_enabled = false;
+        fill(map, 0, count);
+        map.set(declaration.get_field_id("scale", nullptr), 0.75f);
+        EXPECT_EQ(map.write(name.c_str(), MAP_FORMAT_BINARY, false), MAP_SUCCESS);
+        return file_bytes(name);
+    }
+
+    // A map holding three elements of its own, to show that a failed read leaves it alone.
+    static void expect_untouched(const Map_impl& map)
+    {
+        ASSERT_EQ(map.size(), 3u);
+        for (uint32_t i = 0; i < 3; ++i)
+            EXPECT_TRUE(same(element_of(map, i), small_element(100 + i)));
+    }
+};
+
+} // namespace
+
+TEST_F(Map_file_read, WrittenAndReadBackGivesTheSameElementsInTheSameOrder)
+{
+    // With the BVH on, the write may reorder the map; the file must then hold the new order.
+    Map_declaration_impl declaration = declaration_with_globals();
+    Map_impl map(declaration);
+    const uint32_t count = 5 * map_elements_per_page(20, 3) + 17;
+    fill(map, 0, count);
+    map.set(declaration.get_field_id("scale", nullptr), 0.75f);
+    const std::string name = path("round.map");
+    ASSERT_EQ(map.write(name.c_str(), MAP_FORMAT_BINARY, false), MAP_SUCCESS);
+
+    Map_impl back;
+    ASSERT_EQ(back.read(name.c_str(), MAP_READ_VERBOSE), MAP_SUCCESS);
+    EXPECT_TRUE(map_storage_test::saw("reading map file \"" + name + "\""));
+    ASSERT_EQ(back.size(), count);
+    ASSERT_TRUE(back.get_declaration()->is_equal(map.get_declaration(), nullptr));
+    float scale = 0;
+    EXPECT_EQ(back.get(back.get_declaration()->get_field_id("scale", nullptr), scale), MAP_SUCCESS);
+    EXPECT_EQ(scale, 0.75f);
+    for (uint32_t i = 0; i < count; ++i)
+        ASSERT_TRUE(same(element_of(back, i), element_of(map, i))) << "element " << i;
+    for (int axis = 0; axis < 3; ++axis) {
+        EXPECT_EQ(back.get_bounds().minimum[axis], map.get_bounds().minimum[axis]);
+        EXPECT_EQ(back.get_bounds().maximum[axis], map.get_bounds().maximum[axis]);
+    }
+}
+
+TEST_F(Map_file_read, TouchingOneElementReadsOnlyItsPage)
+{
+    const uint32_t per_page = map_elements_per_page(20, 3);
+    const uint32_t pages = 40;
+    const std::string name = path("many.map");
+    written(name, pages * per_page - 7);
+
+    Map_impl map;
+    map.bvh_enabled = false; // a BVH build would read every page
+    ASSERT_EQ(map.read(name.c_str(), 0), MAP_SUCCESS);
+    ASSERT_EQ(map.page_store().file_count(), 1u);
+    auto* file = static_cast<Map_file*>(map.page_store().file(0));
+    EXPECT_EQ(file->pages_read(), 0u) << "a read loads no page";
+
+    const uint32_t index = 17 * per_page + 123;
+    EXPECT_TRUE(same(element_of(map, index), small_element(index)));
+    const uint32_t per_cache_page = map.page_store().file_pages_per_cache_page;
+    EXPECT_EQ(file->pages_read(), per_cache_page) << "only the touched element's page";
+    EXPECT_TRUE(same(element_of(map, index + 1), small_element(index + 1)));
+    EXPECT_EQ(file->pages_read(), per_cache_page) << "the page stays in the cache";
+    // The last page, cut short by its element count.
+    const uint32_t last = pages * per_page - 8;
+    EXPECT_TRUE(same(element_of(map, last), small_element(last)));
+}
+
+TEST_F(Map_file_read, EveryTruncationIsRefusedAndNothingIsLoaded)
+{
+    const std::string good = path("good.map");
+    const std::vector<uint8_t> bytes = written(good, 300);
+    const uint32_t d = field_at<uint32_t>(bytes, 10);
+    const size_t data = 42 + d + 9 + 24;
+    Map_impl map(map_storage_test::small_declaration());
+    fill(map, 100, 3);
+    const std::string cut = path("cut.map");
+    // Every cut inside the header and inside the elements; beyond the last element only page
+    // room is lost, and that reads as zeros.
+    for (size_t length = 0; length < data + 300 * 20; length += length < data + 40 ? 1 : 97) {
+        put_file(cut, bytes.data(), length);
+        map_storage_test::captured().clear();
+        const Map_status status = map.read(cut.c_str(), MAP_READ_VERBOSE);
+        const Map_status expected = length < 6 ? MAP_FILE_NOT_A_MAP : MAP_FILE_MALFORMED;
+        ASSERT_EQ(status, expected) << "cut at " << length;
+        ASSERT_EQ(map_storage_test::captured().size(), 1u) << "one error for a cut at " << length;
+        expect_untouched(map);
+    }
+    put_file(cut, bytes.data(), data + 300 * 20);
+    Map_impl tail;
+    tail.bvh_enabled = false;
+    ASSERT_EQ(tail.read(cut.c_str(), 0), MAP_SUCCESS) << "the elements are all there";
+    EXPECT_TRUE(same(element_of(tail, 299), small_element(299)));
+}
+
+TEST_F(Map_file_read, DamagedFieldsGiveTheirStatusAndMessage)
+{
+    const std::string good = path("good.map");
+    const std::vector<uint8_t> bytes = written(good, 50);
+    const uint32_t d = field_at<uint32_t>(bytes, 10);
+    const uint32_t g = 9;
+    struct Damage {
+        const char* what;
+        size_t offset;
+        uint32_t value;
+        Map_status status;
+        const char* message;
+    };
+    const Damage cases[] = {
+        {"magic", 0, 0x4d3d7670, MAP_FILE_NOT_A_MAP, "is not a map file"},
+        {"version 1", 6, 1, MAP_FILE_BAD_VERSION, "is 1, unsupported"},
+        {"version 3", 6, 3, MAP_FILE_BAD_VERSION, "is 3, unsupported"},
+        {"record size past the end", 10, 0xFFFFFFF0u, MAP_FILE_MALFORMED, "is damaged"},
+        {"record size short of its fields", 10, d - 1, MAP_FILE_MALFORMED, "is damaged"},
+        {"field count past the record", 14, 60000, MAP_FILE_MALFORMED, "is damaged"},
+        {"global size unlike the declaration's", 14 + d, 8, MAP_FILE_MALFORMED, "is damaged"},
+        {"page size", 18 + d + g, 65536, MAP_FILE_MALFORMED, "is damaged"},
+        {"elements per page", 22 + d + g, 7, MAP_FILE_MALFORMED, "is damaged"},
+        {"page count", 26 + d + g, 9, MAP_FILE_MALFORMED, "is damaged"},
+        {"element count past the file", 30 + d + g, 0xFFFFFFFFu, MAP_FILE_MALFORMED, "is damaged"},
+        {"BVH offset past the file", 34 + d + g, 0x7FFFFFFF, MAP_FILE_MALFORMED, "is damaged"},
+    };
+    Map_impl map(map_storage_test::small_declaration());
+    fill(map, 100, 3);
+    const std::string bad = path("bad.map");
+    for (const Damage& damage : cases) {
+        std::vector<uint8_t> copy = bytes;
+        set_field_at(copy, damage.offset, damage.value);
+        put_file(bad, copy);
+        map_storage_test::captured().clear();
+        EXPECT_EQ(map.read(bad.c_str(), MAP_READ_VERBOSE), damage.status) << damage.what;
+        EXPECT_EQ(count_lines(MSG_ERROR, damage.message), 1) << damage.what;
+        EXPECT_EQ(map_storage_test::captured().size(), 1u) << damage.what << ": no warning, no info";
+        expect_untouched(map);
+        // Quiet maps and calls without the verbose flag say nothing, but answer the same.
+        map_storage_test::captured().clear();
+        EXPECT_EQ(map.read(bad.c_str(), 0), damage.status);
+        EXPECT_TRUE(map_storage_test::captured().empty());
+    }
+
+    EXPECT_EQ(map.read(path("missing.map").c_str(), MAP_READ_VERBOSE), MAP_FILE_CANNOT_OPEN);
+    EXPECT_TRUE(map_storage_test::saw("cannot open map file \"" + path("missing.map") + "\" for reading"));
+    expect_untouched(map);
+}
+
+TEST_F(Map_file_read, OpenFormatsAreRecognisedByTheirFirstBytes)
+{
+    Map_impl map(map_storage_test::small_declaration());
+    fill(map, 100, 3);
+
+    // Text whose first word is "declare" is open ASCII; what follows it is never looked at.
+    const std::string ascii = path("text.map");
+    const char text[] = "\n\t # a comment qv=MAP\r\n  declareqv=MAP\x02\x00\x00\x00";
+    put_file(ascii, text, sizeof text - 1);
+    EXPECT_EQ(map.read(ascii.c_str(), MAP_READ_VERBOSE), MAP_FILE_MALFORMED);
+    EXPECT_EQ(count_lines(MSG_ERROR, ""), 0) << "the parser's refusal has no message";
+    EXPECT_EQ(count_lines(MSG_INFO, "reading map file"), 1);
+    uint32_t format = 99;
+    EXPECT_EQ(map.append_from_file(ascii.c_str(), true, false, &format), MAP_FILE_MALFORMED);
+    EXPECT_EQ(format, uint32_t(MAP_FORMAT_OPEN_ASCII));
+    EXPECT_EQ(count_lines(MSG_INFO, "appending from map file"), 1);
+    expect_untouched(map);
+
+    // A near miss is read as binary, and then it is not a map file.
+    put_file(ascii, "# x\ndeclar", 10);
+    EXPECT_EQ(map.read(ascii.c_str(), 0), MAP_FILE_NOT_A_MAP);
+
+    // "ob" where the version starts is open binary, whatever digit follows.
+    const std::string open_binary = path("open.map");
+    put_file(open_binary, "qv=MAPob7dim3", 13);
+    map_storage_test::captured().clear();
+    EXPECT_EQ(map.read(open_binary.c_str(), MAP_READ_VERBOSE), MAP_FILE_MALFORMED);
+    EXPECT_TRUE(map_storage_test::saw("reading from open binary map file \"" + open_binary + "\""));
+    EXPECT_FALSE(map_storage_test::saw("unsupported"));
+    EXPECT_EQ(map.append_from_file(open_binary.c_str(), false, false, &format), MAP_FILE_MALFORMED);
+    EXPECT_EQ(format, uint32_t(MAP_FORMAT_OPEN_BINARY));
+    expect_untouched(map);
+}
+
+TEST_F(Map_file_read, HeaderFieldsOfTheFileObject)
+{
+    const std::string name = path("fields.map");
+    const std::vector<uint8_t> bytes = written(name, 1000);
+    const uint32_t d = field_at<uint32_t>(bytes, 10);
+    Map_status status = MAP_NOT_EDITABLE;
+    Map_file file(MAP_FILE_KIND_READ, false, false, false, name.c_str(), nullptr, &status);
+    ASSERT_EQ(status, MAP_SUCCESS);
+    EXPECT_TRUE(file.is_open);
+    EXPECT_EQ(file.format, uint32_t(MAP_FORMAT_BINARY));
+    EXPECT_EQ(file.version, 2u);
+    EXPECT_EQ(file.global_offset, d + 18);
+    EXPECT_EQ(file.bounds_offset, d + 9 + 42);
+    EXPECT_EQ(file.data_offset, d + 9 + 24 + 42u);
+    EXPECT_EQ(file.element_count, 1000u);
+    EXPECT_EQ(file.page_count, (1000 - 1) / file.elements_per_page + 1);
+    EXPECT_EQ(file.bvh_offset, 0u);
+    uint32_t reason = 99;
+    EXPECT_FALSE(file.read_bvh(nullptr, false, &reason));
+    EXPECT_EQ(reason, uint32_t(MAP_FILE_BVH_NONE)) << "the file has none";
+    EXPECT_FALSE(file.write_bvh(nullptr, &reason));
+    EXPECT_EQ(reason, uint32_t(MAP_FILE_BVH_WRONG_KIND)) << "a file opened for reading is not written";
+    file.close();
+    EXPECT_FALSE(file.read_bvh(nullptr, false, &reason));
+    EXPECT_EQ(reason, uint32_t(MAP_FILE_BVH_NOT_OPEN));
+}
