@@ -1,6 +1,7 @@
 // The final-gather declaration and the record/element conversions.
 #include "finalgather/fg_map.h"
 
+#include <cassert>
 #include <cstring>
 
 #include "finalgather/rcfg_module.h"
@@ -40,9 +41,22 @@ Map_declaration_impl* fg_map_declaration()
     return declaration;
 }
 
+namespace {
+
+// The conversions copy each field's declared bytes into fixed record words, so an element of
+// any other layout would write past the record.
+[[maybe_unused]] bool has_final_gather_layout(const Map_declaration_impl* declaration)
+{
+    return declaration && declaration->element_bytes() == FG_ELEMENT_BYTES &&
+           declaration->get_element_field_count() == FG_FIELD_COUNT;
+}
+
+}  // namespace
+
 void fg_point_from_element(Fg_point* out, const Map_element_impl* element)
 {
     const Map_declaration_impl* declaration = element->get_declaration();
+    assert(has_final_gather_layout(declaration) && "element of the final-gather declaration");
     const uint8_t* bytes = element->get_data();
     auto* words = reinterpret_cast<uint8_t*>(out);
     std::memcpy(words, bytes, 3 * sizeof(float));
@@ -54,6 +68,7 @@ void fg_point_from_element(Fg_point* out, const Map_element_impl* element)
 void fg_point_to_element(Map_element_impl* element, const float* position, const void* data)
 {
     const Map_declaration_impl* declaration = element->get_declaration();
+    assert(has_final_gather_layout(declaration) && "element of the final-gather declaration");
     uint8_t* bytes = element->get_data();
     // `data` is record word 3: a field's record word w lies at data + 4 * (w - 3).
     const auto* payload = static_cast<const uint8_t*>(data) - 4 * FG_POINT_PAYLOAD_WORD;
@@ -90,9 +105,12 @@ int fg_map_for_each(uint32_t tag, Fg_point_callback callback, void* context)
         return 1;
     QV::RCMAP::Access_map_dbhandle_impl handle(tag);
     Map_impl* map = handle.get_map();
-    if (!map || !map->get_declaration())
-        return 1;
     Map_element_impl* element = fg_scratch_element();
+    // A map of another layout holds no final-gather points; reading it would also retype the
+    // scratch element.
+    if (!map || !map->get_declaration() ||
+        !map->get_declaration()->is_layout_equivalent(*element->get_declaration()))
+        return 1;
     Fg_point* point = fg_scratch_point();
     QV::RCMAP::Map_iterator_impl iterator(map);
     for (; !iterator.at_end(nullptr); iterator.next()) {

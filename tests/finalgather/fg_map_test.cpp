@@ -149,6 +149,20 @@ TEST_F(FgMapTest, WalkOfNothingCallsNothingAndSucceeds)
     EXPECT_TRUE(walk.seen.empty());
     empty.release();
 
+    // A map of another layout holds no final-gather points.
+    Map_declaration_impl other_layout(3);
+    other_layout.add_scalar("weight");
+    auto* foreign_map = new Map_impl(other_layout);
+    QV::RCMAP::Map_element_impl foreign_element(&other_layout);
+    foreign_map->append(&foreign_element);
+    foreign_map->build_bvh(0.6f, false, false);
+    QV::RCMAP::Edit_map_dbhandle_impl foreign(foreign_map);
+    const uint32_t foreign_tag = foreign.store();
+    EXPECT_EQ(fg_map_for_each(foreign_tag, collect, &walk), 1);
+    EXPECT_TRUE(walk.seen.empty());
+    foreign.release();
+    EXPECT_EQ(fg_scratch_element()->get_declaration()->element_bytes(), FG_ELEMENT_BYTES);
+
     // A tag that holds something other than a map.
     uint32_t other = 0;
     qv_db_create(&other, FG_TYPE_POINTS, 16);
