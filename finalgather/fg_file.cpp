@@ -260,7 +260,8 @@ uint32_t fg_map_load(Map_impl* map, const char* path, bool allow_classic)
         if (!file_close(file, name, 5, TEXT_CLOSING))
             return 0;
         const uint32_t before = map->size();
-        if (map->append_from_file(name, true, false, nullptr) != qv::shader_v3::MAP_SUCCESS)
+        // The map reader substitutes the path itself: it gets the name as the user gave it.
+        if (map->append_from_file(path, true, false, nullptr) != qv::shader_v3::MAP_SUCCESS)
             return 0;
         loaded = map->size() - before;
     } else if (!allow_classic) {
@@ -299,7 +300,7 @@ uint32_t fg_kdtree_load(Kdtree_handle* kdtree, const char* path)
         const Map_declaration_impl* declaration = fg_cached_declaration();
         auto* map = new Map_impl(*declaration);
         // A file of another layout is no final-gather map, whatever the reader thinks of it.
-        if (map->read(name, 0) != qv::shader_v3::MAP_SUCCESS || !map->get_declaration() ||
+        if (map->read(path, 0) != qv::shader_v3::MAP_SUCCESS || !map->get_declaration() ||
             !map->get_declaration()->is_layout_equivalent(*declaration)) {
             msg_error_n(20, "%s", TEXT_NOT_VALID);
             delete map;

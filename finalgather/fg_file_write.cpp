@@ -14,6 +14,7 @@
 #include "finalgather/fg_map.h"
 #include "finalgather/rcfg_module.h"
 #include "maps/map_declaration.h"
+#include "maps/map_file.h"
 #include "maps/map_impl.h"
 #include "runtime/modules.h"
 #include "runtime/msg.h"
@@ -118,12 +119,14 @@ bool prepare_classic(FILE* file, const char* path, const Classic_blocks& blocks,
                       "failed to write finalgather map data");
 }
 
-// The element count in the header of an existing current file, read without its pages.
+// The element count in the header of an existing current file of the final-gather layout;
+// `path` is substituted already.
 qv::shader_v3::Map_status read_map_file_count(const char* path, uint32_t* count)
 {
-    Map_impl map(*fg_cached_declaration());
-    const qv::shader_v3::Map_status status = map.read(path, 0);
-    *count = status == qv::shader_v3::MAP_SUCCESS ? map.size() : 0;
+    qv::shader_v3::Map_status status = qv::shader_v3::MAP_SUCCESS;
+    QV::RCMAP::Map_file file(QV::RCMAP::MAP_FILE_KIND_READ_FOR_APPEND, false, true, false, path,
+                             fg_cached_declaration(), &status);
+    *count = status == qv::shader_v3::MAP_SUCCESS ? file.element_count : 0;
     return status;
 }
 
@@ -198,7 +201,8 @@ Fg_map_writer* fg_map_open_write(const Fg_scene_options* options, const char* pa
             if (!file_close(file, name, 28, TEXT_CLOSE_WRITER))
                 return nullptr;
             Map_impl* map = fg_map_new();
-            if (map->read(name, 0) != qv::shader_v3::MAP_SUCCESS) {
+            // The map reader substitutes the path itself: it gets the name as the user gave it.
+            if (map->read(path, 0) != qv::shader_v3::MAP_SUCCESS) {
                 msg_error_n(20, "%s", TEXT_NOT_VALID);
                 delete map;
                 return nullptr;
