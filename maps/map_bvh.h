@@ -251,4 +251,8 @@ uint32_t map_page_bvh_build(uint8_t* page, uint32_t count, uint32_t elements_per
 Map_bvh_scratch* map_bvh_scratch_create();
 void map_bvh_scratch_destroy(Map_bvh_scratch* scratch);
 
+// Elements that file page `page` holds in a map of `size` committed elements, by its segments
+// (a segment's last page may be partly filled); 0 beyond the last element.
+uint32_t map_bvh_page_elements(const Map_page_store& store, uint32_t size, uint32_t page);
+
 } // namespace QV::RCMAP

@@ -253,7 +253,8 @@ void Map_impl::write_field(uint32_t index, uint32_t offset, uint32_t bytes, cons
 void Map_impl::note_position_changed(const float* position)
 {
     std::lock_guard<std::mutex> hold(lock);
-    needs_refit = true;
+    // The element may have left its page's box: only a full build brings the trees right.
+    needs_build = true;
     bounds.add(position, store.dimension);
     pending_bounds.add(position, store.dimension);
 }

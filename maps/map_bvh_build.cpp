@@ -1,0 +1,370 @@
+// The full build of a map's BVH and the update that decides between it and a cheaper rebuild
+// of the global tree.
+//
+// The reorder is a counting sort by cell of a spatial subdivision: one pass over the pages
+// counts elements per cell, a walk hands out the first index of each cell, and a second pass
+// in index order moves every element to its cell's next index. Both passes read the pages in
+// order, and the writes stay near the cell order, so a map larger than the cache costs two
+// sequential reads and one write of its pages, without a general sort.
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+#include "maps/map_bvh.h"
+#include "maps/map_declaration.h"
+#include "maps/map_impl.h"
+#include "maps/map_page_store.h"
+#include "runtime/modules.h"
+#include "runtime/msg.h"
+
+namespace QV::RCMAP {
+
+namespace {
+
+// The counting tree's limits: its depth, and the smallest cell, relative to the map's extent.
+constexpr uint32_t COUNT_TREE_MAX_DEPTH = 20;
+constexpr float COUNT_TREE_MIN_CELL = 0.001f;
+
+std::atomic<uint32_t> g_thread_count{1};
+
+// A node of the counting tree. The two children of an inner node are made together, so one
+// index names both.
+struct Count_node {
+    uint32_t flags;     // first child << 3 | split axis; first child 0: a leaf (the root is no child)
+    float split;        // lower child: coordinate below the split value
+    uint32_t count;     // elements that reached the node
+    int32_t place;      // next index of the node's cell; -1: walk through to the children
+};
+static_assert(sizeof(Count_node) == 16, "four words");
+
+template <uint32_t N>
+class Count_tree {
+public:
+    explicit Count_tree(const Map_bounds& bounds)
+    {
+        for (uint32_t a = 0; a < N; ++a) {
+            root_minimum_[a] = bounds.minimum[a];
+            root_maximum_[a] = bounds.maximum[a];
+            map_extent_[a] = bounds.maximum[a] - bounds.minimum[a];
+        }
+        nodes_.push_back({0, 0.0f, 0, 0});
+    }
+
+    void insert(const float* position)
+    {
+        float minimum[N], maximum[N];
+        memcpy(minimum, root_minimum_, sizeof minimum);
+        memcpy(maximum, root_maximum_, sizeof maximum);
+        uint32_t index = 0;
+        for (uint32_t depth = 0;; ++depth) {
+            Count_node& node = nodes_[index];
+            if (node.flags) {
+                ++node.count;
+                index = descend(node, position, minimum, maximum);
+                continue;
+            }
+            if (depth >= COUNT_TREE_MAX_DEPTH) {
+                ++node.count;
+                return;
+            }
+            uint32_t axis = 0;
+            for (uint32_t a = 1; a < N; ++a)
+                if (maximum[a] - minimum[a] > maximum[axis] - minimum[axis])
+                    axis = a;
+            // Written as "not above" so that a map without extent on the axis (0 / 0) stops too.
+            if (!((maximum[axis] - minimum[axis]) / map_extent_[axis] > COUNT_TREE_MIN_CELL)) {
+                ++node.count;
+                return;
+            }
+            uint32_t child = uint32_t(nodes_.size());
+            Count_node split = {child << 3 | axis, 0.5f * (minimum[axis] + maximum[axis]), 1, 0};
+            nodes_[index] = split;
+            nodes_.push_back({0, 0.0f, 0, 0});
+            nodes_.push_back({0, 0.0f, 0, 0});
+            index = descend(nodes_[index], position, minimum, maximum);
+        }
+    }
+
+    // Hands out the first index of every cell, lower side first: a leaf, or an inner node that
+    // at most one element reached, is a cell; a fuller inner node is walked through.
+    void place()
+    {
+        int64_t running = 0;
+        std::vector<uint32_t> stack;
+        stack.push_back(0);
+        while (!stack.empty()) {
+            Count_node& node = nodes_[stack.back()];
+            stack.pop_back();
+            if (!node.flags || node.count <= 1) {
+                node.place = int32_t(running);
+                running += node.count;
+                continue;
+            }
+            node.place = -1;
+            uint32_t child = node.flags >> 3;
+            stack.push_back(child + 1);
+            stack.push_back(child);
+        }
+    }
+
+    // The element's new index: the next of its cell.
+    uint32_t take(const float* position)
+    {
+        uint32_t index = 0;
+        while (nodes_[index].place < 0) {
+            const Count_node& node = nodes_[index];
+            uint32_t child = node.flags >> 3;
+            index = node.split > position[node.flags & 7] ? child : child + 1;
+        }
+        return uint32_t(nodes_[index].place++);
+    }
+
+    size_t node_count() const { return nodes_.size(); }
+
+private:
+    static uint32_t descend(const Count_node& node, const float* position, float* minimum, float* maximum)
+    {
+        uint32_t axis = node.flags & 7, child = node.flags >> 3;
+        if (node.split > position[axis]) {
+            maximum[axis] = node.split;
+            return child;
+        }
+        minimum[axis] = node.split;
+        return child + 1;
+    }
+
+    float root_minimum_[N];
+    float root_maximum_[N];
+    float map_extent_[N];
+    std::vector<Count_node> nodes_;
+};
+
+// Walks elements [0, count) page by page in index order, handing out runs that lie in one page.
+template <class Visit>
+void for_each_run(Map_page_store& store, uint32_t count, Visit visit)
+{
+    uint32_t done = 0;
+    while (done < count) {
+        uint32_t page, slot;
+        store.locate(done, &page, &slot);
+        uint32_t held = map_bvh_page_elements(store, count, page);
+        uint32_t run = held > slot ? std::min(held - slot, count - done) : 1;
+        const uint8_t* data = store.get_page(page, true);
+        visit(data + size_t(slot) * store.element_bytes, done, run);
+        done += run;
+    }
+}
+
+template <uint32_t N>
+bool full_build(Map_impl& map, bool verbose)
+{
+    Module_scope scope(MOD_RCMP);
+    double* timer = verbose ? msg_timer_start() : nullptr;
+    Map_page_store& store = map.page_store();
+    uint32_t element_bytes = store.element_bytes;
+    uint32_t dimension = store.dimension;
+    if (!map.global_bvh)
+        map.global_bvh = map_global_bvh_create(N, &store);
+    auto* bvh = static_cast<Map_global_bvh<N>*>(map.global_bvh);
+
+    // 1.
+    uint32_t count = map.committed_size();
+    uint32_t per_page = store.elements_per_page;
+    uint32_t pages = uint32_t((uint64_t(count) + per_page - 1) / per_page);
+    uint32_t last_page_count = count % per_page ? count % per_page : per_page;
+    bvh->reset(pages);
+
+    // Elements appended but not committed lie behind the committed ones; they are carried over
+    // as they are and stay pending.
+    std::vector<uint8_t> pending(size_t(map.get_pending_count()) * element_bytes);
+    for (uint32_t i = 0; i < map.get_pending_count(); ++i)
+        map.read_element(count + i, pending.data() + size_t(i) * element_bytes);
+
+    // 2. Count the elements per cell.
+    Count_tree<N> tree(map.get_bounds());
+    for_each_run(store, count, [&](const uint8_t* data, uint32_t, uint32_t run) {
+        for (uint32_t i = 0; i < run; ++i)
+            tree.insert(reinterpret_cast<const float*>(data + size_t(i) * element_bytes));
+    });
+    // 3.
+    tree.place();
+
+    // 4.
+    std::vector<uint64_t> chosen((size_t(count) + 63) / 64, 0);
+    Map_bounds bounds;
+    bounds.clear();
+
+    // 5. Into staged pages, which live in a store of their own so that dropping the old pages
+    //    and their segments leaves them alone.
+    Map_page_store staged;
+    staged.configure(element_bytes, dimension);
+    std::vector<uint8_t> run_copy(MAP_FILE_PAGE_BYTES);
+    for_each_run(store, count, [&](const uint8_t* data, uint32_t first, uint32_t run) {
+        // The staged writes below may push the old page out of the thread's table.
+        memcpy(run_copy.data(), data, size_t(run) * element_bytes);
+        uint32_t open_page = UINT32_MAX;
+        uint8_t* open_data = nullptr;
+        for (uint32_t i = 0; i < run; ++i) {
+            const uint8_t* element = run_copy.data() + size_t(i) * element_bytes;
+            const float* position = reinterpret_cast<const float*>(element);
+            uint32_t p = tree.take(position);
+            if (p >= count) {
+                msg_warn("--- entry %u already set!", p);
+                continue;
+            }
+            uint64_t bit = uint64_t(1) << (p & 63);
+            if (chosen[p >> 6] & bit)
+                msg_warn("--- entry %u already set!", p);
+            chosen[p >> 6] |= bit;
+            uint32_t page = p / per_page;
+            // Only the most recently fetched page is sure to stay in the table.
+            if (page != open_page) {
+                open_data = staged.get_page(page, false);
+                open_page = page;
+            }
+            memcpy(open_data + size_t(p % per_page) * element_bytes, element, element_bytes);
+            bvh->add_to_box(page, position);
+            bounds.add(position, dimension);
+        }
+        (void)first;
+    });
+    // 6.
+    for (uint32_t i = 0; i < count; ++i)
+        if (!(chosen[i >> 6] >> (i & 63) & 1))
+            msg_warn("entry %u has not been chosen", i);
+
+    // 7. The old pages go, with their segments and the files behind them.
+    store.reset();
+    store.configure(element_bytes, dimension);
+
+    // 8.
+    if (pages) {
+        Map_page_bvh_job<N> job(map_bvh_thread_count(), &store, &staged, pages, 0, per_page, last_page_count);
+        job.execute(nullptr);
+    }
+    // 9. The staged pages go with their store; the map has one segment.
+    staged.reset();
+    store.add_memory_segment(0, count);
+    for (uint32_t i = 0; i < map.get_pending_count(); ++i)
+        map.write_element(count + i, pending.data() + size_t(i) * element_bytes);
+    {
+        std::lock_guard<std::mutex> hold(map.map_lock());
+        if (bounds.valid)
+            map.set_bounds(bounds);
+        else
+            map.bounds.clear();
+    }
+
+    // 10.
+    bool built = bvh->build();
+    // 11.
+    if (timer) {
+        char what[64];
+        snprintf(what, sizeof what, "building the BVH for map %u", uint32_t(store.map_id));
+        msg_timer_report(timer, what);
+        msg_timer_free(timer);
+    }
+    return built;
+}
+
+} // namespace
+
+void map_bvh_set_thread_count(uint32_t threads)
+{
+    g_thread_count.store(threads ? threads : 1);
+}
+
+uint32_t map_bvh_thread_count()
+{
+    return g_thread_count.load();
+}
+
+bool build(Map_impl& map, bool verbose)
+{
+    if (!map.get_declaration() || !map.page_store().is_configured())
+        return false;
+    switch (map.page_store().dimension) {
+    case 1: return full_build<1>(map, verbose);
+    case 2: return full_build<2>(map, verbose);
+    case 3: return full_build<3>(map, verbose);
+    case 4: return full_build<4>(map, verbose);
+    case 5: return full_build<5>(map, verbose);
+    case 6: return full_build<6>(map, verbose);
+    default: return false;
+    }
+}
+
+void update_bvh(Map_impl& map, float threshold, bool forced, bool verbose)
+{
+    if (!map.bvh_enabled || !map.get_declaration())
+        return;
+    Module_scope scope(MOD_RCMP);
+    Map_page_store& store = map.page_store();
+    // 1.
+    if (!map.global_bvh) {
+        map.global_bvh = map_global_bvh_create(store.dimension, &store);
+        if (!map.global_bvh)
+            return;
+        map.needs_refit = true;
+    }
+    // 2.
+    if (forced)
+        map.needs_build = true;
+    if (map.needs_build)
+        map.needs_refit = true;
+    // 3. The global tree over the page boxes as they stand; boxes that do not cover the map's
+    //    pages can only come from a full build.
+    if (map.needs_refit && !map.needs_build) {
+        double* timer = verbose ? msg_timer_start() : nullptr;
+        bool built = map.global_bvh->page_count() == store.page_count(map.committed_size()) &&
+                     map.global_bvh->build();
+        if (timer) {
+            char what[64];
+            snprintf(what, sizeof what, "building the global BVH for map %u", uint32_t(store.map_id));
+            msg_timer_report(timer, what);
+            msg_timer_free(timer);
+        }
+        map.needs_refit = false;
+        if (!built)
+            map.needs_build = true;
+    }
+    // 4. The threshold is carried for the build's callers; the build itself has no use for it.
+    if (map.needs_build) {
+        if (threshold < 0.0f)
+            threshold = MAP_BVH_DEFAULT_THRESHOLD;
+        (void)threshold;
+        build(map, verbose);
+        map.needs_build = false;
+        map.needs_refit = false;
+    }
+}
+
+qv::shader_v3::Map_status map_commit_and_build_bvh(Map_impl& map, float quality, bool forced, bool skip_update)
+{
+    Module_scope scope(MOD_RCMP);
+    if (!map.editable && map.bvh_enabled)
+        return qv::shader_v3::MAP_NOT_EDITABLE;
+    map.commit();
+    if (!skip_update)
+        update_bvh(map, 1.0f - quality, forced, !map.quiet);
+    return qv::shader_v3::MAP_SUCCESS;
+}
+
+void refit(Map_impl& map, bool verbose)
+{
+    if (!map.global_bvh)
+        return;
+    Module_scope scope(MOD_RCMP);
+    double* timer = verbose ? msg_timer_start() : nullptr;
+    map.global_bvh->refit(map);
+    if (timer) {
+        char what[64];
+        snprintf(what, sizeof what, "refitting the BVH for map %u", uint32_t(map.page_store().map_id));
+        msg_timer_report(timer, what);
+        msg_timer_free(timer);
+    }
+}
+
+} // namespace QV::RCMAP
