@@ -170,10 +170,11 @@ Map_status Map_file::read_header()
     // The pages must be the cache's file pages, packed as this program packs them, and every
     // counted element must lie inside the file: anything else would feed the cache garbage.
     const uint32_t element_bytes = declaration.element_bytes();
+    if (page_bytes != MAP_FILE_PAGE_BYTES || elements_per_page == 0 ||
+        elements_per_page != map_elements_per_page(element_bytes, declaration.dimension()))
+        return damaged();
     const uint64_t expected_pages = element_count == 0 ? 0 : (uint64_t(element_count) - 1) / elements_per_page + 1;
-    if (page_bytes != MAP_FILE_PAGE_BYTES ||
-        elements_per_page != map_elements_per_page(element_bytes, declaration.dimension()) ||
-        elements_per_page == 0 || page_count != expected_pages)
+    if (page_count != expected_pages)
         return damaged();
     if (element_count > 0) {
         uint64_t last_page_elements = element_count - uint64_t(page_count - 1) * elements_per_page;
@@ -210,40 +211,45 @@ Map_file::Map_file(uint32_t file_kind, bool verbose_info, bool verbose_error, bo
       verbose_error_(verbose_error)
 {
     Module_scope scope(MOD_RCMP);
+    const Map_status result = open_existing(map_declaration, false);
+    if (status)
+        *status = result;
+}
+
+Map_status Map_file::open_existing(const Map_declaration_impl* map_declaration, bool to_append)
+{
     bounds.clear();
     Map_status result = MAP_SUCCESS;
     const char* path = name_.c_str();
+    const bool from_append = kind == MAP_FILE_KIND_READ_FOR_APPEND;
 
     if (looks_like_open_ascii()) {
         // Text for the scene language's parser; the stream stays closed.
         format = MAP_FORMAT_OPEN_ASCII;
         if (verbose_info_)
-            msg_info(kind == MAP_FILE_KIND_READ_FOR_APPEND ? "appending from map file \"%s\"" : "reading map file \"%s\"",
-                     path);
-        result = MAP_FILE_MALFORMED;
-    } else if (!open_stream(MAP_FILE_MODE_READ)) {
+            msg_info(from_append ? "appending from map file \"%s\"" : "reading map file \"%s\"", path);
+        return MAP_FILE_MALFORMED;
+    }
+    if (!open_stream(MAP_FILE_MODE_READ)) {
         if (verbose_error_)
             msg_error_n(ERR_OPEN_READ, "cannot open map file \"%s\" for reading", path);
-        result = MAP_FILE_CANNOT_OPEN;
-    } else {
-        result = read_header();
-        if (result == MAP_FILE_MALFORMED && format == MAP_FORMAT_OPEN_BINARY && kind != MAP_FILE_KIND_APPEND &&
-            verbose_error_)
-            msg_error_n(ERR_OPEN_BINARY_READ, "reading from open binary map file \"%s\"", path);
+        return MAP_FILE_CANNOT_OPEN;
     }
-    if (result == MAP_SUCCESS && kind == MAP_FILE_KIND_READ_FOR_APPEND && map_declaration &&
-        !map_declaration->is_layout_equivalent(declaration)) {
+    result = read_header();
+    if (result == MAP_FILE_MALFORMED && format == MAP_FORMAT_OPEN_BINARY && !to_append && verbose_error_)
+        msg_error_n(ERR_OPEN_BINARY_READ, "reading from open binary map file \"%s\"", path);
+    if (result != MAP_SUCCESS)
+        return result;
+    if (from_append && map_declaration && !map_declaration->is_layout_equivalent(declaration)) {
         if (verbose_error_)
             msg_error_n(ERR_APPEND_FROM_DIFFERS, "cannot append from map file \"%s\", declarations are not equivalent",
                         path);
         close();
-        result = MAP_NOT_EQUIVALENT;
+        return MAP_NOT_EQUIVALENT;
     }
-    if (result == MAP_SUCCESS && verbose_info_)
-        msg_info(kind == MAP_FILE_KIND_READ_FOR_APPEND ? "appending from map file \"%s\"" : "reading map file \"%s\"",
-                 path);
-    if (status)
-        *status = result;
+    if (verbose_info_)
+        msg_info(from_append ? "appending from map file \"%s\"" : "reading map file \"%s\"", path);
+    return MAP_SUCCESS;
 }
 
 Map_file::Map_file(uint32_t file_kind, uint32_t file_format, bool verbose_info, bool verbose_error,
@@ -313,10 +319,11 @@ Map_file::Map_file(uint32_t file_kind, uint32_t file_format, bool verbose_info, 
 
 Map_file::Map_file(bool verbose_error, bool substitute_path, const char* name,
                    const Map_declaration_impl* map_declaration, Map_status* status)
-    : Map_file(MAP_FILE_KIND_APPEND, false, verbose_error, substitute_path, name, nullptr, status)
+    : kind(MAP_FILE_KIND_READ), name_(file_path(name, substitute_path)), verbose_error_(verbose_error)
 {
     Module_scope scope(MOD_RCMP);
-    Map_status result = status ? *status : MAP_SUCCESS;
+    // Read and checked as a read; the file becomes one to append to only once it can be written.
+    Map_status result = open_existing(nullptr, true);
     const char* path = name_.c_str();
     if (result == MAP_FILE_MALFORMED && (format == MAP_FORMAT_OPEN_BINARY || format == MAP_FORMAT_OPEN_ASCII)) {
         if (verbose_error_)
@@ -330,10 +337,10 @@ Map_file::Map_file(bool verbose_error, bool substitute_path, const char* name,
             close();
         } else {
             // The header stays as read; only the stream changes to one that can write.
-            fclose(stream_);
-            stream_ = nullptr;
-            is_open = false;
-            if (!open_stream(MAP_FILE_MODE_READ_WRITE)) {
+            close();
+            if (open_stream(MAP_FILE_MODE_READ_WRITE)) {
+                kind = MAP_FILE_KIND_APPEND;
+            } else {
                 if (verbose_error_)
                     msg_error_n(ERR_OPEN_READ_WRITE, "cannot open map file \"%s\" for reading/writing", path);
                 result = MAP_FILE_CANNOT_OPEN;

@@ -164,6 +164,9 @@ public:
 
 private:
     bool open_stream(uint32_t mode);
+    // Recognises the format and reads the header of an existing file (kind 0 or 2), with the
+    // messages of a read; `to_append` leaves the open binary refusal to the append's message.
+    Map_status open_existing(const Map_declaration_impl* map_declaration, bool to_append);
     // Scans past blanks and '#' comments: true when the first word is "declare".
     bool looks_like_open_ascii();
     // Header steps 2 to 7 on the open stream; reports and closes on failure.

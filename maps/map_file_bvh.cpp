@@ -2,27 +2,12 @@
 // file's BVH joins a map's.
 #include "maps/map_file.h"
 
+#include "maps/map_bvh.h"
 #include "runtime/modules.h"
 
 namespace QV::RCMAP {
 
 using namespace qv::shader_v3;
-
-namespace {
-
-// The stream side of the BVH. The tree itself is the BVH code's; until its stream form is
-// available no file carries one, and a read finds nothing to take.
-bool bvh_from_stream(Map_global_bvh_base*, FILE*, bool)
-{
-    return false;
-}
-
-bool bvh_to_stream(Map_global_bvh_base*, FILE*)
-{
-    return false;
-}
-
-} // namespace
 
 bool Map_file::read_bvh(Map_global_bvh_base* bvh, bool asynchronous, uint32_t* reason)
 {
@@ -35,7 +20,7 @@ bool Map_file::read_bvh(Map_global_bvh_base* bvh, bool asynchronous, uint32_t* r
         result = MAP_FILE_BVH_VERSION_1;
     else if (bvh_offset == 0 || !bvh)
         result = MAP_FILE_BVH_NONE;
-    else if (fseeko(stream_, off_t(bvh_offset), SEEK_SET) != 0 || !bvh_from_stream(bvh, stream_, asynchronous))
+    else if (fseeko(stream_, off_t(bvh_offset), SEEK_SET) != 0 || !bvh->read(stream_, asynchronous))
         result = MAP_FILE_BVH_NONE;
     if (reason)
         *reason = result;
@@ -54,7 +39,7 @@ bool Map_file::write_bvh(Map_global_bvh_base* bvh, uint32_t* reason)
         result = MAP_FILE_BVH_VERSION_1;
     } else if (!bvh || uint64_t(ftello(stream_)) > data_offset + pages_bytes) {
         result = MAP_FILE_BVH_NONE;
-    } else if (fseeko(stream_, off_t(data_offset + pages_bytes), SEEK_SET) != 0 || !bvh_to_stream(bvh, stream_)) {
+    } else if (fseeko(stream_, off_t(data_offset + pages_bytes), SEEK_SET) != 0 || !bvh->write(stream_)) {
         result = MAP_FILE_BVH_NONE;
     } else {
         // The offset field is found anew from the file itself: past the magic and version, over
@@ -77,15 +62,31 @@ bool Map_file::write_bvh(Map_global_bvh_base* bvh, uint32_t* reason)
 bool map_file_read_bvh(Map_impl& map, Map_file* file, bool replace)
 {
     Module_scope scope(MOD_RCMP);
-    if (!file || !map.global_bvh || !replace)
+    if (!file || !map.declaration || file->bvh_offset == 0)
         return false;
-    return file->read_bvh(map.global_bvh, false, nullptr);
+    const uint32_t dimension = map.declaration->dimension();
+    if (replace) {
+        if (!map.global_bvh)
+            map.global_bvh = map_global_bvh_create(dimension, &map.page_store());
+        return map.global_bvh && file->read_bvh(map.global_bvh, false, nullptr);
+    }
+    // The file's tree is hung under the map's root, its pages numbered from the file's segment.
+    if (!map.global_bvh || map.page_store().segments().empty())
+        return false;
+    Map_global_bvh_base* other = map_global_bvh_create(dimension, &map.page_store());
+    if (!other)
+        return false;
+    const uint32_t first_page = map.page_store().segments().back().first_page;
+    bool joined = file->read_bvh(other, false, nullptr) && map.global_bvh->add_subtree(*other, first_page);
+    delete other;
+    return joined;
 }
 
 bool map_file_write_bvh(Map_impl& map, Map_file& file)
 {
     Module_scope scope(MOD_RCMP);
-    if (!map.global_bvh || map.needs_build || map.needs_refit)
+    // Without pages the offset field would hold 0, which means "no BVH": nothing to write.
+    if (!map.global_bvh || !map.global_bvh->is_valid() || map.needs_build || map.needs_refit || file.page_count == 0)
         return false;
     return file.write_bvh(map.global_bvh, nullptr);
 }

@@ -162,6 +162,12 @@ TEST_F(Map_file_append, AppendToFileRefusals)
     EXPECT_EQ(other.append_to_file(path("ob.map").c_str(), true), MAP_FILE_MALFORMED);
     EXPECT_EQ(count_lines(MSG_ERROR, "file format is open"), 2);
     EXPECT_EQ(other.append_to_file(path("nowhere.map").c_str(), true), MAP_FILE_CANNOT_OPEN);
+    // A damaged header is refused before anything is written (found by the fuzz target).
+    std::vector<uint8_t> damaged = before;
+    set_field_at<uint32_t>(damaged, 22 + field_at<uint32_t>(before, 10), 0);
+    put_file(path("damaged.map"), damaged);
+    EXPECT_EQ(alike.append_to_file(path("damaged.map").c_str(), true), MAP_FILE_MALFORMED);
+    EXPECT_EQ(file_bytes(path("damaged.map")), damaged);
     EXPECT_TRUE(map_storage_test::saw("for reading"));
 
     ASSERT_EQ(chmod(name.c_str(), 0444), 0);

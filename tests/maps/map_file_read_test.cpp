@@ -136,6 +136,7 @@ TEST_F(Map_file_read, DamagedFieldsGiveTheirStatusAndMessage)
         {"global size unlike the declaration's", 14 + d, 8, MAP_FILE_MALFORMED, "is damaged"},
         {"page size", 18 + d + g, 65536, MAP_FILE_MALFORMED, "is damaged"},
         {"elements per page", 22 + d + g, 7, MAP_FILE_MALFORMED, "is damaged"},
+        {"no elements per page", 22 + d + g, 0, MAP_FILE_MALFORMED, "is damaged"},
         {"page count", 26 + d + g, 9, MAP_FILE_MALFORMED, "is damaged"},
         {"element count past the file", 30 + d + g, 0xFFFFFFFFu, MAP_FILE_MALFORMED, "is damaged"},
         {"BVH offset past the file", 34 + d + g, 0x7FFFFFFF, MAP_FILE_MALFORMED, "is damaged"},

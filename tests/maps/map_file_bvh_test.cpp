@@ -1,0 +1,129 @@
+// The global BVH in a map file: written behind the pages, read instead of a build, merged on
+// an append, and the results of read_bvh and write_bvh.
+#include "maps/map_bvh.h"
+#include "tests/maps/map_file_test_support.h"
+
+using namespace map_file_test;
+using map_storage_test::Small_element;
+using map_storage_test::small_element;
+using map_storage_test::same;
+
+namespace {
+
+class Map_file_bvh : public Map_file_test {
+protected:
+    // A map of `count` small elements from `first`, built and written to `name`.
+    void write_built(const std::string& name, uint32_t first, uint32_t count)
+    {
+        Map_impl map(map_storage_test::small_declaration());
+        fill(map, first, count);
+        ASSERT_EQ(map.write(name.c_str(), MAP_FORMAT_BINARY, false), MAP_SUCCESS);
+        ASSERT_NE(map.global_bvh, nullptr);
+        ASSERT_TRUE(map.global_bvh->is_valid());
+    }
+};
+
+} // namespace
+
+TEST_F(Map_file_bvh, BvhLiesBehindThePagesAndSparesTheBuildOnRead)
+{
+    const uint32_t per_page = map_elements_per_page(20, 3);
+    const uint32_t pages = 12;
+    const std::string name = path("built.map");
+    write_built(name, 0, pages * per_page - 3);
+
+    const std::vector<uint8_t> bytes = file_bytes(name);
+    const uint32_t d = field_at<uint32_t>(bytes, 10);
+    const size_t data = 42 + d + 24;
+    EXPECT_EQ(field_at<uint64_t>(bytes, 34 + d), uint64_t(pages) * 32768) << "offset from the data start";
+    ASSERT_GT(bytes.size(), data + size_t(pages) * 32768) << "the BVH follows the pages";
+
+    Map_impl map;
+    ASSERT_EQ(map.read(name.c_str(), 0), MAP_SUCCESS);
+    EXPECT_FALSE(map.needs_build);
+    EXPECT_FALSE(map.needs_refit);
+    ASSERT_NE(map.global_bvh, nullptr);
+    EXPECT_TRUE(map.global_bvh->is_valid());
+    EXPECT_EQ(map.global_bvh->page_count(), pages);
+    auto* file = static_cast<Map_file*>(map.page_store().file(0));
+    EXPECT_EQ(file->pages_read(), 0u) << "with a stored BVH no page is read to open the map";
+    // The elements are where the file has them.
+    for (uint32_t i = 0; i < pages * per_page - 3; i += 997) {
+        Small_element stored;
+        memcpy(&stored, bytes.data() + data + size_t(i / per_page) * 32768 + size_t(i % per_page) * 20, 20);
+        EXPECT_TRUE(same(element_of(map, i), stored)) << "element " << i;
+    }
+
+    // A damaged BVH is not used: the map is built instead, and still holds every element.
+    std::vector<uint8_t> broken = bytes;
+    broken.resize(data + size_t(pages) * 32768 + 5);
+    put_file(path("broken.map"), broken);
+    Map_impl rebuilt;
+    rebuilt.bvh_enabled = false;
+    ASSERT_EQ(rebuilt.read(path("broken.map").c_str(), 0), MAP_SUCCESS);
+    EXPECT_TRUE(rebuilt.needs_build);
+    EXPECT_EQ(rebuilt.size(), pages * per_page - 3);
+}
+
+TEST_F(Map_file_bvh, AppendFromFileMergesOrReadsTheFilesTree)
+{
+    const uint32_t per_page = map_elements_per_page(20, 3);
+    write_built(path("a.map"), 0, 3 * per_page);
+    write_built(path("b.map"), 3 * per_page, 2 * per_page);
+
+    // An empty map takes the file's tree as its own.
+    Map_impl map;
+    ASSERT_EQ(map.append_from_file(path("a.map").c_str(), false, false, nullptr), MAP_SUCCESS);
+    EXPECT_FALSE(map.needs_build);
+    EXPECT_FALSE(map.needs_refit);
+    ASSERT_NE(map.global_bvh, nullptr);
+    EXPECT_EQ(map.global_bvh->page_count(), 3u);
+
+    // A map with a valid tree hangs the next file's under it.
+    ASSERT_EQ(map.append_from_file(path("b.map").c_str(), false, false, nullptr), MAP_SUCCESS);
+    EXPECT_FALSE(map.needs_build);
+    EXPECT_EQ(map.global_bvh->page_count(), 5u);
+    EXPECT_EQ(map.size(), 5 * per_page);
+
+    // A file without a tree only asks for a refit of a filled map.
+    Map_impl plain(map_storage_test::small_declaration());
+    plain.bvh_enabled = false;
+    fill(plain, 0, 10);
+    ASSERT_EQ(plain.write(path("plain.map").c_str(), MAP_FORMAT_BINARY, false), MAP_SUCCESS);
+    ASSERT_EQ(map.append_from_file(path("plain.map").c_str(), false, false, nullptr), MAP_SUCCESS);
+    EXPECT_TRUE(map.needs_refit);
+    // And of an empty one, a build.
+    Map_impl fresh;
+    ASSERT_EQ(fresh.append_from_file(path("plain.map").c_str(), false, false, nullptr), MAP_SUCCESS);
+    EXPECT_TRUE(fresh.needs_build);
+    EXPECT_TRUE(fresh.needs_refit);
+}
+
+TEST_F(Map_file_bvh, ResultsOfWriteBvh)
+{
+    Map_impl map(map_storage_test::small_declaration());
+    fill(map, 0, 100);
+    map.build_bvh(2.0f, false, false);
+    ASSERT_NE(map.global_bvh, nullptr);
+    const Map_declaration_impl& declaration = *map.get_declaration();
+    const uint32_t per_page = map_elements_per_page(20, 3);
+    Map_status status = MAP_NOT_EDITABLE;
+    Map_file file(MAP_FILE_KIND_WRITE, MAP_FORMAT_BINARY, false, false, false, path("w.map").c_str(), &declaration,
+                  100, 32768, per_page, 1, &map.get_bounds(), &status);
+    ASSERT_EQ(status, MAP_SUCCESS);
+    // The stream past the place of the BVH: it would land on data already written.
+    std::vector<uint8_t> zeros(2 * 32768);
+    ASSERT_TRUE(file.write_raw(zeros.data(), zeros.size()));
+    uint32_t reason = 99;
+    EXPECT_FALSE(file.write_bvh(map.global_bvh, &reason));
+    EXPECT_EQ(reason, uint32_t(MAP_FILE_BVH_NONE));
+    ASSERT_TRUE(file.seek_data(32768));
+    EXPECT_TRUE(file.write_bvh(map.global_bvh, &reason));
+    EXPECT_EQ(reason, uint32_t(MAP_FILE_BVH_DONE));
+    EXPECT_EQ(file.bvh_offset, file.data_offset + 32768);
+    ASSERT_TRUE(file.close());
+    EXPECT_EQ(field_at<uint64_t>(file_bytes(path("w.map")), 34 + field_at<uint32_t>(file_bytes(path("w.map")), 10)),
+              32768u);
+    EXPECT_FALSE(file.write_bvh(map.global_bvh, &reason));
+    EXPECT_EQ(reason, uint32_t(MAP_FILE_BVH_NOT_OPEN));
+}
