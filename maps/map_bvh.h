@@ -207,7 +207,8 @@ inline void build_bvh(Map_impl& map, float threshold, bool forced, bool verbose)
 }
 // Map_base::build_bvh: 7 for a map that is not editable but has bvh_enabled; otherwise
 // commits the pending elements and, unless `skip_update`, runs update_bvh with the threshold
-// 1 - quality (messages unless the map is quiet). Map_impl::build_bvh forwards here.
+// 1 - quality, without timer lines (callers that want them call update_bvh with `verbose`).
+// Map_impl::build_bvh forwards here.
 qv::shader_v3::Map_status map_commit_and_build_bvh(Map_impl& map, float quality, bool forced, bool skip_update);
 
 // The full build of the map's committed elements: reorder, page trees, global tree. Selects

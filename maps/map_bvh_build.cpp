@@ -348,7 +348,7 @@ qv::shader_v3::Map_status map_commit_and_build_bvh(Map_impl& map, float quality,
         return qv::shader_v3::MAP_NOT_EDITABLE;
     map.commit();
     if (!skip_update)
-        update_bvh(map, 1.0f - quality, forced, !map.quiet);
+        update_bvh(map, 1.0f - quality, forced, false);
     return qv::shader_v3::MAP_SUCCESS;
 }
 

@@ -255,6 +255,7 @@ void Map_impl::note_position_changed(const float* position)
     std::lock_guard<std::mutex> hold(lock);
     // The element may have left its page's box: only a full build brings the trees right.
     needs_build = true;
+    needs_refit = true;
     bounds.add(position, store.dimension);
     pending_bounds.add(position, store.dimension);
 }
