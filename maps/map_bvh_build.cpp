@@ -52,38 +52,32 @@ public:
         nodes_.push_back({0, 0.0f, 0, 0});
     }
 
-    void insert(const float* position)
+    // Inserts `count` elements (at most WALKS) whose positions lie `stride` bytes apart. The
+    // walks go down in lockstep, one level each in turn, so that the nodes of the next level
+    // are fetched from memory side by side instead of one after another. The tree that comes
+    // out does not depend on the interleaving: a leaf that is not at a limit splits whenever
+    // an element reaches it, and counts only add up.
+    void insert(const uint8_t* first, uint32_t stride, uint32_t count)
     {
-        float minimum[N], maximum[N];
-        memcpy(minimum, root_minimum_, sizeof minimum);
-        memcpy(maximum, root_maximum_, sizeof maximum);
-        uint32_t index = 0;
-        for (uint32_t depth = 0;; ++depth) {
-            Count_node& node = nodes_[index];
-            if (node.flags) {
-                ++node.count;
-                index = descend(node, position, minimum, maximum);
-                continue;
+        Walk walks[WALKS];
+        for (uint32_t e = 0; e < count; ++e) {
+            Walk& walk = walks[e];
+            walk.position = reinterpret_cast<const float*>(first + size_t(e) * stride);
+            walk.index = 0;
+            walk.depth = 0;
+            memcpy(walk.minimum, root_minimum_, sizeof walk.minimum);
+            memcpy(walk.maximum, root_maximum_, sizeof walk.maximum);
+        }
+        uint32_t active = count;
+        while (active) {
+            for (uint32_t e = 0; e < active;) {
+                if (step(walks[e])) {
+                    walks[e] = walks[--active];
+                    continue;
+                }
+                __builtin_prefetch(&nodes_[walks[e].index]);
+                ++e;
             }
-            if (depth >= COUNT_TREE_MAX_DEPTH) {
-                ++node.count;
-                return;
-            }
-            uint32_t axis = 0;
-            for (uint32_t a = 1; a < N; ++a)
-                if (maximum[a] - minimum[a] > maximum[axis] - minimum[axis])
-                    axis = a;
-            // Written as "not above" so that a map without extent on the axis (0 / 0) stops too.
-            if (!((maximum[axis] - minimum[axis]) / map_extent_[axis] > COUNT_TREE_MIN_CELL)) {
-                ++node.count;
-                return;
-            }
-            uint32_t child = uint32_t(nodes_.size());
-            Count_node split = {child << 3 | axis, 0.5f * (minimum[axis] + maximum[axis]), 1, 0};
-            nodes_[index] = split;
-            nodes_.push_back({0, 0.0f, 0, 0});
-            nodes_.push_back({0, 0.0f, 0, 0});
-            index = descend(nodes_[index], position, minimum, maximum);
         }
     }
 
@@ -109,21 +103,85 @@ public:
         }
     }
 
-    // The element's new index: the next of its cell.
-    uint32_t take(const float* position)
+    // The new indices of `count` elements (at most WALKS, positions `stride` bytes apart), in
+    // their order: each takes the next index of its cell. The walks to the cells go in
+    // lockstep as in insert; the indices are handed out afterwards, in element order, which
+    // keeps the sort stable.
+    void take(const uint8_t* first, uint32_t stride, uint32_t count, uint32_t* out)
     {
-        uint32_t index = 0;
-        while (nodes_[index].place < 0) {
-            const Count_node& node = nodes_[index];
-            uint32_t child = node.flags >> 3;
-            index = node.split > position[node.flags & 7] ? child : child + 1;
+        uint32_t cell[WALKS];
+        const float* position[WALKS];
+        uint32_t pending[WALKS];
+        for (uint32_t e = 0; e < count; ++e) {
+            cell[e] = 0;
+            position[e] = reinterpret_cast<const float*>(first + size_t(e) * stride);
+            pending[e] = e;
         }
-        return uint32_t(nodes_[index].place++);
+        uint32_t active = count;
+        while (active) {
+            for (uint32_t k = 0; k < active;) {
+                uint32_t e = pending[k];
+                const Count_node& node = nodes_[cell[e]];
+                if (node.place >= 0) {
+                    pending[k] = pending[--active];
+                    continue;
+                }
+                uint32_t child = node.flags >> 3;
+                cell[e] = node.split > position[e][node.flags & 7] ? child : child + 1;
+                __builtin_prefetch(&nodes_[cell[e]]);
+                ++k;
+            }
+        }
+        for (uint32_t e = 0; e < count; ++e)
+            out[e] = uint32_t(nodes_[cell[e]].place++);
     }
+
+    static constexpr uint32_t WALKS = 16;
 
     size_t node_count() const { return nodes_.size(); }
 
 private:
+    struct Walk {
+        const float* position;
+        uint32_t index;
+        uint32_t depth;
+        float minimum[N];   // the cell of node `index`
+        float maximum[N];
+    };
+
+    // One level of an insertion; true when the element has come to rest.
+    bool step(Walk& walk)
+    {
+        Count_node& node = nodes_[walk.index];
+        if (node.flags) {
+            ++node.count;
+            walk.index = descend(node, walk.position, walk.minimum, walk.maximum);
+            ++walk.depth;
+            return false;
+        }
+        if (walk.depth >= COUNT_TREE_MAX_DEPTH) {
+            ++node.count;
+            return true;
+        }
+        uint32_t axis = 0;
+        for (uint32_t a = 1; a < N; ++a)
+            if (walk.maximum[a] - walk.minimum[a] > walk.maximum[axis] - walk.minimum[axis])
+                axis = a;
+        // Written as "not above" so that a map without extent on the axis (0 / 0) stops too.
+        if (!((walk.maximum[axis] - walk.minimum[axis]) / map_extent_[axis] > COUNT_TREE_MIN_CELL)) {
+            ++node.count;
+            return true;
+        }
+        uint32_t child = uint32_t(nodes_.size());
+        Count_node split = {child << 3 | axis, 0.5f * (walk.minimum[axis] + walk.maximum[axis]), 1, 0};
+        nodes_[walk.index] = split;   // `node` may dangle once the children are made
+        nodes_.push_back({0, 0.0f, 0, 0});
+        nodes_.push_back({0, 0.0f, 0, 0});
+        walk.index = descend(split, walk.position, walk.minimum, walk.maximum);
+        ++walk.depth;
+        return false;
+    }
+
     static uint32_t descend(const Count_node& node, const float* position, float* minimum, float* maximum)
     {
         uint32_t axis = node.flags & 7, child = node.flags >> 3;
@@ -185,8 +243,8 @@ bool full_build(Map_impl& map, bool verbose)
     // 2. Count the elements per cell.
     Count_tree<N> tree(map.get_bounds());
     for_each_run(store, count, [&](const uint8_t* data, uint32_t, uint32_t run) {
-        for (uint32_t i = 0; i < run; ++i)
-            tree.insert(reinterpret_cast<const float*>(data + size_t(i) * element_bytes));
+        for (uint32_t i = 0; i < run; i += Count_tree<N>::WALKS)
+            tree.insert(data + size_t(i) * element_bytes, element_bytes, std::min(run - i, Count_tree<N>::WALKS));
     });
     // 3.
     tree.place();
@@ -206,10 +264,13 @@ bool full_build(Map_impl& map, bool verbose)
         memcpy(run_copy.data(), data, size_t(run) * element_bytes);
         uint32_t open_page = UINT32_MAX;
         uint8_t* open_data = nullptr;
+        uint32_t taken[Count_tree<N>::WALKS];
         for (uint32_t i = 0; i < run; ++i) {
             const uint8_t* element = run_copy.data() + size_t(i) * element_bytes;
             const float* position = reinterpret_cast<const float*>(element);
-            uint32_t p = tree.take(position);
+            if (i % Count_tree<N>::WALKS == 0)
+                tree.take(element, element_bytes, std::min(run - i, Count_tree<N>::WALKS), taken);
+            uint32_t p = taken[i % Count_tree<N>::WALKS];
             if (p >= count) {
                 msg_warn("--- entry %u already set!", p);
                 continue;
