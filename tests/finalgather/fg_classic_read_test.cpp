@@ -1,10 +1,6 @@
-// Reading classic final-gather files: kinds, headers, byte order, versions and damaged files.
-#include <cmath>
-
+// Reading classic final-gather files: byte order, versions, damaged and truncated files, lists.
 #include "fg_test_support.h"
-#include "finalgather/fg_file_io.h"
-#include "maps/map_element.h"
-#include "maps/map_impl.h"
+#include "database/scene_records.h"
 #include "tool/blend.h"
 
 using namespace fg_test;
@@ -14,64 +10,45 @@ namespace {
 
 class ClassicReadTest : public Fg_test {
 protected:
-    // Loads `bytes` from a file into a new map, commits it and returns the points in map order.
+    // Loads `bytes` through a file into a new map; the committed points in map order.
     std::vector<Fg_point> load(const std::vector<uint8_t>& bytes, uint32_t* loaded, bool allow_classic = true)
     {
-        const std::string name = path("in.fg");
-        write_bytes(name, bytes);
+        write_bytes(path("in.fg"), bytes);
         Map_impl* map = fg_map_new();
-        *loaded = fg_map_load(map, name.c_str(), allow_classic);
+        *loaded = fg_map_load(map, path("in.fg").c_str(), allow_classic);
         map->build_bvh(0.6f, false, false);
-        std::vector<Fg_point> points(map->size());
-        QV::RCMAP::Map_element_impl element(fg_cached_declaration());
-        for (uint32_t n = 0; n < map->size(); ++n) {
-            map->get(n, &element);
-            points[n] = Fg_point{};
-            fg_point_from_element(&points[n], &element);
-        }
+        std::vector<Fg_point> points = points_of(map);
         delete map;
         return points;
-    }
-
-    static Classic_file file_of(uint32_t count)
-    {
-        Classic_file file;
-        file.count = count;
-        for (uint32_t k = 0; k < count; ++k)
-            file.records.push_back(make_point(k));
-        return file;
     }
 };
 
 TEST_F(ClassicReadTest, NativeAndForeignFilesLoadTheSamePoints)
 {
     for (bool big_endian : {false, true}) {
-        Classic_file file = file_of(4);
+        lines().clear();
+        Classic_file file = Classic_file::of(4);
         file.big_endian = big_endian;
         uint32_t loaded = 0;
         const std::vector<Fg_point> points = load(file.bytes(), &loaded);
-        ASSERT_EQ(loaded, 4u) << big_endian;
+        ASSERT_EQ(loaded, 4u);
         ASSERT_EQ(points.size(), 4u);
         for (uint32_t k = 0; k < 4; ++k)
-            EXPECT_TRUE(same_named_fields(points[k], file.records[k])) << big_endian << " " << k;
-        const Line* progress = find_line("4 finalgather points loaded from");
-        ASSERT_NE(progress, nullptr);
-        EXPECT_EQ(progress->level, MSG_PROGRESS);
-        EXPECT_EQ(progress->text, "4 finalgather points loaded from " + path("in.fg"));
-        lines().clear();
+            EXPECT_TRUE(same_named_fields(points[k], file.records[k])) << big_endian << k;
+        ASSERT_EQ(lines().size(), 1u);
+        EXPECT_EQ(lines()[0].level, MSG_PROGRESS);
+        EXPECT_EQ(lines()[0].text, "4 finalgather points loaded from " + path("in.fg"));
     }
 }
 
 TEST_F(ClassicReadTest, VersionZeroGradientsTurnIntoTheNormalsFrame)
 {
-    Classic_file file = file_of(1);
+    Classic_file file = Classic_file::of(1);
     file.version = 0;
-    Fg_point& record = file.records[0];
     const float normal[3] = {0.2f, 0.9f, -0.3f};
-    std::memcpy(record.normal, normal, sizeof(normal));
-    // Three world-space gradient rows at record bytes 44, 56 and 68.
-    const float rows[9] = {1.0f, 2.0f, 3.0f, -4.0f, 5.0f, 0.5f, 7.0f, -8.0f, 9.0f};
-    std::memcpy(reinterpret_cast<uint8_t*>(&record) + 44, rows, sizeof(rows));
+    const float rows[9] = {1.0f, 2.0f, 3.0f, -4.0f, 5.0f, 0.5f, 7.0f, -8.0f, 9.0f};  // red, green, blue
+    std::memcpy(file.records[0].normal, normal, sizeof(normal));
+    std::memcpy(file.records[0].grad_t1, rows, sizeof(rows));  // record bytes 44 to 79
 
     uint32_t loaded = 0;
     const std::vector<Fg_point> points = load(file.bytes(), &loaded);
@@ -83,36 +60,20 @@ TEST_F(ClassicReadTest, VersionZeroGradientsTurnIntoTheNormalsFrame)
         EXPECT_FLOAT_EQ(points[0].grad_t1[k], -(row[0] * c[0] + row[1] * c[1] + row[2] * c[2])) << k;
         EXPECT_FLOAT_EQ(points[0].grad_t2[k], row[0] * t[0] + row[1] * t[1] + row[2] * t[2]) << k;
     }
-    // The blue row stays behind: its first component is now the point's id, bit for bit.
-    int32_t expected_id;
-    std::memcpy(&expected_id, &rows[6], 4);
-    EXPECT_EQ(points[0].point_id, expected_id);
-    EXPECT_EQ(points[0].r_mean, record.r_mean);
-    // Frame vectors of a unit normal are unit and perpendicular: the conversion is a rotation.
-    EXPECT_NEAR(t[0] * normal[0] + t[1] * normal[1] + t[2] * normal[2], 0.0f, 1e-6f);
+    // The blue row stays where it was: its first component is now the id, bit for bit.
+    int32_t id;
+    std::memcpy(&id, &rows[6], 4);
+    EXPECT_EQ(points[0].point_id, id);
+    EXPECT_EQ(points[0].r_mean, file.records[0].r_mean);
 }
 
-TEST_F(ClassicReadTest, UnknownVersionIsIgnoredAtInfoLevelOnly)
+TEST_F(ClassicReadTest, TruncatedFileOrAbsurdCountKeepsTheWholeRecords)
 {
-    Classic_file file = file_of(2);
-    file.version = 2;
+    Classic_file file = Classic_file::of(5);
+    std::vector<uint8_t> cut = file.bytes();
+    cut.resize(120 + 3 * 104 + 50);
     uint32_t loaded = 0;
-    EXPECT_TRUE(load(file.bytes(), &loaded).empty());
-    EXPECT_EQ(loaded, 0u);
-    const Line* line = find_line("unknown finalgather map version, content ignored");
-    ASSERT_NE(line, nullptr);
-    EXPECT_EQ(line->level, MSG_INFO);
-    EXPECT_EQ(count_level(MSG_ERROR), 0u);
-    EXPECT_EQ(find_line("loaded from"), nullptr);
-}
-
-TEST_F(ClassicReadTest, TruncatedFileKeepsItsWholeRecords)
-{
-    Classic_file file = file_of(5);
-    std::vector<uint8_t> bytes = file.bytes();
-    bytes.resize(120 + 3 * 104 + 50);
-    uint32_t loaded = 0;
-    const std::vector<Fg_point> points = load(bytes, &loaded);
+    const std::vector<Fg_point> points = load(cut, &loaded);
     EXPECT_EQ(loaded, 3u);
     ASSERT_EQ(points.size(), 3u);
     EXPECT_TRUE(same_named_fields(points[2], file.records[2]));
@@ -120,77 +81,59 @@ TEST_F(ClassicReadTest, TruncatedFileKeepsItsWholeRecords)
     ASSERT_NE(line, nullptr);
     EXPECT_EQ(line->level, MSG_ERROR);
     EXPECT_EQ(code_of(line), 11);
-}
 
-TEST_F(ClassicReadTest, AbsurdCountEndsAtTheFileEnd)
-{
-    Classic_file file = file_of(2);
-    file.count = 0xFFFFFFFFu;
-    uint32_t loaded = 0;
-    EXPECT_EQ(load(file.bytes(), &loaded).size(), 2u);
-    EXPECT_EQ(loaded, 2u);
-
-    // The same count in a foreign file, where it arrives byte-turned.
-    file.big_endian = true;
-    file.count = 0x7FFFFFFFu;
-    EXPECT_EQ(load(file.bytes(), &loaded).size(), 2u);
-    EXPECT_EQ(loaded, 2u);
-}
-
-TEST_F(ClassicReadTest, DamagedHeadersLoadNothingAndSayWhy)
-{
-    struct Case {
-        const char* what;
-        std::vector<uint8_t> bytes;
-        int32_t number;
-        const char* text;
-    };
-    std::vector<uint8_t> short_file = {'q', 'v', 'F', 'G', ' ', ' '};
-    std::vector<uint8_t> no_options = file_of(1).bytes();
-    no_options.resize(60);
-    std::vector<uint8_t> bad_magic = file_of(1).bytes();
-    bad_magic[33] = 'x';
-    std::vector<uint8_t> no_size = file_of(1).bytes();
-    no_size.resize(100);
-    std::vector<uint8_t> no_points = file_of(0).bytes();
-    const Case cases[] = {
-        {"shorter than the file header", short_file, 3, "cannot read finalgather map file header"},
-        {"options header cut", no_options, 6, "failed to read used options from file, content ignored"},
-        {"options magic wrong", bad_magic, 7, "wrong finalgather map header magic"},
-        {"size block cut", no_size, 8, "failed to read data size, content ignored"},
-        {"no points", no_points, -1, nullptr},
-    };
-    for (const Case& c : cases) {
-        lines().clear();
-        uint32_t loaded = 0;
-        EXPECT_TRUE(load(c.bytes, &loaded).empty()) << c.what;
-        EXPECT_EQ(loaded, 0u) << c.what;
-        EXPECT_EQ(find_line("loaded from"), nullptr) << c.what;
-        if (!c.text) {
-            EXPECT_EQ(count_level(MSG_ERROR), 0u) << c.what;
-            continue;
-        }
-        const Line* line = find_line(c.text);
-        ASSERT_NE(line, nullptr) << c.what;
-        EXPECT_EQ(code_of(line), c.number) << c.what;
-        EXPECT_TRUE(from_rcfg(line)) << c.what;
-        EXPECT_EQ(line->level, MSG_ERROR) << c.what;
+    for (bool big_endian : {false, true}) {
+        file.count = 0xFFFFFFFFu;
+        file.big_endian = big_endian;
+        EXPECT_EQ(load(file.bytes(), &loaded).size(), 5u);
+        EXPECT_EQ(loaded, 5u);
     }
 }
 
-TEST_F(ClassicReadTest, ClassicFileRefusedWhereNotAllowed)
+TEST_F(ClassicReadTest, UnusableFilesLoadNothingAndSayWhy)
 {
-    uint32_t loaded = 0;
-    EXPECT_TRUE(load(file_of(3).bytes(), &loaded, false).empty());
-    EXPECT_EQ(loaded, 0u);
-    const Line* line = find_line("cannot use classic finalgather map file '");
-    ASSERT_NE(line, nullptr);
-    EXPECT_EQ(code_of(line), 5);
-    EXPECT_EQ(line->text, "cannot use classic finalgather map file '" + path("in.fg") + "'");
-}
+    std::vector<uint8_t> no_options = Classic_file::of(1).bytes();
+    no_options.resize(60);
+    std::vector<uint8_t> bad_magic = Classic_file::of(1).bytes();
+    bad_magic[33] = 'x';
+    std::vector<uint8_t> no_size = Classic_file::of(1).bytes();
+    no_size.resize(100);
+    Classic_file version_2 = Classic_file::of(2);
+    version_2.version = 2;
+    const struct {
+        std::vector<uint8_t> bytes;
+        bool allow_classic;
+        uint32_t level;
+        int32_t code;
+        std::string text;
+    } cases[] = {
+        {{'q', 'v', 'F', 'G', ' '}, true, MSG_ERROR, 3, ": cannot read finalgather map file header"},
+        {no_options, true, MSG_ERROR, 6, ": failed to read used options from file, content ignored"},
+        {bad_magic, true, MSG_ERROR, 7, ": wrong finalgather map header magic"},
+        {no_size, true, MSG_ERROR, 8, ": failed to read data size, content ignored"},
+        {version_2.bytes(), true, MSG_INFO, -1, ": unknown finalgather map version, content ignored"},
+        {Classic_file::of(3).bytes(), false, MSG_ERROR, 5, "cannot use classic finalgather map file '"},
+        {Classic_file::of(0).bytes(), true, 0, 0, ""},
+    };
+    for (const auto& c : cases) {
+        lines().clear();
+        uint32_t loaded = 0;
+        EXPECT_TRUE(load(c.bytes, &loaded, c.allow_classic).empty()) << c.text;
+        EXPECT_EQ(loaded, 0u) << c.text;
+        if (c.text.empty()) {
+            EXPECT_TRUE(lines().empty());  // no points: no progress line either
+            continue;
+        }
+        ASSERT_EQ(lines().size(), 1u) << c.text;
+        EXPECT_NE(lines()[0].text.find(c.text), std::string::npos) << lines()[0].text;
+        EXPECT_EQ(lines()[0].level, c.level) << c.text;
+        if (c.code >= 0) {
+            EXPECT_EQ(code_of(&lines()[0]), c.code) << c.text;
+        }
+    }
 
-TEST_F(ClassicReadTest, MissingFileIsOnlyAnInfoLine)
-{
+    // A missing file is an info line only, with the system's reason.
+    lines().clear();
     Map_impl* map = fg_map_new();
     EXPECT_EQ(fg_map_load(map, path("nowhere.fg").c_str(), true), 0u);
     delete map;
@@ -199,100 +142,50 @@ TEST_F(ClassicReadTest, MissingFileIsOnlyAnInfoLine)
     EXPECT_EQ(lines()[0].text, path("nowhere.fg") + ": cannot load finalgather map file: No such file or directory");
 }
 
-TEST_F(ClassicReadTest, FileOfAnotherKindGoesToTheMapReader)
+TEST_F(ClassicReadTest, ListsLoadTheirNamedFilesAndCombineClassicOnlyAlone)
 {
-    const std::vector<uint8_t> text(64, 'z');
-    uint32_t loaded = 1;
-    EXPECT_TRUE(load(text, &loaded).empty());
-    EXPECT_EQ(loaded, 0u);
-    EXPECT_EQ(find_line("finalgather map file header"), nullptr);
-}
-
-TEST_F(ClassicReadTest, KdtreeLoadTakesWordThreeAsRecordAndWordZeroAsPosition)
-{
-    Classic_file file = file_of(6);
-    file.big_endian = true;
-    write_bytes(path("k.fg"), file.bytes());
-    const uint32_t tag = kdtree_create(1, FG_POINT_PAYLOAD_WORDS * 4);
-    Kdtree_handle* writer = kdtree_open_for_writing(tag, nullptr, 0);
-    EXPECT_EQ(fg_kdtree_load(writer, path("k.fg").c_str()), 6u);
-    kdtree_close(writer);
-
-    std::vector<Fg_point> seen;
-    Kdtree_handle* reader = kdtree_open_for_reading(tag, nullptr, nullptr);
-    kdtree_iterate(
-        reader,
-        [](void* argument, const void* record, const float* position) {
-            Fg_point point{};
-            std::memcpy(point.position, position, 12);
-            std::memcpy(point.normal, record, FG_POINT_PAYLOAD_WORDS * 4);
-            static_cast<std::vector<Fg_point>*>(argument)->push_back(point);
-            return 1;
-        },
-        &seen);
-    kdtree_close(reader);
-    kdtree_delete(tag);
-    ASSERT_EQ(seen.size(), 6u);
-    // The tree has its own order: match by the id.
-    for (const Fg_point& point : seen) {
-        const uint32_t k = uint32_t(point.point_id - 17) / 100;
-        ASSERT_LT(k, 6u);
-        EXPECT_TRUE(same_named_fields(point, file.records[k])) << k;
-        EXPECT_EQ(point.reserved[0], file.records[k].reserved[0]);
-    }
-}
-
-TEST_F(ClassicReadTest, ListOfFilesLoadsEachNamedFile)
-{
-    write_bytes(path("a.fg"), file_of(2).bytes());
-    write_bytes(path("b.fg"), file_of(3).bytes());
-    auto make_name = [](const std::string& name) {
+    write_bytes(path("a.fg"), Classic_file::of(2).bytes());
+    write_bytes(path("b.fg"), Classic_file::of(3).bytes());
+    auto name_tag = [](const std::string& name) {
         uint32_t tag = 0;
-        char* data = static_cast<char*>(qv_db_create(&tag, SCENE_STRING, uint32_t(name.size() + 1)));
-        std::memcpy(data, name.c_str(), name.size() + 1);
+        std::memcpy(qv_db_create(&tag, SCENE_STRING, uint32_t(name.size() + 1)), name.c_str(), name.size() + 1);
         return tag;
     };
-    const uint32_t a = make_name(path("a.fg"));
-    const uint32_t b = make_name(path("b.fg"));
+    const uint32_t a = name_tag(path("a.fg")), b = name_tag(path("b.fg"));
     uint32_t list = 0;
     auto* entries = static_cast<uint32_t*>(qv_db_create(&list, SCENE_TAG, 12));
     entries[0] = a;
     entries[1] = 0;
     entries[2] = b;
 
-    // One remaining classic entry may load.
     Map_impl* map = fg_map_new();
-    EXPECT_EQ(fg_map_load_list(map, list, true), 3u);
-    EXPECT_EQ(map->size(), 3u);  // committed by the list load
-    delete map;
-
-    // Two classic entries cannot be combined in a map.
-    lines().clear();
-    map = fg_map_new();
-    EXPECT_EQ(fg_map_load_list(map, list, false), 0u);
+    EXPECT_EQ(fg_map_load_list(map, list, true), 3u);   // one classic entry left: allowed
+    EXPECT_EQ(map->size(), 3u);                         // and committed
+    EXPECT_EQ(fg_map_load_list(map, list, false), 0u);  // two classic entries: refused
     EXPECT_NE(find_line("cannot use classic finalgather map file"), nullptr);
-    delete map;
-
-    // A single name, and the kd-tree form that has no such limit.
-    map = fg_map_new();
-    EXPECT_EQ(fg_map_load_list(map, a, false), 2u);
-    delete map;
-    const uint32_t tree = kdtree_create(1, FG_POINT_PAYLOAD_WORDS * 4);
-    Kdtree_handle* writer = kdtree_open_for_writing(tree, nullptr, 0);
-    EXPECT_EQ(fg_kdtree_load_list(writer, list, false), 5u);
-    kdtree_close(writer);
-    kdtree_delete(tree);
-
-    // Nothing on a host other than the master, nor while progressive rendering objects.
+    EXPECT_EQ(fg_map_load_list(map, a, false), 2u);     // a single name
     thread_context()->host_number = 1;
-    map = fg_map_new();
-    EXPECT_EQ(fg_map_load_list(map, a, false), 0u);
+    EXPECT_EQ(fg_map_load_list(map, a, false), 0u);     // not the master
     thread_context()->host_number = 0;
     fg_set_progressive_query([] { return true; });
     EXPECT_EQ(fg_map_load_list(map, a, false), 0u);
     fg_set_progressive_query(nullptr);
-    EXPECT_EQ(fg_map_load_list(map, 0, false), 0u);
     delete map;
+
+    // The kd-tree form has no limit on classic files; the tree keeps the reserved words.
+    const uint32_t tree = kdtree_create(1, FG_POINT_PAYLOAD_WORDS * 4);
+    Kdtree_handle* writer = kdtree_open_for_writing(tree, nullptr, 0);
+    EXPECT_EQ(fg_kdtree_load_list(writer, list, false), 5u);
+    kdtree_close(writer);
+    ASSERT_EQ(fg_map_save_legacy(tree, nullptr, path("out.fg").c_str()), 1);
+    kdtree_delete(tree);
+    const std::vector<uint8_t> out = read_bytes(path("out.fg"));
+    ASSERT_EQ(out.size(), 120u + 5 * 104);
+    for (uint32_t n = 0; n < 5; ++n) {
+        const Fg_point point = record_at(out, n);
+        const Fg_point expected = make_point(point_number(point));
+        EXPECT_EQ(std::memcmp(&point, &expected, 104), 0) << n;
+    }
     for (uint32_t tag : {a, b, list})
         qv_db_delete(tag);
 }

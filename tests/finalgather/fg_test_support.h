@@ -1,13 +1,12 @@
 // Shared set-up of the final-gather tests: database, map cache, kd-tree store and RCFG started
-// once, every message captured, a private scratch directory, and helpers that build classic
-// files byte by byte.
+// once, messages captured, a private scratch directory, and classic files built byte by byte.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -16,12 +15,12 @@
 #include "containers/kdtree.h"
 #include "database/db.h"
 #include "database/element.h"
-#include "database/scene_types.h"
 #include "database/transaction.h"
 #include "finalgather/fg_file.h"
 #include "finalgather/fg_map.h"
-#include "finalgather/fg_point.h"
 #include "finalgather/rcfg_module.h"
+#include "maps/map_element.h"
+#include "maps/map_impl.h"
 #include "maps/map_manager.h"
 #include "maps/rcmp_module.h"
 #include "runtime/msg.h"
@@ -41,12 +40,7 @@ inline std::vector<Line>& lines()
     return captured;
 }
 
-inline void capture(uint32_t level, const char*, const char* text, int32_t number)
-{
-    lines().push_back({level, number, text});
-}
-
-// The captured line that contains `fragment`, or null.
+// The first captured line containing `fragment`, or null.
 inline const Line* find_line(const std::string& fragment)
 {
     for (const Line& line : lines())
@@ -55,24 +49,10 @@ inline const Line* find_line(const std::string& fragment)
     return nullptr;
 }
 
-// The message's own code: numbers arrive as (module * 10 + level class) * 1000 + code.
+// Numbers arrive as (module * 10 + level class) * 1000 + code; module RCFG is 54.
 inline int32_t code_of(const Line* line)
 {
-    return line->number % 1000;
-}
-
-// True when the line came from module RCFG.
-inline bool from_rcfg(const Line* line)
-{
-    return line->number / 10000 == 54;
-}
-
-inline size_t count_level(uint32_t level)
-{
-    size_t count = 0;
-    for (const Line& line : lines())
-        count += line.level == level;
-    return count;
+    return line->number / 10000 == MOD_RCFG ? line->number % 1000 : -1;
 }
 
 class Fg_test : public ::testing::Test {
@@ -88,7 +68,6 @@ protected:
             if (!qv_db_started())
                 qv_db_init();
             QV::DB::get_transaction();
-            QV::DB::element_install_db_handler();
             kdtree_register();
             rcmp_init(true);
             fg_module_init();
@@ -99,7 +78,9 @@ protected:
         saved_levels_ = msg_level_mask();
         msg_set_levels(MSG_FATAL | MSG_ERROR | MSG_WARN | MSG_INFO | MSG_PROGRESS);
         lines().clear();
-        qv_errorhandler(capture);
+        qv_errorhandler([](uint32_t level, const char*, const char* text, int32_t number) {
+            lines().push_back({level, number, text});
+        });
         char pattern[] = "/tmp/fg_test_XXXXXX";
         ASSERT_NE(mkdtemp(pattern), nullptr);
         dir_ = pattern;
@@ -119,16 +100,14 @@ protected:
     uint32_t saved_levels_ = 0;
 };
 
-// A point whose every word tells where it came from: word w of point k holds k * 100 + w
-// (floats as such, the two integers as integers), so a misplaced word shows.
+// A point whose every word tells where it came from: word w of point k holds k * 100 + w + 0.25
+// as a float (the integers as integers), so a misplaced word shows. point_id identifies k.
 inline Fg_point make_point(uint32_t k)
 {
     Fg_point point;
-    auto* words = reinterpret_cast<uint32_t*>(&point);
-    for (uint32_t w = 0; w < FG_POINT_WORDS; ++w) {
-        const float value = float(k * 100 + w) + 0.25f;
-        std::memcpy(&words[w], &value, 4);
-    }
+    auto* words = reinterpret_cast<float*>(&point);
+    for (uint32_t w = 0; w < FG_POINT_WORDS; ++w)
+        words[w] = float(k * 100 + w) + 0.25f;
     point.rays = k * 100 + 10;
     point.point_id = int32_t(k * 100 + 17);
     point.reserved[0] = 0xAAAA0000u + k;
@@ -137,57 +116,48 @@ inline Fg_point make_point(uint32_t k)
     return point;
 }
 
-// True when the words 0..17 and 20..25 (every named field) of the two records agree bit for bit.
+inline uint32_t point_number(const Fg_point& point)
+{
+    return uint32_t(point.point_id - 17) / 100;
+}
+
+// Every named field (words 0..17 and 20..25) agrees bit for bit.
 inline bool same_named_fields(const Fg_point& a, const Fg_point& b)
 {
-    const auto* x = reinterpret_cast<const uint32_t*>(&a);
-    const auto* y = reinterpret_cast<const uint32_t*>(&b);
-    for (uint32_t w = 0; w < FG_POINT_FILE_WORDS; ++w)
-        if (w != 18 && w != 19 && x[w] != y[w])
-            return false;
-    return true;
+    return std::memcmp(&a, &b, 18 * 4) == 0 && std::memcmp(&a.r_mean, &b.r_mean, 6 * 4) == 0;
 }
 
-inline uint32_t byte_swapped(uint32_t value)
-{
-    return __builtin_bswap32(value);
-}
-
-// Builds the bytes of a classic file: header blocks as a writer of either byte order would
-// put them, then the records (26 words each, turned to big-endian for a foreign file).
+// The bytes of a classic file as a writer of either byte order puts them.
 struct Classic_file {
     uint32_t version = 1;
-    uint32_t count = 0;           // what the header announces
-    int32_t rays_option = 0;
+    uint32_t count = 0;  // what the header announces
     bool big_endian = false;
     std::vector<Fg_point> records;
+
+    static Classic_file of(uint32_t count)
+    {
+        Classic_file file;
+        file.count = count;
+        for (uint32_t k = 0; k < count; ++k)
+            file.records.push_back(make_point(k));
+        return file;
+    }
 
     std::vector<uint8_t> bytes() const
     {
         std::vector<uint8_t> out(120, 0);
         std::memcpy(out.data(), "qvFG    3.9.4.14", 16);
         std::memcpy(out.data() + 32, "qvFH", 4);
-        auto put = [&](size_t offset, uint32_t value) {
-            if (big_endian)
-                value = byte_swapped(value);
+        const uint32_t header_words[][2] = {{36, 1}, {40, version}, {96, count}};
+        for (const auto& [offset, value] : header_words)
             std::memcpy(out.data() + offset, &value, 4);
-        };
-        put(36, 1);
-        put(40, version);
-        put(44, uint32_t(rays_option));
-        put(96, count);
         for (const Fg_point& record : records) {
-            const size_t at = out.size();
-            out.resize(at + 104);
-            std::memcpy(out.data() + at, &record, 104);
-            if (big_endian)
-                for (size_t w = 0; w < 26; ++w) {
-                    uint32_t word;
-                    std::memcpy(&word, out.data() + at + 4 * w, 4);
-                    word = byte_swapped(word);
-                    std::memcpy(out.data() + at + 4 * w, &word, 4);
-                }
+            out.resize(out.size() + 104);
+            std::memcpy(out.data() + out.size() - 104, &record, 104);
         }
+        if (big_endian)
+            for (size_t offset = 36; offset < out.size(); offset += 4)
+                std::reverse(out.begin() + long(offset), out.begin() + long(offset) + 4);
         return out;
     }
 };
@@ -196,23 +166,19 @@ inline void write_bytes(const std::string& path, const std::vector<uint8_t>& byt
 {
     FILE* file = std::fopen(path.c_str(), "wb");
     ASSERT_NE(file, nullptr);
-    if (!bytes.empty()) {
-        ASSERT_EQ(std::fwrite(bytes.data(), 1, bytes.size(), file), bytes.size());
-    }
+    ASSERT_EQ(std::fwrite(bytes.data(), 1, bytes.size(), file), bytes.size());
     std::fclose(file);
 }
 
 inline std::vector<uint8_t> read_bytes(const std::string& path)
 {
-    std::vector<uint8_t> bytes;
-    FILE* file = std::fopen(path.c_str(), "rb");
-    if (!file)
-        return bytes;
-    uint8_t buffer[4096];
-    size_t got;
-    while ((got = std::fread(buffer, 1, sizeof(buffer), file)) > 0)
-        bytes.insert(bytes.end(), buffer, buffer + got);
-    std::fclose(file);
+    std::error_code error;
+    const auto size = std::filesystem::file_size(path, error);
+    std::vector<uint8_t> bytes(error ? 0 : size);
+    if (FILE* file = std::fopen(path.c_str(), "rb")) {
+        bytes.resize(std::fread(bytes.data(), 1, bytes.size(), file));
+        std::fclose(file);
+    }
     return bytes;
 }
 
@@ -221,6 +187,25 @@ inline uint32_t word_at(const std::vector<uint8_t>& bytes, size_t offset)
     uint32_t value = 0;
     std::memcpy(&value, bytes.data() + offset, 4);
     return value;
+}
+
+inline Fg_point record_at(const std::vector<uint8_t>& bytes, uint32_t index)
+{
+    Fg_point point{};
+    std::memcpy(&point, bytes.data() + 120 + 104 * size_t(index), 104);
+    return point;
+}
+
+// The committed points of a map, in map order.
+inline std::vector<Fg_point> points_of(QV::RCMAP::Map_impl* map)
+{
+    std::vector<Fg_point> points(map->size());
+    QV::RCMAP::Map_element_impl* element = fg_scratch_element();
+    for (uint32_t n = 0; n < map->size(); ++n) {
+        map->get(n, element);
+        fg_point_from_element(&points[n], element);
+    }
+    return points;
 }
 
 }  // namespace fg_test
