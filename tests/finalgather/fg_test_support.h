@@ -166,7 +166,9 @@ inline void write_bytes(const std::string& path, const std::vector<uint8_t>& byt
 {
     FILE* file = std::fopen(path.c_str(), "wb");
     ASSERT_NE(file, nullptr);
-    ASSERT_EQ(std::fwrite(bytes.data(), 1, bytes.size(), file), bytes.size());
+    if (!bytes.empty()) {
+        ASSERT_EQ(std::fwrite(bytes.data(), 1, bytes.size(), file), bytes.size());
+    }
     std::fclose(file);
 }
 
@@ -175,7 +177,7 @@ inline std::vector<uint8_t> read_bytes(const std::string& path)
     std::error_code error;
     const auto size = std::filesystem::file_size(path, error);
     std::vector<uint8_t> bytes(error ? 0 : size);
-    if (FILE* file = std::fopen(path.c_str(), "rb")) {
+    if (FILE* file = bytes.empty() ? nullptr : std::fopen(path.c_str(), "rb")) {
         bytes.resize(std::fread(bytes.data(), 1, bytes.size(), file));
         std::fclose(file);
     }
