@@ -376,8 +376,15 @@ bool Map_file::read_pages(uint32_t first_page, uint32_t count, void* destination
         }
         pages_read_ += count;
     }
-    // A page cut short by the end of the file reads as far as it goes.
-    memset(static_cast<uint8_t*>(destination) + got, 0, wanted - got);
+    // A page cut short by the end of the file reads as far as it goes. Its tree may be cut
+    // too, so it is given none: the page is then searched element by element.
+    auto* pages = static_cast<uint8_t*>(destination);
+    memset(pages + got, 0, wanted - got);
+    const size_t tree_offset = size_t(elements_per_page) * declaration.element_bytes();
+    if (got < wanted && tree_offset + 4 <= page_bytes) {
+        for (size_t page = got / page_bytes; page < count; ++page)
+            memset(pages + page * page_bytes + tree_offset, 0, 4);
+    }
     return got > 0;
 }
 

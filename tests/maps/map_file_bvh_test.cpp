@@ -54,6 +54,24 @@ TEST_F(Map_file_bvh, BvhLiesBehindThePagesAndSparesTheBuildOnRead)
         EXPECT_TRUE(same(element_of(map, i), stored)) << "element " << i;
     }
 
+    // A last page cut inside its tree keeps its elements and loses the tree.
+    const uint32_t last_count = per_page - 3;
+    const size_t last_page = data + size_t(pages - 1) * 32768;
+    ASSERT_NE(field_at<uint32_t>(bytes, last_page + size_t(per_page) * 20), 0u) << "the page has a tree";
+    std::vector<uint8_t> cut(bytes.begin(), bytes.begin() + last_page + size_t(per_page) * 20 + 40);
+    set_field_at<uint64_t>(cut, 34 + d, 0);
+    put_file(path("cut.map"), cut);
+    {
+        Map_status status = MAP_NOT_EDITABLE;
+        Map_file file(MAP_FILE_KIND_READ, false, false, false, path("cut.map").c_str(), nullptr, &status);
+        ASSERT_EQ(status, MAP_SUCCESS);
+        std::vector<uint8_t> page(32768, 0xAB);
+        ASSERT_TRUE(file.read_pages(pages - 1, 1, page.data()));
+        EXPECT_EQ(memcmp(page.data(), bytes.data() + last_page, size_t(last_count) * 20), 0);
+        EXPECT_EQ(field_at<uint32_t>(page, size_t(per_page) * 20), 0u) << "no tree for a cut page";
+        EXPECT_EQ(page.back(), 0) << "zeros behind the end";
+    }
+
     // A damaged BVH is not used: the map is built instead, and still holds every element.
     std::vector<uint8_t> broken = bytes;
     broken.resize(data + size_t(pages) * 32768 + 5);
