@@ -14,6 +14,7 @@
 #include "finalgather/rcfg_module.h"
 #include "maps/map_declaration.h"
 #include "maps/map_element.h"
+#include "maps/map_file.h"
 #include "maps/map_impl.h"
 #include "runtime/modules.h"
 #include "runtime/msg.h"
@@ -84,6 +85,21 @@ void element_text(char (&out)[FG_PATH_BYTES], const void* data, uint32_t size)
         std::memcpy(out, text, length);
     }
     out[length] = '\0';
+}
+
+// Appends a current file to `map` with the reader's errors on and its notices off. The map's
+// append has one flag for both, so the header is first checked by a reader that reports errors
+// only, and the append itself then runs silently. The map reader substitutes the path itself:
+// it gets the name as the user gave it.
+bool append_current_file(Map_impl* map, const char* path)
+{
+    qv::shader_v3::Map_status status = qv::shader_v3::MAP_SUCCESS;
+    {
+        QV::RCMAP::Map_file check(QV::RCMAP::MAP_FILE_KIND_READ_FOR_APPEND, false, !map->quiet, true, path,
+                                  map->get_declaration(), &status);
+    }
+    return status == qv::shader_v3::MAP_SUCCESS &&
+           map->append_from_file(path, false, false, nullptr) == qv::shader_v3::MAP_SUCCESS;
 }
 
 bool may_load_list(uint32_t tag)
@@ -260,8 +276,7 @@ uint32_t fg_map_load(Map_impl* map, const char* path, bool allow_classic)
         if (!file_close(file, name, 5, TEXT_CLOSING))
             return 0;
         const uint32_t before = map->size();
-        // The map reader substitutes the path itself: it gets the name as the user gave it.
-        if (map->append_from_file(path, true, false, nullptr) != qv::shader_v3::MAP_SUCCESS)
+        if (!append_current_file(map, path))
             return 0;
         loaded = map->size() - before;
     } else if (!allow_classic) {
