@@ -269,12 +269,21 @@ Map_file::Map_file(uint32_t file_kind, uint32_t file_format, bool verbose_info, 
     if (map_declaration)
         declaration = *map_declaration;
     Map_status result = MAP_SUCCESS;
-    if (format != MAP_FORMAT_BINARY || !map_declaration) {
+    if ((format != MAP_FORMAT_BINARY && format != MAP_FORMAT_OPEN_BINARY) || !map_declaration) {
         result = map_declaration ? MAP_FILE_MALFORMED : MAP_NO_DECLARATION;
     } else if (!open_stream(MAP_FILE_MODE_WRITE)) {
         if (verbose_error_)
             msg_error_n(ERR_OPEN_WRITE, "cannot open map file \"%s\" for writing", name_.c_str());
         result = MAP_FILE_CANNOT_OPEN;
+    } else if (format == MAP_FORMAT_OPEN_BINARY) {
+        if (verbose_info_)
+            msg_info("writing map file \"%s\"", name_.c_str());
+        if (!write_open_binary_header()) {
+            if (verbose_error_)
+                msg_error_n(ERR_OPEN_WRITE, "cannot open map file \"%s\" for writing", name_.c_str());
+            close();
+            result = MAP_FILE_CANNOT_OPEN;
+        }
     } else {
         if (verbose_info_)
             msg_info("writing map file \"%s\"", name_.c_str());

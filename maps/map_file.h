@@ -97,7 +97,9 @@ public:
 
     // Creates `name` (kind 1; the name is used as it is) and writes the header of a binary
     // file for the given layout, with a zeroed global block and no BVH; the stream is left at
-    // the data start. Only binary is written here (`format` 0).
+    // the data start. For open binary (`format` 1) the header is the short text one, the
+    // global block follows it at global_offset and the packed elements at data_offset; the
+    // counts, page layout and bounds are then not stored. Open ASCII is not a Map_file.
     Map_file(uint32_t kind, uint32_t format, bool verbose_info, bool verbose_error, bool substitute_path,
              const char* name, const Map_declaration_impl* declaration, uint32_t element_count,
              uint32_t page_bytes, uint32_t elements_per_page, uint32_t page_count, const Map_bounds* bounds,
@@ -172,6 +174,9 @@ private:
     // Header steps 2 to 7 on the open stream; reports and closes on failure.
     Map_status read_header();
     Map_status damaged();
+    // "qv=MAPob1dim<M>", the field list text and a NUL; sets the offsets of the global block
+    // and the elements behind it.
+    bool write_open_binary_header();
     bool write_at(uint64_t offset, const void* data, size_t bytes);
 
     std::string name_;
@@ -189,6 +194,13 @@ private:
 // BVH is then as it was. map_file_write_bvh writes the map's BVH behind the pages when the map
 // has a valid one; false when there is none to write or the write failed.
 bool map_file_read_bvh(Map_impl& map, Map_file* file, bool replace);
+// Copies elements [first, first + count) of `store` packed into `out`, one cache access per
+// page, in index order whatever segments hold them.
+void map_file_gather(Map_page_store& store, uint32_t first, uint32_t count, uint8_t* out);
+// Map_impl::write in the two open formats: the packed elements behind a text header, and the
+// scene language's text. Neither builds the BVH. `messages` gives the info and error lines.
+Map_status map_file_write_open_binary(Map_impl& map, const char* name, bool messages);
+Map_status map_file_write_open_ascii(Map_impl& map, const char* name, bool messages);
 bool map_file_write_bvh(Map_impl& map, Map_file& file);
 
 } // namespace QV::RCMAP

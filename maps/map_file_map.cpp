@@ -36,23 +36,6 @@ bool pages_are_packed(const Map_page_store& store, uint32_t total)
     return true;
 }
 
-// Copies elements [first, first + count) of `store` packed into `out`, one cache access per page.
-void gather_elements(Map_page_store& store, uint32_t first, uint32_t count, uint8_t* out)
-{
-    const uint32_t bytes = store.element_bytes;
-    uint32_t current = UINT32_MAX;
-    const uint8_t* data = nullptr;
-    for (uint32_t i = 0; i < count; ++i) {
-        uint32_t page, slot;
-        store.locate(first + i, &page, &slot);
-        if (page != current) {
-            data = store.get_page(page, true);
-            current = page;
-        }
-        memcpy(out + size_t(i) * bytes, data + size_t(slot) * bytes, bytes);
-    }
-}
-
 // Writes elements [first, first + count) as whole file pages of `per_page` elements, each
 // rebuilt in a zero-filled page: used where the map's pages are not the file's.
 bool write_repacked_pages(Map_page_store& store, Map_file& file, uint32_t first, uint32_t count, uint32_t per_page)
@@ -61,7 +44,7 @@ bool write_repacked_pages(Map_page_store& store, Map_file& file, uint32_t first,
     for (uint32_t done = 0; done < count;) {
         uint32_t run = std::min(per_page, count - done);
         std::fill(page.begin(), page.end(), uint8_t(0));
-        gather_elements(store, first + done, run, page.data());
+        map_file_gather(store, first + done, run, page.data());
         if (!file.write_raw(page.data(), page.size()))
             return false;
         done += run;
@@ -88,6 +71,22 @@ Map_status write_failed(Map_file& file, bool messages)
 }
 
 } // namespace
+
+void map_file_gather(Map_page_store& store, uint32_t first, uint32_t count, uint8_t* out)
+{
+    const uint32_t bytes = store.element_bytes;
+    uint32_t current = UINT32_MAX;
+    const uint8_t* data = nullptr;
+    for (uint32_t i = 0; i < count; ++i) {
+        uint32_t page, slot;
+        store.locate(first + i, &page, &slot);
+        if (page != current) {
+            data = store.get_page(page, true);
+            current = page;
+        }
+        memcpy(out + size_t(i) * bytes, data + size_t(slot) * bytes, bytes);
+    }
+}
 
 // ---- Reading ----------------------------------------------------------------------------------
 
@@ -196,11 +195,15 @@ Map_status Map_impl::write(const char* filename, Map_file_format format, bool ve
     Module_scope scope(MOD_RCMP);
     if (!editable)
         return MAP_NOT_EDITABLE;
-    if (format != MAP_FORMAT_BINARY)
-        return MAP_FILE_MALFORMED; // the open formats are not written by this build
     if (!declaration)
         return MAP_NO_DECLARATION;
     const bool messages = verbose && !quiet;
+    if (format == MAP_FORMAT_OPEN_BINARY)
+        return map_file_write_open_binary(*this, filename, messages);
+    if (format == MAP_FORMAT_OPEN_ASCII)
+        return map_file_write_open_ascii(*this, filename, messages);
+    if (format != MAP_FORMAT_BINARY)
+        return MAP_FILE_MALFORMED;
 
     // A build puts the elements in tree order in one segment, so that element i lies at page
     // i / E, slot i % E. Without a BVH the pages are repacked below where they don't.
@@ -266,7 +269,7 @@ Map_status Map_impl::append_to_file(const char* filename, bool verbose)
     if (used_slots != 0) {
         done = std::min(per_page - used_slots, size_);
         std::vector<uint8_t> head(size_t(done) * element_bytes);
-        gather_elements(store, 0, done, head.data());
+        map_file_gather(store, 0, done, head.data());
         if (!file.write_raw(head.data(), head.size()))
             return write_failed(file, messages);
         if (done < size_ && !file.seek_data(uint64_t(old_count / per_page + 1) * file.page_bytes))

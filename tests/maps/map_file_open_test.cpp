@@ -1,0 +1,137 @@
+// Writing the open formats: the open binary header text and packed elements, and the open
+// ASCII text line by line.
+#include <regex>
+
+#include "tests/maps/map_file_test_support.h"
+
+using namespace map_file_test;
+
+namespace {
+
+class Map_file_open : public Map_file_test {};
+
+std::string file_text(const std::string& path)
+{
+    std::vector<uint8_t> bytes = file_bytes(path);
+    return std::string(bytes.begin(), bytes.end());
+}
+
+} // namespace
+
+TEST_F(Map_file_open, OpenBinaryIsTheFieldTextThenGlobalsThenPackedElements)
+{
+    Map_declaration_impl declaration(3);
+    declaration.add_global_scalar("scale");
+    declaration.add_vector("dir");
+    declaration.add_scalar_array("w", 4);
+    Map_impl map(declaration);
+    map.set(declaration.get_field_id("scale", nullptr), 1.5f);
+    std::vector<float> element(10);
+    for (uint32_t i = 0; i < 30; ++i) {
+        for (uint32_t k = 0; k < 10; ++k)
+            element[k] = float(i * 10 + k);
+        ASSERT_EQ(map.append_raw(element.data()), MAP_SUCCESS);
+    }
+    map.commit();
+    const std::string name = path("open.map");
+    ASSERT_EQ(map.write(name.c_str(), MAP_FORMAT_OPEN_BINARY, true), MAP_SUCCESS);
+    EXPECT_TRUE(map_storage_test::saw("writing map file \"" + name + "\""));
+
+    const std::vector<uint8_t> bytes = file_bytes(name);
+    const std::string header = "qv=MAPob1dim3sg\"scale\"v\"dir\"s4\"w\"";
+    ASSERT_GE(bytes.size(), header.size() + 1);
+    EXPECT_EQ(std::string(bytes.begin(), bytes.begin() + header.size()), header);
+    EXPECT_EQ(bytes[header.size()], 0);
+    const size_t globals = header.size() + 1;
+    EXPECT_EQ(field_at<float>(bytes, globals), 1.5f);
+    ASSERT_EQ(bytes.size(), globals + 4 + 30 * 40u) << "no count, no pages, no BVH";
+    for (uint32_t i = 0; i < 30; ++i)
+        for (uint32_t k = 0; k < 10; ++k)
+            ASSERT_EQ(field_at<float>(bytes, globals + 4 + i * 40 + k * 4), float(i * 10 + k));
+    EXPECT_EQ(map.global_bvh, nullptr) << "the open formats never build the BVH";
+
+    // What the readers of this program make of it.
+    Map_impl back;
+    EXPECT_EQ(back.read(name.c_str(), 0), MAP_FILE_MALFORMED);
+
+    // Dimension 2 without fields: the text is the dimension alone, elements 8 bytes.
+    Map_impl plain{Map_declaration_impl(2)};
+    float position[2] = {3.0f, 4.0f};
+    plain.append_raw(position);
+    plain.commit();
+    ASSERT_EQ(plain.write(path("plain.map").c_str(), MAP_FORMAT_OPEN_BINARY, false), MAP_SUCCESS);
+    const std::vector<uint8_t> expected = {'q', 'v', '=', 'M', 'A', 'P', 'o', 'b', '1', 'd', 'i', 'm', '2', 0,
+                                           0,   0,   0x40, 0x40, 0, 0, 0x80, 0x40};
+    EXPECT_EQ(file_bytes(path("plain.map")), expected);
+}
+
+TEST_F(Map_file_open, OpenAsciiText)
+{
+    Map_declaration_impl declaration(3);
+    declaration.add_scalar("weight");
+    declaration.add_integer("id");
+    declaration.add_global_scalar("scale");
+    declaration.add_global_string("label", 5);
+    Map_impl map(declaration);
+    map.set(declaration.get_field_id("scale", nullptr), 2.5f);
+    map.set(declaration.get_field_id("label", nullptr), "abc", -1);
+    struct Element {
+        float position[3];
+        float weight;
+        int32_t id;
+    };
+    const Element elements[] = {{{1.0f, 2.5f, -3.0f}, 0.125f, 7}, {{1e-7f, 123456789.0f, 0.0f}, 1.0f / 3.0f, -2}};
+    for (const Element& element : elements)
+        map.append_raw(&element);
+    map.commit();
+    const std::string name = path("text.map");
+    ASSERT_EQ(map.write(name.c_str(), MAP_FORMAT_OPEN_ASCII, true), MAP_SUCCESS);
+    EXPECT_TRUE(map_storage_test::saw("writing map file \"" + name + "\""));
+
+    std::string text = file_text(name);
+    std::smatch names;
+    ASSERT_TRUE(std::regex_search(text, names, std::regex("map \"(map_[A-Za-z0-9]{6})\" \"(map_decl_[A-Za-z0-9]{6})\"")));
+    const std::string map_name = names[1], declaration_name = names[2];
+    EXPECT_EQ(text, "#\n"
+                    "# Quovray, version 3.9.4.14, May 12 2011\n"
+                    "# open ASCII map file, 2 elements\n"
+                    "#\n\n"
+                    "declare map\n"
+                    "\t\"" + declaration_name + "\" (\n"
+                    "\t\tdim 3,\n"
+                    "\t\tglobal scalar \"scale\",\n"
+                    "\t\tglobal string 5 \"label\",\n"
+                    "\t\tscalar \"weight\",\n"
+                    "\t\tinteger \"id\"\n"
+                    "\t)\n"
+                    "end declare\n\n"
+                    "map \"" + map_name + "\" \"" + declaration_name + "\"\n"
+                    "\t{global 2.5 , \"abc\" },\n"
+                    "\t{1 2.5 -3 , 0.125 , 7 },\n"
+                    "\t{1e-07 1.23457e+08 0 , 0.333333 , -2 }\n"
+                    "end map\n\n");
+
+    // Without globals the first element follows the head directly; an empty map has nothing.
+    Map_impl bare(map_storage_test::small_declaration());
+    ASSERT_EQ(bare.write(path("bare.map").c_str(), MAP_FORMAT_OPEN_ASCII, false), MAP_SUCCESS);
+    text = file_text(path("bare.map"));
+    EXPECT_NE(text.find("# open ASCII map file, 0 elements\n"), std::string::npos);
+    EXPECT_TRUE(text.size() > 20 && text.substr(text.size() - 10) == "\nend map\n\n");
+    EXPECT_EQ(text[text.size() - 11], '"') << "the head, then the end";
+    map_storage_test::Small_element one = map_storage_test::small_element(4);
+    bare.append_raw(&one);
+    bare.commit();
+    ASSERT_EQ(bare.write(path("bare.map").c_str(), MAP_FORMAT_OPEN_ASCII, false), MAP_SUCCESS);
+    text = file_text(path("bare.map"));
+    EXPECT_NE(text.find("\"\n\t{4 2 -4 , 2 , "), std::string::npos) << text;
+
+    // The text is what an ASCII reader recognises.
+    Map_impl back;
+    EXPECT_EQ(back.read(name.c_str(), 0), MAP_FILE_MALFORMED);
+    EXPECT_EQ(map_storage_test::captured().size(), 1u) << "only the info line of the verbose write";
+
+    EXPECT_EQ(map.write(path("no/such/dir.map").c_str(), MAP_FORMAT_OPEN_ASCII, true), MAP_FILE_CANNOT_OPEN);
+    EXPECT_TRUE(map_storage_test::saw("cannot open map file \"" + path("no/such/dir.map") + "\" for writing"));
+    map.editable = false;
+    EXPECT_EQ(map.write(name.c_str(), MAP_FORMAT_OPEN_ASCII, true), MAP_NOT_EDITABLE);
+}
