@@ -157,8 +157,10 @@ Map_status Map_impl::append_from_file(const char* filename, bool verbose, bool l
         was_empty = size_ == 0;
     }
     const bool bvh_was_valid = bvh_enabled && (was_empty || (global_bvh && !needs_build && !needs_refit));
-    // 3. Only an empty map takes the file's global values.
-    if (was_empty && globals)
+    // 3. Only an empty map takes the file's global values, and only into the same global
+    // layout: the append check compares the element layouts alone.
+    if (was_empty && globals && file->declaration.global_signature() == declaration->global_signature() &&
+        file->declaration.global_bytes() == declaration->global_bytes())
         file->read_global(globals);
     // 4, 5.
     const uint32_t count = file->element_count;

@@ -203,6 +203,21 @@ TEST_F(Map_file_append, FileElementsFollowTheMapsOwn)
     empty.get(declaration.get_field_id("scale", nullptr), scale);
     EXPECT_EQ(scale, 4.0f);
 
+    // An empty map of the same elements but other global fields keeps its own globals.
+    Map_declaration_impl other_globals = map_storage_test::small_declaration();
+    other_globals.add_global_vector("offset");
+    other_globals.add_global_integer("flags");
+    Map_impl foreign(other_globals);
+    const Map_vector3 offset = {1.0f, 2.0f, 3.0f};
+    foreign.set(other_globals.get_field_id("offset", nullptr), &offset);
+    ASSERT_EQ(foreign.append_from_file(name.c_str(), false, false, nullptr), MAP_SUCCESS);
+    EXPECT_EQ(foreign.size(), 30u);
+    Map_vector3 kept{};
+    foreign.get(other_globals.get_field_id("offset", nullptr), kept);
+    EXPECT_EQ(kept.x, 1.0f);
+    EXPECT_EQ(kept.y, 2.0f);
+    EXPECT_EQ(kept.z, 3.0f);
+
     // A filled map keeps its globals; its committed and pending elements come first.
     Map_impl filled(declaration);
     filled.bvh_enabled = false;
