@@ -93,6 +93,15 @@ public:
     virtual const void* serialize(QV::SERIAL::Serializer* serializer) const = 0;
     virtual void* deserialize(QV::SERIAL::Deserializer* deserializer) = 0;
 
+    // Point search over both levels: the at most `max_count` elements nearest to `point` (N
+    // floats) by squared Euclidean distance, none farther than `max_distance` (cut to 5.0e35).
+    // With `resume_index` not UINT32_MAX, elements at or before the pair (resume_distance,
+    // resume_index) in the order of distance, then index, are left out. `results` becomes a
+    // binary max-heap by (distance, index), its first entry the farthest found. Uses the
+    // calling thread's page table; the map must not be rebuilt meanwhile.
+    virtual void find_nearest(const float* point, uint32_t max_count, float max_distance, uint32_t resume_index,
+                              float resume_distance, std::vector<qv::shader_v3::Map_lookup_entry>& results) = 0;
+
     virtual uint32_t dimension() const = 0;
     virtual bool is_valid() const = 0;
     virtual void set_valid(bool valid) = 0;
@@ -126,6 +135,8 @@ public:
     bool read(FILE* stream, bool asynchronous) override;
     const void* serialize(QV::SERIAL::Serializer* serializer) const override;
     void* deserialize(QV::SERIAL::Deserializer* deserializer) override;
+    void find_nearest(const float* point, uint32_t max_count, float max_distance, uint32_t resume_index,
+                      float resume_distance, std::vector<qv::shader_v3::Map_lookup_entry>& results) override;
 
     uint32_t dimension() const override { return N; }
     bool is_valid() const override { return valid_; }

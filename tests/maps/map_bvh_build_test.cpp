@@ -1,6 +1,7 @@
 // Full builds of map BVHs: the reorder, the page trees in the pages, the global tree, and the
 // update rules around them.
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <random>
 #include <string>
@@ -443,4 +444,101 @@ TEST_F(Map_bvh_build_test, UpdateRebuildsOnlyWhatIsStaleAndTimesIt)
     EXPECT_TRUE(saw("for building the BVH for map "));
     check_built<3>(map);
     msg_set_classes(MOD_RCMP, classes);
+}
+
+namespace {
+
+// The `count` nearest elements by (squared distance, index), the slow way.
+std::vector<qv::shader_v3::Map_lookup_entry> brute_nearest(Map_impl& map, const float* point, uint32_t count,
+                                                           float max_distance, uint32_t resume_index,
+                                                           float resume_distance)
+{
+    std::vector<qv::shader_v3::Map_lookup_entry> all;
+    for (uint32_t i = 0; i < map.committed_size(); ++i) {
+        float position[3];
+        map.read_field(i, 0, 12, position);
+        float d = 0.0f;
+        for (int a = 0; a < 3; ++a)
+            d += (position[a] - point[a]) * (position[a] - point[a]);
+        if (d > max_distance)
+            continue;
+        if (resume_index != UINT32_MAX && (d < resume_distance || (d == resume_distance && i <= resume_index)))
+            continue;
+        all.push_back({i, d});
+    }
+    auto nearer = [](const auto& a, const auto& b) {
+        return a.distance < b.distance || (a.distance == b.distance && a.index < b.index);
+    };
+    std::sort(all.begin(), all.end(), nearer);
+    all.resize(std::min<size_t>(all.size(), count));
+    return all;
+}
+
+void sort_entries(std::vector<qv::shader_v3::Map_lookup_entry>& entries)
+{
+    std::sort(entries.begin(), entries.end(), [](const auto& a, const auto& b) {
+        return a.distance < b.distance || (a.distance == b.distance && a.index < b.index);
+    });
+}
+
+} // namespace
+
+TEST_F(Map_bvh_build_test, NearestSearchThroughBothLevelsFindsWhatAFullScanFinds)
+{
+    Map_impl map(small_declaration());
+    fill_random(map, 15000, 13);
+    // A run of equal positions, so that ties are broken by index.
+    for (uint32_t i = 0; i < 40; ++i) {
+        Small_element element = small_element(20000 + i);
+        element.position[0] = element.position[1] = element.position[2] = 1.0f;
+        map.append_raw(&element);
+    }
+    map.build_bvh(0.6f, false, false);
+    auto& bvh = *map.global_bvh;
+    std::mt19937 random(14);
+    std::uniform_real_distribution<float> where(-60.0f, 60.0f);
+    std::vector<qv::shader_v3::Map_lookup_entry> found;
+    for (int q = 0; q < 40; ++q) {
+        float point[3] = {where(random), where(random), where(random)};
+        if (q == 0)
+            point[0] = point[1] = point[2] = 1.0f;
+        uint32_t count = q % 3 == 0 ? 1 : q % 3 == 1 ? 12 : 60;
+        float max_distance = q % 4 == 0 ? 30.0f : 1.0e30f;
+        bvh.find_nearest(point, count, max_distance, UINT32_MAX, -1.0f, found);
+        ASSERT_TRUE(std::is_heap(found.begin(), found.end(), [](const auto& a, const auto& b) {
+            return a.distance < b.distance || (a.distance == b.distance && a.index < b.index);
+        }));
+        std::vector<qv::shader_v3::Map_lookup_entry> expected = brute_nearest(map, point, count, max_distance, UINT32_MAX, -1.0f);
+        sort_entries(found);
+        ASSERT_EQ(found.size(), expected.size()) << "query " << q;
+        for (size_t k = 0; k < found.size(); ++k) {
+            ASSERT_EQ(found[k].index, expected[k].index) << "query " << q << " rank " << k;
+            ASSERT_EQ(found[k].distance, expected[k].distance);
+        }
+        // The next batch, beyond the farthest of this one.
+        if (!found.empty()) {
+            auto last = found.back();
+            bvh.find_nearest(point, count, max_distance, last.index, last.distance, found);
+            expected = brute_nearest(map, point, count, max_distance, last.index, last.distance);
+            sort_entries(found);
+            ASSERT_EQ(found.size(), expected.size()) << "resumed query " << q;
+            for (size_t k = 0; k < found.size(); ++k)
+                ASSERT_EQ(found[k].index, expected[k].index) << "resumed query " << q << " rank " << k;
+        }
+    }
+    bvh.find_nearest(std::array<float, 3>{0, 0, 0}.data(), 0, 1.0e30f, UINT32_MAX, -1.0f, found);
+    EXPECT_TRUE(found.empty());
+
+    // Pages without a tree are scanned element by element, with the same answer.
+    Map_page_store& store = map.page_store();
+    uint32_t zero = 0;
+    for (uint32_t p = 0; p < bvh.page_count(); ++p)
+        memcpy(store.get_page(p, false) + size_t(store.elements_per_page) * store.element_bytes, &zero, 4);
+    float point[3] = {3.0f, -2.0f, 7.0f};
+    bvh.find_nearest(point, 25, 1.0e30f, UINT32_MAX, -1.0f, found);
+    sort_entries(found);
+    std::vector<qv::shader_v3::Map_lookup_entry> expected = brute_nearest(map, point, 25, 1.0e30f, UINT32_MAX, -1.0f);
+    ASSERT_EQ(found.size(), expected.size());
+    for (size_t k = 0; k < found.size(); ++k)
+        EXPECT_EQ(found[k].index, expected[k].index);
 }
