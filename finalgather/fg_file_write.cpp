@@ -1,6 +1,6 @@
 // Writing final-gather files: opening a classic or current file for new points, adding points,
 // and the closing sequence with its temporary name and rename.
-#include <cerrno>
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -30,13 +30,12 @@ constexpr float COMMIT_QUALITY = 0.6f;
 
 // The three header blocks of a new classic file. Reserved words are zero.
 struct Classic_blocks {
-    uint8_t file_header[FG_FILE_HEADER_BYTES];
-    uint8_t options[FG_OPTIONS_HEADER_BYTES];
-    uint8_t size_block[FG_SIZE_BLOCK_BYTES];
+    uint8_t file_header[FG_FILE_HEADER_BYTES] = {};
+    uint8_t options[FG_OPTIONS_HEADER_BYTES] = {};
+    uint8_t size_block[FG_SIZE_BLOCK_BYTES] = {};
 
     explicit Classic_blocks(const Fg_scene_options* scene_options)
     {
-        std::memset(this, 0, sizeof(*this));
         std::memcpy(file_header, FG_FILE_MAGIC, 4);
         std::memcpy(file_header + 4, "    ", 4);
         std::memcpy(file_header + 8, FG_LIBRARY_VERSION, std::strlen(FG_LIBRARY_VERSION));
@@ -80,7 +79,7 @@ Fg_map_writer* new_writer(const char* path, const Fg_map_writer& fields)
 void complete_temporary_name(char* name)
 {
     static const char letters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
-    static uint32_t sequence = 0;
+    static std::atomic<uint32_t> sequence{0};
     const size_t length = std::strlen(name);
     if (length < 6)
         return;
@@ -145,6 +144,9 @@ bool close_map(Fg_map_writer* writer, int64_t added)
         std::snprintf(temporary, sizeof(temporary), "%sXXXXXX", path);
         complete_temporary_name(temporary);
         result = map->write(temporary, qv::shader_v3::MAP_FORMAT_BINARY, true) == qv::shader_v3::MAP_SUCCESS;
+        // A write that failed half-way must not leave its piece next to the untouched old file.
+        if (!result)
+            unlink(temporary);
     }
     if (result && temporary[0]) {
         // The map lets go of its files first: the old file may be one of them.
