@@ -189,18 +189,21 @@ private:
 };
 
 // The BVH side of a map and its file. map_file_read_bvh reads `file`'s global BVH: into the
-// map's own BVH when `replace` is set (a map that holds nothing else), otherwise into a new one
-// that is hung under the map's root. False when the file has none or it can't be read; the map's
-// BVH is then as it was. map_file_write_bvh writes the map's BVH behind the pages when the map
-// has a valid one; false when there is none to write or the write failed.
+// map's own BVH when `replace` is set (a map that holds nothing else; a failed read leaves that
+// BVH empty and invalid), otherwise into a new one that is hung under the map's root (a failed
+// read leaves the map's BVH as it was). False when the file has none or it can't be used.
+// map_file_write_bvh writes the map's BVH behind the pages when the map has a valid one; false
+// when there is none to write or the write failed.
 bool map_file_read_bvh(Map_impl& map, Map_file* file, bool replace);
+bool map_file_write_bvh(Map_impl& map, Map_file& file);
+
 // Copies elements [first, first + count) of `store` packed into `out`, one cache access per
 // page, in index order whatever segments hold them.
 void map_file_gather(Map_page_store& store, uint32_t first, uint32_t count, uint8_t* out);
+
 // Map_impl::write in the two open formats: the packed elements behind a text header, and the
 // scene language's text. Neither builds the BVH. `messages` gives the info and error lines.
 Map_status map_file_write_open_binary(Map_impl& map, const char* name, bool messages);
 Map_status map_file_write_open_ascii(Map_impl& map, const char* name, bool messages);
-bool map_file_write_bvh(Map_impl& map, Map_file& file);
 
 } // namespace QV::RCMAP
