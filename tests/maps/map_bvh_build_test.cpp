@@ -191,9 +191,11 @@ TEST_F(Map_bvh_build_test, BuildKeepsEveryElementAndBoundsEveryLevel)
 
 TEST_F(Map_bvh_build_test, SeveralThreadsGiveTheSameBytesAsOne)
 {
+    // A cache of 24 pages for maps of 40 each: the threads' pages are evicted under them.
+    Map_manager::instance().set_size_limit_mb(0.75f);
     Map_impl one(small_declaration()), three(small_declaration());
-    fill_random(one, 9000, 5);
-    fill_random(three, 9000, 5);
+    fill_random(one, 40 * one.page_store().elements_per_page - 5, 5);
+    fill_random(three, 40 * three.page_store().elements_per_page - 5, 5);
     map_bvh_set_thread_count(1);
     one.build_bvh(0.6f, false, false);
     map_bvh_set_thread_count(3);
