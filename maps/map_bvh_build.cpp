@@ -173,6 +173,11 @@ private:
             return true;
         }
         uint32_t child = uint32_t(nodes_.size());
+        // The flag word holds child indices below 2^29; a tree that large counts where it is.
+        if (child >= (1u << 29) - 2) {
+            ++node.count;
+            return true;
+        }
         Count_node split = {child << 3 | axis, 0.5f * (walk.minimum[axis] + walk.maximum[axis]), 1, 0};
         nodes_[walk.index] = split;   // `node` may dangle once the children are made
         nodes_.push_back({0, 0.0f, 0, 0});
@@ -344,7 +349,8 @@ uint32_t map_bvh_thread_count()
 
 bool build(Map_impl& map, bool verbose)
 {
-    if (!map.get_declaration() || !map.page_store().is_configured())
+    // An element larger than a page leaves no place for any element (E = 0): nothing to build.
+    if (!map.get_declaration() || !map.page_store().is_configured() || map.page_store().elements_per_page == 0)
         return false;
     switch (map.page_store().dimension) {
     case 1: return full_build<1>(map, verbose);
