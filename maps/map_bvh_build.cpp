@@ -264,7 +264,7 @@ bool full_build(Map_impl& map, bool verbose)
     Map_page_store staged;
     staged.configure(element_bytes, dimension);
     std::vector<uint8_t> run_copy(MAP_FILE_PAGE_BYTES);
-    for_each_run(store, count, [&](const uint8_t* data, uint32_t first, uint32_t run) {
+    for_each_run(store, count, [&](const uint8_t* data, uint32_t, uint32_t run) {
         // The staged writes below may push the old page out of the thread's table.
         memcpy(run_copy.data(), data, size_t(run) * element_bytes);
         uint32_t open_page = UINT32_MAX;
@@ -294,7 +294,6 @@ bool full_build(Map_impl& map, bool verbose)
             bvh->add_to_box(page, position);
             bounds.add(position, dimension);
         }
-        (void)first;
     });
     // 6.
     for (uint32_t i = 0; i < count; ++i)

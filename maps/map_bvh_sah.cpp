@@ -38,7 +38,6 @@ struct Map_bvh_scratch {
     std::vector<uint32_t> best_sweep;
     std::vector<uint32_t> queue;         // binary node of each stored node
     std::vector<uint8_t> page_copy;      // elements before the leaf-order permutation
-    std::vector<uint8_t> node_bytes;     // nodes of dimension-independent callers
 };
 
 Map_bvh_scratch* map_bvh_scratch_create()
