@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <mutex>
 
 #include "base/lib/mem/i_mem_allocatable.h"
 #include "maps/map_bvh.h"
@@ -381,8 +382,10 @@ void Map_global_bvh<N>::refit(Map_impl& map)
 
 Map_global_bvh_base* map_global_bvh_create(uint32_t dimension, Map_page_store* store)
 {
-    // The map frees what it owns through this hook; set before the first tree exists.
-    map_global_bvh_destroy = destroy_global_bvh;
+    // The map frees what it owns through this hook; set before the first tree exists, once,
+    // since maps on several threads may make their trees at the same time.
+    static std::once_flag hooked;
+    std::call_once(hooked, [] { map_global_bvh_destroy = destroy_global_bvh; });
     switch (dimension) {
     case 1: return new Map_global_bvh<1>(store);
     case 2: return new Map_global_bvh<2>(store);
