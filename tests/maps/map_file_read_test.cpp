@@ -1,5 +1,9 @@
 // Reading a binary map file: round trips, pages read on demand, and every malformed header
 // refused with its status while the map keeps what it had.
+#include <atomic>
+#include <thread>
+
+#include "runtime/threads.h"
 #include "tests/maps/map_file_test_support.h"
 
 using namespace map_file_test;
@@ -223,4 +227,40 @@ TEST_F(Map_file_read, HeaderFieldsOfTheFileObject)
     file.close();
     EXPECT_FALSE(file.read_bvh(nullptr, false, &reason));
     EXPECT_EQ(reason, uint32_t(MAP_FILE_BVH_NOT_OPEN));
+}
+
+TEST_F(Map_file_read, ThreadsReadOneFileThroughASmallCache)
+{
+    // Three times more pages than the cache holds: every thread keeps loading pages of the one
+    // file while the others do.
+    const uint32_t per_page = map_elements_per_page(20, 3);
+    const std::string name = path("shared.map");
+    // Buffers that earlier tests left on the free list would let the cache hold every page.
+    QV::RCMAP::Map_manager::instance().flush(0);
+    QV::RCMAP::Map_manager::instance().set_size_limit_mb(1.0f);
+    written(name, 96 * per_page);
+    Map_impl map;
+    map.bvh_enabled = false;
+    ASSERT_EQ(map.read(name.c_str(), 0), MAP_SUCCESS);
+    const uint32_t count = map.size();
+
+    std::atomic<uint32_t> wrong{0};
+    auto reader = [&](uint32_t seed) {
+        thread_init_current();
+        uint32_t state = seed * 7919u + 1;
+        for (uint32_t k = 0; k < 20000; ++k) {
+            state = state * 1664525u + 1013904223u;
+            const uint32_t i = state % count;
+            if (!same(element_of(map, i), small_element(i)))
+                ++wrong;
+        }
+        thread_end_current();
+    };
+    std::vector<std::thread> threads;
+    for (uint32_t t = 0; t < 4; ++t)
+        threads.emplace_back(reader, t);
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(wrong.load(), 0u);
+    EXPECT_GT(static_cast<Map_file*>(map.page_store().file(0))->pages_read(), 96u) << "pages were read again";
 }
