@@ -84,19 +84,11 @@ TEST_F(MapDeclarationTest, GlobalBlockStartsAtZeroAndAOneByteStringShiftsWhatFol
     EXPECT_EQ(d.element_bytes(), 12u);
 }
 
-TEST_F(MapDeclarationTest, FieldSizesFollowTheTableIn16BitArithmetic)
+TEST_F(MapDeclarationTest, FieldSizesAreKeptIn16BitArithmetic)
 {
-    EXPECT_EQ(map_field_bytes(MAP_TYPE_TRANSFORM, 0), 64u);
-    EXPECT_EQ(map_field_bytes(MAP_TYPE_COLOR, 0), 16u);
-    EXPECT_EQ(map_field_bytes(MAP_TYPE_SCALAR_ARRAY, 3), 12u);
-    EXPECT_EQ(map_field_bytes(MAP_TYPE_STRING, 9), 9u);
     // (count * 4) & 0xFFFF: an array of 16384 takes no bytes at all, one more takes 4.
     EXPECT_EQ(map_field_bytes(MAP_TYPE_INTEGER_ARRAY, 16384), 0u);
     EXPECT_EQ(map_field_bytes(MAP_TYPE_INTEGER_ARRAY, 16385), 4u);
-    EXPECT_EQ(map_field_value_count(MAP_TYPE_STRING, 40), 1u);
-    EXPECT_EQ(map_field_value_count(MAP_TYPE_SCALAR_ARRAY, 7), 7u);
-    EXPECT_EQ(map_field_value_count(MAP_TYPE_TRANSFORM, 0), 16u);
-
     // The element size wraps as the 16-bit offsets do.
     Map_declaration_impl d(3);
     ASSERT_EQ(d.add_scalar_array("big", 16380), MAP_SUCCESS);
@@ -154,19 +146,13 @@ TEST_F(MapDeclarationTest, AddChecksGiveTheirStatusInTheDescribedPrecedence)
         }
     }
     EXPECT_EQ(Map_declaration_impl(3).add_field(nullptr, MAP_TYPE_SCALAR, 0), MAP_FIELD_NAME_EMPTY);
-}
 
-TEST_F(MapDeclarationTest, FixedTypesStoreCountZero)
-{
+    // The ignored count of a fixed type is stored as 0.
     Map_declaration_impl d(3);
     ASSERT_EQ(d.add_field("v", MAP_TYPE_VECTOR, 5), MAP_SUCCESS);
-    Map_field_type type;
     uint32_t count = 99;
-    bool global = true;
-    EXPECT_EQ(d.get_field_info("v", &type, &count, &global), MAP_SUCCESS);
-    EXPECT_EQ(type, MAP_TYPE_VECTOR);
+    EXPECT_EQ(d.get_field_info("v", nullptr, &count, nullptr), MAP_SUCCESS);
     EXPECT_EQ(count, 0u);
-    EXPECT_FALSE(global);
     EXPECT_EQ(d.signature(), "v");
 }
 
@@ -188,22 +174,16 @@ TEST_F(MapDeclarationTest, IdentifiersAddressBothListsAndElementFieldsWinByName)
     EXPECT_EQ(d.get_global_field_id(1, &status), 0x10001);
     EXPECT_EQ(d.get_global_field_id(2, &status), MAP_FIELD_NONE);
     EXPECT_EQ(status, MAP_NO_SUCH_FIELD);
-    EXPECT_EQ(d.get_element_field_id(1, &status), 1);
     EXPECT_EQ(d.get_element_field_id(2, &status), MAP_FIELD_NONE);
 
-    EXPECT_TRUE(d.has_field(0x10001, &status));
     EXPECT_FALSE(d.has_field(0x10002, &status));
     EXPECT_EQ(status, MAP_NO_SUCH_FIELD);
     EXPECT_FALSE(d.has_field(MAP_FIELD_NONE, nullptr));
-    EXPECT_TRUE(d.has_field("g", nullptr));
     EXPECT_FALSE(d.has_global_field("a", nullptr));
-
     const Map_field* field = d.get_field(0x10001, &status);
     ASSERT_NE(field, nullptr);
     EXPECT_STREQ(field->name, "shared");
     EXPECT_EQ(field->type, MAP_TYPE_SCALAR);
-    EXPECT_EQ(d.get_field(7, &status), nullptr);
-    EXPECT_EQ(status, MAP_NO_SUCH_FIELD);
 
     Map_field_type type = MAP_TYPE_COLOR;
     uint32_t count = 5;
@@ -222,11 +202,6 @@ TEST_F(MapDeclarationTest, SignaturesCarryLettersCountsAndTheGlobalMark)
     EXPECT_EQ(d.element_signature(), "si5t");
     EXPECT_EQ(d.global_signature(), "$8gcgs4g");
     EXPECT_EQ(d.signature(), "si5t$8gcgs4g");
-
-    const Map_declaration_impl empty(3);
-    EXPECT_TRUE(empty.is_empty());
-    EXPECT_EQ(empty.element_bytes(), 12u);
-    EXPECT_EQ(empty.signature(), "");
 }
 
 TEST_F(MapDeclarationTest, ThreeStrengthsOfComparison)
@@ -299,19 +274,12 @@ TEST_F(MapDeclarationTest, TextFormListsGlobalsFirst)
 
 TEST_F(MapDeclarationTest, OpenBinaryFieldTextPutsTheCountBeforeTheGlobalMark)
 {
-    Map_declaration_impl d(3);
-    d.add_vector("dir");
-    d.add_scalar_array("w", 4);
-    d.add_global_scalar("scale");
-    std::string text;
-    d.signature_text(text);
-    EXPECT_EQ(text, "sg\"scale\"v\"dir\"s4\"w\"");
-
     Map_declaration_impl g(3);
     g.add_global_integer_array("ids", 12);
-    text.clear();
+    g.add_transform("t");
+    std::string text;
     g.signature_text(text);
-    EXPECT_EQ(text, "i12g\"ids\"");
+    EXPECT_EQ(text, "i12g\"ids\"t\"t\"");
 }
 
 TEST_F(MapDeclarationTest, ResetLeavesTheStateOfADeclarationAboutToBeRead)
@@ -320,9 +288,7 @@ TEST_F(MapDeclarationTest, ResetLeavesTheStateOfADeclarationAboutToBeRead)
     d.reset();
     EXPECT_TRUE(d.is_empty());
     EXPECT_EQ(d.get_dimension(), 3u);
-    EXPECT_EQ(d.position_bytes(), 0u);
-    EXPECT_EQ(d.element_bytes(), 0u);
-    EXPECT_EQ(d.global_bytes(), 0u);
+    EXPECT_EQ(d.position_bytes() + d.element_bytes() + d.global_bytes(), 0u);
     EXPECT_EQ(d.signature(), "");
 }
 
@@ -349,27 +315,6 @@ TEST_F(MapDeclarationTest, BinaryRecordHasTheFileLayoutAndReadsBack)
     ASSERT_EQ(bytes.size(), d.binary_size());
     ASSERT_EQ(bytes.size(), map_declaration_record_bytes(3, 3));
 
-    // Spot-check the packed record: F, first name, its type and count, then H after 3 fields.
-    uint16_t value16;
-    std::memcpy(&value16, bytes.data(), 2);
-    EXPECT_EQ(value16, 3u);
-    EXPECT_STREQ(reinterpret_cast<const char*>(bytes.data() + 2), "s");
-    std::memcpy(&value16, bytes.data() + 2 + 68 + 64, 2);
-    EXPECT_EQ(value16, MAP_TYPE_INTEGER_ARRAY);
-    std::memcpy(&value16, bytes.data() + 2 + 68 + 66, 2);
-    EXPECT_EQ(value16, 5u);
-    std::memcpy(&value16, bytes.data() + 2 + 3 * 68, 2);
-    EXPECT_EQ(value16, 3u);
-    // The record ends with dimension, element size and global size.
-    const uint8_t* tail = bytes.data() + bytes.size() - 8;
-    uint32_t global_size;
-    std::memcpy(&value16, tail, 2);
-    EXPECT_EQ(value16, 2u);
-    std::memcpy(&value16, tail + 2, 2);
-    EXPECT_EQ(value16, d.element_bytes());
-    std::memcpy(&global_size, tail + 4, 4);
-    EXPECT_EQ(global_size, d.global_bytes());
-
     // Trailing bytes belong to the caller.
     bytes.push_back(0xAB);
     Map_declaration_impl back;
@@ -377,7 +322,6 @@ TEST_F(MapDeclarationTest, BinaryRecordHasTheFileLayoutAndReadsBack)
     ASSERT_EQ(back.read_binary(bytes.data(), bytes.size(), &consumed), MAP_SUCCESS);
     EXPECT_EQ(consumed, bytes.size() - 1);
     EXPECT_TRUE(back.is_equal(&d, nullptr));
-    EXPECT_EQ(back.signature(), d.signature());
     EXPECT_EQ(back.position_bytes(), 8u);
     EXPECT_EQ(back.global_field_offset(2), d.global_field_offset(2));
 }
@@ -419,12 +363,14 @@ TEST_F(MapDeclarationTest, DamagedBinaryRecordsAreRefused)
     EXPECT_EQ(back.read_binary(bad.data(), bad.size(), nullptr), MAP_FILE_MALFORMED);
 }
 
-TEST_F(MapDeclarationTest, StreamFormRoundTripsAndStatesItsSize)
+TEST_F(MapDeclarationTest, StreamFormRoundTripsStatesItsSizeAndRefusesTruncation)
 {
     const Map_declaration_impl d = mixed_declaration();
     QV::DB::Db_serializer out;
     d.serialize(&out);
     EXPECT_EQ(out.queue().size(), d.get_serialized_size());
+    std::vector<uint8_t> bytes(out.queue().size());
+    out.queue().copy_out(0, bytes.data(), bytes.size());
 
     QV::DB::Db_deserializer in(&out.queue());
     Map_declaration_impl back(5);
@@ -432,25 +378,15 @@ TEST_F(MapDeclarationTest, StreamFormRoundTripsAndStatesItsSize)
     EXPECT_TRUE(back.is_equal(&d, nullptr));
     EXPECT_EQ(back.element_bytes(), d.element_bytes());
     EXPECT_EQ(back.global_bytes(), d.global_bytes());
-    EXPECT_EQ(back.element_signature(), "si5t");
-    EXPECT_EQ(in.position(), out.queue().size());
-}
-
-TEST_F(MapDeclarationTest, TruncatedStreamIsRefused)
-{
-    const Map_declaration_impl d = fg_like_declaration();
-    QV::DB::Db_serializer out;
-    d.serialize(&out);
-    std::vector<uint8_t> bytes(out.queue().size());
-    out.queue().copy_out(0, bytes.data(), bytes.size());
+    EXPECT_EQ(in.position(), bytes.size());
 
     for (size_t length : {size_t{0}, size_t{3}, bytes.size() / 2, bytes.size() - 1}) {
         QV::SERIAL::Byte_queue part;
         part.append(bytes.data(), length);
-        QV::DB::Db_deserializer in(&part);
-        Map_declaration_impl back(3);
-        back.add_scalar("kept?");
-        EXPECT_FALSE(back.deserialize(&in)) << length;
-        EXPECT_TRUE(back.is_empty());
+        QV::DB::Db_deserializer cut(&part);
+        Map_declaration_impl partial(3);
+        partial.add_scalar("kept?");
+        EXPECT_FALSE(partial.deserialize(&cut)) << length;
+        EXPECT_TRUE(partial.is_empty());
     }
 }

@@ -3,9 +3,6 @@
 #include "tests/maps/map_file_test_support.h"
 
 using namespace map_file_test;
-using map_storage_test::Small_element;
-using map_storage_test::small_element;
-using map_storage_test::same;
 
 namespace {
 
@@ -59,7 +56,7 @@ TEST_F(Map_file_append, TenOntoFiveFillTheLastPageThenOneMorePage)
     Map_impl ten(wide_declaration());
     fill_wide(ten, 5, 10);
     ASSERT_EQ(ten.append_to_file(name.c_str(), true), MAP_SUCCESS);
-    EXPECT_TRUE(map_storage_test::saw("appending to map file \"" + name + "\""));
+    EXPECT_TRUE(saw("appending to map file \"" + name + "\""));
 
     const std::vector<uint8_t> bytes = file_bytes(name);
     const uint32_t d = field_at<uint32_t>(bytes, 10);
@@ -67,8 +64,9 @@ TEST_F(Map_file_append, TenOntoFiveFillTheLastPageThenOneMorePage)
     EXPECT_EQ(field_at<uint32_t>(bytes, 26 + d), 2u) << "page count";
     EXPECT_EQ(field_at<uint32_t>(bytes, 30 + d), 15u) << "element count";
     EXPECT_EQ(field_at<uint64_t>(bytes, 34 + d), 0u);
-    EXPECT_EQ(field_at<float>(bytes, 42 + d), 0.0f) << "bounds merged: the file's minimum";
-    EXPECT_EQ(field_at<float>(bytes, 42 + d + 12), 14.0f) << "bounds merged: the map's maximum";
+    // Bounds merged: minima of the file's elements, maxima of the map's, on x and z.
+    EXPECT_EQ(field_at<float>(bytes, 42 + d), 0.0f);
+    EXPECT_EQ(field_at<float>(bytes, 42 + d + 12), 14.0f);
     EXPECT_EQ(field_at<float>(bytes, 42 + d + 20), 0.0f);
     EXPECT_EQ(field_at<float>(bytes, 42 + d + 8), -14.0f);
     ASSERT_EQ(bytes.size(), one_page_file + 32768) << "one whole page more";
@@ -92,7 +90,7 @@ TEST_F(Map_file_append, AppendsOnFullAndPartialPagesKeepTheCountsAndNoBvh)
 {
     const uint32_t per_page = map_elements_per_page(20, 3);
     const std::string name = path("grow.map");
-    Map_impl start(map_storage_test::small_declaration());
+    Map_impl start(small_declaration());
     start.bvh_enabled = false;
     fill(start, 0, per_page); // the file ends on a full page
     ASSERT_EQ(start.write(name.c_str(), MAP_FORMAT_BINARY, false), MAP_SUCCESS);
@@ -105,7 +103,7 @@ TEST_F(Map_file_append, AppendsOnFullAndPartialPagesKeepTheCountsAndNoBvh)
     uint32_t total = per_page;
     for (uint32_t round = 0; round < 3; ++round) {
         const uint32_t count = round == 1 ? 3 : per_page + 11;
-        Map_impl more(map_storage_test::small_declaration());
+        Map_impl more(small_declaration());
         fill(more, total, count);
         ASSERT_EQ(more.append_to_file(name.c_str(), false), MAP_SUCCESS);
         total += count;
@@ -118,23 +116,22 @@ TEST_F(Map_file_append, AppendsOnFullAndPartialPagesKeepTheCountsAndNoBvh)
     back.bvh_enabled = false;
     ASSERT_EQ(back.read(name.c_str(), 0), MAP_SUCCESS);
     ASSERT_EQ(back.size(), total);
-    for (uint32_t i = 0; i < total; ++i)
-        ASSERT_TRUE(same(element_of(back, i), small_element(i))) << "element " << i;
+    EXPECT_TRUE(holds_elements(back, total));
 }
 
 TEST_F(Map_file_append, AppendToFileRefusals)
 {
     const std::string name = path("target.map");
-    Map_impl target(map_storage_test::small_declaration());
+    Map_impl target(small_declaration());
     fill(target, 0, 4);
     ASSERT_EQ(target.write(name.c_str(), MAP_FORMAT_BINARY, false), MAP_SUCCESS);
     const std::vector<uint8_t> before = file_bytes(name);
 
-    Map_impl empty(map_storage_test::small_declaration());
+    Map_impl empty(small_declaration());
     EXPECT_EQ(empty.append_to_file(name.c_str(), true), MAP_SUCCESS);
     EXPECT_EQ(empty.append_to_file(path("nowhere.map").c_str(), true), MAP_SUCCESS) << "nothing to write";
 
-    Map_impl locked(map_storage_test::small_declaration());
+    Map_impl locked(small_declaration());
     fill(locked, 0, 2);
     locked.editable = false;
     EXPECT_EQ(locked.append_to_file(name.c_str(), true), MAP_NOT_EDITABLE);
@@ -150,31 +147,25 @@ TEST_F(Map_file_append, AppendToFileRefusals)
     swapped.add_scalar("weight");
     Map_impl other(swapped);
     fill(other, 10, 1);
-    map_storage_test::captured().clear();
+    captured().clear();
     EXPECT_EQ(other.append_to_file(name.c_str(), true), MAP_NOT_EQUIVALENT);
-    EXPECT_TRUE(map_storage_test::saw("cannot append to map file \"" + name + "\", declarations are not equivalent"));
+    EXPECT_TRUE(saw("cannot append to map file \"" + name + "\", declarations are not equivalent"));
     EXPECT_EQ(file_bytes(name), before) << "a refused append leaves the file alone";
 
     put_file(path("text.map"), "declare map", 11);
     EXPECT_EQ(other.append_to_file(path("text.map").c_str(), true), MAP_FILE_MALFORMED);
-    EXPECT_TRUE(map_storage_test::saw("cannot append to map file \"" + path("text.map") + "\", file format is open"));
+    EXPECT_TRUE(saw("cannot append to map file \"" + path("text.map") + "\", file format is open"));
     put_file(path("ob.map"), "qv=MAPob1dim3", 13);
     EXPECT_EQ(other.append_to_file(path("ob.map").c_str(), true), MAP_FILE_MALFORMED);
     EXPECT_EQ(count_lines(MSG_ERROR, "file format is open"), 2);
     EXPECT_EQ(other.append_to_file(path("nowhere.map").c_str(), true), MAP_FILE_CANNOT_OPEN);
-    // A damaged header is refused before anything is written (found by the fuzz target).
-    std::vector<uint8_t> damaged = before;
-    set_field_at<uint32_t>(damaged, 22 + field_at<uint32_t>(before, 10), 0);
-    put_file(path("damaged.map"), damaged);
-    EXPECT_EQ(alike.append_to_file(path("damaged.map").c_str(), true), MAP_FILE_MALFORMED);
-    EXPECT_EQ(file_bytes(path("damaged.map")), damaged);
-    EXPECT_TRUE(map_storage_test::saw("for reading"));
+    EXPECT_TRUE(saw("cannot open map file \"" + path("nowhere.map") + "\" for reading"));
 
     ASSERT_EQ(chmod(name.c_str(), 0444), 0);
     if (access(name.c_str(), W_OK) != 0) { // root writes anyway
-        map_storage_test::captured().clear();
+        captured().clear();
         EXPECT_EQ(alike.append_to_file(name.c_str(), true), MAP_FILE_CANNOT_OPEN);
-        EXPECT_TRUE(map_storage_test::saw("cannot open map file \"" + name + "\" for reading/writing"));
+        EXPECT_TRUE(saw("cannot open map file \"" + name + "\" for reading/writing"));
     }
     ASSERT_EQ(chmod(name.c_str(), 0644), 0);
     EXPECT_EQ(alike.append_to_file(name.c_str(), true), MAP_SUCCESS);
@@ -197,14 +188,14 @@ TEST_F(Map_file_append, FileElementsFollowTheMapsOwn)
     uint32_t format = 99;
     ASSERT_EQ(empty.append_from_file(name.c_str(), true, false, &format), MAP_SUCCESS);
     EXPECT_EQ(format, uint32_t(MAP_FORMAT_BINARY));
-    EXPECT_TRUE(map_storage_test::saw("appending from map file \"" + name + "\""));
+    EXPECT_TRUE(saw("appending from map file \"" + name + "\""));
     ASSERT_EQ(empty.size(), 30u);
     float scale = 0;
     empty.get(declaration.get_field_id("scale", nullptr), scale);
     EXPECT_EQ(scale, 4.0f);
 
     // An empty map of the same elements but other global fields keeps its own globals.
-    Map_declaration_impl other_globals = map_storage_test::small_declaration();
+    Map_declaration_impl other_globals = small_declaration();
     other_globals.add_global_vector("offset");
     other_globals.add_global_integer("flags");
     Map_impl foreign(other_globals);
@@ -214,9 +205,7 @@ TEST_F(Map_file_append, FileElementsFollowTheMapsOwn)
     EXPECT_EQ(foreign.size(), 30u);
     Map_vector3 kept{};
     foreign.get(other_globals.get_field_id("offset", nullptr), kept);
-    EXPECT_EQ(kept.x, 1.0f);
-    EXPECT_EQ(kept.y, 2.0f);
-    EXPECT_EQ(kept.z, 3.0f);
+    EXPECT_EQ(memcmp(&kept, &offset, sizeof kept), 0);
 
     // A filled map keeps its globals; its committed and pending elements come first.
     Map_impl filled(declaration);
@@ -233,8 +222,7 @@ TEST_F(Map_file_append, FileElementsFollowTheMapsOwn)
     EXPECT_TRUE(filled.needs_build);
     filled.get(declaration.get_field_id("scale", nullptr), scale);
     EXPECT_EQ(scale, 1.0f);
-    for (uint32_t i = 0; i < 80; ++i)
-        ASSERT_TRUE(same(element_of(filled, i), small_element(i))) << "element " << i;
+    EXPECT_TRUE(holds_elements(filled, 80));
     EXPECT_EQ(filled.get_bounds().maximum[0], 79.0f);
     EXPECT_EQ(filled.get_bounds().minimum[0], 0.0f);
 
@@ -248,10 +236,10 @@ TEST_F(Map_file_append, FileElementsFollowTheMapsOwn)
     Map_declaration_impl wide = wide_declaration();
     Map_impl differing(wide);
     fill_wide(differing, 0, 2);
-    map_storage_test::captured().clear();
+    captured().clear();
     EXPECT_EQ(differing.append_from_file(name.c_str(), true, false, &format), MAP_NOT_EQUIVALENT);
-    EXPECT_TRUE(map_storage_test::saw("cannot append from map file \"" + name + "\", declarations are not equivalent"));
-    EXPECT_FALSE(map_storage_test::saw("appending from"));
+    EXPECT_TRUE(saw("cannot append from map file \"" + name + "\", declarations are not equivalent"));
+    EXPECT_FALSE(saw("appending from"));
     EXPECT_EQ(differing.size(), 2u);
     EXPECT_EQ(differing.page_store().file_count(), 0u);
 }

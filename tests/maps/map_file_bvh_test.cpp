@@ -4,9 +4,6 @@
 #include "tests/maps/map_file_test_support.h"
 
 using namespace map_file_test;
-using map_storage_test::Small_element;
-using map_storage_test::small_element;
-using map_storage_test::same;
 
 namespace {
 
@@ -15,7 +12,7 @@ protected:
     // A map of `count` small elements from `first`, built and written to `name`.
     void write_built(const std::string& name, uint32_t first, uint32_t count)
     {
-        Map_impl map(map_storage_test::small_declaration());
+        Map_impl map(small_declaration());
         fill(map, first, count);
         ASSERT_EQ(map.write(name.c_str(), MAP_FORMAT_BINARY, false), MAP_SUCCESS);
         ASSERT_NE(map.global_bvh, nullptr);
@@ -48,11 +45,8 @@ TEST_F(Map_file_bvh, BvhLiesBehindThePagesAndSparesTheBuildOnRead)
     auto* file = static_cast<Map_file*>(map.page_store().file(0));
     EXPECT_EQ(file->pages_read(), 0u) << "with a stored BVH no page is read to open the map";
     // The elements are where the file has them.
-    for (uint32_t i = 0; i < pages * per_page - 3; i += 997) {
-        Small_element stored;
-        memcpy(&stored, bytes.data() + data + size_t(i / per_page) * 32768 + size_t(i % per_page) * 20, 20);
-        EXPECT_TRUE(same(element_of(map, i), stored)) << "element " << i;
-    }
+    for (uint32_t i = 0; i < pages * per_page - 3; i += 997)
+        EXPECT_TRUE(same(element_of(map, i), stored_element(bytes, data, per_page, i))) << "element " << i;
 
     // A last page cut inside its tree keeps its elements and loses the tree.
     const uint32_t last_count = per_page - 3;
@@ -104,7 +98,7 @@ TEST_F(Map_file_bvh, AppendFromFileMergesOrReadsTheFilesTree)
     EXPECT_EQ(map.size(), 5 * per_page);
 
     // A file without a tree only asks for a refit of a filled map.
-    Map_impl plain(map_storage_test::small_declaration());
+    Map_impl plain(small_declaration());
     plain.bvh_enabled = false;
     fill(plain, 0, 10);
     ASSERT_EQ(plain.write(path("plain.map").c_str(), MAP_FORMAT_BINARY, false), MAP_SUCCESS);
@@ -119,7 +113,7 @@ TEST_F(Map_file_bvh, AppendFromFileMergesOrReadsTheFilesTree)
 
 TEST_F(Map_file_bvh, ResultsOfWriteBvh)
 {
-    Map_impl map(map_storage_test::small_declaration());
+    Map_impl map(small_declaration());
     fill(map, 0, 100);
     map.build_bvh(2.0f, false, false);
     ASSERT_NE(map.global_bvh, nullptr);

@@ -2,9 +2,6 @@
 #include "tests/maps/map_file_test_support.h"
 
 using namespace map_file_test;
-using map_storage_test::Small_element;
-using map_storage_test::small_element;
-using map_storage_test::same;
 
 namespace {
 
@@ -36,7 +33,7 @@ TEST_F(Map_file_layout, HeaderRecordAndSlotsAreWhereTheLayoutPutsThem)
     ASSERT_EQ(map.set(declaration.get_field_id("label", nullptr), "abcd", -1), MAP_SUCCESS);
     const std::string name = path("layout.map");
     ASSERT_EQ(map.write(name.c_str(), MAP_FORMAT_BINARY, true), MAP_SUCCESS);
-    EXPECT_TRUE(map_storage_test::saw("writing map file \"" + name + "\""));
+    EXPECT_TRUE(saw("writing map file \"" + name + "\""));
 
     const std::vector<uint8_t> bytes = file_bytes(name);
     ASSERT_GT(bytes.size(), 14u);
@@ -55,26 +52,19 @@ TEST_F(Map_file_layout, HeaderRecordAndSlotsAreWhereTheLayoutPutsThem)
     expect_field_entry(bytes, at + 2, "scale", MAP_TYPE_SCALAR, 0);
     expect_field_entry(bytes, at + 70, "label", MAP_TYPE_STRING, 5);
     at += 2 + 2 * 68;
-    EXPECT_EQ(field_at<uint32_t>(bytes, at), 2u);
-    EXPECT_EQ(field_at<uint16_t>(bytes, at + 4), 12u) << "element offsets count the position";
-    EXPECT_EQ(field_at<uint16_t>(bytes, at + 6), 16u);
-    at += 8;
-    EXPECT_EQ(field_at<uint32_t>(bytes, at), 2u);
-    EXPECT_EQ(field_at<uint32_t>(bytes, at + 4), 0u);
-    EXPECT_EQ(field_at<uint32_t>(bytes, at + 8), 4u);
-    at += 12;
-    EXPECT_EQ(field_at<uint32_t>(bytes, at), 2u);
-    EXPECT_EQ(field_at<uint16_t>(bytes, at + 4), 4u);
-    EXPECT_EQ(field_at<uint16_t>(bytes, at + 6), 4u);
-    at += 8;
-    EXPECT_EQ(field_at<uint32_t>(bytes, at), 2u);
-    EXPECT_EQ(field_at<uint32_t>(bytes, at + 4), 4u);
-    EXPECT_EQ(field_at<uint32_t>(bytes, at + 8), 5u) << "a string is as long as its count";
-    at += 12;
-    EXPECT_EQ(field_at<uint16_t>(bytes, at), 3u);
-    EXPECT_EQ(field_at<uint16_t>(bytes, at + 2), 20u);
-    EXPECT_EQ(field_at<uint32_t>(bytes, at + 4), 9u);
-    at += 8;
+    // Element offsets (counting the position), global offsets, element sizes, global sizes (a
+    // string is as long as its count), each list behind its count; then the dimension, the
+    // element size and the global size.
+    struct Word {
+        uint32_t bytes, value;
+    };
+    const Word words[] = {{4, 2}, {2, 12}, {2, 16}, {4, 2}, {4, 0}, {4, 4}, {4, 2}, {2, 4},
+                          {2, 4}, {4, 2}, {4, 4}, {4, 5}, {2, 3}, {2, 20}, {4, 9}};
+    for (const Word& word : words) {
+        EXPECT_EQ(word.bytes == 2 ? field_at<uint16_t>(bytes, at) : field_at<uint32_t>(bytes, at), word.value)
+            << "record offset " << at - 14;
+        at += word.bytes;
+    }
     ASSERT_EQ(at, 14 + d);
 
     // The global block, then the counts.
@@ -88,21 +78,15 @@ TEST_F(Map_file_layout, HeaderRecordAndSlotsAreWhereTheLayoutPutsThem)
     EXPECT_EQ(field_at<uint32_t>(bytes, 30 + d + g), count);
     EXPECT_EQ(field_at<uint64_t>(bytes, 34 + d + g), 0u) << "no BVH was built";
     // Positions run 0..count-1 on x, 0..48 on y and -12..0 on z.
-    EXPECT_EQ(field_at<float>(bytes, 42 + d + g), 0.0f);
-    EXPECT_EQ(field_at<float>(bytes, 46 + d + g), 0.0f);
-    EXPECT_EQ(field_at<float>(bytes, 50 + d + g), -12.0f);
-    EXPECT_EQ(field_at<float>(bytes, 54 + d + g), float(count - 1));
-    EXPECT_EQ(field_at<float>(bytes, 58 + d + g), 48.0f);
-    EXPECT_EQ(field_at<float>(bytes, 62 + d + g), 0.0f);
+    const float bounds[6] = {0.0f, 0.0f, -12.0f, float(count - 1), 48.0f, 0.0f};
+    for (uint32_t k = 0; k < 6; ++k)
+        EXPECT_EQ(field_at<float>(bytes, 42 + d + g + 4 * k), bounds[k]) << "bound " << k;
 
     // Element i at page i / E, slot i % E; the file ends with the last whole page.
     const size_t data = 42 + d + g + 24;
     ASSERT_EQ(bytes.size(), data + 4 * size_t(32768));
-    for (uint32_t i = 0; i < count; ++i) {
-        Small_element stored;
-        memcpy(&stored, bytes.data() + data + size_t(i / per_page) * 32768 + size_t(i % per_page) * 20, 20);
-        ASSERT_TRUE(same(stored, small_element(i))) << "element " << i;
-    }
+    for (uint32_t i = 0; i < count; ++i)
+        ASSERT_TRUE(same(stored_element(bytes, data, per_page, i), small_element(i))) << "element " << i;
 }
 
 TEST_F(Map_file_layout, EmptyMapWithoutGlobalsHasAFullHeaderAndNothingElse)
@@ -111,7 +95,7 @@ TEST_F(Map_file_layout, EmptyMapWithoutGlobalsHasAFullHeaderAndNothingElse)
     Map_impl map(declaration);
     const std::string name = path("empty.map");
     ASSERT_EQ(map.write(name.c_str(), MAP_FORMAT_BINARY, false), MAP_SUCCESS);
-    EXPECT_TRUE(map_storage_test::captured().empty()) << "no messages without the verbose flag";
+    EXPECT_TRUE(captured().empty()) << "no messages without the verbose flag";
 
     const std::vector<uint8_t> bytes = file_bytes(name);
     const uint32_t d = field_at<uint32_t>(bytes, 10);
@@ -140,11 +124,11 @@ TEST_F(Map_file_layout, MapOfSeveralSegmentsIsRepackedIntoPlainPages)
     // Two files appended one after the other leave a partly filled page between them; the
     // written file must still have element i at page i / E, slot i % E.
     const uint32_t per_page = map_elements_per_page(20, 3);
-    Map_impl first(map_storage_test::small_declaration());
+    Map_impl first(small_declaration());
     first.bvh_enabled = false;
     fill(first, 0, per_page + 3);
     ASSERT_EQ(first.write(path("a.map").c_str(), MAP_FORMAT_BINARY, false), MAP_SUCCESS);
-    Map_impl second(map_storage_test::small_declaration());
+    Map_impl second(small_declaration());
     second.bvh_enabled = false;
     fill(second, per_page + 3, 10);
     ASSERT_EQ(second.write(path("b.map").c_str(), MAP_FORMAT_BINARY, false), MAP_SUCCESS);
@@ -163,9 +147,6 @@ TEST_F(Map_file_layout, MapOfSeveralSegmentsIsRepackedIntoPlainPages)
     const size_t data = 42 + d + 24;
     ASSERT_EQ(field_at<uint32_t>(bytes, 30 + d), per_page + 17);
     ASSERT_EQ(bytes.size(), data + 2 * size_t(32768));
-    for (uint32_t i = 0; i < per_page + 17; ++i) {
-        Small_element stored;
-        memcpy(&stored, bytes.data() + data + size_t(i / per_page) * 32768 + size_t(i % per_page) * 20, 20);
-        ASSERT_TRUE(same(stored, small_element(i))) << "element " << i;
-    }
+    for (uint32_t i = 0; i < per_page + 17; ++i)
+        ASSERT_TRUE(same(stored_element(bytes, data, per_page, i), small_element(i))) << "element " << i;
 }

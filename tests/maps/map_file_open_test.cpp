@@ -35,7 +35,7 @@ TEST_F(Map_file_open, OpenBinaryIsTheFieldTextThenGlobalsThenPackedElements)
     map.commit();
     const std::string name = path("open.map");
     ASSERT_EQ(map.write(name.c_str(), MAP_FORMAT_OPEN_BINARY, true), MAP_SUCCESS);
-    EXPECT_TRUE(map_storage_test::saw("writing map file \"" + name + "\""));
+    EXPECT_TRUE(saw("writing map file \"" + name + "\""));
 
     const std::vector<uint8_t> bytes = file_bytes(name);
     const std::string header = "qv=MAPob1dim3sg\"scale\"v\"dir\"s4\"w\"";
@@ -86,7 +86,7 @@ TEST_F(Map_file_open, OpenAsciiText)
     map.commit();
     const std::string name = path("text.map");
     ASSERT_EQ(map.write(name.c_str(), MAP_FORMAT_OPEN_ASCII, true), MAP_SUCCESS);
-    EXPECT_TRUE(map_storage_test::saw("writing map file \"" + name + "\""));
+    EXPECT_TRUE(saw("writing map file \"" + name + "\""));
 
     std::string text = file_text(name);
     std::smatch names;
@@ -112,13 +112,13 @@ TEST_F(Map_file_open, OpenAsciiText)
                     "end map\n\n");
 
     // Without globals the first element follows the head directly; an empty map has nothing.
-    Map_impl bare(map_storage_test::small_declaration());
+    Map_impl bare(small_declaration());
     ASSERT_EQ(bare.write(path("bare.map").c_str(), MAP_FORMAT_OPEN_ASCII, false), MAP_SUCCESS);
     text = file_text(path("bare.map"));
     EXPECT_NE(text.find("# open ASCII map file, 0 elements\n"), std::string::npos);
     EXPECT_TRUE(text.size() > 20 && text.substr(text.size() - 10) == "\nend map\n\n");
     EXPECT_EQ(text[text.size() - 11], '"') << "the head, then the end";
-    map_storage_test::Small_element one = map_storage_test::small_element(4);
+    Small_element one = small_element(4);
     bare.append_raw(&one);
     bare.commit();
     ASSERT_EQ(bare.write(path("bare.map").c_str(), MAP_FORMAT_OPEN_ASCII, false), MAP_SUCCESS);
@@ -128,10 +128,10 @@ TEST_F(Map_file_open, OpenAsciiText)
     // The text is what an ASCII reader recognises.
     Map_impl back;
     EXPECT_EQ(back.read(name.c_str(), 0), MAP_FILE_MALFORMED);
-    EXPECT_EQ(map_storage_test::captured().size(), 1u) << "only the info line of the verbose write";
+    EXPECT_EQ(captured().size(), 1u) << "only the info line of the verbose write";
 
     EXPECT_EQ(map.write(path("no/such/dir.map").c_str(), MAP_FORMAT_OPEN_ASCII, true), MAP_FILE_CANNOT_OPEN);
-    EXPECT_TRUE(map_storage_test::saw("cannot open map file \"" + path("no/such/dir.map") + "\" for writing"));
+    EXPECT_TRUE(saw("cannot open map file \"" + path("no/such/dir.map") + "\" for writing"));
     map.editable = false;
     EXPECT_EQ(map.write(name.c_str(), MAP_FORMAT_OPEN_ASCII, true), MAP_NOT_EDITABLE);
 }

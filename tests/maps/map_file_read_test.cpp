@@ -7,14 +7,17 @@
 #include "tests/maps/map_file_test_support.h"
 
 using namespace map_file_test;
-using map_storage_test::Small_element;
-using map_storage_test::small_element;
-using map_storage_test::same;
 
 namespace {
 
 class Map_file_read : public Map_file_test {
 protected:
+    void SetUp() override
+    {
+        Map_file_test::SetUp();
+        fill(holder, 100, 3);
+    }
+
     // A written file of `count` small elements with globals; returns its bytes.
     std::vector<uint8_t> written(const std::string& name, uint32_t count)
     {
@@ -27,13 +30,8 @@ protected:
         return file_bytes(name);
     }
 
-    // A map holding three elements of its own, to show that a failed read leaves it alone.
-    static void expect_untouched(const Map_impl& map)
-    {
-        ASSERT_EQ(map.size(), 3u);
-        for (uint32_t i = 0; i < 3; ++i)
-            EXPECT_TRUE(same(element_of(map, i), small_element(100 + i)));
-    }
+    // Three elements of its own, to show that a failed read leaves a map alone.
+    Map_impl holder{small_declaration()};
 };
 
 } // namespace
@@ -51,7 +49,7 @@ TEST_F(Map_file_read, WrittenAndReadBackGivesTheSameElementsInTheSameOrder)
 
     Map_impl back;
     ASSERT_EQ(back.read(name.c_str(), MAP_READ_VERBOSE), MAP_SUCCESS);
-    EXPECT_TRUE(map_storage_test::saw("reading map file \"" + name + "\""));
+    EXPECT_TRUE(saw("reading map file \"" + name + "\""));
     ASSERT_EQ(back.size(), count);
     ASSERT_TRUE(back.get_declaration()->is_equal(map.get_declaration(), nullptr));
     float scale = 0;
@@ -59,18 +57,15 @@ TEST_F(Map_file_read, WrittenAndReadBackGivesTheSameElementsInTheSameOrder)
     EXPECT_EQ(scale, 0.75f);
     for (uint32_t i = 0; i < count; ++i)
         ASSERT_TRUE(same(element_of(back, i), element_of(map, i))) << "element " << i;
-    for (int axis = 0; axis < 3; ++axis) {
-        EXPECT_EQ(back.get_bounds().minimum[axis], map.get_bounds().minimum[axis]);
-        EXPECT_EQ(back.get_bounds().maximum[axis], map.get_bounds().maximum[axis]);
-    }
+    EXPECT_EQ(memcmp(back.get_bounds().minimum, map.get_bounds().minimum, 12), 0);
+    EXPECT_EQ(memcmp(back.get_bounds().maximum, map.get_bounds().maximum, 12), 0);
 }
 
 TEST_F(Map_file_read, TouchingOneElementReadsOnlyItsPage)
 {
     const uint32_t per_page = map_elements_per_page(20, 3);
-    const uint32_t pages = 40;
     const std::string name = path("many.map");
-    written(name, pages * per_page - 7);
+    written(name, 40 * per_page - 7);
 
     Map_impl map;
     map.bvh_enabled = false; // a BVH build would read every page
@@ -86,29 +81,23 @@ TEST_F(Map_file_read, TouchingOneElementReadsOnlyItsPage)
     EXPECT_TRUE(same(element_of(map, index + 1), small_element(index + 1)));
     EXPECT_EQ(file->pages_read(), per_cache_page) << "the page stays in the cache";
     // The last page, cut short by its element count.
-    const uint32_t last = pages * per_page - 8;
-    EXPECT_TRUE(same(element_of(map, last), small_element(last)));
+    EXPECT_TRUE(same(element_of(map, 40 * per_page - 8), small_element(40 * per_page - 8)));
 }
 
 TEST_F(Map_file_read, EveryTruncationIsRefusedAndNothingIsLoaded)
 {
-    const std::string good = path("good.map");
-    const std::vector<uint8_t> bytes = written(good, 300);
-    const uint32_t d = field_at<uint32_t>(bytes, 10);
-    const size_t data = 42 + d + 9 + 24;
-    Map_impl map(map_storage_test::small_declaration());
-    fill(map, 100, 3);
+    const std::vector<uint8_t> bytes = written(path("good.map"), 300);
+    const size_t data = 42 + field_at<uint32_t>(bytes, 10) + 9 + 24;
     const std::string cut = path("cut.map");
     // Every cut inside the header and inside the elements; beyond the last element only page
     // room is lost, and that reads as zeros.
     for (size_t length = 0; length < data + 300 * 20; length += length < data + 40 ? 1 : 97) {
         put_file(cut, bytes.data(), length);
-        map_storage_test::captured().clear();
-        const Map_status status = map.read(cut.c_str(), MAP_READ_VERBOSE);
-        const Map_status expected = length < 6 ? MAP_FILE_NOT_A_MAP : MAP_FILE_MALFORMED;
-        ASSERT_EQ(status, expected) << "cut at " << length;
-        ASSERT_EQ(map_storage_test::captured().size(), 1u) << "one error for a cut at " << length;
-        expect_untouched(map);
+        captured().clear();
+        ASSERT_EQ(holder.read(cut.c_str(), MAP_READ_VERBOSE), length < 6 ? MAP_FILE_NOT_A_MAP : MAP_FILE_MALFORMED)
+            << "cut at " << length;
+        ASSERT_EQ(captured().size(), 1u) << "one error for a cut at " << length;
+        ASSERT_TRUE(holds_elements(holder, 3, 100));
     }
     put_file(cut, bytes.data(), data + 300 * 20);
     Map_impl tail;
@@ -119,8 +108,7 @@ TEST_F(Map_file_read, EveryTruncationIsRefusedAndNothingIsLoaded)
 
 TEST_F(Map_file_read, DamagedFieldsGiveTheirStatusAndMessage)
 {
-    const std::string good = path("good.map");
-    const std::vector<uint8_t> bytes = written(good, 50);
+    const std::vector<uint8_t> bytes = written(path("good.map"), 50);
     const uint32_t d = field_at<uint32_t>(bytes, 10);
     const uint32_t g = 9;
     struct Damage {
@@ -140,73 +128,85 @@ TEST_F(Map_file_read, DamagedFieldsGiveTheirStatusAndMessage)
         {"global size unlike the declaration's", 14 + d, 8, MAP_FILE_MALFORMED, "is damaged"},
         {"page size", 18 + d + g, 65536, MAP_FILE_MALFORMED, "is damaged"},
         {"elements per page", 22 + d + g, 7, MAP_FILE_MALFORMED, "is damaged"},
-        {"no elements per page", 22 + d + g, 0, MAP_FILE_MALFORMED, "is damaged"},
         {"page count", 26 + d + g, 9, MAP_FILE_MALFORMED, "is damaged"},
         {"element count past the file", 30 + d + g, 0xFFFFFFFFu, MAP_FILE_MALFORMED, "is damaged"},
         {"BVH offset past the file", 34 + d + g, 0x7FFFFFFF, MAP_FILE_MALFORMED, "is damaged"},
     };
-    Map_impl map(map_storage_test::small_declaration());
-    fill(map, 100, 3);
     const std::string bad = path("bad.map");
     for (const Damage& damage : cases) {
+        SCOPED_TRACE(damage.what);
         std::vector<uint8_t> copy = bytes;
         set_field_at(copy, damage.offset, damage.value);
         put_file(bad, copy);
-        map_storage_test::captured().clear();
-        EXPECT_EQ(map.read(bad.c_str(), MAP_READ_VERBOSE), damage.status) << damage.what;
-        EXPECT_EQ(count_lines(MSG_ERROR, damage.message), 1) << damage.what;
-        EXPECT_EQ(map_storage_test::captured().size(), 1u) << damage.what << ": no warning, no info";
-        expect_untouched(map);
-        // Quiet maps and calls without the verbose flag say nothing, but answer the same.
-        map_storage_test::captured().clear();
-        EXPECT_EQ(map.read(bad.c_str(), 0), damage.status);
-        EXPECT_TRUE(map_storage_test::captured().empty());
+        captured().clear();
+        EXPECT_EQ(holder.read(bad.c_str(), MAP_READ_VERBOSE), damage.status);
+        EXPECT_EQ(count_lines(MSG_ERROR, damage.message), 1);
+        EXPECT_EQ(captured().size(), 1u) << "no warning, no info";
+        EXPECT_TRUE(holds_elements(holder, 3, 100));
+        // Calls without the verbose flag say nothing, but answer the same.
+        captured().clear();
+        EXPECT_EQ(holder.read(bad.c_str(), 0), damage.status);
+        EXPECT_TRUE(captured().empty());
     }
 
-    EXPECT_EQ(map.read(path("missing.map").c_str(), MAP_READ_VERBOSE), MAP_FILE_CANNOT_OPEN);
-    EXPECT_TRUE(map_storage_test::saw("cannot open map file \"" + path("missing.map") + "\" for reading"));
-    expect_untouched(map);
+    EXPECT_EQ(holder.read(path("missing.map").c_str(), MAP_READ_VERBOSE), MAP_FILE_CANNOT_OPEN);
+    EXPECT_TRUE(saw("cannot open map file \"" + path("missing.map") + "\" for reading"));
+    EXPECT_TRUE(holds_elements(holder, 3, 100));
+}
+
+// The header reader and the append onto a file both divided by E before checking it (found by
+// the fuzz target).
+TEST_F(Map_file_read, RegressionZeroElementsPerPageIsRefusedBeforeAnyDivision)
+{
+    std::vector<uint8_t> bytes = written(path("good.map"), 50);
+    set_field_at<uint32_t>(bytes, 22 + field_at<uint32_t>(bytes, 10) + 9, 0);
+    const std::string bad = path("zero.map");
+    put_file(bad, bytes);
+    EXPECT_EQ(holder.read(bad.c_str(), MAP_READ_VERBOSE), MAP_FILE_MALFORMED);
+    EXPECT_EQ(count_lines(MSG_ERROR, "is damaged"), 1);
+    EXPECT_EQ(holder.append_from_file(bad.c_str(), false, false, nullptr), MAP_FILE_MALFORMED);
+    EXPECT_TRUE(holds_elements(holder, 3, 100));
+
+    Map_impl more(declaration_with_globals());
+    fill(more, 0, 2);
+    EXPECT_EQ(more.append_to_file(bad.c_str(), true), MAP_FILE_MALFORMED);
+    EXPECT_EQ(file_bytes(bad), bytes) << "refused before anything is written";
 }
 
 TEST_F(Map_file_read, OpenFormatsAreRecognisedByTheirFirstBytes)
 {
-    Map_impl map(map_storage_test::small_declaration());
-    fill(map, 100, 3);
-
     // Text whose first word is "declare" is open ASCII; what follows it is never looked at.
     const std::string ascii = path("text.map");
     const char text[] = "\n\t # a comment qv=MAP\r\n  declareqv=MAP\x02\x00\x00\x00";
     put_file(ascii, text, sizeof text - 1);
-    EXPECT_EQ(map.read(ascii.c_str(), MAP_READ_VERBOSE), MAP_FILE_MALFORMED);
+    EXPECT_EQ(holder.read(ascii.c_str(), MAP_READ_VERBOSE), MAP_FILE_MALFORMED);
     EXPECT_EQ(count_lines(MSG_ERROR, ""), 0) << "the parser's refusal has no message";
     EXPECT_EQ(count_lines(MSG_INFO, "reading map file"), 1);
     uint32_t format = 99;
-    EXPECT_EQ(map.append_from_file(ascii.c_str(), true, false, &format), MAP_FILE_MALFORMED);
+    EXPECT_EQ(holder.append_from_file(ascii.c_str(), true, false, &format), MAP_FILE_MALFORMED);
     EXPECT_EQ(format, uint32_t(MAP_FORMAT_OPEN_ASCII));
     EXPECT_EQ(count_lines(MSG_INFO, "appending from map file"), 1);
-    expect_untouched(map);
 
     // A near miss is read as binary, and then it is not a map file.
     put_file(ascii, "# x\ndeclar", 10);
-    EXPECT_EQ(map.read(ascii.c_str(), 0), MAP_FILE_NOT_A_MAP);
+    EXPECT_EQ(holder.read(ascii.c_str(), 0), MAP_FILE_NOT_A_MAP);
 
     // "ob" where the version starts is open binary, whatever digit follows.
     const std::string open_binary = path("open.map");
     put_file(open_binary, "qv=MAPob7dim3", 13);
-    map_storage_test::captured().clear();
-    EXPECT_EQ(map.read(open_binary.c_str(), MAP_READ_VERBOSE), MAP_FILE_MALFORMED);
-    EXPECT_TRUE(map_storage_test::saw("reading from open binary map file \"" + open_binary + "\""));
-    EXPECT_FALSE(map_storage_test::saw("unsupported"));
-    EXPECT_EQ(map.append_from_file(open_binary.c_str(), false, false, &format), MAP_FILE_MALFORMED);
+    captured().clear();
+    EXPECT_EQ(holder.read(open_binary.c_str(), MAP_READ_VERBOSE), MAP_FILE_MALFORMED);
+    EXPECT_TRUE(saw("reading from open binary map file \"" + open_binary + "\""));
+    EXPECT_FALSE(saw("unsupported"));
+    EXPECT_EQ(holder.append_from_file(open_binary.c_str(), false, false, &format), MAP_FILE_MALFORMED);
     EXPECT_EQ(format, uint32_t(MAP_FORMAT_OPEN_BINARY));
-    expect_untouched(map);
+    EXPECT_TRUE(holds_elements(holder, 3, 100));
 }
 
 TEST_F(Map_file_read, HeaderFieldsOfTheFileObject)
 {
     const std::string name = path("fields.map");
-    const std::vector<uint8_t> bytes = written(name, 1000);
-    const uint32_t d = field_at<uint32_t>(bytes, 10);
+    const uint32_t d = field_at<uint32_t>(written(name, 1000), 10);
     Map_status status = MAP_NOT_EDITABLE;
     Map_file file(MAP_FILE_KIND_READ, false, false, false, name.c_str(), nullptr, &status);
     ASSERT_EQ(status, MAP_SUCCESS);
@@ -233,12 +233,11 @@ TEST_F(Map_file_read, ThreadsReadOneFileThroughASmallCache)
 {
     // Three times more pages than the cache holds: every thread keeps loading pages of the one
     // file while the others do.
-    const uint32_t per_page = map_elements_per_page(20, 3);
     const std::string name = path("shared.map");
     // Buffers that earlier tests left on the free list would let the cache hold every page.
-    QV::RCMAP::Map_manager::instance().flush(0);
-    QV::RCMAP::Map_manager::instance().set_size_limit_mb(1.0f);
-    written(name, 96 * per_page);
+    Map_manager::instance().flush(0);
+    Map_manager::instance().set_size_limit_mb(1.0f);
+    written(name, 96 * map_elements_per_page(20, 3));
     Map_impl map;
     map.bvh_enabled = false;
     ASSERT_EQ(map.read(name.c_str(), 0), MAP_SUCCESS);

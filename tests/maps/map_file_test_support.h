@@ -1,5 +1,5 @@
-// Shared set-up of the map file tests: a scratch directory, maps of known elements, raw file
-// bytes and little-endian field access.
+// Shared set-up of the map file tests: a scratch directory, raw file bytes and little-endian
+// field access.
 #pragma once
 
 #include <cstdint>
@@ -17,6 +17,7 @@ namespace map_file_test {
 
 using namespace QV::RCMAP;
 using namespace qv::shader_v3;
+using namespace map_storage_test;
 
 inline std::vector<uint8_t> file_bytes(const std::string& path)
 {
@@ -60,18 +61,25 @@ void set_field_at(std::vector<uint8_t>& bytes, size_t offset, T value)
     memcpy(bytes.data() + offset, &value, sizeof value);
 }
 
-// Elements of dimension 3 with a "weight" scalar and an "id" integer, plus, where asked, global
-// fields that make the global block an odd size.
+// Element i of a written file, at page i / E, slot i % E behind the header.
+inline Small_element stored_element(const std::vector<uint8_t>& bytes, size_t data, uint32_t per_page, uint32_t i)
+{
+    Small_element stored;
+    memcpy(&stored, bytes.data() + data + size_t(i / per_page) * MAP_FILE_PAGE_BYTES + size_t(i % per_page) * 20, 20);
+    return stored;
+}
+
+// Small elements plus global fields that make the global block an odd size.
 inline Map_declaration_impl declaration_with_globals()
 {
-    Map_declaration_impl declaration = map_storage_test::small_declaration();
+    Map_declaration_impl declaration = small_declaration();
     declaration.add_global_scalar("scale");
     declaration.add_global_string("label", 5);
     return declaration;
 }
 
 // Every test runs in a scratch directory of its own, with the map module up and messages captured.
-class Map_file_test : public map_storage_test::Map_storage_test {
+class Map_file_test : public Map_storage_test {
 protected:
     void SetUp() override
     {
@@ -87,33 +95,6 @@ protected:
         Map_storage_test::TearDown();
     }
     std::string path(const char* name) const { return directory + "/" + name; }
-
-    // Appends elements [first, first + count) of small_element and commits them.
-    static void fill(Map_impl& map, uint32_t first, uint32_t count)
-    {
-        for (uint32_t i = first; i < first + count; ++i) {
-            map_storage_test::Small_element element = map_storage_test::small_element(i);
-            ASSERT_EQ(map.append_raw(&element), MAP_SUCCESS);
-        }
-        map.commit();
-    }
-
-    static map_storage_test::Small_element element_of(const Map_impl& map, uint32_t index)
-    {
-        map_storage_test::Small_element element;
-        map.read_element(index, &element);
-        return element;
-    }
-
-    // Counts captured lines of a level that contain `fragment`.
-    static int count_lines(uint32_t level, const std::string& fragment)
-    {
-        int n = 0;
-        for (const map_storage_test::Captured_line& line : map_storage_test::captured())
-            if (line.level == level && line.text.find(fragment) != std::string::npos)
-                ++n;
-        return n;
-    }
 
     std::string directory;
 };

@@ -18,6 +18,8 @@ TEST_F(Map_storage_map, AppendsStayPendingUntilCommit)
     Map_impl map;
     EXPECT_FALSE(map.has_declaration());
     EXPECT_EQ(map.page_store().map_id, -1) << "nothing registers before a declaration";
+    Map_element_impl bare;
+    EXPECT_EQ(map.append(&bare), MAP_NO_DECLARATION);
 
     Map_declaration_impl declaration = small_declaration();
     Map_element_impl element(&declaration);
@@ -30,8 +32,7 @@ TEST_F(Map_storage_map, AppendsStayPendingUntilCommit)
     EXPECT_EQ(map.size(), 0u);
     EXPECT_EQ(map.get_pending_count(), 1u);
 
-    Map_element_impl out;
-    EXPECT_EQ(map.get(0, &out), MAP_INDEX_OUT_OF_RANGE) << "pending elements can't be reached";
+    EXPECT_EQ(map.get(0, &bare), MAP_INDEX_OUT_OF_RANGE) << "pending elements can't be reached";
     EXPECT_FALSE(map.get_bounds().valid);
 
     map.commit();
@@ -39,9 +40,9 @@ TEST_F(Map_storage_map, AppendsStayPendingUntilCommit)
     EXPECT_TRUE(map.needs_build);
     EXPECT_TRUE(map.get_bounds().valid);
     EXPECT_EQ(map.get_bounds().minimum[1], -2.0f);
-    ASSERT_EQ(map.get(0, &out), MAP_SUCCESS) << "an element without declaration is typed by the map";
+    ASSERT_EQ(map.get(0, &bare), MAP_SUCCESS) << "an element without declaration is typed by the map";
     int32_t id = 0;
-    EXPECT_EQ(out.get(declaration.get_field_id("id", nullptr), id), MAP_SUCCESS);
+    EXPECT_EQ(bare.get(declaration.get_field_id("id", nullptr), id), MAP_SUCCESS);
     EXPECT_EQ(id, 42);
 
     // A committed count of 0 does not ask for a build.
@@ -129,12 +130,8 @@ TEST_F(Map_storage_map, GlobalFieldsFollowTheAccessorChecks)
 TEST_F(Map_storage_map, CopiesShareNothing)
 {
     Map_impl map(small_declaration());
-    uint32_t count = map.page_store().elements_per_page * 3 + 5;
-    for (uint32_t i = 0; i < count; ++i) {
-        Small_element element = small_element(i);
-        map.append_raw(&element);
-    }
-    map.commit();
+    const uint32_t count = map.page_store().elements_per_page * 3 + 5;
+    fill(map, 0, count);
     Small_element extra = small_element(count);
     map.append_raw(&extra);   // one pending element travels with the copy
 
@@ -145,11 +142,7 @@ TEST_F(Map_storage_map, CopiesShareNothing)
     EXPECT_NE(copy->page_store().map_id, map.page_store().map_id);
     Small_element changed = small_element(999999);
     map.write_element(7, &changed);
-    for (uint32_t i = 0; i <= count; ++i) {
-        Small_element element;
-        copy->read_element(i, &element);
-        ASSERT_TRUE(same(element, small_element(i))) << i;
-    }
+    EXPECT_TRUE(holds_elements(*copy, count + 1));
     delete copied;
 }
 
@@ -159,12 +152,8 @@ TEST_F(Map_storage_map, StoredFormRoundTrips)
     declaration.add_global_integer("frame");
     Map_impl map(declaration);
     map.set(declaration.get_field_id("frame", nullptr), int32_t(17));
-    uint32_t count = map.page_store().elements_per_page + 10;
-    for (uint32_t i = 0; i < count; ++i) {
-        Small_element element = small_element(i);
-        map.append_raw(&element);
-    }
-    map.commit();
+    const uint32_t count = map.page_store().elements_per_page + 10;
+    fill(map, 0, count);
     map.quiet = true;
 
     QV::DB::Db_serializer serializer;
@@ -182,11 +171,7 @@ TEST_F(Map_storage_map, StoredFormRoundTrips)
     EXPECT_EQ(back.get(declaration.get_field_id("frame", nullptr), frame), MAP_SUCCESS);
     EXPECT_EQ(frame, 17);
     EXPECT_EQ(memcmp(&back.get_bounds(), &map.get_bounds(), offsetof(Map_bounds, valid)), 0);
-    for (uint32_t i = 0; i < count; ++i) {
-        Small_element element;
-        back.read_element(i, &element);
-        ASSERT_TRUE(same(element, small_element(i))) << i;
-    }
+    EXPECT_TRUE(holds_elements(back, count));
     EXPECT_EQ(back.get_class_id(), 0x3D4D4150u);
     EXPECT_GE(back.get_size(), uint64_t(2 * 32768)) << "the storage counts, not the object";
 
@@ -198,10 +183,7 @@ TEST_F(Map_storage_map, StoredFormRoundTrips)
     ASSERT_NE(object, nullptr);
     auto* rebuilt = dynamic_cast<Map_impl*>(object);
     ASSERT_NE(rebuilt, nullptr);
-    EXPECT_EQ(rebuilt->size(), count);
-    Small_element element;
-    rebuilt->read_element(count - 1, &element);
-    EXPECT_TRUE(same(element, small_element(count - 1)));
+    EXPECT_TRUE(holds_elements(*rebuilt, count));
     delete rebuilt;
 }
 
@@ -226,11 +208,7 @@ TEST_F(Map_storage_map, AttachedFileFollowsTheElementsInMemory)
     EXPECT_EQ(map.get_bounds().minimum[0], -50.0f);
 
     // The memory elements keep their page; the file's first element opens page 1.
-    for (uint32_t i = 0; i < 5; ++i) {
-        Small_element element;
-        map.read_element(i, &element);
-        EXPECT_TRUE(same(element, small_element(i))) << i;
-    }
+    EXPECT_TRUE(holds_elements(map, 5));
     uint8_t first = 0, last = 0;
     map.read_field(5, 0, 1, &first);
     map.read_field(104, 19, 1, &last);

@@ -1,7 +1,9 @@
-// Shared set-up of the map storage tests: module start, message capture, small declarations.
+// Shared set-up of the map tests: module start, message capture, small declarations and maps
+// of known elements.
 #pragma once
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -34,12 +36,19 @@ inline void capture(uint32_t level, const char*, const char* text, int32_t numbe
     captured().push_back({level, number, text});
 }
 
+// Captured lines that contain `fragment`, of one level or (level 0) of any.
+inline int count_lines(uint32_t level, const std::string& fragment)
+{
+    int n = 0;
+    for (const Captured_line& line : captured())
+        if ((level == 0 || line.level == level) && line.text.find(fragment) != std::string::npos)
+            ++n;
+    return n;
+}
+
 inline bool saw(const std::string& fragment)
 {
-    for (const Captured_line& line : captured())
-        if (line.text.find(fragment) != std::string::npos)
-            return true;
-    return false;
+    return count_lines(0, fragment) > 0;
 }
 
 // Every test starts with the module up, all levels captured and a generous cache limit.
@@ -59,6 +68,30 @@ protected:
         qv_errorhandler(nullptr);
         QV::RCMAP::Map_manager::instance().set_size_limit_mb(64.0f);
     }
+};
+
+// Sets an environment variable for one scope and puts the old value back.
+class Scoped_env {
+public:
+    Scoped_env(const char* name, const char* value) : name_(name)
+    {
+        const char* old = getenv(name);
+        had_ = old != nullptr;
+        saved_ = old ? old : "";
+        setenv(name, value, 1);
+    }
+    ~Scoped_env()
+    {
+        if (had_)
+            setenv(name_, saved_.c_str(), 1);
+        else
+            unsetenv(name_);
+    }
+
+private:
+    const char* name_;
+    bool had_;
+    std::string saved_;
 };
 
 // Dimension 3 with a scalar "weight" and an integer "id": 20 bytes per element.
@@ -92,6 +125,32 @@ inline Small_element small_element(uint32_t i)
 inline bool same(const Small_element& a, const Small_element& b)
 {
     return memcmp(&a, &b, sizeof a) == 0;
+}
+
+// Appends elements [first, first + count) of small_element and commits them.
+inline void fill(QV::RCMAP::Map_impl& map, uint32_t first, uint32_t count)
+{
+    for (uint32_t i = first; i < first + count; ++i) {
+        Small_element element = small_element(i);
+        ASSERT_EQ(map.append_raw(&element), qv::shader_v3::MAP_SUCCESS);
+    }
+    map.commit();
+}
+
+inline Small_element element_of(const QV::RCMAP::Map_impl& map, uint32_t index)
+{
+    Small_element element;
+    map.read_element(index, &element);
+    return element;
+}
+
+// Elements [0, count) of `map` are small_element(0 + first), small_element(1 + first), ...
+inline ::testing::AssertionResult holds_elements(const QV::RCMAP::Map_impl& map, uint32_t count, uint32_t first = 0)
+{
+    for (uint32_t i = 0; i < count; ++i)
+        if (!same(element_of(map, i), small_element(first + i)))
+            return ::testing::AssertionFailure() << "element " << i << " differs";
+    return ::testing::AssertionSuccess();
 }
 
 // A backing file whose page p holds the byte value (p + seed) everywhere.
