@@ -15,6 +15,7 @@
 #include "maps/map_bvh.h"
 #include "maps/map_declaration.h"
 #include "maps/map_impl.h"
+#include "maps/map_manager.h"
 #include "maps/map_page_store.h"
 #include "runtime/modules.h"
 #include "runtime/msg.h"
@@ -264,7 +265,8 @@ bool full_build(Map_impl& map, bool verbose)
     Map_page_store staged;
     staged.configure(element_bytes, dimension);
     std::vector<uint8_t> run_copy(MAP_FILE_PAGE_BYTES);
-    for_each_run(store, count, [&](const uint8_t* data, uint32_t, uint32_t run) {
+    Map_manager& manager = Map_manager::instance();
+    for_each_run(store, count, [&](const uint8_t* data, uint32_t done, uint32_t run) {
         // The staged writes below may push the old page out of the thread's table.
         memcpy(run_copy.data(), data, size_t(run) * element_bytes);
         uint32_t open_page = UINT32_MAX;
@@ -294,6 +296,19 @@ bool full_build(Map_impl& map, bool verbose)
             bvh->add_to_box(page, position);
             bounds.add(position, dimension);
         }
+        // An old page that has been passed is never read again before the store is dropped:
+        // its buffer goes to the free list and serves the next staged page, so a map in
+        // roughly spatial order is not held twice while it is rewritten.
+        uint32_t page, slot;
+        store.locate(done + run - 1, &page, &slot);
+        uint32_t cache_page = page >> store.cache_page_shift;
+        if (done + run < count) {
+            uint32_t next_page, next_slot;
+            store.locate(done + run, &next_page, &next_slot);
+            if (next_page >> store.cache_page_shift == cache_page)
+                return;
+        }
+        manager.discard_page(&store, cache_page);
     });
     // 6.
     for (uint32_t i = 0; i < count; ++i)

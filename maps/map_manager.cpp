@@ -886,6 +886,24 @@ void Map_manager::flush_map(Map_page_store* store)
         flush_nodes(store->map_id, false);
 }
 
+void Map_manager::discard_page(Map_page_store* store, uint32_t cache_page)
+{
+    std::lock_guard<std::mutex> hold(lock_);
+    int32_t id = store->map_id;
+    if (id < 0 || size_t(id) >= maps_.size() || !maps_[size_t(id)])
+        return;
+    if (in_transit(uint32_t(id), cache_page))
+        return;
+    const uint64_t key = Map_page_table::make_key(uint32_t(id), cache_page);
+    for (Map_page_table* table = tables_; table; table = table->next_table) {
+        std::lock_guard<std::mutex> table_hold(table->lock());
+        give_back_locked(table->remove(key));
+    }
+    Map_page_node* node = index_get(uint32_t(id), cache_page);
+    if (node && node->bucket == 0 && node->buffer.data)
+        drop_node_locked(node);
+}
+
 // ---- Statistics and trace -----------------------------------------------------------------
 
 void Map_manager::print_map_statistics(int32_t map_id, const Map_cache_statistics& statistics, bool totals)

@@ -115,6 +115,12 @@ public:
     // Takes every page of one map out of all tables and out of memory, writing its dirty pages
     // to the map's swap file; the map stays usable.
     void flush_map(Map_page_store* store);
+    // Forgets one cache page of the map: out of every thread table and out of memory, its buffer
+    // back to the free list, nothing written to the swap file. For a pass that has consumed the
+    // page and will drop the whole store afterwards, so that the buffer serves the pass's next
+    // page instead of piling up; the page's content is undefined on a later access. A page in
+    // transit is left alone.
+    void discard_page(Map_page_store* store, uint32_t cache_page);
     // Registered with the memory manager: notes the bytes and returns at once.
     static size_t flush_callback(size_t bytes);
 
