@@ -6,9 +6,10 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,7 @@
 #include "finalgather/fg_file.h"
 #include "finalgather/fg_map.h"
 #include "finalgather/rcfg_module.h"
+#include "maps/map_declaration.h"
 #include "maps/map_element.h"
 #include "maps/map_impl.h"
 #include "maps/map_manager.h"
@@ -28,11 +30,7 @@
 
 namespace fg_test {
 
-struct Line {
-    uint32_t level;
-    int32_t number;
-    std::string text;
-};
+struct Line { uint32_t level; int32_t number; std::string text; };
 
 inline std::vector<Line>& lines()
 {
@@ -53,6 +51,16 @@ inline const Line* find_line(const std::string& fragment)
 inline int32_t code_of(const Line* line)
 {
     return line->number / 10000 == MOD_RCFG ? line->number % 1000 : -1;
+}
+
+// Expects a captured line reading exactly `text`, at `level`, under RCFG code `code` (plain
+// lines have code 0).
+inline void expect_line(const std::string& text, uint32_t level, int32_t code = 0)
+{
+    const auto line = std::find_if(lines().begin(), lines().end(), [&](const Line& l) { return l.text == text; });
+    ASSERT_NE(line, lines().end()) << "no line \"" << text << "\"";
+    EXPECT_EQ(line->level, level) << text;
+    EXPECT_EQ(code_of(&*line), code) << text;
 }
 
 class Fg_test : public ::testing::Test {
@@ -145,16 +153,14 @@ struct Classic_file {
 
     std::vector<uint8_t> bytes() const
     {
-        std::vector<uint8_t> out(120, 0);
+        std::vector<uint8_t> out(120 + 104 * records.size(), 0);
         std::memcpy(out.data(), "qvFG    3.9.4.14", 16);
         std::memcpy(out.data() + 32, "qvFH", 4);
         const uint32_t header_words[][2] = {{36, 1}, {40, version}, {96, count}};
         for (const auto& [offset, value] : header_words)
             std::memcpy(out.data() + offset, &value, 4);
-        for (const Fg_point& record : records) {
-            out.resize(out.size() + 104);
-            std::memcpy(out.data() + out.size() - 104, &record, 104);
-        }
+        for (size_t k = 0; k < records.size(); ++k)
+            std::memcpy(out.data() + 120 + 104 * k, &records[k], 104);
         if (big_endian)
             for (size_t offset = 36; offset < out.size(); offset += 4)
                 std::reverse(out.begin() + long(offset), out.begin() + long(offset) + 4);
@@ -164,24 +170,18 @@ struct Classic_file {
 
 inline void write_bytes(const std::string& path, const std::vector<uint8_t>& bytes)
 {
-    FILE* file = std::fopen(path.c_str(), "wb");
-    ASSERT_NE(file, nullptr);
-    if (!bytes.empty()) {
-        ASSERT_EQ(std::fwrite(bytes.data(), 1, bytes.size(), file), bytes.size());
-    }
-    std::fclose(file);
+    std::ofstream out(path, std::ios::binary);
+    if (!bytes.empty())
+        out.write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
+    out.close();
+    ASSERT_FALSE(out.fail()) << path;
 }
 
+// The whole file; empty when it is missing.
 inline std::vector<uint8_t> read_bytes(const std::string& path)
 {
-    std::error_code error;
-    const auto size = std::filesystem::file_size(path, error);
-    std::vector<uint8_t> bytes(error ? 0 : size);
-    if (FILE* file = bytes.empty() ? nullptr : std::fopen(path.c_str(), "rb")) {
-        bytes.resize(std::fread(bytes.data(), 1, bytes.size(), file));
-        std::fclose(file);
-    }
-    return bytes;
+    std::ifstream in(path, std::ios::binary);
+    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
 }
 
 inline uint32_t word_at(const std::vector<uint8_t>& bytes, size_t offset)
@@ -198,16 +198,43 @@ inline Fg_point record_at(const std::vector<uint8_t>& bytes, uint32_t index)
     return point;
 }
 
-// The committed points of a map, in map order.
-inline std::vector<Fg_point> points_of(QV::RCMAP::Map_impl* map)
+// Adds make_point(first) .. make_point(first + count - 1) through `writer` and closes it.
+inline int write_points(Fg_map_writer* writer, uint32_t first, uint32_t count)
 {
+    for (uint32_t k = first; k < first + count; ++k) {
+        const Fg_point point = make_point(k);
+        EXPECT_EQ(fg_map_write_point(writer, point.normal, point.position), 1);
+    }
+    return fg_map_close(writer);
+}
+
+// Loads a file into a new map and commits it; the points in map order, the count in `loaded`.
+inline std::vector<Fg_point> load_points(const std::string& path, bool allow_classic, uint32_t* loaded = nullptr)
+{
+    QV::RCMAP::Map_impl* map = fg_map_new();
+    const uint32_t count = fg_map_load(map, path.c_str(), allow_classic);
+    if (loaded)
+        *loaded = count;
+    map->build_bvh(0.6f, false, false);
     std::vector<Fg_point> points(map->size());
     QV::RCMAP::Map_element_impl* element = fg_scratch_element();
     for (uint32_t n = 0; n < map->size(); ++n) {
         map->get(n, element);
         fg_point_from_element(&points[n], element);
     }
+    delete map;
     return points;
+}
+
+// A committed map of one element whose declaration is not the final-gather one.
+inline QV::RCMAP::Map_impl* other_layout_map(QV::RCMAP::Map_declaration_impl& other)
+{
+    other.add_scalar("weight");
+    auto* map = new QV::RCMAP::Map_impl(other);
+    QV::RCMAP::Map_element_impl element(&other);
+    map->append(&element);
+    map->build_bvh(0.6f, false, false);
+    return map;
 }
 
 }  // namespace fg_test

@@ -1,10 +1,11 @@
 // Module RCFG: what its start registers, and the per-thread cache.
+#include <memory>
 #include <thread>
 
 #include "fg_test_support.h"
 #include "database/scene_types.h"
-#include "maps/map_declaration.h"
 #include "runtime/threads.h"
+#include "serial/deserialization_manager.h"
 
 using namespace fg_test;
 
@@ -12,7 +13,7 @@ namespace {
 
 class RcfgModuleTest : public Fg_test {};
 
-TEST_F(RcfgModuleTest, StartMakesThePowerTableOnceAndWarnsOfTheObsoleteVariable)
+TEST_F(RcfgModuleTest, StartRegistersPowersTypesAndClassesAndWarnsOfTheObsoleteVariable)
 {
     uint32_t length = 0;
     const float* powers = fg_power_table(&length);
@@ -21,29 +22,33 @@ TEST_F(RcfgModuleTest, StartMakesThePowerTableOnceAndWarnsOfTheObsoleteVariable)
     for (uint32_t n = 0; n < length; ++n)
         EXPECT_EQ(powers[n], float(expected[n])) << n;
 
-    // Set but empty still counts.
+    // Set but empty still counts; a second start keeps the one table.
     setenv("QV_RCFG_RASTER_FACTOR", "", 1);
     fg_module_init();
     unsetenv("QV_RCFG_RASTER_FACTOR");
     EXPECT_EQ(fg_power_table(nullptr), powers);
     ASSERT_EQ(lines().size(), 2u);
-    EXPECT_EQ(lines()[0].level, MSG_INFO);
     EXPECT_EQ(lines()[0].text, "Environment variable QV_RCFG_RASTER_FACTOR is obsolete, use");
     EXPECT_EQ(lines()[1].text, "finalgather presample density (linear scale) instead");
-}
+    EXPECT_TRUE(lines()[0].level == MSG_INFO && lines()[1].level == MSG_INFO);
 
-TEST_F(RcfgModuleTest, GridBorderRecordIsSwappedByItsTemplate)
-{
+    // "2i3c5i": three words turned, four bytes left alone, six words turned.
     uint32_t tag = 0;
     auto* words = static_cast<uint32_t*>(fg_grid_border_create(&tag));
     ASSERT_EQ(qv_db_size(tag), 40u);
     for (uint32_t n = 0; n < 10; ++n)
         words[n] = 0x01020304u + n;
-    // "2i3c5i": three words turned, four bytes left alone, six words turned.
     qv_scene_handlers(FG_TYPE_GRID_BORDER).swap(qv_db_peek(tag), true);
     for (uint32_t n = 0; n < 10; ++n)
         EXPECT_EQ(words[n], n == 3 ? 0x01020307u : __builtin_bswap32(0x01020304u + n)) << n;
     fg_grid_border_delete(tag);
+
+    for (const char* name : {"FGGG", "FGcG"}) {
+        const uint32_t id = QV::SERIAL::qv_class_id(name);
+        const std::unique_ptr<QV::SERIAL::Serializable> grid(QV::SERIAL::serial_manager()->construct(id));
+        ASSERT_NE(grid, nullptr) << name;
+        EXPECT_EQ(grid->get_class_id(), id) << name;
+    }
 }
 
 TEST_F(RcfgModuleTest, CacheBelongsToOneThreadAndNewMapsCopyIt)
