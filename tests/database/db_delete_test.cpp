@@ -38,11 +38,8 @@ TEST_F(DbDeleteTest, DeletingTwiceReportsErrorThirtyEightOnce)
     EXPECT_EQ(qv_db_statistics().tags, 0);
 
     // The slot was given back once only: the next two creates get 0x400 and 0x401.
-    Db_tag again = 0, next = 0;
-    qv_db_create(&again, 0, 4);
-    qv_db_create(&next, 0, 4);
-    EXPECT_EQ(again, tag);
-    EXPECT_EQ(next, 0x401u);
+    EXPECT_EQ(make_unpinned(0, 4), tag);
+    EXPECT_EQ(make_unpinned(0, 4), 0x401u);
 }
 
 TEST_F(DbDeleteTest, DestructorDeletesRunAfterTheLockIsLeft)
@@ -71,9 +68,7 @@ TEST_F(DbDeleteTest, DestructorDeletesRunAfterTheLockIsLeft)
 
 TEST_F(DbDeleteTest, DelayBracketQueuesDeletesUntilItCloses)
 {
-    Db_tag first = 0, second = 0;
-    qv_db_create(&first, 0, 8);
-    qv_db_create(&second, 0, 8);
+    const Db_tag first = make_unpinned(0, 8), second = make_unpinned(0, 8);
     qv_db_delay_deletes();
     qv_db_delete(first);
     qv_db_delete(second);
@@ -84,8 +79,7 @@ TEST_F(DbDeleteTest, DelayBracketQueuesDeletesUntilItCloses)
     EXPECT_EQ(qv_db_peek(second)->state, DB_STATE_FREE);
 
     // The bracket is closed: deletes run at once again.
-    Db_tag third = 0;
-    qv_db_create(&third, 0, 8);
+    const Db_tag third = make_unpinned(0, 8);
     qv_db_delete(third);
     EXPECT_EQ(qv_db_peek(third)->state, DB_STATE_FREE);
 }
@@ -94,10 +88,8 @@ TEST_F(DbDeleteTest, AttachedDataIsNotTheDatabasesToFree)
 {
     // Stack memory: freeing it would be caught by the sanitizer build.
     char buffer[32] = {};
-    Db_tag tag = 0;
-    qv_db_create(&tag, 0, 4);
-    void* own = qv_db_access(tag);
-    QV_FREE(own);
+    const Db_tag tag = make_unpinned(0, 4);
+    QV_FREE(qv_db_access(tag));
     qv_db_attach(tag, buffer, sizeof buffer);
     EXPECT_EQ(qv_db_peek(tag)->state, DB_STATE_ATTACHED);
     EXPECT_EQ(qv_db_access(tag), buffer);
@@ -126,9 +118,7 @@ TEST_F(DbDeleteTest, SharedTagDeleteIsBroadcast)
     Db_remote_hooks remote{};
     remote.broadcast_delete = [](Db_tag tag) { broadcast.push_back(tag); };
     qv_db_set_remote_hooks(remote);
-    Db_tag local = 0, shared = 0;
-    qv_db_create(&local, 0, 4);
-    qv_db_create(&shared, 0, 4);
+    const Db_tag local = make_unpinned(0, 4), shared = make_unpinned(0, 4);
     qv_db_mark_shared(shared);
     qv_db_delete(local);
     qv_db_delete(shared);

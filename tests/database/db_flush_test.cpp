@@ -5,31 +5,6 @@ namespace {
 
 using DbFlushTest = DbTest;
 
-constexpr int POLYGON = 14;
-
-void collect_tags(void* user, void*, Db_flush_entry* entries, int count, Db_thread_list*)
-{
-    auto* out = static_cast<std::vector<Db_tag>*>(user);
-    for (int i = 0; i < count; ++i)
-        out->push_back(entries[i].tag);
-}
-
-std::vector<Db_tag> flush_order()
-{
-    std::vector<Db_tag> tags;
-    qv_db_flush_walk(collect_tags, &tags, nullptr);
-    return tags;
-}
-
-Db_tag make_unpinned(int type, uint32_t size)
-{
-    Db_tag tag = 0;
-    qv_db_create(&tag, type, size);
-    if (qv_db_type_tracked(type))
-        qv_db_unpin(tag);
-    return tag;
-}
-
 TEST_F(DbFlushTest, ClockAdvancesOnCreateAndTrackedAccessOnly)
 {
     EXPECT_EQ(qv_db_clock(), 2u) << "the clock starts at 2";
@@ -52,10 +27,10 @@ TEST_F(DbFlushTest, WalkOffersOldestFirst)
     Db_tag c = make_unpinned(POLYGON, 8);
     make_unpinned(DB_TYPE_SERIALIZABLE, 8);  // untracked: never offered
     // Touch a, then b: c is now the oldest.
-    qv_db_access(a);
-    qv_db_unpin(a);
-    qv_db_access(b);
-    qv_db_unpin(b);
+    for (Db_tag touched : {a, b}) {
+        qv_db_access(touched);
+        qv_db_unpin(touched);
+    }
     EXPECT_EQ(flush_order(), (std::vector<Db_tag>{c, a, b}));
 }
 

@@ -8,41 +8,19 @@ namespace {
 
 using DbPinTest = DbTest;
 
-constexpr int POLYGON = 14;
-
-// Collects what a flush walk offers.
-void collect_tags(void* user, void*, Db_flush_entry* entries, int count, Db_thread_list*)
-{
-    auto* out = static_cast<std::vector<Db_tag>*>(user);
-    for (int i = 0; i < count; ++i)
-        out->push_back(entries[i].tag);
-}
-
-std::vector<Db_tag> flush_candidates()
-{
-    std::vector<Db_tag> tags;
-    qv_db_flush_walk(collect_tags, &tags, nullptr);
-    return tags;
-}
-
-bool contains(const std::vector<Db_tag>& tags, Db_tag tag)
-{
-    return std::find(tags.begin(), tags.end(), tag) != tags.end();
-}
-
 TEST_F(DbPinTest, TrackedElementStaysPinnedByItsCreatorUntilUnpinned)
 {
     Db_tag tag = 0;
     qv_db_create(&tag, POLYGON, 16);
     EXPECT_EQ(my_pins(tag), 1u);
-    EXPECT_FALSE(contains(flush_candidates(), tag));
+    EXPECT_FALSE(offered(tag));
 
     qv_db_access(tag);
     EXPECT_EQ(my_pins(tag), 2u);
     qv_db_unpin(tag);
     qv_db_unpin(tag);
     EXPECT_EQ(my_pins(tag), 0u);
-    EXPECT_TRUE(contains(flush_candidates(), tag));
+    EXPECT_TRUE(offered(tag));
 }
 
 TEST_F(DbPinTest, UntrackedElementNeedsNoUnpinAndIsNeverOffered)
@@ -52,7 +30,7 @@ TEST_F(DbPinTest, UntrackedElementNeedsNoUnpinAndIsNeverOffered)
     for (int i = 0; i < 3; ++i)
         EXPECT_EQ(qv_db_access(map), data);
     EXPECT_EQ(my_pins(map), 0u);
-    EXPECT_FALSE(contains(flush_candidates(), map));
+    EXPECT_FALSE(offered(map));
     EXPECT_EQ(qv_db_peek(map)->data, data);
 }
 
@@ -92,9 +70,7 @@ TEST_F(DbPinTest, ElementMadeInsideAJobPinsTheJobChain)
 
 TEST_F(DbPinTest, PinsAreCountedPerThreadAndSummedByTheFlush)
 {
-    Db_tag tag = 0;
-    qv_db_create(&tag, POLYGON, 16);
-    qv_db_unpin(tag);
+    Db_tag tag = make_unpinned(POLYGON, 16);
     uint16_t pidx = qv_db_peek(tag)->pidx;
 
     std::mutex step_lock;
@@ -128,32 +104,24 @@ TEST_F(DbPinTest, PinsAreCountedPerThreadAndSummedByTheFlush)
     wait_for(1);
     EXPECT_EQ(foreign_pins, 1u);
     EXPECT_EQ(my_pins(tag), 0u) << "the foreign pin is not in this thread's array";
-    EXPECT_FALSE(contains(flush_candidates(), tag));
+    EXPECT_FALSE(offered(tag));
     advance(2);
     wait_for(3);
-    EXPECT_TRUE(contains(flush_candidates(), tag));
+    EXPECT_TRUE(offered(tag));
     advance(4);
     foreign.join();
-    EXPECT_FALSE(contains(flush_candidates(), tag)) << "an ended thread's pins still count";
+    EXPECT_FALSE(offered(tag)) << "an ended thread's pins still count";
 }
 
 TEST_F(DbPinTest, SharedPinSlotMakesTheFlushSkipBoth)
 {
-    Db_tag first = 0, second = 0;
-    qv_db_create(&first, POLYGON, 16);
-    qv_db_create(&second, POLYGON, 16);
-    qv_db_unpin(first);
-    qv_db_unpin(second);
+    Db_tag first = make_unpinned(POLYGON, 16), second = make_unpinned(POLYGON, 16);
     qv_db_peek(second)->pidx = qv_db_peek(first)->pidx;
-
     qv_db_access(first);
-    std::vector<Db_tag> offered = flush_candidates();
-    EXPECT_FALSE(contains(offered, first));
-    EXPECT_FALSE(contains(offered, second));
+    EXPECT_FALSE(offered(first));
+    EXPECT_FALSE(offered(second));
     qv_db_unpin(first);
-    offered = flush_candidates();
-    EXPECT_TRUE(contains(offered, first));
-    EXPECT_TRUE(contains(offered, second));
+    EXPECT_EQ(flush_order(), (std::vector<Db_tag>{second, first}));
 }
 
 }  // namespace

@@ -5,8 +5,6 @@ namespace {
 
 using DbRecordsTest = DbTest;
 
-constexpr int POLYGON = 14;
-
 TEST_F(DbRecordsTest, DupCopiesTheBytesAndLeavesNothingPinned)
 {
     Db_tag source = 0;
@@ -44,9 +42,9 @@ TEST_F(DbRecordsTest, ReallocKeepsTheBytesAndReplaceSwapsTheBlock)
 
 TEST_F(DbRecordsTest, ReleasedDataKeepsTheTagAndAttachedDataBecomesOwnedAgain)
 {
-    Db_tag alias = 0, tag = 0;
+    Db_tag tag = 0;
     void* data = qv_db_create(&tag, 0, 16);
-    qv_db_create(&alias, 0, 1);
+    const Db_tag alias = make_unpinned(0, 1);
     QV_FREE(qv_db_access(alias));
     qv_db_alias(alias, tag);
     EXPECT_EQ(qv_db_access(alias), data);

@@ -7,11 +7,10 @@ using DbTableTest = DbTest;
 
 TEST_F(DbTableTest, FirstOrdinaryTagIs0x400AndFirstJobTagIs0x40000000)
 {
-    Db_tag first = 0, second = 0, job = 0;
-    qv_db_create(&first, 0, 8);
-    qv_db_create(&second, 0, 8);
+    Db_tag job = 0;
+    const Db_tag first = make_unpinned(0, 8);
     EXPECT_EQ(first, 0x400u);
-    EXPECT_EQ(second, 0x401u);
+    EXPECT_EQ(make_unpinned(0, 8), 0x401u);
     EXPECT_EQ(qv_db_create_job_tag(&job, 63, MOD_DBN), 1);
     EXPECT_EQ(job, 0x40000000u);
     EXPECT_TRUE(qv_db_is_job(job));
@@ -49,19 +48,14 @@ TEST_F(DbTableTest, FullPageMovesOnAndFreedSlotsAreTakenFirst)
 
     // A freed slot in an earlier page lowers the directory hint, and the slot hint points at it.
     qv_db_delete(0x500);
-    Db_tag reused = 0;
-    qv_db_create(&reused, 0, 4);
-    EXPECT_EQ(reused, 0x500u);
-    Db_tag next = 0;
-    qv_db_create(&next, 0, 4);
-    EXPECT_EQ(next, 0x801u);
+    EXPECT_EQ(make_unpinned(0, 4), 0x500u);
+    EXPECT_EQ(make_unpinned(0, 4), 0x801u);
 }
 
 TEST_F(DbTableTest, SlaveHostAllocatesInItsOwnDirectory)
 {
     thread_context()->host_number = 3;
-    Db_tag tag = 0;
-    qv_db_create(&tag, 0, 4);
+    Db_tag tag = make_unpinned(0, 4);
     EXPECT_EQ(tag, 0x83000000u);
     EXPECT_EQ(qv_db_tag_owner(tag), 3u);
     EXPECT_EQ(qv_db_count_host_tags(3), 1);
@@ -73,14 +67,10 @@ TEST_F(DbTableTest, SlaveHostAllocatesInItsOwnDirectory)
 
 TEST_F(DbTableTest, SplitJobsPinInTheirOwnBand)
 {
-    Db_tag plain = 0, split = 0;
-    qv_db_create(&plain, 0, 4);
-    qv_db_create(&split, DB_TYPE_RCB_SPLIT_JOB, 4);
-    EXPECT_EQ(qv_db_peek(plain)->pidx, 0);
+    EXPECT_EQ(qv_db_peek(make_unpinned(0, 4))->pidx, 0);
+    const Db_tag split = make_unpinned(DB_TYPE_RCB_SPLIT_JOB, 4);
     EXPECT_EQ(qv_db_peek(split)->pidx, split % 1023 + 31744);
-    Db_tag after = 0;
-    qv_db_create(&after, 0, 4);
-    EXPECT_EQ(qv_db_peek(after)->pidx, 1) << "the split job does not use up the running counter";
+    EXPECT_EQ(qv_db_peek(make_unpinned(0, 4))->pidx, 1) << "the split job does not use up the running counter";
 }
 
 TEST_F(DbTableTest, TrackedTypesAreExactlyTheGeometryTypes)
@@ -97,8 +87,7 @@ TEST_F(DbTableTest, TrackedTypesAreExactlyTheGeometryTypes)
 
 TEST_F(DbTableTest, FatalsCarryTheirNumbers)
 {
-    Db_tag tag = 0;
-    qv_db_create(&tag, 0, 4);
+    const Db_tag tag = make_unpinned(0, 4);
     EXPECT_EXIT(qv_db_access(0), ::testing::ExitedWithCode(1), "N=41008 T=attempt to access null DB tag");
     EXPECT_EXIT(qv_db_access(0x5000), ::testing::ExitedWithCode(1), "N=41052 T=accessing unknown tag 0x5000");
     EXPECT_EXIT(qv_db_access(0x85000010), ::testing::ExitedWithCode(1),

@@ -36,6 +36,37 @@ inline void db_capture(uint32_t level, const char*, const char* text, int32_t nu
         std::fprintf(stderr, "N=%d T=%s\n", number, text);
 }
 
+constexpr int POLYGON = 14;   // a tracked geometry type
+
+// The tags a flush walk offers, in the order offered.
+inline std::vector<Db_tag> flush_order()
+{
+    std::vector<Db_tag> tags;
+    qv_db_flush_walk(
+        [](void* user, void*, Db_flush_entry* entries, int count, Db_thread_list*) {
+            for (int i = 0; i < count; ++i)
+                static_cast<std::vector<Db_tag>*>(user)->push_back(entries[i].tag);
+        },
+        &tags, nullptr);
+    return tags;
+}
+
+inline bool offered(Db_tag tag)
+{
+    std::vector<Db_tag> tags = flush_order();
+    return std::find(tags.begin(), tags.end(), tag) != tags.end();
+}
+
+// A new record without its creation pin.
+inline Db_tag make_unpinned(int type, uint32_t size)
+{
+    Db_tag tag = 0;
+    qv_db_create(&tag, type, size);
+    if (qv_db_type_tracked(type))
+        qv_db_unpin(tag);
+    return tag;
+}
+
 class DbTest : public ::testing::Test {
 protected:
     void SetUp() override
@@ -81,18 +112,31 @@ protected:
 
     static int count_messages(int32_t number)
     {
-        int count = 0;
-        for (const Db_message& message : db_messages())
-            count += message.number == number;
-        return count;
+        return int(std::count_if(db_messages().begin(), db_messages().end(),
+                                 [&](const Db_message& message) { return message.number == number; }));
     }
 
     static bool has_text(const std::string& text)
     {
-        for (const Db_message& message : db_messages())
-            if (message.text == text)
-                return true;
-        return false;
+        return std::any_of(db_messages().begin(), db_messages().end(),
+                           [&](const Db_message& message) { return message.text == text; });
+    }
+
+    // True when some captured line is exactly the formatted text.
+    template <class... Args>
+    static bool has_line(const char* format, Args... args)
+    {
+        char line[256];
+        std::snprintf(line, sizeof line, format, args...);
+        return has_text(line);
+    }
+
+    // Count of captured errors whose text contains `fragment`; "" counts every error.
+    static int errors_with(const std::string& fragment)
+    {
+        return int(std::count_if(db_messages().begin(), db_messages().end(), [&](const Db_message& message) {
+            return message.level == MSG_ERROR && message.text.find(fragment) != std::string::npos;
+        }));
     }
 
     static uint32_t my_pins(Db_tag tag)

@@ -8,6 +8,7 @@
 #include "serial/deserialization_manager.h"
 #include "serial/media_queue.h"
 #include "tests/database/scene_test_support.h"
+#include "tests/database/transaction_test_elements.h"
 
 namespace {
 
@@ -24,23 +25,7 @@ using QV::SCHED::Job_execution_context;
 using QV::SCHED::Job_template;
 using QV::SERIAL::qv_class_id;
 
-// The element a test job returns.
-class Result : public Element<Result, qv_class_id("=TRS")> {
-public:
-    uint32_t value = 0;
-    const void* serialize(QV::SERIAL::Serializer* out) const override
-    {
-        out->write(value);
-        return this + 1;
-    }
-    void* deserialize(QV::SERIAL::Deserializer* in) override
-    {
-        in->read(&value);
-        return this + 1;
-    }
-};
-
-// Makes a tracked element while it runs, then returns a Result carrying its word.
+// Makes a tracked element while it runs, then returns an element carrying its word.
 class Building_job : public Job_template<Building_job, qv_class_id("*TBJ")> {
 public:
     static inline std::vector<uint32_t> runs;    // words of the jobs run, in order
@@ -65,9 +50,7 @@ public:
         runs.push_back(word());
         qv_db_create(&made, SCENE_VECTOR, 12);
         qv_db_unpin(made);  // drop the creation pin; the job chain keeps its own accounting
-        auto* result = new Result;
-        result->value = word() * 10;
-        return result;
+        return new transaction_test::Counted(int(word() * 10));
     }
 };
 
@@ -90,19 +73,6 @@ protected:
         job->set_word(word);
         return job;
     }
-
-    static size_t stored_bytes(const QV::SERIAL::Serializable* object)
-    {
-        Db_serializer out;
-        out.serialize(object);
-        return out.queue().size();
-    }
-
-    static uint32_t pins_at(const Db_record* record)
-    {
-        const uint32_t* pins = thread_context()->db_pins;
-        return pins ? pins[record->pidx] : 0;
-    }
 };
 
 TEST_F(JobTest, JobTagProducesItsResultOnFirstAccessOnly)
@@ -118,14 +88,14 @@ TEST_F(JobTest, JobTagProducesItsResultOnFirstAccessOnly)
 
     auto* result = static_cast<Element_base*>(qv_db_access(tag));
     ASSERT_NE(result, nullptr);
-    ASSERT_EQ(result->get_class_id(), Result::CLASS_ID);
-    EXPECT_EQ(static_cast<Result*>(result)->value, 40u);
+    ASSERT_EQ(result->get_class_id(), transaction_test::Counted::CLASS_ID);
+    EXPECT_EQ(static_cast<transaction_test::Counted*>(result)->payload, 40);
     qv_db_unpin(tag);
 
     EXPECT_EQ(qv_db_access(tag), result);
     qv_db_unpin(tag);
     EXPECT_EQ(Building_job::runs.size(), 1u);
-    EXPECT_EQ(get_transaction()->get_class_id(tag), Result::CLASS_ID);
+    EXPECT_EQ(get_transaction()->get_class_id(tag), transaction_test::Counted::CLASS_ID);
 }
 
 TEST_F(JobTest, ElementsMadeByAJobPinItsResult)
@@ -138,15 +108,13 @@ TEST_F(JobTest, ElementsMadeByAJobPinItsResult)
     EXPECT_EQ(qv_db_current_job(), nullptr) << "the thread's current job is restored";
 
     const Db_tag made = Building_job::made;
-    Db_record* job_record = qv_db_peek(tag);
     ASSERT_NE(made, 0u);
-    EXPECT_EQ(qv_db_peek(made)->parent, job_record);
-
-    const uint32_t before = pins_at(job_record);
+    EXPECT_EQ(qv_db_peek(made)->parent, qv_db_peek(tag));
+    const uint32_t before = my_pins(tag);
     qv_db_access(made);
-    EXPECT_EQ(pins_at(job_record), before + 1) << "pinning the element pins the job result";
+    EXPECT_EQ(my_pins(tag), before + 1) << "pinning the element pins the job result";
     qv_db_unpin(made);
-    EXPECT_EQ(pins_at(job_record), before);
+    EXPECT_EQ(my_pins(tag), before);
 }
 
 TEST_F(JobTest, DependenciesRunBeforeTheJobThatNamesThem)
@@ -190,20 +158,27 @@ TEST_F(JobTest, InertRunnerMakesNoJobTagAndKeepsThemAll)
 
 TEST_F(JobTest, StoreDummyMakesATagOrAJob)
 {
-    Db_tag plain = 0;
+    Db_tag plain = 0, job = 0;
     get_transaction()->store_dummy(&plain, false);
     ASSERT_NE(plain, 0u);
     EXPECT_FALSE(qv_db_is_job(plain));
     EXPECT_EQ(get_transaction()->get_class_id(plain), Dummy_tag::CLASS_ID);
 
     QV::SCHED::qv_job_use_local_runner();
-    Db_tag job = 0;
     get_transaction()->store_dummy(&job, true);
     ASSERT_TRUE(qv_db_is_job(job));
-    auto* result = static_cast<Element_base*>(qv_db_access(job));
+    EXPECT_EQ(static_cast<Element_base*>(qv_db_access(job))->get_class_id(), Dummy_tag::CLASS_ID);
     qv_db_unpin(job);
-    ASSERT_NE(result, nullptr);
-    EXPECT_EQ(result->get_class_id(), Dummy_tag::CLASS_ID);
+}
+
+// Writes `object` as a stored object and reads it back through the process manager.
+std::unique_ptr<QV::SERIAL::Serializable> round_trip(const QV::SERIAL::Serializable* object, size_t* bytes)
+{
+    Db_serializer out;
+    out.serialize(object);
+    *bytes = out.queue().size();
+    Db_deserializer in(&out.queue());
+    return std::unique_ptr<QV::SERIAL::Serializable>(in.deserialize());
 }
 
 TEST_F(JobTest, SerializedJobIsTenFlagBytesAndOneWord)
@@ -221,62 +196,44 @@ TEST_F(JobTest, SerializedJobIsTenFlagBytesAndOneWord)
     job.set_flag(3, false);
     job.set_flag(10, true);
     job.set_word(0xA1B2C3D4);
-    Db_serializer changed;
-    job.serialize(&changed);
-    EXPECT_EQ(changed.queue().size(), 14u);
-
-    Db_deserializer in(&changed.queue());
-    Building_job back;
-    back.deserialize(&in);
-    EXPECT_TRUE(back.flag(1));
-    EXPECT_FALSE(back.shared());
-    EXPECT_TRUE(back.flag(10));
-    EXPECT_EQ(back.word(), 0xA1B2C3D4u);
-}
-
-TEST_F(JobTest, DummyJobTravelsAsItsClassIdAlone)
-{
-    Dummy_job job;
-    EXPECT_EQ(stored_bytes(&job), 4u);
-    EXPECT_EQ(job.get_class_id(), 0x2A44554Au);
-    EXPECT_EQ(job.get_size(), 24u);
-
-    Db_serializer out;
-    out.serialize(&job);
-    Db_deserializer in(&out.queue());
-    QV::SERIAL::Serializable* back = in.deserialize();
+    size_t stored = 0;
+    std::unique_ptr<QV::SERIAL::Serializable> read = round_trip(&job, &stored);
+    EXPECT_EQ(stored, 4u + 14) << "a job has no reference list: class id, then the job";
+    auto* back = dynamic_cast<Building_job*>(read.get());
     ASSERT_NE(back, nullptr);
-    EXPECT_NE(dynamic_cast<Dummy_job*>(back), nullptr);
-    delete back;
+    EXPECT_TRUE(back->flag(1));
+    EXPECT_FALSE(back->shared());
+    EXPECT_TRUE(back->flag(10));
+    EXPECT_EQ(back->word(), 0xA1B2C3D4u);
+
+    // The dummy job travels as its class id alone.
+    Dummy_job dummy;
+    EXPECT_EQ(dummy.get_class_id(), qv_class_id("*DUJ"));
+    EXPECT_NE(dynamic_cast<Dummy_job*>(round_trip(&dummy, &stored).get()), nullptr);
+    EXPECT_EQ(stored, 4u);
 }
 
 TEST_F(JobTest, JobParamCopiesAndCarriesItsJob)
 {
-    Job_param empty;
-    std::unique_ptr<Element_base> empty_copy(empty.copy());
-    EXPECT_EQ(static_cast<Job_param*>(empty_copy.get())->job(), nullptr);
-
-    Job_param holder(job_with_word(9));
+    Job_param empty, holder(job_with_word(9));
     std::unique_ptr<Element_base> copy(holder.copy());
     Job* copied_job = static_cast<Job_param*>(copy.get())->job();
     ASSERT_NE(copied_job, nullptr);
     EXPECT_NE(copied_job, holder.job());
     EXPECT_EQ(copied_job->word(), 9u);
+    std::unique_ptr<Element_base> empty_copy(empty.copy());
+    EXPECT_EQ(static_cast<Job_param*>(empty_copy.get())->job(), nullptr);
 
+    size_t stored = 0;
     for (const Job_param* original : {&holder, &empty}) {
-        Db_serializer out;
-        out.serialize(original);
-        Db_deserializer in(&out.queue());
-        std::unique_ptr<QV::SERIAL::Serializable> back(in.deserialize());
+        std::unique_ptr<QV::SERIAL::Serializable> back = round_trip(original, &stored);
         ASSERT_NE(back, nullptr);
         ASSERT_EQ(back->get_class_id(), Job_param::CLASS_ID);
         Job* job = static_cast<Job_param*>(back.get())->job();
-        if (original->job()) {
-            ASSERT_NE(job, nullptr);
+        ASSERT_EQ(job != nullptr, original->job() != nullptr);
+        if (job) {
             EXPECT_EQ(job->get_class_id(), Building_job::CLASS_ID);
             EXPECT_EQ(job->word(), 9u);
-        } else {
-            EXPECT_EQ(job, nullptr);
         }
     }
 }
@@ -292,23 +249,23 @@ TEST_F(JobTest, JobEventsDescribeTheJobAndDeriveTheContext)
     EXPECT_EQ(qv_dbn_job_event(DBN_EVENT_JOB_INFO, 0, &info), 1);
     EXPECT_STREQ(text, "serializable class id 0x2a44554a");
 
-    Job_execution_context context{};
-    Dbn_event_data data{&attributes, &context, nullptr, 0};
-    attributes.shared = true;
-    attributes.local_only = true;
-    attributes.fragmented = true;
-    qv_dbn_job_event(DBN_EVENT_JOB_ATTRIBUTES, 0, &data);
-    EXPECT_TRUE(context.shared);
-    EXPECT_EQ(context.mode, 1);
-    attributes.local_only = false;
-    qv_dbn_job_event(DBN_EVENT_JOB_ATTRIBUTES, 0, &data);
-    EXPECT_EQ(context.mode, 2);
-    attributes.fragmented = false;
-    attributes.keep_result = true;
-    attributes.shared = false;
-    qv_dbn_job_event(DBN_EVENT_JOB_ATTRIBUTES, 0, &data);
-    EXPECT_EQ(context.mode, 0);
-    EXPECT_FALSE(context.shared);
+    // Local only wins over fragmented; neither is mode 0.
+    struct Case {
+        bool shared, local_only, fragmented;
+        int mode;
+    };
+    for (const Case& test : {Case{true, true, true, 1}, Case{true, false, true, 2}, Case{false, false, false, 0}}) {
+        Job_execution_context context{};
+        context.shared = !test.shared;
+        context.mode = -1;
+        attributes.shared = test.shared;
+        attributes.local_only = test.local_only;
+        attributes.fragmented = test.fragmented;
+        Dbn_event_data data{&attributes, &context, nullptr, 0};
+        qv_dbn_job_event(DBN_EVENT_JOB_ATTRIBUTES, 0, &data);
+        EXPECT_EQ(context.shared, test.shared);
+        EXPECT_EQ(context.mode, test.mode) << test.local_only << test.fragmented;
+    }
 }
 
 TEST_F(JobTest, EndOfAThreadRemovesTheTagsItStored)

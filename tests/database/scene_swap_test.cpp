@@ -1,7 +1,9 @@
 // Byte-order conversion by layout string, and the swap handlers of the type table.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <utility>
 #include <random>
 #include <vector>
 
@@ -40,31 +42,36 @@ const Known_layout KNOWN_LAYOUTS[] = {
     {"3c2i11i", 64}, {"2f5fii8f5f", 104}, {"i4i2f5fii8f5f", 128}, {"6i3cscc", 36}, {"5icccciissiiii", 56},
 };
 
-TEST(SceneSwapTest, CountBeforeLetterMeansOneMoreItem)
+// True when bytes [from, to) of `now` are those of `before` with each `unit`-byte group reversed.
+bool units_reversed(const std::vector<unsigned char>& now, const std::vector<unsigned char>& before, size_t from,
+                    size_t to, size_t unit)
 {
-    for (const Known_layout& known : KNOWN_LAYOUTS) {
-        EXPECT_EQ(qv_scene_layout_size(known.layout), known.bytes) << known.layout;
-        std::vector<unsigned char> bytes(known.bytes + 16, 0);
-        EXPECT_EQ(qv_scene_swap_layout(bytes.data(), known.layout), known.bytes) << known.layout;
-    }
-    EXPECT_EQ(qv_scene_layout_size("c"), 1u);
-    EXPECT_EQ(qv_scene_layout_size("0c"), 1u);
-    EXPECT_EQ(qv_scene_layout_size("1c"), 2u);
-    EXPECT_EQ(qv_scene_layout_size("79c"), 80u);
-    EXPECT_EQ(qv_scene_layout_size("5i"), 24u);
+    for (size_t at = from; at + unit <= to; at += unit)
+        for (size_t b = 0; b < unit; ++b)
+            if (now[at + b] != before[at + unit - 1 - b])
+                return false;
+    return true;
 }
 
-TEST(SceneSwapTest, SwappingTwiceGivesTheRecordBack)
+TEST(SceneSwapTest, KnownLayoutsHaveTheirSizesAndASecondSwapUndoesTheFirst)
 {
     unsigned seed = 1;
     for (const Known_layout& known : KNOWN_LAYOUTS) {
-        std::vector<unsigned char> bytes = random_bytes(known.bytes, seed++);
+        SCOPED_TRACE(known.layout);
+        EXPECT_EQ(qv_scene_layout_size(known.layout), known.bytes);
+        // Bytes past the record stay as they were.
+        std::vector<unsigned char> bytes = random_bytes(known.bytes + 16, seed++);
         const std::vector<unsigned char> original = bytes;
+        EXPECT_EQ(qv_scene_swap_layout(bytes.data(), known.layout), known.bytes);
+        EXPECT_NE(bytes, original);
+        EXPECT_TRUE(std::equal(bytes.begin() + known.bytes, bytes.end(), original.begin() + known.bytes));
         qv_scene_swap_layout(bytes.data(), known.layout);
-        EXPECT_NE(bytes, original) << known.layout;
-        qv_scene_swap_layout(bytes.data(), known.layout);
-        EXPECT_EQ(bytes, original) << known.layout;
+        EXPECT_EQ(bytes, original);
     }
+    // A count before a letter means one more item.
+    for (const Known_layout& counted : {Known_layout{"c", 1}, Known_layout{"0c", 1}, Known_layout{"1c", 2},
+                                        Known_layout{"79c", 80}, Known_layout{"5i", 24}})
+        EXPECT_EQ(qv_scene_layout_size(counted.layout), counted.bytes) << counted.layout;
 }
 
 TEST(SceneSwapTest, EachLetterConvertsItsOwnWidthAtTheRightPlace)
@@ -156,32 +163,18 @@ TEST(SceneSwapTest, RecordHandlersConvertFixedPartAndTail)
     const std::vector<unsigned char> original = instance;
     Db_record record = record_over(instance);
     qv_scene_handlers(SCENE_INSTANCE).swap(&record, true);
-    for (size_t word = 316 / 4; word < instance.size() / 4; ++word)
-        for (int b = 0; b < 4; ++b)
-            ASSERT_EQ(instance[word * 4 + b], original[word * 4 + 3 - b]) << "tail word " << word;
+    EXPECT_TRUE(units_reversed(instance, original, 316, instance.size(), 4));
     qv_scene_handlers(SCENE_INSTANCE).swap(&record, true);
     EXPECT_EQ(instance, original);
 
     // Vertices are swapped in 16-bit units, geovectors in 64-bit ones.
-    uint16_t vertices[4] = {0x0102, 0x0304, 0x0506, 0x0708};
-    Db_record vertex{};
-    vertex.data = vertices;
-    vertex.size = sizeof vertices;
-    qv_scene_handlers(SCENE_VERTEX).swap(&vertex, true);
-    EXPECT_EQ(vertices[0], 0x0201);
-    EXPECT_EQ(vertices[3], 0x0807);
-
-    double geovector[2] = {1.0, 2.0};
-    uint64_t expected;
-    std::memcpy(&expected, &geovector[1], 8);
-    expected = __builtin_bswap64(expected);
-    Db_record geo{};
-    geo.data = geovector;
-    geo.size = sizeof geovector;
-    qv_scene_handlers(SCENE_GEOVECTOR).swap(&geo, true);
-    uint64_t converted;
-    std::memcpy(&converted, &geovector[1], 8);
-    EXPECT_EQ(converted, expected);
+    for (auto [type, unit] : {std::pair{SCENE_VERTEX, size_t(2)}, std::pair{SCENE_GEOVECTOR, size_t(8)}}) {
+        std::vector<unsigned char> bytes = random_bytes(16, 5);
+        const std::vector<unsigned char> before = bytes;
+        Db_record items = record_over(bytes);
+        qv_scene_handlers(type).swap(&items, true);
+        EXPECT_TRUE(units_reversed(bytes, before, 0, 16, unit)) << qv_scene_type_name(type);
+    }
 }
 
 TEST(SceneSwapTest, ItemRecordsConvertEveryWholeItemAndNothingBeyond)
@@ -191,14 +184,11 @@ TEST(SceneSwapTest, ItemRecordsConvertEveryWholeItemAndNothingBeyond)
     const std::vector<unsigned char> original = bytes;
     Db_record record = record_over(bytes);
     qv_scene_handlers(SCENE_POLYGON).swap(&record, true);
-    for (int item = 0; item < 2; ++item) {
-        const int base = item * 20;
-        EXPECT_EQ(bytes[base + 0], original[base + 3]);
-        EXPECT_EQ(bytes[base + 12], original[base + 15]);
-        EXPECT_EQ(bytes[base + 16], original[base + 16]) << "the c bytes stay";
+    for (size_t base : {0, 20}) {
+        EXPECT_TRUE(units_reversed(bytes, original, base, base + 16, 4)) << base;
+        EXPECT_TRUE(std::equal(&bytes[base + 16], &bytes[base + 20], &original[base + 16])) << "the c bytes stay";
     }
-    for (int i = 40; i < 44; ++i)
-        EXPECT_EQ(bytes[i], original[i]);
+    EXPECT_TRUE(std::equal(bytes.begin() + 40, bytes.end(), original.begin() + 40));
 }
 
 TEST(SceneSwapTest, RecordHandlersAgreeWithTheLayoutWalk)
@@ -232,8 +222,7 @@ TEST(SceneSwapTest, RecordHandlersAgreeWithTheLayoutWalk)
     // A record shorter than its layout: fields past its end are left alone, not written.
     std::vector<unsigned char> room = random_bytes(SCENE_MATERIAL_SIZE + 8, 99);
     const std::vector<unsigned char> original = room;
-    Db_record shorter{};
-    shorter.data = room.data();
+    Db_record shorter = record_over(room);
     shorter.size = 10;
     qv_scene_handlers(SCENE_MATERIAL).swap(&shorter, true);
     EXPECT_EQ(room[0], original[3]);

@@ -23,6 +23,14 @@ protected:
         QV::SCHED::qv_job_set_runner(QV::SCHED::qv_job_inert_runner());
     }
 
+    // A new scene record of `type`; the arguments size it as qv_scene_create does.
+    static Db_tag scene_new(int type, int64_t first = 0, int64_t second = 0)
+    {
+        Db_tag tag = 0;
+        qv_scene_create(&tag, type, first, second);
+        return tag;
+    }
+
     void TearDown() override
     {
         QV::SCHED::qv_job_set_runner(QV::SCHED::qv_job_inert_runner());
@@ -30,21 +38,5 @@ protected:
         // DbTest's tear-down clears that handler, the next start would free them as plain bytes.
         qv_db_exit();
         DbTest::TearDown();
-    }
-
-    static int errors_with(const std::string& fragment)
-    {
-        int count = 0;
-        for (const Db_message& message : db_messages())
-            count += message.level == MSG_ERROR && message.text.find(fragment) != std::string::npos;
-        return count;
-    }
-
-    static int error_count()
-    {
-        int count = 0;
-        for (const Db_message& message : db_messages())
-            count += message.level == MSG_ERROR;
-        return count;
     }
 };

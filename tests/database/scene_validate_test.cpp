@@ -30,7 +30,7 @@ TEST_F(SceneValidateTest, GoodDeclarationPassesSilently)
 {
     Db_tag tag = make_funcdecl(qv_scene_funcdecl_size(5, 0), 0, 5, 0, "phong");
     EXPECT_EQ(qv_scene_validate(tag), 1);
-    EXPECT_EQ(error_count(), 0);
+    EXPECT_EQ(errors_with(""), 0);
 }
 
 TEST_F(SceneValidateTest, WrongSizeAndMissingNameAreBothReported)
@@ -38,14 +38,9 @@ TEST_F(SceneValidateTest, WrongSizeAndMissingNameAreBothReported)
     const uint32_t wanted = qv_scene_funcdecl_size(0, 0);
     Db_tag tag = make_funcdecl(wanted + 8, 0, 0, 0, "");
     EXPECT_EQ(qv_scene_validate(tag), 0);
-    char size_line[96];
-    std::snprintf(size_line, sizeof size_line, "decl %#x: wrong db item size %d, expected %d", tag,
-                  int(wanted + 8), int(wanted));
-    char name_line[64];
-    std::snprintf(name_line, sizeof name_line, "decl %#x: missing function name", tag);
-    EXPECT_TRUE(has_text(size_line));
-    EXPECT_TRUE(has_text(name_line));
-    EXPECT_EQ(error_count(), 2);
+    EXPECT_TRUE(has_line("decl %#x: wrong db item size %d, expected %d", tag, int(wanted + 8), int(wanted)));
+    EXPECT_TRUE(has_line("decl %#x: missing function name", tag));
+    EXPECT_EQ(errors_with(""), 2);
 }
 
 TEST_F(SceneValidateTest, EveryFaultOfADeclarationIsCounted)
@@ -58,22 +53,18 @@ TEST_F(SceneValidateTest, EveryFaultOfADeclarationIsCounted)
     EXPECT_EQ(errors_with("wrong db item size"), 1);
     EXPECT_EQ(errors_with("too long"), 1);
     EXPECT_EQ(errors_with("has unexpected subtags"), 1);
-    EXPECT_EQ(error_count(), 3);
+    EXPECT_EQ(errors_with(""), 3);
 
     db_messages().clear();
     Db_tag bad_language = make_funcdecl(qv_scene_funcdecl_size(0, 0), 9, 0, 0, "odd");
     EXPECT_EQ(qv_scene_validate(bad_language), 0);
-    char line[64];
-    std::snprintf(line, sizeof line, "decl %#x (odd): bad language type", bad_language);
-    EXPECT_TRUE(has_text(line));
+    EXPECT_TRUE(has_line("decl %#x (odd): bad language type", bad_language));
 }
 
 TEST_F(SceneValidateTest, CompositeRootMustMatchTheResultClass)
 {
-    Db_tag function = 0;
-    qv_scene_create(&function, SCENE_FUNC);
-    Db_tag material = 0;
-    qv_scene_create(&material, SCENE_MATERIAL);
+    Db_tag function = scene_new(SCENE_FUNC);
+    Db_tag material = scene_new(SCENE_MATERIAL);
 
     // Class 'm' with a function as root: wrong type. Class 'm' with no root: null tag.
     Db_tag decl = make_funcdecl(qv_scene_funcdecl_size(4, 0), 1, 4, 0, "mix");
@@ -85,9 +76,7 @@ TEST_F(SceneValidateTest, CompositeRootMustMatchTheResultClass)
     decl_of(decl)->root = 0;
     db_messages().clear();
     EXPECT_EQ(qv_scene_validate(decl), 0);
-    char line[64];
-    std::snprintf(line, sizeof line, "decl %#x: null root material tag", decl);
-    EXPECT_TRUE(has_text(line));
+    EXPECT_TRUE(has_line("decl %#x: null root material tag", decl));
 
     decl_of(decl)->root = material;
     EXPECT_EQ(qv_scene_validate(decl), 1);
@@ -108,15 +97,12 @@ TEST_F(SceneValidateTest, FamilyValidatorsUseTheirPrefixAndSizeRule)
     qv_db_create(&polygons, SCENE_POLYGON, 30);
     qv_db_unpin(polygons);
     EXPECT_EQ(qv_scene_validate(polygons), 0);
-    char line[96];
-    std::snprintf(line, sizeof line, "poly %#x: wrong db item size 30, not multiple of 20", polygons);
-    EXPECT_TRUE(has_text(line));
+    EXPECT_TRUE(has_line("poly %#x: wrong db item size 30, not multiple of 20", polygons));
 
     Db_tag approx = 0;
     qv_db_create(&approx, SCENE_APPROXLIST, 57);
-    std::snprintf(line, sizeof line, "approx_list %#x: wrong db item size 57, expected multiple of 56", approx);
     EXPECT_EQ(qv_scene_validate(approx), 0);
-    EXPECT_TRUE(has_text(line));
+    EXPECT_TRUE(has_line("approx_list %#x: wrong db item size 57, expected multiple of 56", approx));
 
     // An instance of the wrong size that also lacks its item: both faults.
     Db_tag instance = 0;
@@ -124,11 +110,9 @@ TEST_F(SceneValidateTest, FamilyValidatorsUseTheirPrefixAndSizeRule)
     db_messages().clear();
     EXPECT_EQ(qv_scene_validate(instance), 0);
     EXPECT_EQ(errors_with("wrong db item size"), 1);
-    std::snprintf(line, sizeof line, "instance %#x: null item tag", instance);
-    EXPECT_TRUE(has_text(line));
+    EXPECT_TRUE(has_line("instance %#x: null item tag", instance));
 
-    Db_tag box = 0;
-    qv_scene_create(&box, SCENE_BOX, 3);
+    Db_tag box = scene_new(SCENE_BOX, 3);
     EXPECT_EQ(qv_db_size(box), SCENE_BOX_FIXED + 3 * SCENE_BOX_ITEM_SIZE);
     EXPECT_EQ(qv_scene_validate(box), 1);
     qv_db_unpin(box);
@@ -139,12 +123,9 @@ TEST_F(SceneValidateTest, UnknownTypeAndTypesWithoutValidator)
     Db_tag untyped = 0;
     qv_db_create(&untyped, 0, 4);
     EXPECT_EQ(qv_scene_validate(untyped), 0);
-    char line[64];
-    std::snprintf(line, sizeof line, "tag %#x has unknown type 0", untyped);
-    EXPECT_TRUE(has_text(line));
+    EXPECT_TRUE(has_line("tag %#x has unknown type 0", untyped));
 
-    Db_tag text = 0;
-    qv_scene_create(&text, SCENE_STRING, 12);
+    Db_tag text = scene_new(SCENE_STRING, 12);
     EXPECT_EQ(qv_scene_validate(text), 1);
 }
 

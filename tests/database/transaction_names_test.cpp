@@ -6,14 +6,8 @@ using namespace transaction_test;
 
 namespace {
 
-class TransactionNamesTest : public testing::Test {
+class TransactionNamesTest : public TransactionTest {
 protected:
-    void SetUp() override
-    {
-        start_database();
-        transaction_ = get_transaction();
-    }
-
     Db_tag store_named(const char* name)
     {
         Db_tag tag = 0;
@@ -28,8 +22,6 @@ protected:
         EXPECT_EQ(result, tag);
         return tag;
     }
-
-    Transaction* transaction_ = nullptr;
 };
 
 TEST_F(TransactionNamesTest, UnknownNullAndEmptyNamesGiveTagZeroAndAreNeverRegistered)

@@ -9,17 +9,9 @@ using namespace transaction_test;
 
 namespace {
 
-class TransactionStoreTest : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        start_database();
-        transaction_ = get_transaction();
-        Counted::destroyed = 0;
-    }
+using TransactionStoreTest = TransactionTest;
 
-    Transaction* transaction_ = nullptr;
-};
+void* as_data(Element_base* element) { return element; }
 
 TEST_F(TransactionStoreTest, StoredElementIsTheRecordDataUnderTypeSerializable)
 {
@@ -28,48 +20,35 @@ TEST_F(TransactionStoreTest, StoredElementIsTheRecordDataUnderTypeSerializable)
     Db_tag tag = transaction_->store(&out, element, nullptr);
     EXPECT_EQ(tag, out);
     ASSERT_NE(tag, 0u);
-
     Db_record* record = qv_db_peek(tag);
-    ASSERT_NE(record, nullptr);
-    EXPECT_EQ(record->data, static_cast<void*>(static_cast<Element_base*>(element)));
+    EXPECT_EQ(record->data, as_data(element));
     EXPECT_EQ(record->type, DB_TYPE_SERIALIZABLE);
     EXPECT_EQ(record->module, MOD_DBN);
     EXPECT_EQ(record->size, sizeof(Counted));
     EXPECT_EQ(record->state, DB_STATE_NORMAL);
     EXPECT_EQ(transaction_->get_class_id(tag), Counted::CLASS_ID);
 
+    // The record size is the element's own: one byte for zero, else what it reports.
+    Db_tag small = 0, large = 0;
+    transaction_->store(&small, new Sized());
+    auto* sized = new Sized();
+    sized->storage_bytes = 123456;
+    transaction_->store(&large, sized);
+    EXPECT_EQ(qv_db_peek(small)->size, 1u);
+    EXPECT_EQ(qv_db_peek(large)->size, 123456u);
+    EXPECT_EQ(qv_db_access(large), as_data(sized));
+
     // The database owns it now: removing the tag runs the element's destructor once.
-    transaction_->remove(tag);
+    for (Db_tag stored : {tag, small, large})
+        transaction_->remove(stored);
     EXPECT_EQ(Counted::destroyed, 1);
-}
-
-TEST_F(TransactionStoreTest, ZeroSizedElementRecordsOneByteAndKeepsItsAddress)
-{
-    auto* element = new Sized();
-    Db_tag tag = 0;
-    transaction_->store(&tag, element);
-    EXPECT_EQ(qv_db_peek(tag)->size, 1u);
-    EXPECT_EQ(qv_db_access(tag), static_cast<void*>(static_cast<Element_base*>(element)));
-
-    Db_tag second = 0;
-    auto* large = new Sized();
-    large->storage_bytes = 123456;
-    transaction_->store(&second, large);
-    EXPECT_EQ(qv_db_peek(second)->size, 123456u);
-    transaction_->remove(tag);
-    transaction_->remove(second);
 }
 
 TEST_F(TransactionStoreTest, ClassIdIsZeroForPlainDataAndForDataThatIsGone)
 {
-    Db_tag plain = 0;
-    {
-        Module_scope scope(MOD_MAIN);
-        qv_db_create(&plain, 5, 16);
-    }
+    Db_tag plain = 0, tag = 0;
+    qv_db_create(&plain, 5, 16);
     EXPECT_EQ(transaction_->get_class_id(plain), 0u);
-
-    Db_tag tag = 0;
     transaction_->store(&tag, new Counted());
     qv_db_release_data(tag);
     EXPECT_EQ(Counted::destroyed, 1);
@@ -86,7 +65,7 @@ TEST_F(TransactionStoreTest, StoreOverDeletesTheOldDataAndTakesTheNewElement)
     transaction_->store_over(tag, replacement, "second");
     EXPECT_EQ(Counted::destroyed, 1);
     Db_record* record = qv_db_peek(tag);
-    EXPECT_EQ(record->data, static_cast<void*>(static_cast<Element_base*>(replacement)));
+    EXPECT_EQ(record->data, as_data(replacement));
     EXPECT_EQ(record->type, DB_TYPE_SERIALIZABLE);
     EXPECT_EQ(record->module, MOD_DB);
     EXPECT_EQ(record->flags, 1);
@@ -99,14 +78,9 @@ TEST_F(TransactionStoreTest, StoreOverDeletesTheOldDataAndTakesTheNewElement)
 
     // Over plain bytes: the bytes are freed and the tag becomes an element.
     Db_tag plain = 0;
-    {
-        Module_scope scope(MOD_MAIN);
-        qv_db_create(&plain, 5, 64);
-    }
-    auto* element = new Counted(3);
-    transaction_->store_over(plain, element, nullptr);
+    qv_db_create(&plain, 5, 64);
+    transaction_->store_over(plain, new Counted(3), nullptr);
     EXPECT_EQ(transaction_->get_class_id(plain), Counted::CLASS_ID);
-
     transaction_->remove(tag);
     transaction_->remove(plain);
     EXPECT_EQ(Counted::destroyed, 3);
@@ -115,12 +89,11 @@ TEST_F(TransactionStoreTest, StoreOverDeletesTheOldDataAndTakesTheNewElement)
 TEST_F(TransactionStoreTest, ElementBehindAnotherBaseIsStoredAndDeletedByItsElementAddress)
 {
     auto* element = new Two_bases();
-    Element_base* as_element = element;
-    ASSERT_NE(static_cast<void*>(as_element), static_cast<void*>(element));
+    ASSERT_NE(as_data(element), static_cast<void*>(element));
     Db_tag tag = 0;
     transaction_->store(&tag, element);
     Access_handle handle(tag, Two_bases::CLASS_ID);
-    EXPECT_EQ(handle.element(), as_element);
+    EXPECT_EQ(handle.element(), static_cast<Element_base*>(element));
     EXPECT_EQ(static_cast<Two_bases*>(handle.element())->answer(), 42);
     handle.release();
     transaction_->remove(tag);   // ASan catches a delete through the wrong address
@@ -134,21 +107,14 @@ TEST_F(TransactionStoreTest, CreatedTagsFollowStoreAndRemove)
     // removal below touches only this test's tags.
     std::vector<Db_tag> others(list->tags, list->tags + list->count);
     list->count = 0;
-    const uint32_t before = 0;
     Db_tag a = 0, b = 0, c = 0;
-    transaction_->store(&a, new Counted());
-    transaction_->store(&b, new Counted());
-    transaction_->store(&c, new Counted());
-    ASSERT_EQ(list->count, before + 3);
-    EXPECT_EQ(list->tags[before + 2], c);
-
+    for (Db_tag* tag : {&a, &b, &c})
+        transaction_->store(tag, new Counted());
+    EXPECT_EQ(std::vector<Db_tag>(list->tags, list->tags + list->count), (std::vector<Db_tag>{a, b, c}));
     transaction_->remove(b);
-    ASSERT_EQ(list->count, before + 2);
-    EXPECT_EQ(list->tags[before], a);
-    EXPECT_EQ(list->tags[before + 1], c);
-
+    EXPECT_EQ(std::vector<Db_tag>(list->tags, list->tags + list->count), (std::vector<Db_tag>{a, c}));
     EXPECT_EQ(created_tags_take_last(), c);
-    EXPECT_EQ(list->count, before + 1);
+    EXPECT_EQ(list->count, 1u);
 
     // The end of a thread context removes what is still listed; c was taken off, so it stays.
     created_tags_remove_all();
@@ -272,7 +238,7 @@ TEST_F(TransactionStoreTest, HeapElementEntersTheDatabaseOnlyWhenStored)
         EXPECT_EQ(handle.store(), tag);   // a second store gives the same tag
         EXPECT_TRUE(handle.owned_by_database());
         EXPECT_EQ(handle.get(), element);
-        EXPECT_EQ(qv_db_access(tag), static_cast<void*>(static_cast<Element_base*>(element)));
+        EXPECT_EQ(qv_db_access(tag), as_data(element));
     }
     EXPECT_EQ(released, 1);
     EXPECT_EQ(Counted::destroyed, 1);   // stored: it stays under its tag

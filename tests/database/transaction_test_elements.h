@@ -14,6 +14,8 @@
 namespace transaction_test {
 
 using QV::DB::Element;
+using QV::DB::get_transaction;
+using QV::DB::Transaction;
 using QV::DB::qv_class_id;
 
 // Counts its destructions, so tests see who deleted it and when.
@@ -77,5 +79,17 @@ inline void start_database()
     QV::DB::get_transaction();
     QV::DB::element_install_db_handler();
 }
+
+class TransactionTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        start_database();
+        transaction_ = get_transaction();
+        Counted::destroyed = 0;
+    }
+
+    Transaction* transaction_ = nullptr;
+};
 
 }  // namespace transaction_test
