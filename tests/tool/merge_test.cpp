@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <cstdint>
@@ -8,6 +9,7 @@
 #include <vector>
 
 #include "tests/test_support.h"
+#include "tests/tool/fg_points.h"
 #include "database/db.h"
 #include "finalgather/fg_map.h"
 #include "finalgather/rcfg_module.h"
@@ -21,27 +23,9 @@ namespace {
 
 constexpr float FIVE_DEGREES = 5.0f;
 
-Fg_point make_point(float x, float y, float z, float nx, float ny, float nz, uint32_t rays)
-{
-    Fg_point p{};
-    p.position[0] = x;
-    p.position[1] = y;
-    p.position[2] = z;
-    p.normal[0] = nx;
-    p.normal[1] = ny;
-    p.normal[2] = nz;
-    p.rays = rays;
-    p.irrad[0] = 0.5f;
-    p.r_mean = 1.0f;
-    p.min_dist = 1.0f;
-    p.occluded_min_dist = 1.0f;
-    return p;
-}
-
 void set_bounds(float lo, float hi)
 {
-    const float min[3] = {lo, lo, lo};
-    const float max[3] = {hi, hi, hi};
+    const float min[3] = {lo, lo, lo}, max[3] = {hi, hi, hi};
     merge_set_bounds(min, max);
 }
 
@@ -63,13 +47,12 @@ bool has_mergeable_pair(const std::vector<Fg_point>& points, unsigned count, flo
         const Fg_point& p = points[i];
         for (unsigned j = 0; j < i; ++j) {
             const Fg_point& q = points[j];
-            float dx = q.position[0] - p.position[0];
-            float dy = q.position[1] - p.position[1];
-            float dz = q.position[2] - p.position[2];
-            if (sqrtf(dx * dx + dy * dy + dz * dz) > distance)
-                continue;
-            float c = p.normal[0] * q.normal[0] + p.normal[1] * q.normal[1] + p.normal[2] * q.normal[2];
-            if (!(limit > c))
+            float d2 = 0.0f, c = 0.0f;
+            for (int k = 0; k < 3; ++k) {
+                d2 += (q.position[k] - p.position[k]) * (q.position[k] - p.position[k]);
+                c += p.normal[k] * q.normal[k];
+            }
+            if (sqrtf(d2) <= distance && !(limit > c))
                 return true;
         }
     }
@@ -100,8 +83,7 @@ std::vector<Fg_point> room_points(unsigned n, uint32_t seed)
         p.irrad[1] = u(rng);
         points.push_back(p);
     }
-    const float min[3] = {0.0f, 0.0f, 0.0f};
-    const float max[3] = {10.0f, 8.0f, 3.0f};
+    const float min[3] = {0.0f, 0.0f, 0.0f}, max[3] = {10.0f, 8.0f, 3.0f};
     merge_set_bounds(min, max);
     return points;
 }
@@ -135,38 +117,43 @@ protected:
 TEST_F(MergeTest, CompareOrdersByCellWithXMostSignificant)
 {
     set_bounds(0.0f, 10.0f);
-    merge_grid.cell_origin[0] = merge_grid.cell_origin[1] = merge_grid.cell_origin[2] = 0.0f;
-    merge_grid.cell_size[0] = merge_grid.cell_size[1] = merge_grid.cell_size[2] = 1.0f;
+    for (int i = 0; i < 3; ++i) {
+        merge_grid.cell_origin[i] = 0.0f;
+        merge_grid.cell_size[i] = 1.0f;
+    }
     const float a[3] = {1.2f, 5.5f, 0.1f};
-    const float same_cell[3] = {1.9f, 5.0f, 0.9f};
-    const float next_x[3] = {2.1f, 0.0f, 0.0f};
-    const float next_z[3] = {1.5f, 5.5f, 1.5f};
-    EXPECT_EQ(compare_points(a, same_cell), 0);
-    EXPECT_EQ(compare_points(a, next_x), -1);
-    EXPECT_EQ(compare_points(next_x, a), 1);
-    EXPECT_EQ(compare_points(a, next_z), -1);
-    EXPECT_EQ(compare_points(next_z, a), 1);
-
-    // An axis with cell size 0 takes no part.
-    merge_grid.cell_size[0] = 0.0f;
-    EXPECT_EQ(compare_points(a, next_z), -1);
-    const float far_x[3] = {9.5f, 5.5f, 0.1f};
-    EXPECT_EQ(compare_points(a, far_x), 0);
+    const struct {
+        float x_cell_size;
+        float other[3];
+        int order;  // of a against other; the reverse comparison gives the negation
+    } cases[] = {
+        {1.0f, {1.9f, 5.0f, 0.9f}, 0},
+        {1.0f, {2.1f, 0.0f, 0.0f}, -1},
+        {1.0f, {1.5f, 5.5f, 1.5f}, -1},
+        // An axis with cell size 0 takes no part.
+        {0.0f, {1.5f, 5.5f, 1.5f}, -1},
+        {0.0f, {9.5f, 5.5f, 0.1f}, 0},
+    };
+    for (const auto& c : cases) {
+        merge_grid.cell_size[0] = c.x_cell_size;
+        EXPECT_EQ(compare_points(a, c.other), c.order) << c.other[0] << " " << c.other[1] << " " << c.other[2];
+        EXPECT_EQ(compare_points(c.other, a), -c.order) << c.other[0] << " " << c.other[1] << " " << c.other[2];
+    }
 }
 
 TEST_F(MergeTest, CoincidentPointsMergeIntoTheirSum)
 {
     set_bounds(0.0f, 4.0f);
-    std::vector<Fg_point> pts = {make_point(1.5f, 2.25f, 3.0f, 0, 0, 1, 3), make_point(1.5f, 2.25f, 3.0f, 0, 0, 1, 5),
-                                 make_point(1.5f, 2.25f, 3.0f, 0, 0, 1, 8)};
-    unsigned n = merge_points(pts.data(), unsigned(pts.size()), 0.1f, FIVE_DEGREES, 0);
-    ASSERT_EQ(n, 1u);
+    const Fg_point one = make_point(1.5f, 2.25f, 3.0f, 0, 0, 1, 3);
+    std::vector<Fg_point> pts = {one, one, one};
+    pts[1].rays = 5;
+    pts[2].rays = 8;
+    ASSERT_EQ(merge_points(pts.data(), unsigned(pts.size()), 0.1f, FIVE_DEGREES, 0), 1u);
     EXPECT_EQ(pts[0].rays, 16u);
-    EXPECT_EQ(pts[0].position[0], 1.5f);
-    EXPECT_EQ(pts[0].position[1], 2.25f);
-    EXPECT_EQ(pts[0].position[2], 3.0f);
-    EXPECT_EQ(pts[0].normal[2], 1.0f);
-    EXPECT_EQ(pts[0].irrad[0], 0.5f);
+    // Equal values blend to themselves exactly, whatever the weights.
+    EXPECT_EQ(std::memcmp(pts[0].position, one.position, sizeof one.position), 0);
+    EXPECT_EQ(std::memcmp(pts[0].normal, one.normal, sizeof one.normal), 0);
+    EXPECT_EQ(std::memcmp(pts[0].irrad, one.irrad, sizeof one.irrad), 0);
 
     // No pair at all: nothing to do, and nothing read beyond the array.
     EXPECT_EQ(merge_points(nullptr, 0, 0.1f, FIVE_DEGREES, 0), 0u);
@@ -176,40 +163,41 @@ TEST_F(MergeTest, CoincidentPointsMergeIntoTheirSum)
 
 TEST_F(MergeTest, PointsExactlyAtTheDistanceMergeAndOneFloatBeyondDoNot)
 {
-    set_bounds(0.0f, 4.0f);
-    std::vector<Fg_point> at = {make_point(1.0f, 1.0f, 1.0f, 0, 0, 1, 1), make_point(1.25f, 1.0f, 1.0f, 0, 0, 1, 1)};
-    EXPECT_EQ(merge_points(at.data(), 2, 0.25f, FIVE_DEGREES, 0), 1u);
-    EXPECT_EQ(at[0].position[0], 1.125f);
-
-    const float beyond = std::nextafter(1.25f, 2.0f);
-    std::vector<Fg_point> apart = {make_point(1.0f, 1.0f, 1.0f, 0, 0, 1, 1), make_point(beyond, 1.0f, 1.0f, 0, 0, 1, 1)};
-    EXPECT_EQ(merge_points(apart.data(), 2, 0.25f, FIVE_DEGREES, 0), 2u);
-
-    // The same along a diagonal on a flat map, where the z axis has no cells.
-    const float min[3] = {0.0f, 0.0f, 0.0f};
-    const float max[3] = {4.0f, 4.0f, 0.0f};
-    merge_set_bounds(min, max);
-    std::vector<Fg_point> diag = {make_point(1.0f, 1.0f, 0.0f, 0, 0, 1, 1), make_point(1.3f, 1.4f, 0.0f, 0, 0, 1, 1)};
-    float dx = 1.3f - 1.0f, dy = 1.4f - 1.0f;
-    const float d = sqrtf(dx * dx + dy * dy);
-    EXPECT_EQ(merge_points(diag.data(), 2, d, FIVE_DEGREES, 0), 1u);
-    std::vector<Fg_point> diag2 = {make_point(1.0f, 1.0f, 0.0f, 0, 0, 1, 1), make_point(1.3f, 1.4f, 0.0f, 0, 0, 1, 1)};
-    EXPECT_EQ(merge_points(diag2.data(), 2, std::nextafter(d, 0.0f), FIVE_DEGREES, 0), 2u);
+    // Along x in a cube, and along a diagonal on a flat map, where the z axis has no cells.
+    const float diagonal = sqrtf((1.3f - 1.0f) * (1.3f - 1.0f) + (1.4f - 1.0f) * (1.4f - 1.0f));
+    const struct {
+        float max_z;
+        float second[3];
+        float distance;
+        unsigned survivors;
+    } cases[] = {
+        {4.0f, {1.25f, 1.0f, 1.0f}, 0.25f, 1},
+        {4.0f, {std::nextafter(1.25f, 2.0f), 1.0f, 1.0f}, 0.25f, 2},
+        {0.0f, {1.3f, 1.4f, 0.0f}, diagonal, 1},
+        {0.0f, {1.3f, 1.4f, 0.0f}, std::nextafter(diagonal, 0.0f), 2},
+    };
+    for (const auto& c : cases) {
+        const float min[3] = {0.0f, 0.0f, 0.0f}, max[3] = {4.0f, 4.0f, c.max_z};
+        merge_set_bounds(min, max);
+        std::vector<Fg_point> pts = {make_point(1.0f, 1.0f, c.second[2], 0, 0, 1, 1),
+                                     make_point(c.second[0], c.second[1], c.second[2], 0, 0, 1, 1)};
+        EXPECT_EQ(merge_points(pts.data(), 2, c.distance, FIVE_DEGREES, 0), c.survivors)
+            << c.second[0] << " " << c.second[1] << " at distance " << c.distance;
+        if (c.survivors == 1 && c.max_z > 0) {
+            EXPECT_EQ(pts[0].position[0], 1.125f);
+        }
+    }
 }
 
 TEST_F(MergeTest, NormalsUpToFiveDegreesApartMergeAndWiderDoNot)
 {
     set_bounds(0.0f, 4.0f);
-    // A normal whose dot product with +z is exactly the limit: equality merges.
-    const float c = cos_limit(FIVE_DEGREES);
-    const float s = std::sqrt(1.0f - c * c);
-    std::vector<Fg_point> at = {make_point(1, 1, 1, 0, 0, 1, 1), make_point(1.01f, 1, 1, s, 0, c, 1)};
-    EXPECT_EQ(merge_points(at.data(), 2, 0.1f, FIVE_DEGREES, 0), 1u);
-
-    const float wide = 5.5f * 3.14159265f / 180.0f;
-    std::vector<Fg_point> apart = {make_point(1, 1, 1, 0, 0, 1, 1),
-                                   make_point(1.01f, 1, 1, std::sin(wide), 0, std::cos(wide), 1)};
-    EXPECT_EQ(merge_points(apart.data(), 2, 0.1f, FIVE_DEGREES, 0), 2u);
+    // At the limit the dot product with +z equals the cosine exactly: equality merges.
+    const float at = cos_limit(FIVE_DEGREES), wide = float(std::cos(5.5 * 3.141592653589793 / 180.0));
+    for (const float c : {at, wide}) {
+        std::vector<Fg_point> pts = {make_point(1, 1, 1, 0, 0, 1, 1), make_point(1.01f, 1, 1, std::sqrt(1.0f - c * c), 0, c, 1)};
+        EXPECT_EQ(merge_points(pts.data(), 2, 0.1f, FIVE_DEGREES, 0), c == at ? 1u : 2u) << "cosine " << c;
+    }
 }
 
 // A negative distance also makes the cell size negative, so that every pair compares both ways.
@@ -234,9 +222,7 @@ TEST_F(MergeTest, DeadMarkedInputPointsAreDropped)
     };
     unsigned n = merge_points(pts.data(), unsigned(pts.size()), 0.1f, FIVE_DEGREES, 0);
     ASSERT_EQ(n, 2u);
-    EXPECT_EQ(pts[0].rays + pts[1].rays, 8u);
-    EXPECT_NE(pts[0].rays, FG_POINT_DEAD);
-    EXPECT_NE(pts[1].rays, FG_POINT_DEAD);
+    EXPECT_EQ(pts[0].rays + pts[1].rays, 8u) << "neither survivor is a dead mark";
 }
 
 // Pairs that straddle a cell corner blend into a third cell; they go through the side array,
@@ -268,26 +254,21 @@ TEST_F(MergeTest, CrowdedGridMergesAtHalfTheDistanceFirst)
 {
     auto starts = [](const std::string& line, const char* head) { return line.rfind(head, 0) == 0; };
     auto count_trying = [&](const std::vector<std::string>& lines) {
-        int n = 0;
-        for (const std::string& line : lines)
-            n += starts(line, "trying merging with distance ");
-        return n;
+        return std::count_if(lines.begin(), lines.end(), [&](const std::string& l) { return starts(l, "trying merging"); });
     };
 
     // Bounds within the distance on every axis make one cell: eight points are not crowded.
     set_bounds(0.0f, 1.0f);
     std::vector<Fg_point> pts;
-    for (int i = 0; i < 8; ++i)
+    for (int i = 0; i < 9; ++i)
         pts.push_back(make_point(0.1f * float(i), 0.5f, 0.5f, 0, 0, 1, 1));
+    std::vector<Fg_point> eight(pts.begin(), pts.end() - 1);
     unsigned n = 0;
-    std::vector<std::string> lines = merge_debug_lines(pts, 4.0f, &n);
+    std::vector<std::string> lines = merge_debug_lines(eight, 4.0f, &n);
     EXPECT_EQ(n, 1u);
     EXPECT_EQ(count_trying(lines), 0);
 
     // Nine are. At 2 and 1 the unit box is still one cell; at 0.5 it has 27, which is enough.
-    pts.clear();
-    for (int i = 0; i < 9; ++i)
-        pts.push_back(make_point(0.1f * float(i), 0.5f, 0.5f, 0, 0, 1, 1));
     lines = merge_debug_lines(pts, 4.0f, &n);
     EXPECT_EQ(n, 1u);
     EXPECT_EQ(pts[0].rays, 9u);
@@ -307,8 +288,7 @@ TEST_F(MergeTest, CrowdedGridMergesAtHalfTheDistanceFirst)
     EXPECT_EQ(n, 1u);
     EXPECT_EQ(pts[0].rays, 18u);
     EXPECT_EQ(count_trying(lines), 10);
-    ASSERT_GE(lines.size(), 10u);
-    EXPECT_EQ(lines[9], "trying merging with distance 0.003906 first");
+    EXPECT_EQ(lines.at(9), "trying merging with distance 0.003906 first");
 }
 
 // On any realistic set the merge conserves rays and leaves no pair that its own test would
@@ -324,13 +304,8 @@ TEST_F(MergeTest, MergeConservesRaysAndLeavesNoMergeablePair)
     for (Case c : {Case{3000, 0.3f, false}, Case{3000, 2.5f, false}, Case{1500, 20.0f, false}, Case{3000, 0.2f, true}}) {
         std::vector<Fg_point> pts = room_points(c.points, 11 + c.points);
         if (c.floor_only) {
-            std::vector<Fg_point> floor;
-            for (const Fg_point& p : pts)
-                if (p.position[2] == 0.0f)
-                    floor.push_back(p);
-            pts = floor;
-            const float min[3] = {0.0f, 0.0f, 0.0f};
-            const float max[3] = {10.0f, 8.0f, 0.0f};
+            std::erase_if(pts, [](const Fg_point& p) { return p.position[2] != 0.0f; });
+            const float min[3] = {0.0f, 0.0f, 0.0f}, max[3] = {10.0f, 8.0f, 0.0f};
             merge_set_bounds(min, max);
         }
         const uint64_t before = total_rays(pts, unsigned(pts.size()));
@@ -427,16 +402,11 @@ TEST_F(MergeMapTest, MergedMapReplacesTheOldTag)
     }
 
     EXPECT_EQ(merge_map(0, 0.4f, FIVE_DEGREES), 0u);
-}
 
-// An empty map still goes through and gives a new, empty map.
-TEST_F(MergeMapTest, EmptyMapGivesANewEmptyMap)
-{
-    const Tag old_tag = store_map({});
-    ASSERT_NE(old_tag, 0u);
-    const Tag new_tag = merge_map(old_tag, 0.4f, FIVE_DEGREES);
-    ASSERT_NE(new_tag, 0u);
-    EXPECT_TRUE(read_map(new_tag).empty());
+    // An empty map still goes through and gives a new, empty map.
+    const Tag empty_tag = merge_map(store_map({}), 0.4f, FIVE_DEGREES);
+    ASSERT_NE(empty_tag, 0u);
+    EXPECT_TRUE(read_map(empty_tag).empty());
 }
 
 }  // namespace
