@@ -95,9 +95,12 @@ void expect_records_follow_positions(const Cloud& cloud, uint32_t n)
 
 }  // namespace
 
+// Along the way, inorder_before (which compares by index and depth alone) must agree with the
+// walk's order for every pair of nodes in the whole tree.
 TEST(KdtreeInorderTest, WalksEverySubtreeOnceInOrderBothWays)
 {
     for (uint32_t n = 1; n <= 70; ++n) {
+        std::vector<Inorder_iterator> whole_tree;
         for (uint32_t root = 1; root <= n; ++root) {
             std::vector<uint32_t> expected;
             walk(root, n, expected);
@@ -110,6 +113,8 @@ TEST(KdtreeInorderTest, WalksEverySubtreeOnceInOrderBothWays)
                 ASSERT_EQ(it.node, expected[i]) << "n " << n << " root " << root << " step " << i;
                 ASSERT_EQ(it.rank, i);
                 ASSERT_EQ(it.depth + 1, uint32_t(std::bit_width(it.node)));
+                if (root == 1)
+                    whole_tree.push_back(it);
                 if (i + 1 < size)
                     it.next(n);
             }
@@ -119,24 +124,10 @@ TEST(KdtreeInorderTest, WalksEverySubtreeOnceInOrderBothWays)
                 ASSERT_EQ(it.node, expected[i - 1]);
             }
         }
-    }
-}
-
-TEST(KdtreeInorderTest, OrderByIndexAndDepthMatchesWalk)
-{
-    for (uint32_t n : {1u, 2u, 3u, 6u, 13u, 31u, 32u, 45u}) {
-        std::vector<uint32_t> order;
-        walk(1, n, order);
-        std::vector<Inorder_iterator> at(order.size());
-        Inorder_iterator it = Inorder_iterator::first(1, n);
-        for (size_t i = 0; i < order.size(); ++i) {
-            at[i] = it;
-            if (i + 1 < order.size())
-                it.next(n);
-        }
-        for (size_t a = 0; a < at.size(); ++a)
-            for (size_t b = 0; b < at.size(); ++b)
-                ASSERT_EQ(inorder_before(at[a], at[b]), a < b) << "n " << n << " nodes " << at[a].node << ", " << at[b].node;
+        for (size_t a = 0; a < n; ++a)
+            for (size_t b = 0; b < n; ++b)
+                ASSERT_EQ(inorder_before(whole_tree[a], whole_tree[b]), a < b)
+                    << "n " << n << " nodes " << whole_tree[a].node << ", " << whole_tree[b].node;
     }
 }
 
@@ -157,22 +148,6 @@ TEST(KdtreeBuildTest, SplitsEverySubtreeOnRandomData)
                 EXPECT_EQ(axes[node], 0xEE);
         }
     }
-}
-
-TEST(KdtreeBuildTest, TwoRecordsPutTheSmallerKeyInTheLeftChild)
-{
-    qv_test_init();
-    Cloud cloud = make_cloud(2, 0);
-    // x spread widest; the larger x starts at node 2 and must move to node 1.
-    const float p[6] = {1, 0, 0, 5, 0.5f, 0.25f};
-    std::memcpy(cloud.positions.data(), p, sizeof p);
-    cloud.original = cloud.positions;
-    std::vector<uint8_t> axes(4, 0);
-    build_tree(cloud.positions.data(), cloud.data, axes.data(), 2);
-    EXPECT_EQ(axes[1], 0);
-    EXPECT_EQ(cloud.positions[0], 5.0f);
-    EXPECT_EQ(cloud.positions[3], 1.0f);
-    expect_records_follow_positions(cloud, 2);
 }
 
 TEST(KdtreeBuildTest, ManyEqualKeysAndEqualPositions)
@@ -200,21 +175,26 @@ TEST(KdtreeBuildTest, ManyEqualKeysAndEqualPositions)
 TEST(KdtreeBuildTest, AxisIsTheWidestExtentTiesToTheLaterAxis)
 {
     qv_test_init();
-    struct Case {
-        float extent[3];
+    const struct {
+        uint32_t n;
+        float second[3];  // the first record sits at the origin, a third (if any) at 0.5 on every axis
         int axis;
     } cases[] = {
-        {{3, 1, 1}, 0}, {{1, 3, 1}, 1}, {{1, 1, 3}, 2},
-        {{3, 3, 1}, 1},  // x == y: y
-        {{3, 1, 3}, 2},  // x == z: z
-        {{1, 3, 3}, 2},  // y == z: z
+        {3, {3, 1, 1}, 0}, {3, {1, 3, 1}, 1}, {3, {1, 1, 3}, 2},
+        {3, {3, 3, 1}, 1}, {3, {3, 1, 3}, 2}, {3, {1, 3, 3}, 2},
+        // Two records: the larger x starts in the left child and must move up to node 1.
+        {2, {4, 0.5f, 0.25f}, 0},
     };
-    for (const Case& c : cases) {
-        Cloud cloud = make_cloud(3, 0);
-        const float p[9] = {0, 0, 0, c.extent[0], c.extent[1], c.extent[2], 0.5f, 0.5f, 0.5f};
-        std::memcpy(cloud.positions.data(), p, sizeof p);
+    for (const auto& c : cases) {
+        Cloud cloud = make_cloud(c.n, 0);
+        const float p[9] = {0, 0, 0, c.second[0], c.second[1], c.second[2], 0.5f, 0.5f, 0.5f};
+        std::memcpy(cloud.positions.data(), p, sizeof(float) * 3 * c.n);
+        cloud.original = cloud.positions;
         std::vector<uint8_t> axes(4, 9);
-        build_tree(cloud.positions.data(), cloud.data, axes.data(), 3);
-        EXPECT_EQ(axes[1], c.axis) << c.extent[0] << " " << c.extent[1] << " " << c.extent[2];
+        build_tree(cloud.positions.data(), cloud.data, axes.data(), c.n);
+        SCOPED_TRACE(testing::Message() << c.n << " records, " << c.second[0] << " " << c.second[1] << " " << c.second[2]);
+        EXPECT_EQ(axes[1], c.axis);
+        expect_kd_property(cloud, axes, c.n);
+        expect_records_follow_positions(cloud, c.n);
     }
 }
