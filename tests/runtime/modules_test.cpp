@@ -9,6 +9,7 @@
 #include "runtime/modules.h"
 #include "runtime/msg.h"
 #include "runtime/msg_testing.h"
+#include "runtime/threads.h"
 #include "tests/runtime/stderr_capture.h"
 #include "tests/test_support.h"
 
@@ -178,16 +179,14 @@ TEST_F(ModulesTest, ReportListsContextAreasAtDebugUnderTrans)
 
 TEST_F(ModulesTest, GlobalAreasAreMadeInIdOrderAndTornDownByKindInExitOrder)
 {
+#define EVENT(text) [](void*) { g_events.push_back(text); }
     mod_register_session_area(MOD_SCENE, [](void* area) {
         EXPECT_EQ(*static_cast<int*>(area), 0);
         g_events.push_back("init SCENE session");
-    }, [](void*) { g_events.push_back("exit SCENE session"); }, 16);
-    mod_register_transaction_area(MOD_RC, [](void*) { g_events.push_back("init RC transaction"); },
-                                  [](void*) { g_events.push_back("exit RC transaction"); }, 8);
-    mod_register_transaction_area(MOD_API, [](void*) { g_events.push_back("init API transaction"); },
-                                  [](void*) { g_events.push_back("exit API transaction"); }, 8);
-    mod_register_session_area(MOD_API, [](void*) { g_events.push_back("init API session"); },
-                              [](void*) { g_events.push_back("exit API session"); }, 8);
+    }, EVENT("exit SCENE session"), 16);
+    mod_register_transaction_area(MOD_RC, EVENT("init RC transaction"), EVENT("exit RC transaction"), 8);
+    mod_register_transaction_area(MOD_API, EVENT("init API transaction"), EVENT("exit API transaction"), 8);
+    mod_register_session_area(MOD_API, EVENT("init API session"), EVENT("exit API session"), 8);
     mod_register_world_area(MOD_RC, nullptr, nullptr, 4);
     mod_register_world_area(MOD_RCFG, nullptr, nullptr, 0);
 
@@ -200,7 +199,8 @@ TEST_F(ModulesTest, GlobalAreasAreMadeInIdOrderAndTornDownByKindInExitOrder)
     EXPECT_NE(out.find("TRAN 0.0  debug: module RC registered for 4 byte world area\n"), std::string::npos);
 
     // Registered too late: its row has a size but no area is made for it.
-    mod_register_world_area(MOD_RCFG, [](void*) { g_events.push_back("init RCFG world"); }, nullptr, 8);
+    mod_register_world_area(MOD_RCFG, EVENT("init RCFG world"), nullptr, 8);
+#undef EVENT
 
     Thread_context* context = thread_context();
     EXPECT_EQ(context->session_areas[MOD_SCENE], mod_session_area(MOD_SCENE));
@@ -217,6 +217,27 @@ TEST_F(ModulesTest, GlobalAreasAreMadeInIdOrderAndTornDownByKindInExitOrder)
         "exit API transaction", "exit RC transaction", "exit API session", "exit SCENE session",
     };
     EXPECT_EQ(g_events, expected);
+}
+
+TEST_F(ModulesTest, NestedScopesKeepTheLastTwoLevels)
+{
+    Thread_context* context = thread_context();
+    context->current_module = context->previous_module = MOD_MSG;
+    {
+        Module_scope a(MOD_DB);
+        {
+            Module_scope b(MOD_SCENE);
+            {
+                Module_scope c(MOD_RCMP);
+                EXPECT_EQ(context->current_module, MOD_RCMP);
+                EXPECT_EQ(context->previous_module, MOD_SCENE);
+            }
+            EXPECT_EQ(context->current_module, MOD_SCENE);
+            EXPECT_EQ(context->previous_module, MOD_DB);
+        }
+        EXPECT_EQ(context->current_module, MOD_DB);
+        EXPECT_EQ(context->previous_module, MOD_MSG);
+    }
 }
 
 TEST_F(ModulesTest, RegistrationKeepsCallbacksThatANullDoesNotReplace)

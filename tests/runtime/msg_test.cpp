@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <optional>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -46,6 +47,16 @@ void recording_callback(uint32_t level, const char* line, const char* text, int3
     g_callback_lines.push_back({level, line, text, number});
 }
 
+std::vector<std::vector<char>> g_sent;
+std::vector<uint32_t> g_sent_to;
+int g_send_result = 1;
+int recording_send(uint32_t host, const void* record, size_t length)
+{
+    g_sent.emplace_back(static_cast<const char*>(record), static_cast<const char*>(record) + length);
+    g_sent_to.push_back(host);
+    return g_send_result;
+}
+
 class MsgTest : public ::testing::Test {
 protected:
     void SetUp() override
@@ -63,9 +74,15 @@ protected:
         context_ = thread_context();
         saved_thread_number_ = context_->thread_number;
         g_callback_lines.clear();
+        g_sent.clear();
+        g_sent_to.clear();
+        g_send_result = 1;
+        // Lines come from MAIN unless a test enters another module.
+        main_scope_.emplace(MOD_MAIN);
     }
     void TearDown() override
     {
+        main_scope_.reset();
         context_->thread_number = saved_thread_number_;
         unsetenv("QV_LOGFILE");
         msg_testing_reset_all();
@@ -77,11 +94,11 @@ protected:
     std::string dir_;
     Thread_context* context_ = nullptr;
     int32_t saved_thread_number_ = 0;
+    std::optional<Module_scope> main_scope_;
 };
 
-TEST_F(MsgTest, DescribedExampleLinesComeOutExactly)
+TEST_F(MsgTest, ExampleLinesBeforeAndAfterTheHostLayerStartsComeOutExactly)
 {
-    Module_scope scope(MOD_MAIN);
     msg_set_levels(0x1f);
     Stderr_capture capture;
     msg_set_host_number(255);
@@ -106,17 +123,16 @@ TEST_F(MsgTest, PrefixCutsLongNamesAndMarksDetachedThreads)
     msg_error("b");
     msg_set_host_number(7);
     msg_warn("c");
-    EXPECT_EQ(capture.finish(), "PART 0.12 error: a\nPART 0.n  error: b\nPART 7.n  warn : c\n");
+    // The module name cut to four letters.
+    const std::string part = "PART";
+    EXPECT_EQ(capture.finish(), part + " 0.12 error: a\n" + part + " 0.n  error: b\n" + part + " 7.n  warn : c\n");
 }
 
 TEST_F(MsgTest, NumbersUseLastThreeDigitsAndRemapTheGapGeoFamily)
 {
     msg_defaults();
     qv_errorhandler(recording_callback);
-    {
-        Module_scope scope(MOD_MAIN);
-        msg_warn_n(1018, "main");
-    }
+    msg_warn_n(1018, "main");
     {
         Module_scope scope(MOD_GEOCO);
         msg_error_n(5, "geo");
@@ -141,7 +157,6 @@ TEST_F(MsgTest, NumbersUseLastThreeDigitsAndRemapTheGapGeoFamily)
 
 TEST_F(MsgTest, MessageCodeIsShownOnlyWithTheMsgcodeClass)
 {
-    Module_scope scope(MOD_MAIN);
     msg_set_classes(MOD_MAIN, MSG_CLASS_DEFAULT & ~MSG_CLASS_MSGCODE);
     qv_errorhandler(recording_callback);
     msg_error_n(12, "no code");
@@ -156,34 +171,25 @@ TEST_F(MsgTest, MessageCodeIsShownOnlyWithTheMsgcodeClass)
     EXPECT_EQ(g_callback_lines[2].number, 241000);
 }
 
-TEST_F(MsgTest, LongTextsSplitAt1313Characters)
+TEST_F(MsgTest, LongTextsSplitAt1313CharactersWithDotsAtEveryCut)
 {
-    Module_scope scope(MOD_MAIN);
-    std::string exact(1313, 'a');
-    std::string longer(1313, 'b');
-    longer += 'z';
+    const std::string exact(1313, 'a'), b_run(1313, 'b');
     Stderr_capture capture;
     msg_error("%s", exact.c_str());
-    msg_error("%s", longer.c_str());
-    std::string expected = "MAIN 0.0  error: " + exact + "\n" + "MAIN 0.0  error: " +
-                           std::string(1313, 'b') + "...\n" + "MAIN 0.0  error: ...z\n";
-    EXPECT_EQ(capture.finish(), expected);
-}
+    msg_error("%s", (b_run + "z").c_str());
+    EXPECT_EQ(capture.finish(), "MAIN 0.0  error: " + exact + "\n" + "MAIN 0.0  error: " + b_run + "...\n" +
+                                    "MAIN 0.0  error: ...z\n");
 
-TEST_F(MsgTest, ThreePiecesCarryDotsOnBothSidesOfTheMiddle)
-{
-    Module_scope scope(MOD_MAIN);
-    std::string text = std::string(1313, 'a') + std::string(1313, 'b') + "c";
+    // Three pieces: the middle one carries dots on both sides.
     qv_errorhandler(recording_callback);
-    msg_warn("%s", text.c_str());
+    msg_warn("%s", (exact + b_run + "c").c_str());
     ASSERT_EQ(g_callback_lines.size(), 3u);
-    EXPECT_EQ(g_callback_lines[1].text, "..." + std::string(1313, 'b') + "...");
+    EXPECT_EQ(g_callback_lines[1].text, "..." + b_run + "...");
     EXPECT_EQ(g_callback_lines[2].text, "...c");
 }
 
 TEST_F(MsgTest, NewlinesBecomeBlanksAndEmptyTextsPrintNothing)
 {
-    Module_scope scope(MOD_MAIN);
     msg_set_levels(0x1f);
     Stderr_capture capture;
     msg_info("one\ntwo\n%s", "three\n");
@@ -208,7 +214,6 @@ TEST_F(MsgTest, ThreadWithoutContextPrintsNothing)
 
 TEST_F(MsgTest, FatalPrintsRunsTheSequenceAndLogsTheShortForm)
 {
-    Module_scope scope(MOD_MAIN);
     static int abort_calls;
     static int abort_value;
     abort_calls = 0;
@@ -238,7 +243,6 @@ TEST_F(MsgTest, FatalPrintsRunsTheSequenceAndLogsTheShortForm)
 
 TEST_F(MsgTest, LogFileTakesEveryLineInTheRecordFormat)
 {
-    Module_scope scope(MOD_MAIN);
     std::string path = dir_ + "/run.log";
     setenv("QV_LOGFILE", path.c_str(), 1);
     msg_testing_reset_output();
@@ -248,14 +252,12 @@ TEST_F(MsgTest, LogFileTakesEveryLineInTheRecordFormat)
     EXPECT_THROW(msg_fatal("last"), Fatal_called);
     EXPECT_EQ(capture.finish(), "") << "with a log file nothing reaches the console";
 
-    std::string pid = std::to_string(getpid());
-    std::string time_text = "[A-Z][a-z]{2} [ 0-9][0-9] [0-9]{2}:[0-9]{2}:[0-9]{2} [0-9]{4}\n";
-    std::regex record("(" + time_text + "\\.20: quovlib\\[" + pid + "\\] [^\n]*\n)");
-    std::string log = read_file(path);
-    std::regex whole("^" + time_text + "\\.20: quovlib\\[" + pid + "\\] MAIN 0\\.0  warn : first 1\n" +
-                     time_text + "\\.20: quovlib\\[" + pid + "\\] MAIN 0\\.0  fatal: last\n" + time_text +
-                     "\\.20: quovlib\\[" + pid + "\\] MAIN fatal: last\n$");
-    EXPECT_TRUE(std::regex_match(log, whole)) << log;
+    const std::string head = "[A-Z][a-z]{2} [ 0-9][0-9] [0-9]{2}:[0-9]{2}:[0-9]{2} [0-9]{4}\n\\.20: quovlib\\[" +
+                             std::to_string(getpid()) + "\\] ";
+    const std::string log = read_file(path);
+    EXPECT_TRUE(std::regex_match(log, std::regex("^" + head + "MAIN 0\\.0  warn : first 1\n" + head +
+                                                 "MAIN 0\\.0  fatal: last\n" + head + "MAIN fatal: last\n$")))
+        << log;
     struct stat info;
     ASSERT_EQ(stat(path.c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777, 0666u);
@@ -263,23 +265,20 @@ TEST_F(MsgTest, LogFileTakesEveryLineInTheRecordFormat)
 
 TEST_F(MsgTest, ColoursFromLettersWarnAboutUnknownOnes)
 {
-    Module_scope scope(MOD_MAIN);
     msg_defaults();
     Stderr_capture capture;
     msg_set_colors("xyz");
     EXPECT_EQ(capture.finish(), "MAIN 0.0  warn   242018: unknown color 'x', expected [.rgbcmyk]\n"
                                 "MAIN 0.0  warn   242018: unknown color 'z', expected [.rgbcmyk]\n");
     EXPECT_TRUE(msg_colors_on());
-    EXPECT_EQ(msg_color_attribute(0), 0xc);  // red, unchanged
-    EXPECT_EQ(msg_color_attribute(1), 0xe);  // yellow
-    EXPECT_EQ(msg_color_attribute(2), 0xb);  // cyan, unchanged
+    // Unknown letters leave their slots as they were (red, cyan); 'y' makes slot 1 yellow.
+    for (const auto& [slot, attribute] : {std::pair{0, 0xc}, {1, 0xe}, {2, 0xb}})
+        EXPECT_EQ(msg_color_attribute(slot), attribute) << "slot " << slot;
 
     msg_set_colors("\"kgbm.c");
-    EXPECT_EQ(msg_color_attribute(0), 0x8);
-    EXPECT_EQ(msg_color_attribute(3), 0xd);
-    EXPECT_EQ(msg_color_attribute(4), 0x0);
-    EXPECT_EQ(msg_color_attribute(5), 0xb);
-    EXPECT_EQ(msg_color_attribute(6), 0xa);  // text ended: default kept
+    // Slot 6 is past the end of the text: its default stays.
+    for (const auto& [slot, attribute] : {std::pair{0, 0x8}, {3, 0xd}, {4, 0x0}, {5, 0xb}, {6, 0xa}})
+        EXPECT_EQ(msg_color_attribute(slot), attribute) << "slot " << slot;
 
     msg_set_colors("on");
     EXPECT_TRUE(msg_colors_on());
@@ -293,7 +292,6 @@ TEST_F(MsgTest, ColoursFromLettersWarnAboutUnknownOnes)
 
 TEST_F(MsgTest, ColouredLinesOnlyOnACharacterDevice)
 {
-    Module_scope scope(MOD_MAIN);
     msg_set_colors("ry");
     Stderr_capture capture;
     msg_error("plain");
@@ -308,19 +306,16 @@ TEST_F(MsgTest, ColouredLinesOnlyOnACharacterDevice)
 TEST_F(MsgTest, ClassListsAddRemoveAndReportUnknownItems)
 {
     msg_defaults();
-    uint32_t mask = 123;
-    EXPECT_EQ(msg_parse_class_list(&mask, ""), 1);
-    EXPECT_EQ(mask, 0u);
-    EXPECT_EQ(msg_parse_class_list(&mask, ",,msgc,ti"), 1);
-    EXPECT_EQ(mask, 0x1008u);
-    EXPECT_EQ(msg_parse_class_list(&mask, "all,-time,!0,~net"), 1);
-    EXPECT_EQ(mask, 0xffffffffu & ~0x8u & ~0x1u & ~0x200u);
-    EXPECT_EQ(msg_parse_class_list(&mask, "31,4"), 1);
-    EXPECT_EQ(mask, 0x80000010u);
-    EXPECT_EQ(msg_parse_class_list(&mask, "d"), 1) << "the first matching row wins";
-    EXPECT_EQ(mask, uint32_t(MSG_CLASS_DEFAULT));
+    // Each list starts from an empty mask; "d" takes the first matching row, default.
+    for (const auto& [list, expected] : {std::pair<const char*, uint32_t>{"", 0u}, {",,msgc,ti", 0x1008u},
+                                         {"all,-time,!0,~net", 0xffffffffu & ~0x8u & ~0x1u & ~0x200u},
+                                         {"31,4", 0x80000010u}, {"d", MSG_CLASS_DEFAULT}}) {
+        uint32_t mask = 123;
+        EXPECT_EQ(msg_parse_class_list(&mask, list), 1) << list;
+        EXPECT_EQ(mask, expected) << list;
+    }
+    uint32_t mask = 0;
 
-    Module_scope scope(MOD_MAIN);
     Stderr_capture capture;
     EXPECT_EQ(msg_parse_class_list(&mask, "phase,bogus"), 0);
     EXPECT_EQ(capture.finish(),
@@ -341,7 +336,6 @@ TEST_F(MsgTest, ErrorTextsComeFromTheSystemTable)
 
 TEST_F(MsgTest, FatalHandlerAndCallbackAreGuarded)
 {
-    Module_scope scope(MOD_MAIN);
     Stderr_capture capture;
     EXPECT_EQ(msg_set_fatal_handler(nullptr), nullptr);
     msg_set_host_number(3);
@@ -356,7 +350,6 @@ TEST_F(MsgTest, FatalHandlerAndCallbackAreGuarded)
 
 TEST_F(MsgTest, CallbackReplacesConsoleUntilRemoved)
 {
-    Module_scope scope(MOD_MAIN);
     msg_set_host_number(255);
     qv_errorhandler(recording_callback);
     Stderr_capture capture;
@@ -370,7 +363,6 @@ TEST_F(MsgTest, CallbackReplacesConsoleUntilRemoved)
 
 TEST_F(MsgTest, TimerReportNeedsTheTimeClass)
 {
-    Module_scope scope(MOD_MAIN);
     msg_set_levels(0x1f);
     double* timer = msg_timer_start();
     Stderr_capture capture;
@@ -388,22 +380,8 @@ TEST_F(MsgTest, TimerReportNeedsTheTimeClass)
     EXPECT_TRUE(std::regex_match(out, expected)) << out;
 }
 
-std::vector<std::vector<char>> g_sent;
-std::vector<uint32_t> g_sent_to;
-int g_send_result = 1;
-int recording_send(uint32_t host, const void* record, size_t length)
-{
-    g_sent.emplace_back(static_cast<const char*>(record), static_cast<const char*>(record) + length);
-    g_sent_to.push_back(host);
-    return g_send_result;
-}
-
 TEST_F(MsgTest, ForwardedLinesGoToTheMasterOnly)
 {
-    Module_scope scope(MOD_MAIN);
-    g_sent.clear();
-    g_sent_to.clear();
-    g_send_result = 1;
     msg_set_send_hook(recording_send);
     msg_set_host_number(4);
     msg_set_forwarding(true);
@@ -425,9 +403,6 @@ TEST_F(MsgTest, ForwardedLinesGoToTheMasterOnly)
 
 TEST_F(MsgTest, SettingsTravelBetweenHosts)
 {
-    g_sent.clear();
-    g_sent_to.clear();
-    g_send_result = 1;
     msg_set_send_hook(recording_send);
     msg_set_host_number(2);
     msg_set_levels(0x1f);
@@ -468,7 +443,6 @@ TEST_F(MsgTest, RemoteLinesAreOutputAsTheyCame)
     std::strcpy(record.text, "from afar");
     msg_set_send_hook(recording_send);
     msg_set_forwarding(true);
-    g_sent.clear();
     Stderr_capture capture;
     msg_handle_remote(&record, false);
     EXPECT_EQ(capture.finish(), "RC   3.2  warn : from afar\n");
@@ -480,23 +454,20 @@ using MsgDeathTest = MsgTest;
 TEST_F(MsgDeathTest, FaultsAndConsoleSignalsEndInNumberedFatals)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    Module_scope scope(MOD_MAIN);
     msg_defaults();
     // The handlers are installed in the child only, so this process keeps its own.
-    EXPECT_EXIT(
-        {
-            msg_install_signal_handlers();
-            raise(SIGTERM);
-        },
-        ::testing::ExitedWithCode(1),
-        "^MAIN 0\\.0  fatal  241503: interrupted by console signal: \\(system shutting down\\) \n$");
-    EXPECT_EXIT(
-        {
-            msg_install_signal_handlers();
-            raise(SIGSEGV);
-        },
-        ::testing::ExitedWithCode(1),
-        "^MAIN 0\\.0  fatal  241500: interrupted by exception code 0x0000000b \\(access violation\\) \n$");
+    const std::pair<int, const char*> cases[] = {
+        {SIGTERM, "^MAIN 0\\.0  fatal  241503: interrupted by console signal: \\(system shutting down\\) \n$"},
+        {SIGSEGV, "^MAIN 0\\.0  fatal  241500: interrupted by exception code 0x0000000b \\(access violation\\) \n$"},
+    };
+    for (const auto& [signal_number, expected] : cases) {
+        EXPECT_EXIT(
+            {
+                msg_install_signal_handlers();
+                raise(signal_number);
+            },
+            ::testing::ExitedWithCode(1), expected);
+    }
 }
 
 }  // namespace

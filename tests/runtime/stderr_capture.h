@@ -31,15 +31,9 @@ public:
             dup2(saved_, 2);
             close(saved_);
             saved_ = -1;
-            std::string text;
             char buffer[4096];
-            ssize_t got;
-            off_t offset = 0;
-            while ((got = pread(fileno(file_), buffer, sizeof buffer, offset)) > 0) {
-                text.append(buffer, size_t(got));
-                offset += got;
-            }
-            text_ = text;
+            for (ssize_t got; (got = pread(fileno(file_), buffer, sizeof buffer, off_t(text_.size()))) > 0;)
+                text_.append(buffer, size_t(got));
         }
         return text_;
     }
