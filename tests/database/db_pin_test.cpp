@@ -1,4 +1,5 @@
 // Pins: per-thread accounting, the job parent chain, untracked elements, shared pin slots.
+#include <barrier>
 #include <thread>
 
 #include "runtime/threads.h"
@@ -73,42 +74,31 @@ TEST_F(DbPinTest, PinsAreCountedPerThreadAndSummedByTheFlush)
     Db_tag tag = make_unpinned(POLYGON, 16);
     uint16_t pidx = qv_db_peek(tag)->pidx;
 
-    std::mutex step_lock;
-    std::condition_variable step_changed;
-    int step = 0;
-    auto wait_for = [&](int wanted) {
-        std::unique_lock<std::mutex> hold(step_lock);
-        step_changed.wait(hold, [&] { return step >= wanted; });
-    };
-    auto advance = [&](int to) {
-        std::lock_guard<std::mutex> hold(step_lock);
-        step = to;
-        step_changed.notify_all();
-    };
-
+    // Each arrival at the barrier is one step both threads take together.
+    std::barrier step(2);
     uint32_t foreign_pins = 0;
     std::thread foreign([&] {
-        ASSERT_GE(thread_init_current(), 0);
+        EXPECT_GE(thread_init_current(), 0);
         qv_db_access(tag);
         foreign_pins = thread_context()->db_pins[pidx];
-        advance(1);
-        wait_for(2);
+        step.arrive_and_wait();
+        step.arrive_and_wait();
         qv_db_unpin(tag);
-        advance(3);
-        wait_for(4);
+        step.arrive_and_wait();
+        step.arrive_and_wait();
         // Ends with a pin held: the pin outlives the thread.
         qv_db_access(tag);
         thread_end_current();
     });
 
-    wait_for(1);
+    step.arrive_and_wait();
     EXPECT_EQ(foreign_pins, 1u);
     EXPECT_EQ(my_pins(tag), 0u) << "the foreign pin is not in this thread's array";
     EXPECT_FALSE(offered(tag));
-    advance(2);
-    wait_for(3);
+    step.arrive_and_wait();
+    step.arrive_and_wait();
     EXPECT_TRUE(offered(tag));
-    advance(4);
+    step.arrive_and_wait();
     foreign.join();
     EXPECT_FALSE(offered(tag)) << "an ended thread's pins still count";
 }
