@@ -90,10 +90,7 @@ TEST_F(Map_file_append, AppendsOnFullAndPartialPagesKeepTheCountsAndNoBvh)
 {
     const uint32_t per_page = map_elements_per_page(20, 3);
     const std::string name = path("grow.map");
-    Map_impl start(small_declaration());
-    start.bvh_enabled = false;
-    fill(start, 0, per_page); // the file ends on a full page
-    ASSERT_EQ(start.write(name.c_str(), MAP_FORMAT_BINARY, false), MAP_SUCCESS);
+    write_small(name, 0, per_page); // the file ends on a full page
     // A stale BVH offset must not survive an append.
     std::vector<uint8_t> bytes = file_bytes(name);
     const uint32_t d = field_at<uint32_t>(bytes, 10);
@@ -122,9 +119,7 @@ TEST_F(Map_file_append, AppendsOnFullAndPartialPagesKeepTheCountsAndNoBvh)
 TEST_F(Map_file_append, AppendToFileRefusals)
 {
     const std::string name = path("target.map");
-    Map_impl target(small_declaration());
-    fill(target, 0, 4);
-    ASSERT_EQ(target.write(name.c_str(), MAP_FORMAT_BINARY, false), MAP_SUCCESS);
+    write_small(name, 0, 4, true);
     const std::vector<uint8_t> before = file_bytes(name);
 
     Map_impl empty(small_declaration());

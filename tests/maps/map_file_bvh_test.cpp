@@ -1,24 +1,12 @@
 // The global BVH in a map file: written behind the pages, read instead of a build, merged on
 // an append, and the results of read_bvh and write_bvh.
-#include "maps/map_bvh.h"
 #include "tests/maps/map_file_test_support.h"
 
 using namespace map_file_test;
 
 namespace {
 
-class Map_file_bvh : public Map_file_test {
-protected:
-    // A map of `count` small elements from `first`, built and written to `name`.
-    void write_built(const std::string& name, uint32_t first, uint32_t count)
-    {
-        Map_impl map(small_declaration());
-        fill(map, first, count);
-        ASSERT_EQ(map.write(name.c_str(), MAP_FORMAT_BINARY, false), MAP_SUCCESS);
-        ASSERT_NE(map.global_bvh, nullptr);
-        ASSERT_TRUE(map.global_bvh->is_valid());
-    }
-};
+class Map_file_bvh : public Map_file_test {};
 
 } // namespace
 
@@ -27,7 +15,7 @@ TEST_F(Map_file_bvh, BvhLiesBehindThePagesAndSparesTheBuildOnRead)
     const uint32_t per_page = map_elements_per_page(20, 3);
     const uint32_t pages = 12;
     const std::string name = path("built.map");
-    write_built(name, 0, pages * per_page - 3);
+    write_small(name, 0, pages * per_page - 3, true);
 
     const std::vector<uint8_t> bytes = file_bytes(name);
     const uint32_t d = field_at<uint32_t>(bytes, 10);
@@ -80,8 +68,8 @@ TEST_F(Map_file_bvh, BvhLiesBehindThePagesAndSparesTheBuildOnRead)
 TEST_F(Map_file_bvh, AppendFromFileMergesOrReadsTheFilesTree)
 {
     const uint32_t per_page = map_elements_per_page(20, 3);
-    write_built(path("a.map"), 0, 3 * per_page);
-    write_built(path("b.map"), 3 * per_page, 2 * per_page);
+    write_small(path("a.map"), 0, 3 * per_page, true);
+    write_small(path("b.map"), 3 * per_page, 2 * per_page, true);
 
     // An empty map takes the file's tree as its own.
     Map_impl map;
@@ -98,10 +86,7 @@ TEST_F(Map_file_bvh, AppendFromFileMergesOrReadsTheFilesTree)
     EXPECT_EQ(map.size(), 5 * per_page);
 
     // A file without a tree only asks for a refit of a filled map.
-    Map_impl plain(small_declaration());
-    plain.bvh_enabled = false;
-    fill(plain, 0, 10);
-    ASSERT_EQ(plain.write(path("plain.map").c_str(), MAP_FORMAT_BINARY, false), MAP_SUCCESS);
+    write_small(path("plain.map"), 0, 10);
     ASSERT_EQ(map.append_from_file(path("plain.map").c_str(), false, false, nullptr), MAP_SUCCESS);
     EXPECT_TRUE(map.needs_refit);
     // And of an empty one, a build.

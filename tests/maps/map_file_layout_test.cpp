@@ -124,14 +124,8 @@ TEST_F(Map_file_layout, MapOfSeveralSegmentsIsRepackedIntoPlainPages)
     // Two files appended one after the other leave a partly filled page between them; the
     // written file must still have element i at page i / E, slot i % E.
     const uint32_t per_page = map_elements_per_page(20, 3);
-    Map_impl first(small_declaration());
-    first.bvh_enabled = false;
-    fill(first, 0, per_page + 3);
-    ASSERT_EQ(first.write(path("a.map").c_str(), MAP_FORMAT_BINARY, false), MAP_SUCCESS);
-    Map_impl second(small_declaration());
-    second.bvh_enabled = false;
-    fill(second, per_page + 3, 10);
-    ASSERT_EQ(second.write(path("b.map").c_str(), MAP_FORMAT_BINARY, false), MAP_SUCCESS);
+    write_small(path("a.map"), 0, per_page + 3);
+    write_small(path("b.map"), per_page + 3, 10);
 
     Map_impl joined;
     joined.bvh_enabled = false;

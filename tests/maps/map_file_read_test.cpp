@@ -1,9 +1,5 @@
 // Reading a binary map file: round trips, pages read on demand, and every malformed header
 // refused with its status while the map keeps what it had.
-#include <atomic>
-#include <thread>
-
-#include "runtime/threads.h"
 #include "tests/maps/map_file_test_support.h"
 
 using namespace map_file_test;
@@ -241,25 +237,6 @@ TEST_F(Map_file_read, ThreadsReadOneFileThroughASmallCache)
     Map_impl map;
     map.bvh_enabled = false;
     ASSERT_EQ(map.read(name.c_str(), 0), MAP_SUCCESS);
-    const uint32_t count = map.size();
-
-    std::atomic<uint32_t> wrong{0};
-    auto reader = [&](uint32_t seed) {
-        thread_init_current();
-        uint32_t state = seed * 7919u + 1;
-        for (uint32_t k = 0; k < 20000; ++k) {
-            state = state * 1664525u + 1013904223u;
-            const uint32_t i = state % count;
-            if (!same(element_of(map, i), small_element(i)))
-                ++wrong;
-        }
-        thread_end_current();
-    };
-    std::vector<std::thread> threads;
-    for (uint32_t t = 0; t < 4; ++t)
-        threads.emplace_back(reader, t);
-    for (std::thread& thread : threads)
-        thread.join();
-    EXPECT_EQ(wrong.load(), 0u);
+    EXPECT_EQ(wrong_reads_from_threads(map, 4, 20000), 0u);
     EXPECT_GT(static_cast<Map_file*>(map.page_store().file(0))->pages_read(), 96u) << "pages were read again";
 }

@@ -10,6 +10,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "maps/map_bvh.h"
 #include "maps/map_file.h"
 #include "tests/maps/map_storage_support.h"
 
@@ -95,6 +96,20 @@ protected:
         Map_storage_test::TearDown();
     }
     std::string path(const char* name) const { return directory + "/" + name; }
+
+    // Writes small elements [first, first + count) as a binary map file, in append order unless
+    // `built` (then with a BVH and in its order).
+    static void write_small(const std::string& name, uint32_t first, uint32_t count, bool built = false)
+    {
+        Map_impl map(small_declaration());
+        map.bvh_enabled = built;
+        fill(map, first, count);
+        ASSERT_EQ(map.write(name.c_str(), MAP_FORMAT_BINARY, false), MAP_SUCCESS);
+        if (built) {
+            ASSERT_NE(map.global_bvh, nullptr);
+            ASSERT_TRUE(map.global_bvh->is_valid());
+        }
+    }
 
     std::string directory;
 };

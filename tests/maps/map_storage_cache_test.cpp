@@ -1,12 +1,8 @@
 // The two-level cache under pressure: out-of-core maps, several readers, flushes, statistics.
-#include <atomic>
 #include <cstdio>
-#include <cstdlib>
-#include <thread>
 #include <unistd.h>
 
 #include "maps/map_page_table.h"
-#include "runtime/threads.h"
 #include "tests/maps/map_storage_support.h"
 
 using namespace QV::RCMAP;
@@ -14,21 +10,14 @@ using namespace map_storage_test;
 
 namespace {
 
-class Map_storage_cache : public Map_storage_test {};
+class Map_storage_cache : public Map_storage_test {
+protected:
+    // Appends and commits enough elements for `pages` file pages.
+    static void fill_pages(Map_impl& map, uint32_t pages) { fill(map, 0, pages * map.page_store().elements_per_page); }
+};
 
 constexpr float SMALL_LIMIT_MB = 1.0f;                        // 32 cache pages
 constexpr uint32_t SMALL_LIMIT_PAGES = 32;
-
-// Appends enough elements for `pages` file pages and commits.
-void fill(Map_impl& map, uint32_t pages)
-{
-    uint32_t count = pages * map.page_store().elements_per_page;
-    for (uint32_t i = 0; i < count; ++i) {
-        Small_element element = small_element(i);
-        ASSERT_EQ(map.append_raw(&element), qv::shader_v3::MAP_SUCCESS);
-    }
-    map.commit();
-}
 
 } // namespace
 
@@ -37,11 +26,11 @@ TEST_F(Map_storage_cache, TenTimesTheCacheGoesThroughTheSwapFileIntact)
     Map_manager& manager = Map_manager::instance();
     manager.flush(0);
     manager.set_size_limit_mb(SMALL_LIMIT_MB);
-    uint32_t buffers_before = manager.max_pages();
+    const uint32_t buffers_before = manager.max_pages();
     {
         Map_impl map(small_declaration());
-        fill(map, SMALL_LIMIT_PAGES * 10);
-        uint32_t count = map.size();
+        fill_pages(map, SMALL_LIMIT_PAGES * 10);
+        const uint32_t count = map.size();
         ASSERT_EQ(count, SMALL_LIMIT_PAGES * 10 * map.page_store().elements_per_page);
 
         EXPECT_LE(manager.resident_pages(), SMALL_LIMIT_PAGES);
@@ -53,14 +42,12 @@ TEST_F(Map_storage_cache, TenTimesTheCacheGoesThroughTheSwapFileIntact)
         // Two passes, the second one in reverse, so pages leave and return more than once.
         for (int pass = 0; pass < 2; ++pass) {
             for (uint32_t k = 0; k < count; ++k) {
-                uint32_t i = pass == 0 ? k : count - 1 - k;
-                Small_element element;
-                map.read_element(i, &element);
-                ASSERT_TRUE(same(element, small_element(i))) << "element " << i << " pass " << pass;
+                const uint32_t i = pass == 0 ? k : count - 1 - k;
+                ASSERT_TRUE(same(element_of(map, i), small_element(i))) << "element " << i << " pass " << pass;
             }
             EXPECT_LE(manager.resident_pages(), SMALL_LIMIT_PAGES);
         }
-        Map_cache_statistics statistics = manager.map_statistics(map.page_store().map_id);
+        const Map_cache_statistics statistics = manager.map_statistics(map.page_store().map_id);
         EXPECT_GT(statistics.swaps, 0u);
         EXPECT_GT(statistics.loads, uint64_t(SMALL_LIMIT_PAGES * 10));
         // One reach of the manager per page change at most; the rest are table hits.
@@ -75,127 +62,69 @@ TEST_F(Map_storage_cache, TenTimesTheCacheGoesThroughTheSwapFileIntact)
 TEST_F(Map_storage_cache, TableHitsDoNotReachTheManager)
 {
     Map_impl map(small_declaration());
-    fill(map, 2);
-    Map_cache_statistics before = Map_manager::instance().map_statistics(map.page_store().map_id);
-    Small_element element;
+    fill_pages(map, 2);
+    const Map_cache_statistics before = Map_manager::instance().map_statistics(map.page_store().map_id);
     for (int i = 0; i < 1000; ++i)
-        map.read_element(uint32_t(i % 10), &element);
-    Map_cache_statistics after = Map_manager::instance().map_statistics(map.page_store().map_id);
+        element_of(map, uint32_t(i % 10));
+    const Map_cache_statistics after = Map_manager::instance().map_statistics(map.page_store().map_id);
     EXPECT_EQ(after.global_accesses, before.global_accesses);
     EXPECT_EQ(after.accesses, before.accesses + 1000);
 }
 
 TEST_F(Map_storage_cache, ConcurrentReadersOfOneMapGetCorrectData)
 {
+    // Each thread walks its own sequence of pages, so that they compete for buffers.
     Map_manager::instance().set_size_limit_mb(SMALL_LIMIT_MB);
     Map_impl map(small_declaration());
-    fill(map, SMALL_LIMIT_PAGES * 3);
-    uint32_t count = map.size();
-
-    std::atomic<uint32_t> wrong{0};
-    std::atomic<uint32_t> done{0};
-    auto reader = [&](uint32_t seed) {
-        thread_init_current();
-        {
-            // Each thread walks its own permutation of pages so they compete for buffers.
-            uint32_t state = seed * 7919u + 1;
-            for (uint32_t k = 0; k < count / 2; ++k) {
-                state = state * 1664525u + 1013904223u;
-                uint32_t i = state % count;
-                Small_element element;
-                map.read_element(i, &element);
-                if (!same(element, small_element(i)))
-                    ++wrong;
-            }
-        }
-        thread_end_current();
-        ++done;
-    };
-    std::vector<std::thread> threads;
-    for (uint32_t t = 0; t < 4; ++t)
-        threads.emplace_back(reader, t);
-    for (std::thread& thread : threads)
-        thread.join();
-    EXPECT_EQ(done.load(), 4u);
-    EXPECT_EQ(wrong.load(), 0u);
+    fill_pages(map, SMALL_LIMIT_PAGES * 3);
+    EXPECT_EQ(wrong_reads_from_threads(map, 4, map.size() / 2), 0u);
     EXPECT_LE(Map_manager::instance().resident_pages(), SMALL_LIMIT_PAGES);
 }
 
-TEST_F(Map_storage_cache, FlushGivesMemoryBackAndKeepsChanges)
+TEST_F(Map_storage_cache, FlushesGiveMemoryBackAndKeepChanges)
 {
     Map_manager& manager = Map_manager::instance();
     Map_impl map(small_declaration());
-    fill(map, 6);
-    EXPECT_GE(manager.resident_pages(), 6u);
+    fill_pages(map, 8);
+    EXPECT_GE(manager.resident_pages(), 8u);
 
     manager.flush(0);
     EXPECT_TRUE(saw("flushed "));
     // Only the newest entry of this thread's table may stay.
     EXPECT_LE(manager.resident_pages(), 1u);
     EXPECT_EQ(manager.free_buffers(), 0u);
-    for (uint32_t i = 0; i < map.size(); ++i) {
-        Small_element element;
-        map.read_element(i, &element);
-        ASSERT_TRUE(same(element, small_element(i))) << i;
-    }
+    EXPECT_TRUE(holds_elements(map, map.size()));
 
     // A flush of one map takes every page of it out of memory.
     map.flush();
     EXPECT_EQ(manager.resident_pages(), 0u);
-    Small_element element;
-    map.read_element(map.size() - 1, &element);
-    EXPECT_TRUE(same(element, small_element(map.size() - 1)));
-}
-
-TEST_F(Map_storage_cache, MemoryManagerRequestIsServedOnTheNextMiss)
-{
-    Map_manager& manager = Map_manager::instance();
-    Map_impl map(small_declaration());
-    fill(map, 8);
-    map.flush(); // everything in the swap file, buffers on the free list
     manager.flush(0);
-    for (uint32_t page = 0; page < 8; ++page) {
-        Small_element element;
-        map.read_element(page * map.page_store().elements_per_page, &element);
-    }
-    uint32_t resident = manager.resident_pages();
+    for (uint32_t i = 0; i < 8 * map.page_store().elements_per_page; i += map.page_store().elements_per_page)
+        ASSERT_TRUE(same(element_of(map, i), small_element(i))) << "element " << i;
+    const uint32_t resident = manager.resident_pages();
     ASSERT_EQ(resident, 8u);
-    // The callback only notes the request; it may run inside any allocation.
+    // The memory manager's callback only notes the request; it may run inside any allocation.
     EXPECT_EQ(Map_manager::flush_callback(2 * 32768), 0u);
     EXPECT_EQ(manager.resident_pages(), resident);
     captured().clear();
     // The next miss serves it: the table gives back its oldest pages, which are clean.
     Map_impl other(small_declaration());
-    fill(other, 1);
+    fill(other, 0, 1);
     EXPECT_TRUE(saw("flushed 65536 bytes"));
     EXPECT_EQ(manager.resident_pages(), resident - 2 + 1);
 }
 
 TEST_F(Map_storage_cache, UnwritableSwapDirectoryKeepsPagesInMemory)
 {
-    const char* old = getenv("TMPDIR");
-    std::string saved = old ? old : "";
-    setenv("TMPDIR", "/nonexistent/map/swap/dir", 1);
+    Scoped_env tmpdir("TMPDIR", "/nonexistent/map/swap/dir");
     Map_manager::instance().set_size_limit_mb(0.25f); // 8 pages
-    {
-        Map_impl map(small_declaration());
-        fill(map, 20);
-        for (uint32_t i = 0; i < map.size(); i += 37) {
-            Small_element element;
-            map.read_element(i, &element);
-            ASSERT_TRUE(same(element, small_element(i))) << i;
-        }
-        // One error for the map, not one per page.
-        uint32_t errors = 0;
-        for (const Captured_line& line : captured())
-            if (line.text.find("cannot create map swap file \"/nonexistent/map/swap/dir/qrmap") == 0)
-                ++errors;
-        EXPECT_EQ(errors, 1u);
-    }
-    if (old)
-        setenv("TMPDIR", saved.c_str(), 1);
-    else
-        unsetenv("TMPDIR");
+    Map_impl map(small_declaration());
+    fill_pages(map, 20);
+    EXPECT_TRUE(holds_elements(map, map.size()));
+    int errors = 0;
+    for (const Captured_line& line : captured())
+        errors += line.text.find("cannot create map swap file \"/nonexistent/map/swap/dir/qrmap") == 0;
+    EXPECT_EQ(errors, 1) << "one error for the map, not one per page";
 }
 
 TEST_F(Map_storage_cache, StatisticsAndTraceAreWrittenAtShutdown)
@@ -204,7 +133,7 @@ TEST_F(Map_storage_cache, StatisticsAndTraceAreWrittenAtShutdown)
     manager.set_statistics(true);
     manager.set_trace(true);
     char path[] = "/tmp/map_storage_traceXXXXXX";
-    int fd = mkstemp(path);
+    const int fd = mkstemp(path);
     ASSERT_GE(fd, 0);
     close(fd);
     manager.set_dump_file_name(path);
@@ -212,11 +141,9 @@ TEST_F(Map_storage_cache, StatisticsAndTraceAreWrittenAtShutdown)
     {
         Map_impl map(small_declaration());
         id = map.page_store().map_id;
-        fill(map, 3);
+        fill_pages(map, 3);
     }
-    char heading[32];
-    snprintf(heading, sizeof heading, "map %d stats:", id);
-    EXPECT_TRUE(saw(heading));
+    EXPECT_TRUE(saw("map " + std::to_string(id) + " stats:"));
     EXPECT_TRUE(saw("total page accesses          : "));
     EXPECT_TRUE(saw("page loads / global accesses : "));
     manager.shutdown();
@@ -246,7 +173,7 @@ TEST_F(Map_storage_cache, AgingMakesTablesGiveBackWhenTheCacheIsFull)
     Map_manager& manager = Map_manager::instance();
     manager.set_size_limit_mb(SMALL_LIMIT_MB);
     Map_impl map(small_declaration());
-    fill(map, 64);
+    fill_pages(map, 64);
     map.flush();
     manager.flush(0);
     ASSERT_EQ(manager.resident_pages(), 0u);
@@ -269,10 +196,8 @@ TEST_F(Map_storage_cache, AgingMakesTablesGiveBackWhenTheCacheIsFull)
     EXPECT_LE(manager.resident_pages(), SMALL_LIMIT_PAGES);
     // What the tables still hold is intact.
     Small_element element;
-    uint32_t e = store.elements_per_page;
     memcpy(&element, data, sizeof element);
-    EXPECT_TRUE(same(element, small_element(SMALL_LIMIT_PAGES * e)));
-    // Tables leave with their pages given back.
+    EXPECT_TRUE(same(element, small_element(SMALL_LIMIT_PAGES * store.elements_per_page)));
 }
 
 TEST_F(Map_storage_cache, DirtyPagesOfAnotherMapAreWrittenToTheirOwnSwapFile)
@@ -281,26 +206,17 @@ TEST_F(Map_storage_cache, DirtyPagesOfAnotherMapAreWrittenToTheirOwnSwapFile)
     manager.flush(0);
     manager.set_size_limit_mb(0.25f); // 8 pages; this thread's table holds 6
     Map_impl first(small_declaration());
-    fill(first, 8);
+    fill_pages(first, 8);
     ASSERT_EQ(first.page_store().swap.slot_count(), 0u) << "all of it fits";
 
     // Every idle page is a dirty page of the first map: the second map's miss has them written
     // to the first map's swap file, not its own.
     Map_impl second(small_declaration());
-    Small_element element = small_element(12345);
-    ASSERT_EQ(second.append_raw(&element), qv::shader_v3::MAP_SUCCESS);
-    second.commit();
+    fill(second, 12345, 1);
     EXPECT_GT(first.page_store().swap.slot_count(), 0u);
     EXPECT_EQ(second.page_store().swap.slot_count(), 0u);
     EXPECT_GT(manager.map_statistics(first.page_store().map_id).swaps, 0u);
     EXPECT_LE(manager.resident_pages(), 8u);
-
-    for (uint32_t i = 0; i < first.size(); ++i) {
-        Small_element back;
-        first.read_element(i, &back);
-        ASSERT_TRUE(same(back, small_element(i))) << i;
-    }
-    Small_element back;
-    second.read_element(0, &back);
-    EXPECT_TRUE(same(back, element));
+    EXPECT_TRUE(holds_elements(first, first.size()));
+    EXPECT_TRUE(holds_elements(second, 1, 12345));
 }

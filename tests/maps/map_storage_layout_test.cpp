@@ -1,5 +1,6 @@
 // Page addressing: elements per page with the page-BVH room, segments, page size rules, bounds.
 #include <cstring>
+#include <utility>
 
 #include "maps/map_page_store.h"
 #include "tests/maps/map_storage_support.h"
@@ -39,26 +40,29 @@ TEST_F(Map_storage_layout, ElementsPerPageLeaveRoomForThePageBvh)
 
 TEST_F(Map_storage_layout, PageSizeIsCorrectedWithItsWarning)
 {
-    EXPECT_EQ(map_correct_page_size_kb(33), 64u);
-    EXPECT_TRUE(saw("map page size in KB rounded up to 64"));
-    EXPECT_EQ(map_correct_page_size_kb(2048), 1024u);
-    EXPECT_TRUE(saw("map page size in KB greater than maximum (2048), corrected"));
-    EXPECT_EQ(map_correct_page_size_kb(16), 32u);
-    EXPECT_TRUE(saw("map page size in KB smaller than minimum (16), corrected"));
-    EXPECT_EQ(map_correct_page_size_kb(96), 128u);
-
-    captured().clear();
-    EXPECT_EQ(map_correct_page_size_kb(256), 256u);
-    EXPECT_EQ(map_correct_page_size_kb(32), 32u);
-    EXPECT_TRUE(captured().empty()) << "a valid size is not reported";
-    // The warning numbers say which rule applied.
-    map_correct_page_size_kb(1);
-    map_correct_page_size_kb(5000);
-    map_correct_page_size_kb(100);
-    ASSERT_EQ(captured().size(), 3u);
-    EXPECT_EQ(captured()[0].number % 1000, 1);
-    EXPECT_EQ(captured()[1].number % 1000, 2);
-    EXPECT_EQ(captured()[2].number % 1000, 3);
+    // The warning numbers say which rule applied; a valid size is not reported.
+    struct Case {
+        uint32_t given, corrected;
+        const char* warning;
+        int32_t number;
+    };
+    const Case cases[] = {
+        {16, 32, "map page size in KB smaller than minimum (16), corrected", 1},
+        {2048, 1024, "map page size in KB greater than maximum (2048), corrected", 2},
+        {33, 64, "map page size in KB rounded up to 64", 3},
+        {96, 128, "map page size in KB rounded up to 128", 3},
+        {32, 32, nullptr, 0},
+        {256, 256, nullptr, 0},
+    };
+    for (const Case& c : cases) {
+        captured().clear();
+        EXPECT_EQ(map_correct_page_size_kb(c.given), c.corrected) << c.given;
+        ASSERT_EQ(captured().size(), c.warning ? 1u : 0u) << c.given;
+        if (c.warning) {
+            EXPECT_EQ(captured()[0].text, c.warning);
+            EXPECT_EQ(captured()[0].number % 1000, c.number) << c.given;
+        }
+    }
 }
 
 TEST_F(Map_storage_layout, ThreadTablesHoldAtLeastFourEntries)
@@ -75,28 +79,24 @@ TEST_F(Map_storage_layout, LocateContinuesNumberingAcrossSegments)
 {
     Map_page_store store;
     store.configure(20, 3);
-    uint32_t e = store.elements_per_page;
-    uint32_t page, slot;
-    store.locate(e + 3, &page, &slot);
-    EXPECT_EQ(page, 1u);
-    EXPECT_EQ(slot, 3u);
+    const uint32_t e = store.elements_per_page;
+    auto located = [&](uint32_t index) {
+        uint32_t page, slot;
+        store.locate(index, &page, &slot);
+        return std::pair{page, slot};
+    };
+    EXPECT_EQ(located(e + 3), std::pair(1u, 3u));
 
     // A file of 2.5 pages at its own E, then memory data after it.
-    uint32_t file_e = 100;
+    const uint32_t file_e = 100;
     store.add_file_segment(new Pattern_source(0, 3), 0, 250, file_e);
     ASSERT_EQ(store.segments().size(), 1u);
     EXPECT_EQ(store.segments()[0].last_page, 2u);
     EXPECT_EQ(store.segments()[0].last_page_count, 50u);
-    store.locate(249, &page, &slot);
-    EXPECT_EQ(page, 2u);
-    EXPECT_EQ(slot, 49u);
+    EXPECT_EQ(located(249), std::pair(2u, 49u));
     // The partly filled last page stays partly filled: element 250 opens page 3.
-    store.locate(250, &page, &slot);
-    EXPECT_EQ(page, 3u);
-    EXPECT_EQ(slot, 0u);
-    store.locate(250 + e, &page, &slot);
-    EXPECT_EQ(page, 4u);
-    EXPECT_EQ(slot, 0u);
+    EXPECT_EQ(located(250), std::pair(3u, 0u));
+    EXPECT_EQ(located(250 + e), std::pair(4u, 0u));
     EXPECT_EQ(store.page_count(250), 3u);
     EXPECT_EQ(store.page_count(251), 4u);
 
@@ -106,15 +106,11 @@ TEST_F(Map_storage_layout, LocateContinuesNumberingAcrossSegments)
     EXPECT_EQ(store.segments()[1].first_page, 3u);
     EXPECT_EQ(store.segments()[1].last_page, 4u);
     EXPECT_EQ(store.segments()[1].file_index, -1);
-    store.locate(250 + e, &page, &slot);
-    EXPECT_EQ(page, 4u);
-    EXPECT_EQ(slot, 0u);
+    EXPECT_EQ(located(250 + e), std::pair(4u, 0u));
 
     // A second file continues after the memory data.
     store.add_file_segment(new Pattern_source(100, 1), 251 + e, 10, file_e);
-    store.locate(251 + e, &page, &slot);
-    EXPECT_EQ(page, 5u);
-    EXPECT_EQ(slot, 0u);
+    EXPECT_EQ(located(251 + e), std::pair(5u, 0u));
     EXPECT_EQ(store.backed_file_pages(), 6u);
 }
 
@@ -171,27 +167,16 @@ TEST_F(Map_storage_layout, BoundsStartEmptyWithTheDescribedBits)
 
 TEST_F(Map_storage_layout, CacheLimitFollowsSettingsWithinMemory)
 {
-    // Nothing set: a quarter of memory, in whole MB.
+    // Nothing set: a quarter of memory, in whole MB; option before registry before environment;
+    // never more than memory.
     EXPECT_EQ(map_cache_limit_mb(1001, 0, 0, 0), 250.0f);
-    // Option before registry before environment.
     EXPECT_EQ(map_cache_limit_mb(1000, 10, 20, 30), 10.0f);
     EXPECT_EQ(map_cache_limit_mb(1000, 0, 20, 30), 20.0f);
     EXPECT_EQ(map_cache_limit_mb(1000, 0, 0, 30), 30.0f);
-    // Never more than memory.
     EXPECT_EQ(map_cache_limit_mb(1000, 0, 0, 5000), 1000.0f);
-
-    const char* old = getenv("QV_MAP_CACHE_SIZE");
-    std::string saved = old ? old : "";
-    setenv("QV_MAP_CACHE_SIZE", "0", 1);
-    EXPECT_EQ(map_cache_env_size_mb(), 0u);
-    setenv("QV_MAP_CACHE_SIZE", "-64", 1);
-    EXPECT_EQ(map_cache_env_size_mb(), 0u);
-    setenv("QV_MAP_CACHE_SIZE", "300", 1);
-    EXPECT_EQ(map_cache_env_size_mb(), 300u);
-    if (old)
-        setenv("QV_MAP_CACHE_SIZE", saved.c_str(), 1);
-    else
-        unsetenv("QV_MAP_CACHE_SIZE");
-
+    for (const auto& [text, size] : {std::pair{"0", 0u}, {"-64", 0u}, {"300", 300u}}) {
+        Scoped_env env("QV_MAP_CACHE_SIZE", text);
+        EXPECT_EQ(map_cache_env_size_mb(), size) << text;
+    }
     EXPECT_GT(map_available_memory_mb(), 0u);
 }
