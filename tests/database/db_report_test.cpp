@@ -37,7 +37,7 @@ TEST_F(DbReportTest, DumpRowsFollowTheirFormatAndHaveFewerColumnsThanTheHeading)
     Db_type_handler serial{};
     serial.class_id = [](const void*) { return 0x3D4D4150u; };
     qv_db_set_type_handler(DB_TYPE_SERIALIZABLE, serial);
-    Db_tag polygon = 0, map = 0, other = 0;
+    Db_tag polygon = 0, map = 0;
     {
         Module_scope scope(MOD_MAIN);
         qv_db_create(&polygon, 14, 16);
@@ -45,7 +45,7 @@ TEST_F(DbReportTest, DumpRowsFollowTheirFormatAndHaveFewerColumnsThanTheHeading)
     }
     {
         Module_scope scope(MOD_RCFG);
-        qv_db_create(&other, 1, 8);
+        make_unpinned(1, 8);
     }
     qv_db_mark_shared(map);
     db_messages().clear();
@@ -105,11 +105,8 @@ TEST_F(DbReportTest, SummaryListsByModuleAndTypeWithTheirThresholds)
 
 TEST_F(DbReportTest, StatisticsCountWhatHappened)
 {
-    Db_tag first = 0, second = 0;
-    qv_db_create(&first, 0, 8);
-    qv_db_create(&second, 0, 8);
-    qv_db_realloc(first, 64);
-    qv_db_delete(second);
+    qv_db_realloc(make_unpinned(0, 8), 64);
+    qv_db_delete(make_unpinned(0, 8));
     db_messages().clear();
     qv_db_stats();
     EXPECT_EQ(info_lines(), (std::vector<std::string>{"1 tags, 2 creates, 1 reallocs",
@@ -134,9 +131,8 @@ TEST_F(DbReportTest, LeftoverTagsOfAHostAreReportedWhenAsked)
     ASSERT_TRUE(qv_db_debug_slave_tags());
 
     thread_context()->host_number = 3;
-    Db_tag tag = 0;
-    qv_db_create(&tag, 0, 8);
-    qv_db_create(&tag, 0, 8);
+    make_unpinned(0, 8);
+    make_unpinned(0, 8);
     thread_context()->host_number = 0;
     db_messages().clear();
     qv_db_host_event(3, false);
