@@ -26,8 +26,7 @@ void free_owner(void* data)
 
 TEST_F(DbDeleteTest, DeletingTwiceReportsErrorThirtyEightOnce)
 {
-    Db_tag tag = 0;
-    qv_db_create(&tag, 0, 32);
+    const Db_tag tag = make_unpinned(0, 32);
     qv_db_delete(tag);
     EXPECT_EQ(count_messages(41038), 0);
     EXPECT_EQ(qv_db_peek(tag)->state, DB_STATE_FREE);

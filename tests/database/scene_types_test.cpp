@@ -147,8 +147,7 @@ TEST_F(SceneTypesTest, CopyOfOptionsStoresTheOptionsElementAnew)
 
 TEST_F(SceneTypesTest, DeleteAndUnlinkReportWhatTheyCannotDo)
 {
-    Db_tag untyped = 0;
-    qv_db_create(&untyped, 0, 4);
+    const Db_tag untyped = make_unpinned(0, 4);
     qv_scene_delete(untyped);
     EXPECT_TRUE(has_text("qv_scene_delete fails, unknown object type"));
     EXPECT_EQ(qv_db_peek(untyped)->state, DB_STATE_NORMAL);
@@ -174,8 +173,7 @@ TEST_F(SceneTypesTest, DeleteAndUnlinkReportWhatTheyCannotDo)
 
     // A registered type unlinks through its own handler.
     qv_scene_register_type(70, nullptr, nullptr, nullptr, nullptr, record_unlink);
-    Db_tag custom = 0;
-    qv_db_create(&custom, 70, 4);
+    const Db_tag custom = make_unpinned(70, 4);
     EXPECT_EQ(qv_scene_unlink(custom, 0x1234), 1);
     qv_scene_register_type(70, nullptr, nullptr, nullptr, nullptr, nullptr);
 }

@@ -93,20 +93,16 @@ TEST_F(SceneValidateTest, CompositeRootMustMatchTheResultClass)
 
 TEST_F(SceneValidateTest, FamilyValidatorsUseTheirPrefixAndSizeRule)
 {
-    Db_tag polygons = 0;
-    qv_db_create(&polygons, SCENE_POLYGON, 30);
-    qv_db_unpin(polygons);
+    const Db_tag polygons = make_unpinned(SCENE_POLYGON, 30);
     EXPECT_EQ(qv_scene_validate(polygons), 0);
     EXPECT_TRUE(has_line("poly %#x: wrong db item size 30, not multiple of 20", polygons));
 
-    Db_tag approx = 0;
-    qv_db_create(&approx, SCENE_APPROXLIST, 57);
+    const Db_tag approx = make_unpinned(SCENE_APPROXLIST, 57);
     EXPECT_EQ(qv_scene_validate(approx), 0);
     EXPECT_TRUE(has_line("approx_list %#x: wrong db item size 57, expected multiple of 56", approx));
 
     // An instance of the wrong size that also lacks its item: both faults.
-    Db_tag instance = 0;
-    qv_db_create(&instance, SCENE_INSTANCE, SCENE_INSTANCE_SIZE + 4);
+    const Db_tag instance = make_unpinned(SCENE_INSTANCE, SCENE_INSTANCE_SIZE + 4);
     db_messages().clear();
     EXPECT_EQ(qv_scene_validate(instance), 0);
     EXPECT_EQ(errors_with("wrong db item size"), 1);
@@ -120,8 +116,7 @@ TEST_F(SceneValidateTest, FamilyValidatorsUseTheirPrefixAndSizeRule)
 
 TEST_F(SceneValidateTest, UnknownTypeAndTypesWithoutValidator)
 {
-    Db_tag untyped = 0;
-    qv_db_create(&untyped, 0, 4);
+    const Db_tag untyped = make_unpinned(0, 4);
     EXPECT_EQ(qv_scene_validate(untyped), 0);
     EXPECT_TRUE(has_line("tag %#x has unknown type 0", untyped));
 
