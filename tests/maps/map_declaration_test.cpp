@@ -182,6 +182,8 @@ TEST_F(MapDeclarationTest, IdentifiersAddressBothListsAndElementFieldsWinByName)
     ASSERT_NE(field, nullptr);
     EXPECT_STREQ(field->name, "shared");
     EXPECT_EQ(field->type, MAP_TYPE_SCALAR);
+    EXPECT_EQ(d.get_field(7, &status), nullptr);
+    EXPECT_EQ(status, MAP_NO_SUCH_FIELD);
 
     Map_field_type type = MAP_TYPE_COLOR;
     uint32_t count = 5;

@@ -3,6 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <iterator>
+#include <memory>
+
 #include "database/db.h"
 #include "database/transaction.h"
 #include "maps/map_dbhandle.h"
@@ -61,8 +64,8 @@ Map_impl* filled_map(uint32_t count)
 
 TEST_F(MapHandleTest, IteratorOnAnEmptyMapIsAtEndAtOnce)
 {
-    Map_impl* map = filled_map(0);
-    Map_iterator_impl it(map);
+    std::unique_ptr<Map_impl> map(filled_map(0));
+    Map_iterator_impl it(map.get());
     Map_status status = MAP_NO_DECLARATION;
     EXPECT_TRUE(it.at_end(&status));
     EXPECT_EQ(status, MAP_SUCCESS);
@@ -70,7 +73,6 @@ TEST_F(MapHandleTest, IteratorOnAnEmptyMapIsAtEndAtOnce)
     EXPECT_EQ(status, MAP_ITERATOR_AT_END);
     EXPECT_EQ(it.next(), MAP_ITERATOR_AT_END);
     EXPECT_EQ(it.set_to(0), MAP_ITERATOR_OUT_OF_RANGE);
-    delete map;
 }
 
 TEST_F(MapHandleTest, IteratorWithoutMapAnswers48Everywhere)
@@ -92,8 +94,8 @@ TEST_F(MapHandleTest, IteratorWithoutMapAnswers48Everywhere)
 
 TEST_F(MapHandleTest, WalkingRulesOfNextPreviousAndSkip)
 {
-    Map_impl* map = filled_map(5);
-    Map_iterator_impl it(map);
+    std::unique_ptr<Map_impl> map(filled_map(5));
+    Map_iterator_impl it(map.get());
     Map_status status;
 
     // previous at 0 keeps the index.
@@ -125,13 +127,12 @@ TEST_F(MapHandleTest, WalkingRulesOfNextPreviousAndSkip)
     EXPECT_EQ(it.current(nullptr), 1u);
     EXPECT_EQ(it.reset(), MAP_SUCCESS);
     EXPECT_EQ(it.current(nullptr), 0u);
-    delete map;
 }
 
 TEST_F(MapHandleTest, IteratorReadsAndWritesInPlace)
 {
-    Map_impl* map = filled_map(40);
-    Map_iterator_impl it(map);
+    std::unique_ptr<Map_impl> map(filled_map(40));
+    Map_iterator_impl it(map.get());
     uint32_t visited = 0;
     for (it.reset(); !it.at_end(nullptr); it.next()) {
         int32_t id = -1;
@@ -167,13 +168,12 @@ TEST_F(MapHandleTest, IteratorReadsAndWritesInPlace)
     e.get(1, id);
     EXPECT_EQ(id, 1000);
     ASSERT_EQ(it.get(&e), MAP_SUCCESS);
-    delete map;
 }
 
 TEST_F(MapHandleTest, IteratorAccessStatusValues)
 {
-    Map_impl* map = filled_map(3);
-    Map_iterator_impl it(map, true);
+    std::unique_ptr<Map_impl> map(filled_map(3));
+    Map_iterator_impl it(map.get(), true);
     float s;
     EXPECT_EQ(it.get(7, s), MAP_NO_SUCH_FIELD);
     EXPECT_EQ(it.get(1, s), MAP_FIELD_TYPE_MISMATCH);
@@ -206,14 +206,13 @@ TEST_F(MapHandleTest, IteratorAccessStatusValues)
     Map_iterator_impl it3(&bare);
     EXPECT_EQ(it3.get(0, s), MAP_NO_DECLARATION);
     EXPECT_EQ(it3.get_position(p), MAP_NO_DECLARATION);
-    delete map;
 }
 
 TEST_F(MapHandleTest, MovingAPositionMarksTheBvhStaleAndAFieldDoesNot)
 {
-    Map_impl* map = filled_map(4);
+    std::unique_ptr<Map_impl> map(filled_map(4));
     map->needs_build = map->needs_refit = false;
-    Map_iterator_impl it(map);
+    Map_iterator_impl it(map.get());
     it.set_to(1);
     ASSERT_EQ(it.set(0, 2.0f), MAP_SUCCESS);
     EXPECT_FALSE(map->needs_build || map->needs_refit);
@@ -224,7 +223,6 @@ TEST_F(MapHandleTest, MovingAPositionMarksTheBvhStaleAndAFieldDoesNot)
     Map_vector3 back{};
     it.get_position(back);
     EXPECT_EQ(back.y, 200.0f);
-    delete map;
 }
 
 TEST_F(MapHandleTest, StoreHandsTheMapToTheDatabaseOnce)
