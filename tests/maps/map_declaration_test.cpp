@@ -306,33 +306,25 @@ TEST_F(MapDeclarationTest, CopiesShareNothing)
     EXPECT_EQ(assigned.get_field_count_total(), 10u);
 }
 
-TEST_F(MapDeclarationTest, BinaryRecordHasTheFileLayoutAndReadsBack)
-{
-    const Map_declaration_impl d = mixed_declaration();
-    std::vector<uint8_t> bytes;
-    d.write_binary(bytes);
-    ASSERT_EQ(bytes.size(), d.binary_size());
-    ASSERT_EQ(bytes.size(), map_declaration_record_bytes(3, 3));
-
-    // Trailing bytes belong to the caller.
-    bytes.push_back(0xAB);
-    Map_declaration_impl back;
-    size_t consumed = 0;
-    ASSERT_EQ(back.read_binary(bytes.data(), bytes.size(), &consumed), MAP_SUCCESS);
-    EXPECT_EQ(consumed, bytes.size() - 1);
-    EXPECT_TRUE(back.is_equal(&d, nullptr));
-    EXPECT_EQ(back.position_bytes(), 8u);
-    EXPECT_EQ(back.global_field_offset(2), d.global_field_offset(2));
-}
-
-TEST_F(MapDeclarationTest, DamagedBinaryRecordsAreRefused)
+TEST_F(MapDeclarationTest, BinaryRecordReadsBackAndDamageIsRefused)
 {
     const Map_declaration_impl d = mixed_declaration();
     std::vector<uint8_t> good;
     d.write_binary(good);
+    ASSERT_EQ(good.size(), d.binary_size());
+    ASSERT_EQ(good.size(), map_declaration_record_bytes(3, 3));
 
+    // Trailing bytes belong to the caller.
+    std::vector<uint8_t> longer = good;
+    longer.push_back(0xAB);
     Map_declaration_impl back;
-    size_t consumed = 1;
+    size_t consumed = 0;
+    ASSERT_EQ(back.read_binary(longer.data(), longer.size(), &consumed), MAP_SUCCESS);
+    EXPECT_EQ(consumed, good.size());
+    EXPECT_TRUE(back.is_equal(&d, nullptr));
+    EXPECT_EQ(back.position_bytes(), 8u);
+    EXPECT_EQ(back.global_field_offset(2), d.global_field_offset(2));
+
     // Every truncation is refused, and nothing is kept.
     for (size_t length = 0; length < good.size(); length += 7) {
         EXPECT_EQ(back.read_binary(good.data(), length, &consumed), MAP_FILE_MALFORMED) << length;
@@ -341,25 +333,23 @@ TEST_F(MapDeclarationTest, DamagedBinaryRecordsAreRefused)
     }
     EXPECT_EQ(back.read_binary(nullptr, 10, nullptr), MAP_FILE_MALFORMED);
 
-    // An element offset past the element size would let accessors write out of the block.
-    std::vector<uint8_t> bad = good;
     const size_t offsets = 2 + 3 * 68 + 2 + 3 * 68 + 4;
-    const uint16_t far = 4000;
-    std::memcpy(bad.data() + offsets, &far, 2);
-    EXPECT_EQ(back.read_binary(bad.data(), bad.size(), nullptr), MAP_FILE_MALFORMED);
-
-    // A dimension of 7.
-    bad = good;
-    const uint16_t seven = 7;
-    std::memcpy(bad.data() + bad.size() - 8, &seven, 2);
-    EXPECT_EQ(back.read_binary(bad.data(), bad.size(), nullptr), MAP_FILE_MALFORMED);
-
-    // A size that disagrees with the type.
-    bad = good;
-    const size_t sizes = offsets + 3 * 2 + 4 + 3 * 4 + 4;
-    const uint16_t wrong = 2;
-    std::memcpy(bad.data() + sizes, &wrong, 2);
-    EXPECT_EQ(back.read_binary(bad.data(), bad.size(), nullptr), MAP_FILE_MALFORMED);
+    struct Damage {
+        const char* what;
+        size_t at;
+        uint16_t value;
+    };
+    const Damage damages[] = {
+        // Accessors would write out of the element block.
+        {"element offset past the element size", offsets, 4000},
+        {"dimension 7", good.size() - 8, 7},
+        {"size unlike the type", offsets + 3 * 2 + 4 + 3 * 4 + 4, 2},
+    };
+    for (const Damage& damage : damages) {
+        std::vector<uint8_t> bad = good;
+        std::memcpy(bad.data() + damage.at, &damage.value, 2);
+        EXPECT_EQ(back.read_binary(bad.data(), bad.size(), nullptr), MAP_FILE_MALFORMED) << damage.what;
+    }
 }
 
 TEST_F(MapDeclarationTest, StreamFormRoundTripsStatesItsSizeAndRefusesTruncation)
