@@ -72,18 +72,6 @@ TEST_F(Map_file_append, TenOntoFiveFillTheLastPageThenOneMorePage)
     ASSERT_EQ(bytes.size(), one_page_file + 32768) << "one whole page more";
     for (uint32_t i = 0; i < 15; ++i)
         EXPECT_TRUE(stored_wide(bytes, data + (i / 8) * 32768 + (i % 8) * WIDE_BYTES, i)) << "element " << i;
-
-    // And as a map again, with the BVH to be built anew.
-    Map_impl back;
-    back.bvh_enabled = false;
-    ASSERT_EQ(back.read(name.c_str(), 0), MAP_SUCCESS);
-    ASSERT_EQ(back.size(), 15u);
-    EXPECT_TRUE(back.needs_build);
-    std::vector<float> element(WIDE_BYTES / 4);
-    for (uint32_t i = 0; i < 15; ++i) {
-        back.read_element(i, element.data());
-        EXPECT_EQ(element, wide_element(i)) << "element " << i;
-    }
 }
 
 TEST_F(Map_file_append, AppendsOnFullAndPartialPagesKeepTheCountsAndNoBvh)
