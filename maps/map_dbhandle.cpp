@@ -5,6 +5,7 @@
 #include "database/db.h"
 #include "maps/map_declaration.h"
 #include "maps/map_impl.h"
+#include "maps/map_manager.h"
 #include "runtime/modules.h"
 
 namespace QV::RCMAP {
@@ -123,9 +124,11 @@ Edit_map_dbhandle_impl::~Edit_map_dbhandle_impl()
     if (map && !in_database) {
         delete map;
     } else if (map) {
-        // Edits of a stored map end with a valid BVH, and the map's pages go back to the cache.
+        // Edits of a stored map end with a valid BVH. The map's pages go back to the cache as
+        // idle pages, not out to the swap file: the next user of the map, usually the next
+        // stage of the same run, would only read them all back.
         map->build_bvh(FINISH_QUALITY, false, false);
-        map->flush();
+        Map_manager::instance().give_back_map(&map->page_store());
     }
     map = nullptr;
     access.release();

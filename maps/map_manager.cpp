@@ -904,6 +904,23 @@ void Map_manager::discard_page(Map_page_store* store, uint32_t cache_page)
         drop_node_locked(node);
 }
 
+void Map_manager::give_back_map(Map_page_store* store)
+{
+    std::lock_guard<std::mutex> hold(lock_);
+    int32_t id = store->map_id;
+    if (id < 0 || size_t(id) >= maps_.size() || !maps_[size_t(id)])
+        return;
+    for (Map_page_table* table = tables_; table; table = table->next_table) {
+        std::lock_guard<std::mutex> table_hold(table->lock());
+        for (Map_page_entry* entry = table->head(); entry;) {
+            Map_page_entry* next = entry->next;
+            if (uint32_t(entry->key >> 32) == uint32_t(id))
+                give_back_locked(table->remove(entry->key));
+            entry = next;
+        }
+    }
+}
+
 // ---- Statistics and trace -----------------------------------------------------------------
 
 void Map_manager::print_map_statistics(int32_t map_id, const Map_cache_statistics& statistics, bool totals)

@@ -121,6 +121,9 @@ public:
     // page instead of piling up; the page's content is undefined on a later access. A page in
     // transit is left alone.
     void discard_page(Map_page_store* store, uint32_t cache_page);
+    // Takes the map's entries out of every thread table, so that its pages are idle and can be
+    // evicted like any other; nothing is written or freed, and the pages stay cached.
+    void give_back_map(Map_page_store* store);
     // Registered with the memory manager: notes the bytes and returns at once.
     static size_t flush_callback(size_t bytes);
 

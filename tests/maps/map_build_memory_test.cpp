@@ -1,6 +1,7 @@
-// Memory of a full BVH build: the old pages and the staged pages give their buffers up as soon
-// as the build has passed them, so a map that arrives in roughly spatial order is not held
-// twice; and the discard that does it forgets exactly one page.
+// Memory of a map between and during the stages of a run: a full BVH build gives the old and the
+// staged pages up as soon as it has passed them, so a map that arrives in roughly spatial order
+// is not held twice; the discard that does it forgets exactly one page; and the end of an edit
+// handle leaves a stored map's pages cached and idle instead of writing them out.
 #include <algorithm>
 #include <cstring>
 #include <string>
@@ -8,7 +9,9 @@
 
 #include <gtest/gtest.h>
 
+#include "database/db.h"
 #include "maps/map_bvh.h"
+#include "maps/map_dbhandle.h"
 #include "maps/map_page_store.h"
 #include "tests/maps/map_storage_support.h"
 
@@ -107,4 +110,35 @@ TEST_F(Map_build_memory_test, DiscardForgetsOnePageAndLeavesTheOthers)
     // The page comes back, fresh, on the next access.
     store.get_page(1, false);
     EXPECT_EQ(manager.resident_pages(), resident);
+}
+
+TEST_F(Map_build_memory_test, EndOfAnEditHandleLeavesTheStoredMapCachedAndIdle)
+{
+    msg_set_host_number(0);
+    thread_context()->host_number = 0;
+    if (!qv_db_started())
+        qv_db_init();
+    Map_manager& manager = Map_manager::instance();
+    auto* map = new Map_impl(small_declaration());
+    map->bvh_enabled = false;   // the handle's finishing build then only commits
+    const uint32_t count = 6 * map->page_store().elements_per_page;
+    fill(*map, 0, count);
+    const uint32_t resident = manager.resident_pages();
+    uint32_t tag = 0;
+    {
+        Edit_map_dbhandle_impl handle(map);
+        tag = handle.store();
+        ASSERT_NE(tag, 0u);
+    }
+    // Nothing went to the swap file, and no thread table holds a page: all of them lie where
+    // eviction looks for victims.
+    EXPECT_FALSE(map->page_store().has_swap_file);
+    EXPECT_EQ(manager.resident_pages(), resident);
+    EXPECT_GE(manager.bucket_count(0), 6u);
+
+    Edit_map_dbhandle_impl again(tag);
+    ASSERT_EQ(again.get_map(), map);
+    for (uint32_t i : {0u, count / 2, count - 1})
+        EXPECT_TRUE(same(element_of(*map, i), small_element(i))) << "element " << i;
+    again.release();
 }
