@@ -10,6 +10,8 @@
 #include "maps/map_declaration.h"
 #include "maps/map_element.h"
 #include "maps/map_impl.h"
+#include "maps/map_manager.h"
+#include "maps/map_page_store.h"
 #include "runtime/msg.h"
 #include "tool/blend.h"
 
@@ -401,7 +403,21 @@ Tag merge_map(Tag tag, float distance, float angle_degrees)
         points = static_cast<Fg_point*>(QV_ALLOC(size_t(count) * sizeof(Fg_point)));
         declaration = new Map_declaration_impl(*map->get_declaration());
         Map_element_impl element(map->get_declaration());
+        // Each page is given up once its points are in the array: the map is released below and
+        // nothing reads it again, and its buffers would otherwise sit in the cache's free list
+        // through the whole merge, a second copy of the points beside the array.
+        Map_page_store& store = map->page_store();
+        Map_manager& manager = Map_manager::instance();
+        uint32_t open_cache_page = UINT32_MAX;
         for (uint32_t i = 0; i < count; ++i) {
+            uint32_t page, slot;
+            store.locate(i, &page, &slot);
+            const uint32_t cache_page = page >> store.cache_page_shift;
+            if (cache_page != open_cache_page) {
+                if (open_cache_page != UINT32_MAX)
+                    manager.discard_page(&store, open_cache_page);
+                open_cache_page = cache_page;
+            }
             map->get(i, &element);
             fg_point_from_element(&points[i], &element);
         }
