@@ -886,7 +886,7 @@ void Map_manager::flush_map(Map_page_store* store)
         flush_nodes(store->map_id, false);
 }
 
-void Map_manager::discard_page(Map_page_store* store, uint32_t cache_page)
+void Map_manager::discard_page(Map_page_store* store, uint32_t cache_page, bool clean_only)
 {
     std::lock_guard<std::mutex> hold(lock_);
     int32_t id = store->map_id;
@@ -900,7 +900,7 @@ void Map_manager::discard_page(Map_page_store* store, uint32_t cache_page)
         give_back_locked(table->remove(key));
     }
     Map_page_node* node = index_get(uint32_t(id), cache_page);
-    if (node && node->bucket == 0 && node->buffer.data)
+    if (node && node->bucket == 0 && node->buffer.data && !(clean_only && node->dirty))
         drop_node_locked(node);
 }
 

@@ -119,8 +119,9 @@ public:
     // back to the free list, nothing written to the swap file. For a pass that has consumed the
     // page and will drop the whole store afterwards, so that the buffer serves the pass's next
     // page instead of piling up; the page's content is undefined on a later access. A page in
-    // transit is left alone.
-    void discard_page(Map_page_store* store, uint32_t cache_page);
+    // transit is left alone. With `clean_only`, a page with changes is kept: a clean page can
+    // always be read again from the map's files, so that form is safe on a map that lives on.
+    void discard_page(Map_page_store* store, uint32_t cache_page, bool clean_only = false);
     // Takes the map's entries out of every thread table, so that its pages are idle and can be
     // evicted like any other; nothing is written or freed, and the pages stay cached.
     void give_back_map(Map_page_store* store);

@@ -9,6 +9,8 @@
 #include "maps/map_element.h"
 #include "maps/map_impl.h"
 #include "maps/map_iterator.h"
+#include "maps/map_manager.h"
+#include "maps/map_page_store.h"
 #include "tool/stages.h"
 
 using namespace QV::RCMAP;
@@ -42,7 +44,21 @@ void save_classic(const char* path, Tag tag)
             Map_iterator_impl it(map);
             // The reserved words have no map field; they are written as zero.
             Fg_point point = {};
+            // A page that has been walked gives its buffer back unless it holds changes (those
+            // have no other copy): the map stays in the database, but its pages need not stay in
+            // memory beside the kd-tree, which takes another copy of every point.
+            Map_page_store& store = map->page_store();
+            Map_manager& manager = Map_manager::instance();
+            uint32_t open_cache_page = UINT32_MAX;
             for (uint32_t i = 0, end = map->size(); i < end; ++i, it.next()) {
+                uint32_t page, slot;
+                store.locate(i, &page, &slot);
+                const uint32_t cache_page = page >> store.cache_page_shift;
+                if (cache_page != open_cache_page) {
+                    if (open_cache_page != UINT32_MAX)
+                        manager.discard_page(&store, open_cache_page, true);
+                    open_cache_page = cache_page;
+                }
                 it.get(&element);
                 fg_point_from_element(&point, &element);
                 kdtree_add(writer, point.normal, point.position);  // word 3 onwards
