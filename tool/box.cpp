@@ -4,6 +4,8 @@
 #include "maps/map_element.h"
 #include "maps/map_impl.h"
 #include "maps/map_iterator.h"
+#include "maps/map_manager.h"
+#include "maps/map_page_store.h"
 #include "runtime/msg.h"
 #include "tool/stages.h"
 
@@ -41,7 +43,20 @@ Tag select_box(Tag tag, const float box[6], int inside)
     Map_element_impl element(source_map->get_declaration());
     Map_iterator_impl it(source_map);
     uint32_t count = 0;
+    // A walked page without changes gives its buffer back (it can be read again from its file):
+    // the source is released below, and its pages need not stay in memory beside the new map.
+    Map_page_store& store = source_map->page_store();
+    Map_manager& manager = Map_manager::instance();
+    uint32_t open_cache_page = UINT32_MAX;
     for (uint32_t i = 0, end = source_map->size(); i < end; ++i, it.next()) {
+        uint32_t page, slot;
+        store.locate(i, &page, &slot);
+        const uint32_t cache_page = page >> store.cache_page_shift;
+        if (cache_page != open_cache_page) {
+            if (open_cache_page != UINT32_MAX)
+                manager.discard_page(&store, open_cache_page, true);
+            open_cache_page = cache_page;
+        }
         float p[3];
         it.get_position(p);
         // All six faces belong to the box; a NaN coordinate fails every test and is outside.

@@ -134,6 +134,26 @@ TEST_F(StageMemoryTest, PagesOfAFileBackedMapAreNotHeldThroughTheMerge)
     EXPECT_LE(manager.max_pages() - made_before, 4u);
 }
 
+TEST_F(StageMemoryTest, BoxLetsTheSourcePagesGoAsItWalksThem)
+{
+    const std::vector<Fg_point> points = clustered_points(10, 4000);
+    const Tag tag = store_from_file(points);
+    ASSERT_NE(tag, 0u);
+    Map_manager& manager = Map_manager::instance();
+    manager.flush(0);
+    const uint32_t made_before = manager.max_pages();
+    // Clusters 0 and 1 only: a fifth of the points, a fifth of the pages in the new map.
+    const float box[6] = {-0.5f, -1.0f, -1.0f, 1.5f, 1.0f, 3.0f};
+    const Tag kept = select_box(tag, box, 1);
+    ASSERT_NE(kept, 0u);
+    uint64_t rays = 0;
+    for (uint32_t i = 0; i < 2 * 4000; ++i)
+        rays += points[i].rays;
+    EXPECT_EQ(rays_and_count(kept), std::make_pair(rays, 8000u));
+    const uint32_t source_pages = uint32_t((points.size() + 299) / 300);
+    EXPECT_LE(manager.max_pages() - made_before, source_pages / 5 + 6);
+}
+
 TEST_F(StageMemoryTest, ClassicOutputLetsCleanPagesGoAndKeepsChangedOnes)
 {
     const std::vector<Fg_point> points = clustered_points(10, 4000);
