@@ -205,15 +205,22 @@ void swap_object(Db_record* record, bool swap)
     apply_layout(bytes_of(record), *layouts[object_type], record->size);
 }
 
-void swap_box(Db_record* record, bool swap)
+// A record of a fixed head followed by as many whole items as it holds.
+template <const char* Head, const char* Item>
+void swap_head_and_items(Db_record* record, bool swap, size_t fixed_bytes, size_t item_bytes)
 {
     if (!swap || !record->data)
         return;
     unsigned char* bytes = bytes_of(record);
-    apply<scene_layout::box>(bytes, record->size);
-    for (size_t offset = SCENE_BOX_FIXED; offset + SCENE_BOX_ITEM_SIZE <= record->size;
-         offset += SCENE_BOX_ITEM_SIZE)
-        apply<scene_layout::box_item>(bytes + offset, SCENE_BOX_ITEM_SIZE);
+    apply<Head>(bytes, record->size);
+    for (size_t offset = fixed_bytes; offset + item_bytes <= record->size; offset += item_bytes)
+        apply<Item>(bytes + offset, item_bytes);
+}
+
+void swap_box(Db_record* record, bool swap)
+{
+    swap_head_and_items<scene_layout::box, scene_layout::box_item>(record, swap, SCENE_BOX_FIXED,
+                                                                   SCENE_BOX_ITEM_SIZE);
 }
 
 void swap_instance(Db_record* record, bool swap)
@@ -229,13 +236,8 @@ void swap_instance(Db_record* record, bool swap)
 
 void swap_group(Db_record* record, bool swap)
 {
-    if (!swap || !record->data)
-        return;
-    unsigned char* bytes = bytes_of(record);
-    apply<scene_layout::group>(bytes, record->size);
-    for (size_t offset = SCENE_GROUP_FIXED; offset + SCENE_GROUP_MEMBER_SIZE <= record->size;
-         offset += SCENE_GROUP_MEMBER_SIZE)
-        apply<scene_layout::group_member>(bytes + offset, SCENE_GROUP_MEMBER_SIZE);
+    swap_head_and_items<scene_layout::group, scene_layout::group_member>(record, swap, SCENE_GROUP_FIXED,
+                                                                         SCENE_GROUP_MEMBER_SIZE);
 }
 
 // A local record carries its own layout: a zero-terminated layout string, padded to a multiple

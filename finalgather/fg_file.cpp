@@ -258,19 +258,34 @@ void fg_set_progressive_query(Fg_progressive_query query)
     g_progressive_query = query;
 }
 
+namespace {
+
+// Opens a user's path, after substitution into `name`, and tells the file's kind. Null when the
+// file cannot be opened or its header cannot be read; both are reported, and the file is closed.
+FILE* open_for_loading(const char* path, char (&name)[FG_PATH_BYTES], File_kind* kind)
+{
+    path_substitute(name, path, sizeof(name));
+    FILE* file = file_open(name, "rb", 0, "cannot load finalgather map file");
+    if (!file)
+        return nullptr;
+    *kind = file_kind(file, name);
+    if (*kind == FILE_KIND_FAILED) {
+        file_close(file, name, 5, TEXT_CLOSING);
+        return nullptr;
+    }
+    return file;
+}
+
+}  // namespace
+
 uint32_t fg_map_load(Map_impl* map, const char* path, bool allow_classic)
 {
     Module_scope scope(MOD_RCFG);
     char name[FG_PATH_BYTES];
-    path_substitute(name, path, sizeof(name));
-    FILE* file = file_open(name, "rb", 0, "cannot load finalgather map file");
+    File_kind kind;
+    FILE* file = open_for_loading(path, name, &kind);
     if (!file)
         return 0;
-    const File_kind kind = file_kind(file, name);
-    if (kind == FILE_KIND_FAILED) {
-        file_close(file, name, 5, TEXT_CLOSING);
-        return 0;
-    }
     uint32_t loaded = 0;
     if (kind == FILE_KIND_CURRENT) {
         if (!file_close(file, name, 5, TEXT_CLOSING))
@@ -299,15 +314,10 @@ uint32_t fg_kdtree_load(Kdtree_handle* kdtree, const char* path)
 {
     Module_scope scope(MOD_RCFG);
     char name[FG_PATH_BYTES];
-    path_substitute(name, path, sizeof(name));
-    FILE* file = file_open(name, "rb", 0, "cannot load finalgather map file");
+    File_kind kind;
+    FILE* file = open_for_loading(path, name, &kind);
     if (!file)
         return 0;
-    const File_kind kind = file_kind(file, name);
-    if (kind == FILE_KIND_FAILED) {
-        file_close(file, name, 5, TEXT_CLOSING);
-        return 0;
-    }
     uint32_t loaded = 0;
     if (kind == FILE_KIND_CURRENT) {
         if (!file_close(file, name, 5, TEXT_CLOSING))

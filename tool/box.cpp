@@ -11,12 +11,6 @@
 
 using namespace QV::RCMAP;
 
-namespace {
-
-// The quality factor the tool builds its (disabled) BVHs with; building then only commits.
-constexpr float BUILD_FACTOR = 0.6f;
-
-}  // namespace
 
 Tag select_box(Tag tag, const float box[6], int inside)
 {
@@ -68,7 +62,7 @@ Tag select_box(Tag tag, const float box[6], int inside)
             ++count;
         }
     }
-    target_map->build_bvh(BUILD_FACTOR, false, false);
+    target_map->build_bvh(STAGE_BUILD_FACTOR, false, false);
 
     source.release();
     Tag result = target.store();

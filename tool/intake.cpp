@@ -7,10 +7,6 @@
 
 using namespace QV::RCMAP;
 
-namespace {
-// The quality factor the tool builds its BVHs with; with bvh_enabled off this only commits.
-constexpr float BUILD_FACTOR = 0.6f;
-}  // namespace
 
 Tag load_maps(char** names, int count)
 {
@@ -28,7 +24,7 @@ Tag load_maps(char** names, int count)
         return 0;
     }
 
-    map->build_bvh(BUILD_FACTOR, false, false);
+    map->build_bvh(STAGE_BUILD_FACTOR, false, false);
     Edit_map_dbhandle_impl handle(map);
     return handle.store();
 }

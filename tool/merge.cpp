@@ -438,7 +438,7 @@ Tag merge_map(Tag tag, float distance, float angle_degrees)
         }
     }
     QV_FREE(points);
-    map->build_bvh(0.6f, false, false);
+    map->build_bvh(STAGE_BUILD_FACTOR, false, false);
     const Tag result = target.store();
     delete declaration;
     return result;

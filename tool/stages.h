@@ -7,6 +7,10 @@
 
 using Tag = uint32_t;
 
+// The quality factor every stage builds its new map's BVH with. The stages switch bvh_enabled
+// off, so the build only commits the appended points.
+constexpr float STAGE_BUILD_FACTOR = 0.6f;
+
 // Reads every input into one map and stores it; 0 when no input gave a point.
 Tag load_maps(char** names, int count);
 // Keeps the points inside (inside = 1) or outside (inside = 0) the box xmin ymin zmin xmax ymax zmax.
