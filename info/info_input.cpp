@@ -22,10 +22,15 @@ using QV::RCMAP::Map_impl;
 
 namespace {
 
-// What the message callback does with a line: hold it (header look) or show it (loading).
+// The readers' lines are held while a file is read, info lines among them: a missing file and
+// a classic file of an unknown version are reported at that level only. Whether they are shown
+// is decided once the outcome is known.
+struct Held_line {
+    uint32_t level;
+    std::string text;
+};
 struct Message_tally {
-    bool holding = false;
-    std::vector<std::string> held;
+    std::vector<Held_line> held;
     uint32_t errors = 0;
 };
 Message_tally g_tally;
@@ -34,23 +39,15 @@ void tally_line(uint32_t level, const char* line, const char*, int32_t)
 {
     if (level & (MSG_ERROR | MSG_FATAL))
         ++g_tally.errors;
-    if (g_tally.holding) {
-        g_tally.held.emplace_back(line);
-        return;
-    }
-    std::fprintf(stderr, "%s\n", line);
+    g_tally.held.push_back({level, line});
 }
 
-// Installs the tally for its lifetime; `holding` also lets info lines through, since a classic
-// file of an unknown version is reported at that level only.
 class Tally_scope {
 public:
-    explicit Tally_scope(bool holding) : levels_(msg_level_mask())
+    Tally_scope() : levels_(msg_level_mask())
     {
         g_tally = Message_tally{};
-        g_tally.holding = holding;
-        if (holding)
-            msg_set_levels(levels_ | MSG_INFO);
+        msg_set_levels(levels_ | MSG_INFO);
         qv_errorhandler(tally_line);
     }
     ~Tally_scope()
@@ -60,6 +57,16 @@ public:
     }
     Tally_scope(const Tally_scope&) = delete;
     Tally_scope& operator=(const Tally_scope&) = delete;
+
+    // Prints the held lines to stderr: all of them after a failure, else those that the mask
+    // in force outside the scope lets through.
+    void show(bool failed) const
+    {
+        for (const Held_line& line : g_tally.held)
+            if (failed || (line.level & levels_))
+                std::fprintf(stderr, "%s\n", line.text.c_str());
+        g_tally.held.clear();
+    }
 
 private:
     uint32_t levels_;
@@ -117,25 +124,23 @@ Info_input::~Info_input()
 bool info_read(const char* path, Info_input* input)
 {
     input->path = path;
+    Tally_scope scope;
     bool valid_empty = false;
-    {
-        Tally_scope scope(true);
-        if (!look_at_header(path, input, &valid_empty)) {
-            for (const std::string& line : g_tally.held)
-                std::fprintf(stderr, "%s\n", line.c_str());
-            return false;
-        }
+    if (!look_at_header(path, input, &valid_empty)) {
+        scope.show(true);
+        return false;
     }
-    Tally_scope scope(false);
+    // The look's own lines are repeated by the loader where they matter.
+    g_tally = Message_tally{};
     input->map = fg_map_new();
     // With the BVH on, a BVH stored in a binary map file joins the map instead of being rebuilt.
     input->map->bvh_enabled = true;
     const uint32_t loaded = fg_map_load(input->map, path, true);
     input->map->commit();
     input->count = input->map->size();
-    if (g_tally.errors > 0)
-        return false;
-    return loaded > 0 || valid_empty;
+    const bool ok = g_tally.errors == 0 && (loaded > 0 || valid_empty);
+    scope.show(!ok);
+    return ok;
 }
 
 bool info_ensure_bvh(Info_input* input)

@@ -1,0 +1,120 @@
+#include "tests/info/info_run.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace {
+
+std::string slurp(FILE* file)
+{
+    std::string text;
+    std::rewind(file);
+    char buffer[65536];
+    size_t n;
+    while ((n = std::fread(buffer, 1, sizeof buffer, file)) > 0)
+        text.append(buffer, n);
+    return text;
+}
+
+}  // namespace
+
+Run_result run_binary(const char* binary, const std::vector<std::string>& args)
+{
+    Run_result result;
+    FILE* out = std::tmpfile();
+    FILE* err = std::tmpfile();
+    const pid_t pid = fork();
+    if (pid == 0) {
+        dup2(fileno(out), 1);
+        dup2(fileno(err), 2);
+        std::vector<char*> argv{const_cast<char*>(binary)};
+        for (const std::string& arg : args)
+            argv.push_back(const_cast<char*>(arg.c_str()));
+        argv.push_back(nullptr);
+        execv(binary, argv.data());
+        _exit(127);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    result.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    result.out = slurp(out);
+    result.err = slurp(err);
+    std::fclose(out);
+    std::fclose(err);
+    return result;
+}
+
+Scratch_dir::Scratch_dir()
+{
+    char pattern[] = "/tmp/fg_info_test_XXXXXX";
+    path_ = mkdtemp(pattern) ? pattern : "/tmp";
+}
+
+Scratch_dir::~Scratch_dir()
+{
+    if (path_ != "/tmp")
+        std::filesystem::remove_all(path_);
+}
+
+std::string read_bytes(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+void write_bytes(const std::string& path, const std::string& bytes)
+{
+    std::ofstream(path, std::ios::binary).write(bytes.data(), std::streamsize(bytes.size()));
+}
+
+std::vector<Record> make_records(uint32_t count, uint32_t seed)
+{
+    uint32_t state = seed * 2654435761u + 1;
+    auto next = [&state](float range) {
+        state = state * 1664525u + 1013904223u;
+        return float(state >> 8) / float(1u << 24) * range;
+    };
+    std::vector<Record> records(count);
+    for (uint32_t i = 0; i < count; ++i) {
+        Record& r = records[i];
+        r = Record{};
+        r.position[0] = next(10.0f);
+        r.position[1] = next(4.0f);
+        r.position[2] = next(8.0f);
+        r.normal[1] = 1.0f;
+        for (int c = 0; c < 4; ++c)
+            r.irrad[c] = next(2.0f);
+        r.rays = 1 + uint32_t(next(1000.0f)) % 1000;
+        for (int w = 0; w < 15; ++w)
+            r.rest[w] = 0.01f * float(w + 1);
+    }
+    return records;
+}
+
+std::string classic_file(const std::vector<Record>& records, uint32_t version, bool foreign)
+{
+    auto word = [foreign](uint32_t u) { return foreign ? __builtin_bswap32(u) : u; };
+    std::string out(120, '\0');
+    std::memcpy(&out[0], "qvFG    3.9.4.14", 16);
+    std::memcpy(&out[32], "qvFH", 4);
+    const uint32_t head[2] = {word(1), word(version)};
+    std::memcpy(&out[36], head, 8);
+    const uint32_t count = word(uint32_t(records.size()));
+    std::memcpy(&out[96], &count, 4);
+    for (const Record& record : records) {
+        uint32_t words[26];
+        std::memcpy(words, &record, sizeof words);
+        for (uint32_t& w : words)
+            w = word(w);
+        out.append(reinterpret_cast<const char*>(words), sizeof words);
+    }
+    return out;
+}

@@ -1,0 +1,47 @@
+// Runs the built fg_info and fg_splice binaries and writes the maps the fg_info tests read:
+// classic files built byte by byte here, independently of the library's writers.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+struct Run_result {
+    int exit_code = -1;
+    std::string out;
+    std::string err;
+};
+
+// Runs `binary` with `args`; stdout and stderr are captured whole.
+Run_result run_binary(const char* binary, const std::vector<std::string>& args);
+
+// A fresh directory under /tmp, removed with its contents by the destructor.
+class Scratch_dir {
+public:
+    Scratch_dir();
+    ~Scratch_dir();
+    std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+private:
+    std::string path_;
+};
+
+std::string read_bytes(const std::string& path);
+void write_bytes(const std::string& path, const std::string& bytes);
+
+// One classic record, words 0..25.
+struct Record {
+    float position[3];
+    float normal[3];
+    float irrad[4];
+    uint32_t rays;
+    float rest[15];  // words 11..25, never looked at by fg_info's numbers
+};
+static_assert(sizeof(Record) == 104);
+
+// `count` records with distinct positions in [0, 10) x [0, 4) x [0, 8), irradiance in [0, 2),
+// rays in [1, 1000], from a fixed seed.
+std::vector<Record> make_records(uint32_t count, uint32_t seed);
+// A classic file of `records`: version 0 or 1, big-endian when `foreign`.
+std::string classic_file(const std::vector<Record>& records, uint32_t version, bool foreign);
