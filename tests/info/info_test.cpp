@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -177,14 +178,15 @@ INSTANTIATE_TEST_SUITE_P(Kinds, InfoSummaryTest,
                                          Map_case{"Binary", 1, false, true}),
                          [](const auto& info) { return std::string(info.param.name); });
 
-TEST(InfoExportTest, PlyHoldsEveryPointWithItsColourAndValues)
+TEST(InfoExportTest, PlyAndAsciiHoldEveryPoint)
 {
     Scratch_dir dir;
     const std::vector<Record> records = make_records(50, 3);
     write_bytes(dir.file("map.fg"), classic_file(records, 1, false));
-    const Run_result r = run_info({"--ply", dir.file("out.ply"), dir.file("map.fg")});
+    const Run_result r = run_info({"--ply", dir.file("out.ply"), "--ascii", dir.file("out.txt"), dir.file("map.fg")});
     ASSERT_EQ(r.exit_code, 0) << r.err;
-    EXPECT_EQ(r.out, "");  // an output option alone prints no summary
+    EXPECT_EQ(r.out, "");  // output options alone print no summary
+    EXPECT_NE(read_bytes(dir.file("out.txt")).find("open ASCII map file, 50 elements"), std::string::npos);
 
     const std::string ply = read_bytes(dir.file("out.ply"));
     const std::string end = "end_header\n";
