@@ -1,5 +1,6 @@
 // fg_info: look inside a final-gather map. Prints a summary, and writes the points as a PLY
 // cloud, as open ASCII map text or as a picture of three views.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -111,6 +112,15 @@ int scan(int argc, char** argv, Settings& settings)
     }
     if (!settings.input)
         return usage("no map given");
+    // The input stays open as the map's backing store while the outputs are written.
+    struct stat input_status;
+    if (stat(settings.input, &input_status) == 0)
+        for (const char* output : {settings.ply, settings.ascii, settings.png}) {
+            struct stat output_status;
+            if (output && stat(output, &output_status) == 0 && output_status.st_dev == input_status.st_dev &&
+                output_status.st_ino == input_status.st_ino)
+                return usage("an output file may not be the input map");
+        }
     return 0;
 }
 

@@ -345,6 +345,12 @@ TEST(InfoErrorTest, BadWordsAreUsageWithExitTwo)
         EXPECT_EQ(r.exit_code, 2) << testing::PrintToString(args);
         EXPECT_NE(r.err.find("usage: fg_info"), std::string::npos);
     }
+    // An output that names the input would destroy it.
+    Scratch_dir dir;
+    const std::string map = classic_file(make_records(10, 1), 1, false);
+    write_bytes(dir.file("map.fg"), map);
+    EXPECT_EQ(run_info({"--ascii", dir.file("map.fg"), dir.file("map.fg")}).exit_code, 2);
+    EXPECT_EQ(read_bytes(dir.file("map.fg")), map);
 }
 
 }  // namespace
