@@ -11,6 +11,7 @@
 #include "finalgather/fg_file.h"
 #include "finalgather/fg_file_internal.h"
 #include "finalgather/rcfg_module.h"
+#include "info/info_progress.h"
 #include "maps/map_bvh.h"
 #include "maps/map_file.h"
 #include "maps/map_impl.h"
@@ -121,12 +122,14 @@ Info_input::~Info_input()
     delete map;
 }
 
-bool info_read(const char* path, Info_input* input)
+bool info_read(const char* path, Info_input* input, Info_progress* progress)
 {
     input->path = path;
     Tally_scope scope;
     bool valid_empty = false;
     if (!look_at_header(path, input, &valid_empty)) {
+        if (progress)
+            progress->finish();
         scope.show(true);
         return false;
     }
@@ -139,6 +142,8 @@ bool info_read(const char* path, Info_input* input)
     input->map->commit();
     input->count = input->map->size();
     const bool ok = g_tally.errors == 0 && (loaded > 0 || valid_empty);
+    if (progress)
+        progress->finish();
     scope.show(!ok);
     return ok;
 }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 
+class Info_progress;
 namespace QV::RCMAP {
 class Map_impl;
 }
@@ -38,8 +39,9 @@ struct Info_input {
 
 // Reads `path`. Messages of the readers go to stderr as they come. False when the file could
 // not be read: no point came and it is not a valid empty map, or a reader reported an error
-// (a truncated file keeps what was read but still counts as damaged). REQUIRES: the modules are up.
-bool info_read(const char* path, Info_input* input);
+// (a truncated file keeps what was read but still counts as damaged). The step of `progress`
+// (may be null) is finished before any line is shown. REQUIRES: the modules are up.
+bool info_read(const char* path, Info_input* input, Info_progress* progress);
 
 // "classic final-gather map" and so on.
 const char* info_kind_text(Info_file_kind kind);

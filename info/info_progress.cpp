@@ -10,7 +10,21 @@ void Info_progress::start(const char* what, uint64_t total)
     what_ = what;
     total_ = total;
     open_ = true;
+    counted_ = true;
     show(0);
+}
+
+void Info_progress::start(const char* what)
+{
+    if (!enabled_)
+        return;
+    finish();
+    what_ = what;
+    open_ = true;
+    counted_ = false;
+    next_ = UINT64_MAX;
+    std::fprintf(stderr, "fg_info: %s ...", what_);
+    std::fflush(stderr);
 }
 
 void Info_progress::show(uint64_t done)
@@ -25,7 +39,10 @@ void Info_progress::finish()
 {
     if (!enabled_ || !open_)
         return;
-    std::fprintf(stderr, "\rfg_info: %s 100%%\n", what_);
+    if (counted_)
+        std::fprintf(stderr, "\rfg_info: %s 100%%\n", what_);
+    else
+        std::fprintf(stderr, " done\n");
     open_ = false;
     next_ = UINT64_MAX;
 }

@@ -15,6 +15,8 @@ public:
 
     // Starts a step of `total` units named `what` (a static text).
     void start(const char* what, uint64_t total);
+    // Starts a step whose progress cannot be counted: its name is shown until it finishes.
+    void start(const char* what);
     void update(uint64_t done)
     {
         if (enabled_ && done >= next_)
@@ -31,4 +33,5 @@ private:
     const char* what_ = "";
     uint64_t total_ = 0;
     uint64_t next_ = UINT64_MAX;
+    bool counted_ = true;
 };

@@ -148,10 +148,11 @@ int main(int argc, char** argv)
         return code;
     bring_up_modules();
 
-    Info_input input;
-    if (!info_read(settings.input, &input))
-        return 1;
     Info_progress progress(isatty(2) != 0);
+    Info_input input;
+    progress.start("reading the map");
+    if (!info_read(settings.input, &input, &progress))
+        return 1;
     const Info_stats stats = info_gather_stats(*input.map, &progress);
 
     // Everything that shows points in their file order runs before the BVH is built, since a
@@ -176,7 +177,10 @@ int main(int argc, char** argv)
 
     if (summary) {
         Info_neighbours neighbours;
-        if (info_ensure_bvh(&input))
+        progress.start("building the map's search tree");
+        const bool searchable = info_ensure_bvh(&input);
+        progress.finish();
+        if (searchable)
             neighbours = info_sample_neighbours(*input.map, &progress);
         info_print_summary(stdout, input, stats, &neighbours);
         if (points) {
