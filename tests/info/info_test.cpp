@@ -174,6 +174,7 @@ TEST_P(InfoSummaryTest, NumbersEqualThoseOfTheWrittenPoints)
 INSTANTIATE_TEST_SUITE_P(Kinds, InfoSummaryTest,
                          testing::Values(Map_case{"ClassicNative", 1, false, false},
                                          Map_case{"ClassicForeign", 1, true, false},
+                                         Map_case{"ClassicVersion0Native", 0, false, false},
                                          Map_case{"ClassicVersion0Foreign", 0, true, false},
                                          Map_case{"Binary", 1, false, true}),
                          [](const auto& info) { return std::string(info.param.name); });
