@@ -2,7 +2,7 @@
 // that declares the map, and the packed elements behind the global block. Such a file is read
 // whole into the map's pages (and, when memory is short, the swap file); it never backs a map.
 #include <algorithm>
-#include <cerrno>
+#include <mutex>
 #include <cstdlib>
 #include <cstring>
 #include <string>
