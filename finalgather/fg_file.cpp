@@ -87,19 +87,11 @@ void element_text(char (&out)[FG_PATH_BYTES], const void* data, uint32_t size)
     out[length] = '\0';
 }
 
-// Appends a current file to `map` with the reader's errors on and its notices off. The map's
-// append has one flag for both, so the header is first checked by a reader that reports errors
-// only, and the append itself then runs silently. The map reader substitutes the path itself:
-// it gets the name as the user gave it.
+// Appends a current file (binary or open binary) to `map` with the reader's errors on and its
+// notices off. The map reader substitutes the path itself: it gets the name as the user gave it.
 bool append_current_file(Map_impl* map, const char* path)
 {
-    qv::shader_v3::Map_status status = qv::shader_v3::MAP_SUCCESS;
-    {
-        QV::RCMAP::Map_file check(QV::RCMAP::MAP_FILE_KIND_READ_FOR_APPEND, false, !map->quiet, true, path,
-                                  map->get_declaration(), &status);
-    }
-    return status == qv::shader_v3::MAP_SUCCESS &&
-           map->append_from_file(path, false, false, nullptr) == qv::shader_v3::MAP_SUCCESS;
+    return QV::RCMAP::map_file_append_from(*map, path, false, true, false, nullptr) == qv::shader_v3::MAP_SUCCESS;
 }
 
 bool may_load_list(uint32_t tag)

@@ -26,7 +26,7 @@ enum : int32_t {
     ERR_APPEND_TO_DIFFERS = 26,
     ERR_APPEND_FROM_DIFFERS = 27,
     ERR_DAMAGED = 28,
-    ERR_OPEN_BINARY_READ = 29,
+    // 29 and 31 to 37: the open binary header (map_file_open_read.cpp); 30: write failures.
     WARN_VERSION_DEPRECATED = 20,
 };
 
@@ -119,8 +119,7 @@ Map_status Map_file::read_header()
         return damaged();
     if (memcmp(version_bytes, "ob", 2) == 0) {
         format = MAP_FORMAT_OPEN_BINARY;
-        close();
-        return MAP_FILE_MALFORMED;
+        return read_open_binary_header();
     }
     if (!take(stream_, version_bytes + 2, 2))
         return damaged();
@@ -211,12 +210,12 @@ Map_file::Map_file(uint32_t file_kind, bool verbose_info, bool verbose_error, bo
       verbose_error_(verbose_error)
 {
     Module_scope scope(MOD_RCMP);
-    const Map_status result = open_existing(map_declaration, false);
+    const Map_status result = open_existing(map_declaration);
     if (status)
         *status = result;
 }
 
-Map_status Map_file::open_existing(const Map_declaration_impl* map_declaration, bool to_append)
+Map_status Map_file::open_existing(const Map_declaration_impl* map_declaration)
 {
     bounds.clear();
     Map_status result = MAP_SUCCESS;
@@ -236,8 +235,6 @@ Map_status Map_file::open_existing(const Map_declaration_impl* map_declaration, 
         return MAP_FILE_CANNOT_OPEN;
     }
     result = read_header();
-    if (result == MAP_FILE_MALFORMED && format == MAP_FORMAT_OPEN_BINARY && !to_append && verbose_error_)
-        msg_error_n(ERR_OPEN_BINARY_READ, "reading from open binary map file \"%s\"", path);
     if (result != MAP_SUCCESS)
         return result;
     if (from_append && map_declaration && !map_declaration->is_layout_equivalent(declaration)) {
@@ -332,11 +329,14 @@ Map_file::Map_file(bool verbose_error, bool substitute_path, const char* name,
 {
     Module_scope scope(MOD_RCMP);
     // Read and checked as a read; the file becomes one to append to only once it can be written.
-    Map_status result = open_existing(nullptr, true);
+    Map_status result = open_existing(nullptr);
     const char* path = name_.c_str();
-    if (result == MAP_FILE_MALFORMED && (format == MAP_FORMAT_OPEN_BINARY || format == MAP_FORMAT_OPEN_ASCII)) {
+    if (format == MAP_FORMAT_OPEN_BINARY || format == MAP_FORMAT_OPEN_ASCII) {
+        // Refused whatever its header held: an open file has no pages to fill.
         if (verbose_error_)
             msg_error_n(ERR_APPEND_OPEN_FORMAT, "cannot append to map file \"%s\", file format is open", path);
+        close();
+        result = MAP_FILE_MALFORMED;
     } else if (result == MAP_SUCCESS) {
         if (!map_declaration || !map_declaration->is_layout_equivalent(declaration)) {
             if (verbose_error_)

@@ -88,10 +88,13 @@ class Map_file final : public Map_page_source {
 public:
     // Opens `name` for reading (kind 0 or 2) and reads its header. `substitute_path` sends the
     // name through path substitution first. Open ASCII is recognised by its text ("declare"
-    // first) and open binary by "ob" after the magic; both leave `format` set and answer
-    // MAP_FILE_MALFORMED (the stream closed), since neither is read by this class. For kind 2,
-    // `declaration` (may be null) is the map's, and a file whose dimension or element layout
-    // differs is refused with MAP_NOT_EQUIVALENT. On any failure the file is closed.
+    // first): `format` 2 and MAP_FILE_MALFORMED with the stream closed, since its parser is not
+    // part of this program. Open binary ("ob" after the magic) gets `format` 1; its text header
+    // is parsed into `declaration`, and on success the stream stands on the first element with
+    // `element_count` whole elements behind it (the map reads them; nothing is paged from such
+    // a file). For kind 2, `declaration` (may be null) is the map's, and a file whose dimension
+    // or element layout differs is refused with MAP_NOT_EQUIVALENT. On any failure the file is
+    // closed.
     Map_file(uint32_t kind, bool verbose_info, bool verbose_error, bool substitute_path, const char* name,
              const Map_declaration_impl* declaration, Map_status* status);
 
@@ -106,7 +109,8 @@ public:
              Map_status* status);
 
     // Opens an existing binary file for appending `declaration`'s elements (kind 3): reads and
-    // checks the header as a read does, refuses open formats (15) and other layouts (5), then
+    // checks the header as a read does, refuses open formats (15, also after a valid open
+    // binary header) and other layouts (5), then
     // reopens the file for reading and writing. The file's own fields are kept.
     Map_file(bool verbose_error, bool substitute_path, const char* name, const Map_declaration_impl* declaration,
              Map_status* status);
@@ -167,13 +171,17 @@ public:
 private:
     bool open_stream(uint32_t mode);
     // Recognises the format and reads the header of an existing file (kind 0 or 2), with the
-    // messages of a read; `to_append` leaves the open binary refusal to the append's message.
-    Map_status open_existing(const Map_declaration_impl* map_declaration, bool to_append);
+    // messages of a read.
+    Map_status open_existing(const Map_declaration_impl* map_declaration);
     // Scans past blanks and '#' comments: true when the first word is "declare".
     bool looks_like_open_ascii();
     // Header steps 2 to 7 on the open stream; reports and closes on failure.
     Map_status read_header();
     Map_status damaged();
+    // The open binary header behind "ob": version digit, "dim", dimension digit, the field list
+    // text up to its NUL, then the stream placed on the elements. Reports and closes on failure.
+    Map_status read_open_binary_header();
+    Map_status open_binary_failed(Map_status status);
     // "qv=MAPob1dim<M>", the field list text and a NUL; sets the offsets of the global block
     // and the elements behind it.
     bool write_open_binary_header();
@@ -203,7 +211,28 @@ void map_file_gather(Map_page_store& store, uint32_t first, uint32_t count, uint
 
 // Map_impl::write in the two open formats: the packed elements behind a text header, and the
 // scene language's text. Neither builds the BVH. `messages` gives the info and error lines.
+// `comment` (may be null) replaces the open ASCII comment line's text; no line end is added.
 Map_status map_file_write_open_binary(Map_impl& map, const char* name, bool messages);
-Map_status map_file_write_open_ascii(Map_impl& map, const char* name, bool messages);
+Map_status map_file_write_open_ascii(Map_impl& map, const char* name, bool messages, const char* comment);
+
+// The field list text of an open binary header (`length` bytes, no NUL needed) into
+// `declaration`, which holds the dimension and no fields: one item at a time, each a type
+// letter, an optional decimal count, an optional "g" for a global field and the name between
+// double quotes. MAP_FILE_MALFORMED on the first faulty item, reported (with `name` as the file
+// name) when `messages` is set; the declaration then holds the items before it.
+Map_status map_open_binary_parse_fields(const char* text, size_t length, Map_declaration_impl& declaration,
+                                        const char* name, bool messages);
+
+// Reads the elements of an open binary `file` whose header was read, onto the end of `map`'s
+// pending elements, until the end of the file. A part of an element at the end, or a failed
+// read, gives the read error (reported when `messages` is set) and MAP_FILE_MALFORMED with the
+// committed bounds emptied; the elements read so far stay pending. The file is closed in any
+// case. REQUIRES: the map's declaration has the file's element layout.
+Map_status map_file_read_open_binary_elements(Map_impl& map, Map_file& file, bool messages);
+
+// Map_impl::append_from_file with separate switches for the info line and the error lines (the
+// final-gather loader wants the errors and not the notices).
+Map_status map_file_append_from(Map_impl& map, const char* filename, bool verbose_info, bool verbose_error,
+                                bool leave_bvh, uint32_t* format);
 
 } // namespace QV::RCMAP

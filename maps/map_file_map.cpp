@@ -21,6 +21,8 @@ constexpr int32_t ERR_WRITE_FAILED = 30;
 
 // A quality above 1 gives a negative threshold, which the BVH replaces by the manager's default.
 constexpr float BVH_DEFAULT_QUALITY = 2.0f;
+// Maps read from the open formats are built with threshold 0.4.
+constexpr float OPEN_FORMAT_QUALITY = 0.6f;
 
 // True when element i lies at page i / E, slot i % E for every element below `total`: every
 // segment has the map's E, and only the last one may end in a partial page. Then the map's
@@ -106,6 +108,14 @@ Map_status Map_impl::read(const char* filename, uint32_t options)
     adopt_declaration(file->declaration);
     if (globals)
         file->read_global(globals);
+    if (file->format == MAP_FORMAT_OPEN_BINARY) {
+        // Every element into the map's pages; the file is closed behind them.
+        status = map_file_read_open_binary_elements(*this, *file, messages);
+        delete file;
+        if (status == MAP_SUCCESS)
+            build_bvh(OPEN_FORMAT_QUALITY, false, false);
+        return status;
+    }
     // 5. The file becomes the map's one segment; its pages stay on disk until touched.
     const uint32_t count = file->element_count;
     if (count == 0) {
@@ -127,41 +137,78 @@ Map_status Map_impl::read(const char* filename, uint32_t options)
 
 Map_status Map_impl::append_from_file(const char* filename, bool verbose, bool leave_bvh, uint32_t* format)
 {
+    return map_file_append_from(*this, filename, verbose, verbose, leave_bvh, format);
+}
+
+namespace {
+
+// append_from_file of an open binary file whose header was read: its elements go behind the
+// map's pending ones and are committed by the build at the end.
+Map_status append_open_binary(Map_impl& map, Map_file* file, bool messages, bool leave_bvh)
+{
+    bool was_empty;
+    {
+        std::lock_guard<std::mutex> hold(map.map_lock());
+        if (!map.get_declaration())
+            map.adopt_declaration(file->declaration);
+        was_empty = map.committed_size() == 0 && map.get_pending_count() == 0;
+    }
+    const Map_declaration_impl& declaration = *map.get_declaration();
+    if (was_empty && map.get_globals() && file->declaration.global_signature() == declaration.global_signature() &&
+        file->declaration.global_bytes() == declaration.global_bytes())
+        file->read_global(map.get_globals());
+    const Map_status status = map_file_read_open_binary_elements(map, *file, messages);
+    delete file;
+    if (status == MAP_SUCCESS)
+        map.build_bvh(OPEN_FORMAT_QUALITY, false, leave_bvh);
+    return status;
+}
+
+} // namespace
+
+Map_status map_file_append_from(Map_impl& map, const char* filename, bool verbose_info, bool verbose_error,
+                                bool leave_bvh, uint32_t* format)
+{
     Module_scope scope(MOD_RCMP);
     if (format)
         *format = MAP_FORMAT_BINARY;
-    if (!editable)
+    if (!map.editable)
         return MAP_NOT_EDITABLE;
-    const bool messages = verbose && !quiet;
+    const bool info = verbose_info && !map.quiet, errors = verbose_error && !map.quiet;
     Map_status status = MAP_SUCCESS;
     // 1. Open ASCII is the caller's to parse; the format tells it so.
-    auto* file = new Map_file(MAP_FILE_KIND_READ_FOR_APPEND, messages, messages, true, filename, declaration, &status);
+    auto* file =
+        new Map_file(MAP_FILE_KIND_READ_FOR_APPEND, info, errors, true, filename, map.get_declaration(), &status);
     if (format)
         *format = file->format;
     if (status != MAP_SUCCESS) {
         delete file;
         return status;
     }
+    if (file->format == MAP_FORMAT_OPEN_BINARY)
+        return append_open_binary(map, file, errors, leave_bvh);
     // 2. Pending appends are committed and stay where they are, as a memory segment.
     bool was_empty;
     {
-        std::lock_guard<std::mutex> hold(lock);
-        if (!declaration)
-            adopt_declaration(file->declaration);
-        if (pending_count) {
-            size_ += pending_count;
-            pending_count = 0;
-            bounds = pending_bounds;
-            needs_build = needs_refit = true;
+        std::lock_guard<std::mutex> hold(map.lock);
+        if (!map.declaration)
+            map.adopt_declaration(file->declaration);
+        if (map.pending_count) {
+            map.size_ += map.pending_count;
+            map.pending_count = 0;
+            map.bounds = map.pending_bounds;
+            map.needs_build = map.needs_refit = true;
         }
-        was_empty = size_ == 0;
+        was_empty = map.size_ == 0;
     }
-    const bool bvh_was_valid = bvh_enabled && (was_empty || (global_bvh && !needs_build && !needs_refit));
+    const bool bvh_was_valid =
+        map.bvh_enabled && (was_empty || (map.global_bvh && !map.needs_build && !map.needs_refit));
     // 3. Only an empty map takes the file's global values, and only into the same global
     // layout: the append check compares the element layouts alone.
-    if (was_empty && globals && file->declaration.global_signature() == declaration->global_signature() &&
-        file->declaration.global_bytes() == declaration->global_bytes())
-        file->read_global(globals);
+    const Map_declaration_impl& declaration = *map.declaration;
+    if (was_empty && map.globals && file->declaration.global_signature() == declaration.global_signature() &&
+        file->declaration.global_bytes() == declaration.global_bytes())
+        file->read_global(map.globals);
     // 4, 5.
     const uint32_t count = file->element_count;
     if (count == 0) {
@@ -169,30 +216,30 @@ Map_status Map_impl::append_from_file(const char* filename, bool verbose, bool l
         return MAP_SUCCESS;
     }
     const Map_bounds file_bounds = file->bounds;
-    attach_file(file, count, file->elements_per_page, &file_bounds);
+    map.attach_file(file, count, file->elements_per_page, &file_bounds);
     {
-        std::lock_guard<std::mutex> hold(lock);
-        size_ += count;
-        pending_count -= count;
-        bounds.merge(file_bounds, declaration->dimension());
+        std::lock_guard<std::mutex> hold(map.lock);
+        map.size_ += count;
+        map.pending_count -= count;
+        map.bounds.merge(file_bounds, declaration.dimension());
     }
     // 6. The file's BVH joins the map's where that is possible; otherwise the map is marked.
     if (leave_bvh) {
-        needs_refit = true;
+        map.needs_refit = true;
     } else if (!bvh_was_valid) {
-        needs_build = true;
+        map.needs_build = true;
     } else if (file->bvh_offset == 0) {
-        needs_refit = true;
-        needs_build = needs_build || was_empty;
-    } else if (!map_file_read_bvh(*this, file, was_empty)) {
-        needs_build = true;
+        map.needs_refit = true;
+        map.needs_build = map.needs_build || was_empty;
+    } else if (!map_file_read_bvh(map, file, was_empty)) {
+        map.needs_build = true;
     }
     return MAP_SUCCESS;
 }
 
 // ---- Writing ----------------------------------------------------------------------------------
 
-Map_status Map_impl::write(const char* filename, Map_file_format format, bool verbose)
+Map_status Map_impl::write(const char* filename, Map_file_format format, bool verbose, const char* comment)
 {
     Module_scope scope(MOD_RCMP);
     if (!editable)
@@ -203,7 +250,7 @@ Map_status Map_impl::write(const char* filename, Map_file_format format, bool ve
     if (format == MAP_FORMAT_OPEN_BINARY)
         return map_file_write_open_binary(*this, filename, messages);
     if (format == MAP_FORMAT_OPEN_ASCII)
-        return map_file_write_open_ascii(*this, filename, messages);
+        return map_file_write_open_ascii(*this, filename, messages, comment);
     if (format != MAP_FORMAT_BINARY)
         return MAP_FILE_MALFORMED;
 

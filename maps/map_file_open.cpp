@@ -143,7 +143,7 @@ Map_status map_file_write_open_binary(Map_impl& map, const char* name, bool mess
     return MAP_SUCCESS;
 }
 
-Map_status map_file_write_open_ascii(Map_impl& map, const char* name, bool messages)
+Map_status map_file_write_open_ascii(Map_impl& map, const char* name, bool messages, const char* comment)
 {
     Module_scope scope(MOD_RCMP);
     map.commit();
@@ -159,11 +159,17 @@ Map_status map_file_write_open_ascii(Map_impl& map, const char* name, bool messa
     const uint32_t count = map.committed_size();
 
     std::string text = "#\n";
-    text += "# Quovray, version ";
-    text += LIBRARY_VERSION;
-    text += ", ";
-    text += LIBRARY_BUILD_DATE;
-    text += "\n";
+    if (comment) {
+        // The caller's text as it stands: a line end is the caller's to give.
+        text += "# ";
+        text += comment;
+    } else {
+        text += "# Quovray, version ";
+        text += LIBRARY_VERSION;
+        text += ", ";
+        text += LIBRARY_BUILD_DATE;
+        text += "\n";
+    }
     text += "# open ASCII map file, " + std::to_string(count) + " elements\n";
     text += "#\n\n";
     const std::string declaration_name = unique_name("map_decl_");

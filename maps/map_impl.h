@@ -92,8 +92,8 @@ public:
     qv::shader_v3::Map_status append_to_file(const char* filename, bool verbose) override;
     qv::shader_v3::Map_status append_from_file(const char* filename, bool verbose, bool leave_bvh,
                                                uint32_t* format) override;
-    qv::shader_v3::Map_status write(const char* filename, qv::shader_v3::Map_file_format format,
-                                    bool verbose) override;
+    qv::shader_v3::Map_status write(const char* filename, qv::shader_v3::Map_file_format format, bool verbose,
+                                    const char* comment = nullptr) override;
     qv::shader_v3::Map_status build_bvh(float quality, bool forced, bool skip_update) override;
 
     // ---- Storage-level interface for the map family -------------------------------------

@@ -283,7 +283,9 @@ public:
     // null, receives the file's format (Map_file_format), also on failure.
     virtual Map_status append_from_file(const char* filename, bool verbose, bool leave_bvh,
                                         uint32_t* format) = 0;
-    virtual Map_status write(const char* filename, Map_file_format format, bool verbose) = 0;
+    // `comment` (may be null) is the open ASCII comment line's text; the other formats have none.
+    virtual Map_status write(const char* filename, Map_file_format format, bool verbose,
+                             const char* comment = nullptr) = 0;
     // Commits pending appends, then brings the BVH up to date with threshold 1 - quality
     // unless `skip_update` is set.
     virtual Map_status build_bvh(float quality, bool forced, bool skip_update) = 0;

@@ -186,16 +186,6 @@ TEST_F(Map_file_read, OpenFormatsAreRecognisedByTheirFirstBytes)
     // A near miss is read as binary, and then it is not a map file.
     put_file(ascii, "# x\ndeclar", 10);
     EXPECT_EQ(holder.read(ascii.c_str(), 0), MAP_FILE_NOT_A_MAP);
-
-    // "ob" where the version starts is open binary, whatever digit follows.
-    const std::string open_binary = path("open.map");
-    put_file(open_binary, "qv=MAPob7dim3", 13);
-    captured().clear();
-    EXPECT_EQ(holder.read(open_binary.c_str(), MAP_READ_VERBOSE), MAP_FILE_MALFORMED);
-    EXPECT_TRUE(saw("reading from open binary map file \"" + open_binary + "\""));
-    EXPECT_FALSE(saw("unsupported"));
-    EXPECT_EQ(holder.append_from_file(open_binary.c_str(), false, false, &format), MAP_FILE_MALFORMED);
-    EXPECT_EQ(format, uint32_t(MAP_FORMAT_OPEN_BINARY));
     EXPECT_TRUE(holds_elements(holder, 3, 100));
 }
 

@@ -1,0 +1,329 @@
+// Reading open binary map files: round trips through read, append_from_file and the handles,
+// every header and field text fault with its message, and the partial-element rule.
+#include "maps/map_dbhandle.h"
+#include "tests/maps/map_file_test_support.h"
+
+using namespace map_file_test;
+
+namespace {
+
+// Number part of a captured message number.
+int32_t code_of(const Captured_line& line)
+{
+    return line.number % 1000;
+}
+
+class Map_file_open_read : public Map_file_test {
+protected:
+    void SetUp() override
+    {
+        Map_file_test::SetUp();
+        fill(holder, 100, 3);
+    }
+
+    // `count` small elements with globals, written as open binary; returns the file's bytes.
+    std::vector<uint8_t> written(const std::string& name, uint32_t count, uint32_t first = 0)
+    {
+        Map_declaration_impl declaration = declaration_with_globals();
+        Map_impl map(declaration);
+        fill(map, first, count);
+        map.set(declaration.get_field_id("scale", nullptr), 0.75f);
+        map.set(declaration.get_field_id("label", nullptr), "abcd", -1);
+        EXPECT_EQ(map.write(name.c_str(), MAP_FORMAT_OPEN_BINARY, false), MAP_SUCCESS);
+        return file_bytes(name);
+    }
+
+    // The one error line captured, or a failure naming what was seen.
+    ::testing::AssertionResult one_error(const std::string& text, int32_t code)
+    {
+        std::string seen;
+        int errors = 0;
+        bool found = false;
+        for (const Captured_line& line : captured()) {
+            if (line.level != MSG_ERROR)
+                continue;
+            ++errors;
+            seen += "[" + std::to_string(code_of(line)) + "] " + line.text + "\n";
+            found = found || (line.text == text && code_of(line) == code);
+        }
+        if (found && errors == 1)
+            return ::testing::AssertionSuccess();
+        return ::testing::AssertionFailure() << "wanted [" << code << "] " << text << "\nsaw:\n" << seen;
+    }
+
+    // Three elements of its own, to show that a refused file leaves a map alone.
+    Map_impl holder{small_declaration()};
+};
+
+std::vector<uint8_t> bytes_of(const std::string& text)
+{
+    return std::vector<uint8_t>(text.begin(), text.end());
+}
+
+} // namespace
+
+TEST_F(Map_file_open_read, ReadGivesTheWrittenDeclarationGlobalsAndElements)
+{
+    // Several pages' worth, so that the elements cross page borders on their way in.
+    const uint32_t count = 3 * map_elements_per_page(20, 3) + 11;
+    const std::string name = path("round.ob");
+    written(name, count);
+
+    Map_impl back;
+    ASSERT_EQ(back.read(name.c_str(), MAP_READ_VERBOSE), MAP_SUCCESS);
+    EXPECT_TRUE(saw("reading map file \"" + name + "\""));
+    EXPECT_EQ(count_lines(MSG_ERROR, ""), 0);
+    const Map_declaration_impl declaration = declaration_with_globals();
+    ASSERT_TRUE(back.get_declaration()->is_equal(&declaration, nullptr));
+    ASSERT_EQ(back.size(), count);
+    EXPECT_EQ(back.get_pending_count(), 0u);
+    float scale = 0;
+    char label[5] = {};
+    EXPECT_EQ(back.get(back.get_declaration()->get_field_id("scale", nullptr), scale), MAP_SUCCESS);
+    EXPECT_EQ(back.get(back.get_declaration()->get_field_id("label", nullptr), label), MAP_SUCCESS);
+    EXPECT_EQ(scale, 0.75f);
+    EXPECT_STREQ(label, "abcd");
+    // The build at the end may reorder the elements; every one is there once.
+    std::vector<bool> seen(count);
+    for (uint32_t i = 0; i < count; ++i) {
+        const Small_element element = element_of(back, i);
+        const uint32_t original = uint32_t(element.position[0]);
+        ASSERT_LT(original, count);
+        ASSERT_TRUE(same(element, small_element(original))) << "element " << i;
+        ASSERT_FALSE(seen[original]) << "element " << original << " twice";
+        seen[original] = true;
+    }
+    EXPECT_NE(back.global_bvh, nullptr) << "the read ends with a build";
+    EXPECT_EQ(back.get_bounds().minimum[0], 0.0f);
+    EXPECT_EQ(back.get_bounds().maximum[0], float(count - 1));
+    EXPECT_EQ(back.page_store().file_count(), 0u) << "an open binary file never backs a map";
+
+    // Without a BVH the elements stay in file order. The handles read through the same path.
+    Map_impl plain;
+    plain.bvh_enabled = false;
+    ASSERT_EQ(plain.read(name.c_str(), 0), MAP_SUCCESS);
+    EXPECT_TRUE(holds_elements(plain, count));
+    Map_status status = MAP_NOT_EDITABLE;
+    QV::RCMAP::Access_map_dbhandle_impl access(name.c_str(), &status);
+    EXPECT_EQ(status, MAP_SUCCESS);
+    EXPECT_EQ(access.get()->size(), count);
+    QV::RCMAP::Edit_map_dbhandle_impl edit(path("missing.ob").c_str(), &status);
+    EXPECT_EQ(status, MAP_FILE_CANNOT_OPEN);
+}
+
+TEST_F(Map_file_open_read, AppendFromFileGoesBehindTheMapsElements)
+{
+    const std::string name = path("more.ob");
+    written(name, 700, 3);
+    holder.bvh_enabled = false;
+    // One pending element of its own stays in front of the file's.
+    Small_element pending = small_element(2);
+    holder.append_raw(&pending);
+    uint32_t format = 99;
+    ASSERT_EQ(holder.append_from_file(name.c_str(), true, false, &format), MAP_SUCCESS);
+    EXPECT_EQ(format, uint32_t(MAP_FORMAT_OPEN_BINARY));
+    EXPECT_TRUE(saw("appending from map file \"" + name + "\""));
+    ASSERT_EQ(holder.size(), 704u);
+    for (uint32_t i = 0; i < 704; ++i)
+        ASSERT_TRUE(same(element_of(holder, i), small_element(i < 3 ? 100 + i : i - 1))) << i;
+    float scale = 1.0f;
+    EXPECT_EQ(holder.get(holder.get_declaration()->get_field_id("scale", nullptr), scale), MAP_NO_SUCH_FIELD)
+        << "the map keeps its own declaration";
+
+    // An empty map adopts the file's declaration and takes its global values.
+    Map_impl empty;
+    ASSERT_EQ(empty.append_from_file(name.c_str(), false, false, nullptr), MAP_SUCCESS);
+    ASSERT_EQ(empty.size(), 700u);
+    EXPECT_EQ(empty.get(empty.get_declaration()->get_field_id("scale", nullptr), scale), MAP_SUCCESS);
+    EXPECT_EQ(scale, 0.75f);
+
+    // Another element layout is refused before anything is read.
+    Map_impl other{Map_declaration_impl(3)};
+    captured().clear();
+    EXPECT_EQ(other.append_from_file(name.c_str(), true, false, nullptr), MAP_NOT_EQUIVALENT);
+    EXPECT_TRUE(one_error("cannot append from map file \"" + name + "\", declarations are not equivalent", 27));
+    EXPECT_EQ(other.size() + other.get_pending_count(), 0u);
+
+    // An open file is never appended to, whatever its header holds.
+    captured().clear();
+    EXPECT_EQ(holder.append_to_file(name.c_str(), true), MAP_FILE_MALFORMED);
+    EXPECT_TRUE(one_error("cannot append to map file \"" + name + "\", file format is open", 25));
+}
+
+TEST_F(Map_file_open_read, EveryHeaderFaultHasItsMessageAndLeavesTheMapAlone)
+{
+    struct Case {
+        const char* what;
+        std::string bytes;
+        Map_status status;
+        int32_t code;
+        std::string message; // %s is the file name
+    };
+    const std::string NUL(1, '\0');
+    const std::string declaration = "syntax error in declaration of open binary map file \"%s\"";
+    const std::vector<Case> cases = {
+        {"version not a digit", "qv=MAPobxdim3" + NUL, MAP_FILE_BAD_VERSION, 31,
+         "version of open binary map file \"%s\" is 0, unsupported"},
+        {"no version byte", "qv=MAPob", MAP_FILE_MALFORMED, 29, "reading from open binary map file \"%s\""},
+        {"dim cut short", "qv=MAPob1di", MAP_FILE_MALFORMED, 32,
+         "syntax error reading from open binary map file \"%s\"(expected \"dim\")"},
+        {"dimension 0", "qv=MAPob1dim0" + NUL, MAP_FILE_MALFORMED, 33,
+         "wrong dimension (0) in open binary map file \"%s\""},
+        {"no dimension byte", "qv=MAPob1dim", MAP_FILE_MALFORMED, 29, "reading from open binary map file \"%s\""},
+        {"g is no type", "qv=MAPob1dim3g\"a\"" + NUL, MAP_FILE_MALFORMED, 34, declaration + " - unrecognized field type"},
+        {"letter then end", "qv=MAPob1dim3s" + NUL, MAP_FILE_MALFORMED, 36, declaration + " - unexpected end of string"},
+        {"count then end", "qv=MAPob1dim3s12" + NUL, MAP_FILE_MALFORMED, 36,
+         declaration + " - unexpected end of string"},
+        {"name not closed", "qv=MAPob1dim3s\"weight" + NUL, MAP_FILE_MALFORMED, 36,
+         declaration + " - unexpected end of string"},
+        {"string of count 0", "qv=MAPob1dim3$0g\"s\"" + NUL, MAP_FILE_MALFORMED, 37, declaration + " - illegal field"},
+        {"element string", "qv=MAPob1dim3$8\"s\"" + NUL, MAP_FILE_MALFORMED, 37, declaration + " - illegal field"},
+        {"reserved name", "qv=MAPob1dim3v\"position\"" + NUL, MAP_FILE_MALFORMED, 37, declaration + " - illegal field"},
+        {"empty name", "qv=MAPob1dim3i\"\"" + NUL, MAP_FILE_MALFORMED, 37, declaration + " - illegal field"},
+        {"count past 16 bits", "qv=MAPob1dim3s70000\"w\"" + NUL, MAP_FILE_MALFORMED, 37,
+         declaration + " - illegal field"},
+        {"element past a page", "qv=MAPob1dim3s9000\"w\"" + NUL, MAP_FILE_MALFORMED, 37,
+         declaration + " - illegal field"},
+        {"global block cut", "qv=MAPob1dim3tg\"m\"" + NUL + std::string(63, 'x'), MAP_FILE_MALFORMED, 29,
+         "reading from open binary map file \"%s\""},
+    };
+    const std::string name = path("bad.ob");
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        put_file(name, bytes_of(c.bytes));
+        std::string message = c.message;
+        message.replace(message.find("%s"), 2, name);
+        captured().clear();
+        EXPECT_EQ(holder.read(name.c_str(), MAP_READ_VERBOSE), c.status);
+        EXPECT_TRUE(one_error(message, c.code));
+        EXPECT_FALSE(saw("reading map file")) << "no info line for a refused file";
+        captured().clear();
+        uint32_t format = 99;
+        EXPECT_EQ(holder.append_from_file(name.c_str(), true, false, &format), c.status);
+        EXPECT_EQ(format, uint32_t(MAP_FORMAT_OPEN_BINARY));
+        EXPECT_TRUE(one_error(message, c.code));
+        // Quiet callers get the status alone.
+        captured().clear();
+        EXPECT_EQ(holder.read(name.c_str(), 0), c.status);
+        EXPECT_TRUE(captured().empty());
+        ASSERT_EQ(holder.size(), 3u);
+        ASSERT_EQ(holder.get_pending_count(), 0u);
+        ASSERT_TRUE(holds_elements(holder, 3, 100));
+    }
+}
+
+TEST_F(Map_file_open_read, FieldTextItemsMakeTheirTypes)
+{
+    struct Case {
+        const char* text;
+        std::vector<Map_field> elements; // name, type, count
+        std::vector<Map_field> globals;
+    };
+    const std::vector<Case> cases = {
+        {"", {}, {}},
+        {"i\"n\"", {{"n", MAP_TYPE_INTEGER, 0}}, {}},
+        {"i3\"a\"s\"w\"s2\"b\"", {{"a", MAP_TYPE_INTEGER_ARRAY, 3}, {"w", MAP_TYPE_SCALAR, 0},
+                                  {"b", MAP_TYPE_SCALAR_ARRAY, 2}}, {}},
+        {"v5\"d\"c\"c\"t0\"m\"", {{"d", MAP_TYPE_VECTOR, 0}, {"c", MAP_TYPE_COLOR, 0}, {"m", MAP_TYPE_TRANSFORM, 0}}, {}},
+        {"sg\"scale\"$8g\"label\"i0g\"k\"v\"dir\"",
+         {{"dir", MAP_TYPE_VECTOR, 0}},
+         {{"scale", MAP_TYPE_SCALAR, 0}, {"label", MAP_TYPE_STRING, 8}, {"k", MAP_TYPE_INTEGER, 0}}},
+        {"s\"a b\"s\"g\"", {{"a b", MAP_TYPE_SCALAR, 0}, {"g", MAP_TYPE_SCALAR, 0}}, {}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.text);
+        Map_declaration_impl declaration(2);
+        ASSERT_EQ(map_open_binary_parse_fields(c.text, strlen(c.text), declaration, "f", true), MAP_SUCCESS);
+        ASSERT_EQ(declaration.get_element_field_count(), c.elements.size());
+        ASSERT_EQ(declaration.get_global_field_count(), c.globals.size());
+        for (size_t i = 0; i < c.elements.size(); ++i) {
+            EXPECT_STREQ(declaration.element_field(uint32_t(i)).name, c.elements[i].name);
+            EXPECT_EQ(declaration.element_field(uint32_t(i)).type, c.elements[i].type);
+            EXPECT_EQ(declaration.element_field(uint32_t(i)).count, c.elements[i].count);
+        }
+        for (size_t i = 0; i < c.globals.size(); ++i) {
+            EXPECT_STREQ(declaration.global_field(uint32_t(i)).name, c.globals[i].name);
+            EXPECT_EQ(declaration.global_field(uint32_t(i)).type, c.globals[i].type);
+            EXPECT_EQ(declaration.global_field(uint32_t(i)).count, c.globals[i].count);
+        }
+        // What the writer makes of the declaration parses back to the same declaration.
+        std::string again;
+        declaration.signature_text(again);
+        Map_declaration_impl reparsed(2);
+        ASSERT_EQ(map_open_binary_parse_fields(again.data(), again.size(), reparsed, "f", true), MAP_SUCCESS);
+        EXPECT_TRUE(reparsed.is_equal(&declaration, nullptr));
+    }
+    EXPECT_EQ(count_lines(MSG_ERROR, ""), 0);
+}
+
+TEST_F(Map_file_open_read, APartialElementAtTheEndLeavesTheWholeOnesPending)
+{
+    const std::string name = path("cut.ob");
+    std::vector<uint8_t> bytes = written(name, 5);
+    bytes.resize(bytes.size() - 7); // four whole elements and 13 bytes of the fifth
+    put_file(name, bytes);
+    const std::string message = "reading from open binary map file \"" + name + "\"";
+
+    Map_impl map;
+    EXPECT_EQ(map.read(name.c_str(), MAP_READ_VERBOSE), MAP_FILE_MALFORMED);
+    EXPECT_TRUE(one_error(message, 29));
+    EXPECT_EQ(map.size(), 0u);
+    EXPECT_EQ(map.get_pending_count(), 4u);
+    EXPECT_FALSE(map.get_bounds().valid);
+    EXPECT_EQ(map.global_bvh, nullptr) << "no build after a failed read";
+    map.commit();
+    EXPECT_TRUE(holds_elements(map, 4));
+
+    // The same on top of a map's own elements, which keep their place.
+    captured().clear();
+    EXPECT_EQ(holder.append_from_file(name.c_str(), true, false, nullptr), MAP_FILE_MALFORMED);
+    EXPECT_TRUE(one_error(message, 29));
+    EXPECT_EQ(holder.size(), 3u);
+    EXPECT_EQ(holder.get_pending_count(), 4u);
+    EXPECT_FALSE(holder.get_bounds().valid);
+    holder.commit();
+    EXPECT_TRUE(holds_elements(holder, 3, 100));
+    for (uint32_t i = 0; i < 4; ++i)
+        EXPECT_TRUE(same(element_of(holder, 3 + i), small_element(i)));
+
+    // A file that ends right behind its global block is an empty map, not an error.
+    bytes.resize(bytes.size() - 4 * 20 - 13);
+    put_file(name, bytes);
+    Map_impl empty;
+    captured().clear();
+    EXPECT_EQ(empty.read(name.c_str(), MAP_READ_VERBOSE), MAP_SUCCESS);
+    EXPECT_EQ(empty.size(), 0u);
+    EXPECT_EQ(count_lines(MSG_ERROR, ""), 0);
+}
+
+TEST_F(Map_file_open_read, MoreElementsThanTheCacheHoldsGoThroughTheSwapFile)
+{
+    // Ten times the cache's 16 pages.
+    const uint32_t count = 160 * map_elements_per_page(20, 3);
+    const std::string name = path("big.ob");
+    written(name, count);
+    Map_manager& manager = Map_manager::instance();
+    manager.flush(0);
+    manager.set_size_limit_mb(0.5f);
+    Map_impl back;
+    back.bvh_enabled = false;
+    ASSERT_EQ(back.read(name.c_str(), 0), MAP_SUCCESS);
+    ASSERT_EQ(back.size(), count);
+    EXPECT_GE(back.page_store().swap.slot_count(), 160u - 16u);
+    EXPECT_TRUE(holds_elements(back, count));
+}
+
+TEST_F(Map_file_open_read, OpenAsciiTakesTheCallersComment)
+{
+    Map_impl map(small_declaration());
+    const std::string name = path("text.map");
+    ASSERT_EQ(map.write(name.c_str(), MAP_FORMAT_OPEN_ASCII, false, "made by a test"), MAP_SUCCESS);
+    const std::vector<uint8_t> bytes = file_bytes(name);
+    const std::string text(bytes.begin(), bytes.end());
+    EXPECT_EQ(text.rfind("#\n# made by a test# open ASCII map file, 0 elements\n#\n\n", 0), 0u) << text;
+    // And the text still stops at the parser stub, without a message.
+    captured().clear();
+    EXPECT_EQ(holder.read(name.c_str(), MAP_READ_VERBOSE), MAP_FILE_MALFORMED);
+    EXPECT_EQ(count_lines(MSG_ERROR, ""), 0);
+    EXPECT_TRUE(holds_elements(holder, 3, 100));
+}
