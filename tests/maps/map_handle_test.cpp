@@ -5,6 +5,8 @@
 
 #include <iterator>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "database/db.h"
 #include "database/transaction.h"
@@ -298,4 +300,38 @@ TEST_F(MapHandleTest, FileHandlesReportAFailedReadAndStillOwnAMap)
     Edit_map_dbhandle_impl edit("/nonexistent/dir/none.map", &status);
     EXPECT_NE(status, MAP_SUCCESS);
     EXPECT_NE(edit.get(), nullptr);
+}
+
+namespace {
+std::vector<std::string> g_info_lines;
+void keep_info(uint32_t level, const char*, const char* text, int32_t)
+{
+    if (level == MSG_INFO)
+        g_info_lines.push_back(text);
+}
+} // namespace
+
+// The build that ends the edit of a stored map reports like any build with its messages on:
+// with the time class of the default mask, its timer lines go out at the info level.
+TEST_F(MapHandleTest, EditOfAStoredMapEndsWithAReportedBuild)
+{
+    msg_defaults();
+    const uint32_t levels = msg_level_mask();
+    msg_set_levels(MSG_FATAL | MSG_ERROR | MSG_WARN | MSG_INFO);
+    g_info_lines.clear();
+    qv_errorhandler(keep_info);
+    Db_tag tag = 0;
+    {
+        Edit_map_dbhandle_impl edit(filled_map(6));
+        tag = edit.store();
+    }
+    qv_errorhandler(nullptr);
+    msg_set_levels(levels);
+    ASSERT_NE(tag, 0u);
+    const std::string what = "for building the BVH for map ";
+    int reported = 0;
+    for (const std::string& line : g_info_lines)
+        reported += line.rfind("wallclock ", 0) == 0 && line.find(what) != std::string::npos;
+    EXPECT_EQ(reported, 1);
+    Edit_map_dbhandle_impl(tag).release();
 }

@@ -83,10 +83,13 @@ TEST(CliTest, BadLegacyWordIsConsumedAndRequestsUsage)
     EXPECT_EQ(r.exit_code, 1);
     EXPECT_EQ(r.err, usage_text());
 
-    // -l as the very last word reads argv's null terminator.
-    r = run_tool({"-l"});
-    EXPECT_EQ(r.exit_code, 1);
-    EXPECT_EQ(r.err, usage_text());
+    // -l as the very last word reads argv's null terminator; a cluster takes one word per
+    // letter, and every word at or past the end reads as that null word.
+    for (const char* word : {"-l", "-lll", "-llllllll"}) {
+        r = run_tool({word});
+        EXPECT_EQ(r.exit_code, 1) << word;
+        EXPECT_EQ(r.err, usage_text()) << word;
+    }
 }
 
 TEST(CliTest, UnknownOptionIsReportedByNumberThenUsage)
