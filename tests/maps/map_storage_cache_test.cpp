@@ -59,18 +59,6 @@ TEST_F(Map_storage_cache, TenTimesTheCacheGoesThroughTheSwapFileIntact)
     EXPECT_LE(manager.max_pages() - buffers_before, SMALL_LIMIT_PAGES);
 }
 
-TEST_F(Map_storage_cache, TableHitsDoNotReachTheManager)
-{
-    Map_impl map(small_declaration());
-    fill_pages(map, 2);
-    const Map_cache_statistics before = Map_manager::instance().map_statistics(map.page_store().map_id);
-    for (int i = 0; i < 1000; ++i)
-        element_of(map, uint32_t(i % 10));
-    const Map_cache_statistics after = Map_manager::instance().map_statistics(map.page_store().map_id);
-    EXPECT_EQ(after.global_accesses, before.global_accesses);
-    EXPECT_EQ(after.accesses, before.accesses + 1000);
-}
-
 TEST_F(Map_storage_cache, ConcurrentReadersOfOneMapGetCorrectData)
 {
     // Each thread walks its own sequence of pages, so that they compete for buffers.

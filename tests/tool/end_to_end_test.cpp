@@ -123,47 +123,6 @@ TEST_F(EndToEndTest, BoxIsSelectedBeforeTheMerge)
     EXPECT_EQ(out.points[0].f(0), 0.5f);
 }
 
-TEST_F(EndToEndTest, ForeignByteOrderInputLoadsAsNative)
-{
-    write_file(input, classic_bytes(sample_points(), 1, true));
-    Classic_file out = run_legacy({input, output});
-    expect_classic_header(out, 40);
-    auto expected = by_id(sample_points());
-    for (auto& [id, p] : by_id(out.points))
-        expect_same_named_fields(p, expected[id]);
-}
-
-TEST_F(EndToEndTest, UnknownVersionAndTruncatedFilesLoadWhatTheyCan)
-{
-    // Version 2 is refused (info level only), so the run finds no point and leaves the output.
-    write_file(input, classic_bytes(sample_points(), 2));
-    write_file(output, "untouched");
-    Tool_result r = run_tool({input, output});
-    EXPECT_EQ(r.exit_code, 1);
-    EXPECT_EQ(read_file(output), "untouched");
-
-    // Version 0 holds world-space gradients; they are converted on loading, and the third row's
-    // first word is then read as point_id, so only the count is compared here.
-    write_file(input, classic_bytes(sample_points(), 0));
-    EXPECT_EQ(run_legacy({input, output}).count, 40u);
-
-    // A file cut inside its 11th record loads the ten whole ones; the count is an upper bound.
-    std::string bytes = classic_bytes(sample_points());
-    write_file(input, bytes.substr(0, 120 + 104 * 10 + 50));
-    Classic_file out = run_legacy({input, output});
-    expect_classic_header(out, 10);
-
-    // Shorter than a header, absurd count, wrong options magic: never a crash.
-    write_file(input, "qvFG");
-    EXPECT_EQ(run_tool({input, output}).exit_code, 1);
-    write_file(input, classic_bytes({}, 1, false, 0x7fffffff));
-    EXPECT_EQ(run_tool({input, output}).exit_code, 1);
-    std::string wrong_magic = classic_bytes(sample_points());
-    wrong_magic[33] = 'X';
-    write_file(input, wrong_magic);
-    EXPECT_EQ(run_tool({input, output}).exit_code, 1);
-}
-
 TEST_F(EndToEndTest, MissingInputAmongGoodOnesIsSkippedAndInputsAccumulate)
 {
     Classic_file out = run_legacy({dir.file("missing.fg"), input, input, output});

@@ -141,26 +141,6 @@ TEST_F(MergeTest, CompareOrdersByCellWithXMostSignificant)
     }
 }
 
-TEST_F(MergeTest, CoincidentPointsMergeIntoTheirSum)
-{
-    set_bounds(0.0f, 4.0f);
-    const Fg_point one = make_point(1.5f, 2.25f, 3.0f, 0, 0, 1, 3);
-    std::vector<Fg_point> pts = {one, one, one};
-    pts[1].rays = 5;
-    pts[2].rays = 8;
-    ASSERT_EQ(merge_points(pts.data(), unsigned(pts.size()), 0.1f, FIVE_DEGREES, 0), 1u);
-    EXPECT_EQ(pts[0].rays, 16u);
-    // Equal values blend to themselves exactly, whatever the weights.
-    EXPECT_EQ(std::memcmp(pts[0].position, one.position, sizeof one.position), 0);
-    EXPECT_EQ(std::memcmp(pts[0].normal, one.normal, sizeof one.normal), 0);
-    EXPECT_EQ(std::memcmp(pts[0].irrad, one.irrad, sizeof one.irrad), 0);
-
-    // No pair at all: nothing to do, and nothing read beyond the array.
-    EXPECT_EQ(merge_points(nullptr, 0, 0.1f, FIVE_DEGREES, 0), 0u);
-    EXPECT_EQ(merge_points(pts.data(), 1, 0.1f, FIVE_DEGREES, 0), 1u);
-    EXPECT_EQ(pts[0].rays, 16u);
-}
-
 TEST_F(MergeTest, PointsExactlyAtTheDistanceMergeAndOneFloatBeyondDoNot)
 {
     // Along x in a cube, and along a diagonal on a flat map, where the z axis has no cells.
@@ -198,17 +178,6 @@ TEST_F(MergeTest, NormalsUpToFiveDegreesApartMergeAndWiderDoNot)
         std::vector<Fg_point> pts = {make_point(1, 1, 1, 0, 0, 1, 1), make_point(1.01f, 1, 1, std::sqrt(1.0f - c * c), 0, c, 1)};
         EXPECT_EQ(merge_points(pts.data(), 2, 0.1f, FIVE_DEGREES, 0), c == at ? 1u : 2u) << "cosine " << c;
     }
-}
-
-// A negative distance also makes the cell size negative, so that every pair compares both ways.
-TEST_F(MergeTest, NegativeDistanceMergesNothing)
-{
-    std::vector<Fg_point> pts = room_points(500, 3);
-    pts.push_back(pts[0]);  // even a coincident pair stays apart
-    const uint64_t before = total_rays(pts, unsigned(pts.size()));
-    unsigned n = merge_points(pts.data(), unsigned(pts.size()), -0.5f, FIVE_DEGREES, 0);
-    EXPECT_EQ(n, pts.size());
-    EXPECT_EQ(total_rays(pts, n), before);
 }
 
 TEST_F(MergeTest, DeadMarkedInputPointsAreDropped)
