@@ -12,8 +12,6 @@
 
 namespace {
 
-using QV::DB::Db_deserializer;
-using QV::DB::Db_serializer;
 using QV::DB::Dummy_job;
 using QV::DB::Dummy_tag;
 using QV::DB::Element;
@@ -161,16 +159,6 @@ TEST_F(JobTest, StoreDummyMakesATagOrAJob)
     ASSERT_TRUE(qv_db_is_job(job));
     EXPECT_EQ(static_cast<Element_base*>(qv_db_access(job))->get_class_id(), Dummy_tag::CLASS_ID);
     qv_db_unpin(job);
-}
-
-// Writes `object` as a stored object and reads it back through the process manager.
-std::unique_ptr<QV::SERIAL::Serializable> round_trip(const QV::SERIAL::Serializable* object, size_t* bytes)
-{
-    Db_serializer out;
-    out.serialize(object);
-    *bytes = out.queue().size();
-    Db_deserializer in(&out.queue());
-    return std::unique_ptr<QV::SERIAL::Serializable>(in.deserialize());
 }
 
 TEST_F(JobTest, EndOfAThreadRemovesTheTagsItStored)
