@@ -1,5 +1,6 @@
 // The two-level cache under pressure: out-of-core maps, several readers, flushes, statistics.
 #include <cstdio>
+#include <memory>
 #include <unistd.h>
 
 #include "maps/map_page_table.h"
@@ -174,8 +175,11 @@ TEST_F(Map_storage_cache, AgingMakesTablesGiveBackWhenTheCacheIsFull)
     manager.flush(0);
     ASSERT_EQ(manager.resident_pages(), 0u);
 
-    // Two tables that pin the whole cache between them.
-    Map_page_table first(25), second(25);
+    // Two tables that pin the whole cache between them. On the heap: the thread sanitizer takes
+    // a mutex at a reused stack address (a map's lock of an earlier test) for the same one.
+    auto first_table = std::make_unique<Map_page_table>(25), second_table = std::make_unique<Map_page_table>(25);
+    Map_page_table& first = *first_table;
+    Map_page_table& second = *second_table;
     Map_page_store& store = map.page_store();
     for (uint32_t page = 0; page < 25; ++page)
         ASSERT_NE(store.get_page(page, true, &first), nullptr);
