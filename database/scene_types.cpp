@@ -41,30 +41,30 @@ Scene_edit_hooks g_edit_hooks{};
 Lock g_scene_lock = nullptr;  // made by qv_scene_init
 bool g_started = false;
 
-// Per-thread data of the module: a small tag stack for the walks over sub-tags, made when the
-// thread first asks for it.
+// Per-thread storage of the module: 440 bytes, zero until a walk of this thread uses it.
 constexpr uint32_t SCENE_CONTEXT_BYTES = 440;
-constexpr int SCENE_CONTEXT_SLOTS = 64;
-struct Scene_context {
-    Db_tag* slots;            // SCENE_CONTEXT_SLOTS tags
-    uint32_t used;
-    uint8_t spare[SCENE_CONTEXT_BYTES - 16];
-};
-static_assert(sizeof(Scene_context) == SCENE_CONTEXT_BYTES);
 
-void scene_context_init(void* area)
+// The session's tag stack for the walks over sub-tags: 64 slots, made when the session's areas
+// are created and freed when they are torn down.
+constexpr int SCENE_SESSION_SLOTS = 64;
+struct Scene_session {
+    Db_tag* slots;            // SCENE_SESSION_SLOTS tags
+    uint32_t used;
+};
+
+void scene_session_init(void* area)
 {
-    auto* context = static_cast<Scene_context*>(area);
-    context->slots = static_cast<Db_tag*>(QV_ALLOC(SCENE_CONTEXT_SLOTS * sizeof(Db_tag)));
-    context->used = 0;
+    auto* session = static_cast<Scene_session*>(area);
+    session->slots = static_cast<Db_tag*>(QV_ALLOC(SCENE_SESSION_SLOTS * sizeof(Db_tag)));
+    session->used = 0;
 }
 
-void scene_context_exit(void* area)
+void scene_session_exit(void* area)
 {
-    auto* context = static_cast<Scene_context*>(area);
-    if (context->slots)
-        QV_FREE(context->slots);
-    context->slots = nullptr;
+    auto* session = static_cast<Scene_session*>(area);
+    if (session->slots)
+        QV_FREE(session->slots);
+    session->slots = nullptr;
 }
 
 QV::SCENE::Options* g_options = nullptr;
@@ -482,7 +482,8 @@ void qv_scene_init()
     if (g_started)
         return;
     lock_create(&g_scene_lock);
-    mod_register_context_area(MOD_SCENE, scene_context_init, scene_context_exit, SCENE_CONTEXT_BYTES);
+    mod_register_context_area(MOD_SCENE, nullptr, nullptr, SCENE_CONTEXT_BYTES);
+    mod_register_session_area(MOD_SCENE, scene_session_init, scene_session_exit, sizeof(Scene_session));
     qv_db_set_type_name_hook(qv_scene_type_name);
     QV::DB::element_install_db_handler();
     g_options = new QV::SCENE::Options();

@@ -31,8 +31,9 @@ namespace {
 Fg_progressive_query g_progressive_query = nullptr;
 
 // Reads the classic records behind the headers and hands each to `add`, which gets the whole
-// record (word 26 zero). Stops at the first short read and keeps what came before it, so the
-// header's count is only an upper bound. Returns how many records were handed on.
+// record (word 26 zero) and answers whether it took it. Stops at the first short read and
+// keeps what came before it, so the header's count is only an upper bound. Returns how many
+// records were taken.
 template <class Add>
 uint32_t read_classic_records(FILE* file, const char* path, const Classic_header& header, Add add)
 {
@@ -48,8 +49,9 @@ uint32_t read_classic_records(FILE* file, const char* path, const Classic_header
             swap_bytes(&record, FG_SWAP_RECORD);
         if (header.version == 0)
             convert_version0(&record);
-        add(record);
-        ++loaded;
+        // A point the target refused is not counted.
+        if (add(record))
+            ++loaded;
     }
     return loaded;
 }
@@ -295,7 +297,7 @@ uint32_t fg_map_load(Map_impl* map, const char* path, bool allow_classic)
         Map_element_impl* element = fg_scratch_element();
         loaded = load_classic(file, name, [map, element](const Fg_point& record) {
             fg_point_to_element(element, record.position, record.normal);
-            map->append(element);
+            return map->append(element) == qv::shader_v3::MAP_SUCCESS;
         });
     }
     report_loaded(loaded, name);
@@ -335,6 +337,7 @@ uint32_t fg_kdtree_load(Kdtree_handle* kdtree, const char* path)
     } else {
         loaded = load_classic(file, name, [kdtree](const Fg_point& record) {
             kdtree_add(kdtree, record.normal, record.position);
+            return true;
         });
     }
     report_loaded(loaded, name);

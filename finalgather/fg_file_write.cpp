@@ -139,11 +139,11 @@ bool close_map(Fg_map_writer* writer, int64_t added)
     map->build_bvh(COMMIT_QUALITY, false, false);
     char temporary[FG_PATH_BYTES + 8] = "";
     if (writer->mode == FG_WRITER_NEW_MAP) {
-        result = map->write(path, qv::shader_v3::MAP_FORMAT_BINARY, true) == qv::shader_v3::MAP_SUCCESS;
+        result = map->write_file(path, qv::shader_v3::MAP_FORMAT_BINARY, false, true) == qv::shader_v3::MAP_SUCCESS;
     } else if (added > 0) {
         std::snprintf(temporary, sizeof(temporary), "%sXXXXXX", path);
         complete_temporary_name(temporary);
-        result = map->write(temporary, qv::shader_v3::MAP_FORMAT_BINARY, true) == qv::shader_v3::MAP_SUCCESS;
+        result = map->write_file(temporary, qv::shader_v3::MAP_FORMAT_BINARY, false, true) == qv::shader_v3::MAP_SUCCESS;
         // A write that failed half-way must not leave its piece next to the untouched old file.
         if (!result)
             unlink(temporary);
@@ -157,7 +157,7 @@ bool close_map(Fg_map_writer* writer, int64_t added)
             unlink(temporary);
             result = false;
         } else {
-            if (map->read(path, qv::shader_v3::MAP_READ_VERBOSE) != qv::shader_v3::MAP_SUCCESS) {
+            if (map->read(path, qv::shader_v3::MAP_READ_ERRORS) != qv::shader_v3::MAP_SUCCESS) {
                 msg_error_n(29, "cannot re-open the file \"%s\"", path);
                 result = false;
             }
@@ -204,7 +204,10 @@ Fg_map_writer* fg_map_open_write(const Fg_scene_options* options, const char* pa
                 return nullptr;
             Map_impl* map = fg_map_new();
             // The map reader substitutes the path itself: it gets the name as the user gave it.
-            if (map->read(path, 0) != qv::shader_v3::MAP_SUCCESS) {
+            // A map file of another layout is no final-gather map: every point written to it
+            // would be refused.
+            if (map->read(path, 0) != qv::shader_v3::MAP_SUCCESS || !map->get_declaration() ||
+                !map->get_declaration()->is_layout_equivalent(*fg_cached_declaration())) {
                 msg_error_n(20, "%s", TEXT_NOT_VALID);
                 delete map;
                 return nullptr;

@@ -3,6 +3,7 @@
 #include "maps/map_dbhandle.h"
 
 #include "database/db.h"
+#include "maps/map_bvh.h"
 #include "maps/map_declaration.h"
 #include "maps/map_impl.h"
 #include "maps/map_manager.h"
@@ -40,9 +41,8 @@ Map_impl* map_from_file(const char* filename, Map_status* status)
     return map;
 }
 
-// Threshold argument of build_bvh is 1 - quality: quality 2 asks for a negative threshold,
-// i.e. the manager's default, which is what a handle's end uses.
-constexpr float FINISH_QUALITY = 2.0f;
+// A negative threshold asks for the manager's default, which is what a handle's end uses.
+constexpr float FINISH_THRESHOLD = -1.0f;
 
 } // namespace
 
@@ -127,7 +127,9 @@ Edit_map_dbhandle_impl::~Edit_map_dbhandle_impl()
         // Edits of a stored map end with a valid BVH. The map's pages go back to the cache as
         // idle pages, not out to the swap file: the next user of the map, usually the next
         // stage of the same run, would only read them all back.
-        map->build_bvh(FINISH_QUALITY, false, false);
+        // The build runs with its messages on (timer lines where the class mask asks for them).
+        map->commit();
+        update_bvh(*map, FINISH_THRESHOLD, false, true);
         Map_manager::instance().give_back_map(&map->page_store());
     }
     map = nullptr;

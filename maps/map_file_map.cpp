@@ -95,10 +95,11 @@ void map_file_gather(Map_page_store& store, uint32_t first, uint32_t count, uint
 Map_status Map_impl::read(const char* filename, uint32_t options)
 {
     Module_scope scope(MOD_RCMP);
-    const bool messages = (options & MAP_READ_VERBOSE) && !quiet;
+    const bool notices = (options & MAP_READ_VERBOSE) && !quiet;
+    const bool errors = (options & (MAP_READ_VERBOSE | MAP_READ_ERRORS)) && !quiet;
     Map_status status = MAP_SUCCESS;
     // 1. Nothing of the map changes before the header has been read and checked.
-    auto* file = new Map_file(MAP_FILE_KIND_READ, messages, messages, true, filename, nullptr, &status);
+    auto* file = new Map_file(MAP_FILE_KIND_READ, notices, errors, true, filename, nullptr, &status);
     if (status != MAP_SUCCESS) {
         delete file;
         return status;
@@ -241,12 +242,19 @@ Map_status map_file_append_from(Map_impl& map, const char* filename, bool verbos
 
 Map_status Map_impl::write(const char* filename, Map_file_format format, bool verbose, const char* comment)
 {
+    return write_file(filename, format, verbose, verbose, comment);
+}
+
+Map_status Map_impl::write_file(const char* filename, Map_file_format format, bool notices, bool errors,
+                                const char* comment)
+{
     Module_scope scope(MOD_RCMP);
     if (!editable)
         return MAP_NOT_EDITABLE;
     if (!declaration)
         return MAP_NO_DECLARATION;
-    const bool messages = verbose && !quiet;
+    const bool messages = errors && !quiet;
+    const bool notice = notices && !quiet;
     if (format == MAP_FORMAT_OPEN_BINARY)
         return map_file_write_open_binary(*this, filename, messages);
     if (format == MAP_FORMAT_OPEN_ASCII)
@@ -264,7 +272,7 @@ Map_status Map_impl::write(const char* filename, Map_file_format format, bool ve
     const uint32_t per_page = store.elements_per_page;
     const uint32_t pages = count == 0 ? 0 : (count - 1) / per_page + 1;
     Map_status status = MAP_SUCCESS;
-    Map_file file(MAP_FILE_KIND_WRITE, MAP_FORMAT_BINARY, messages, messages, false, filename, declaration, count,
+    Map_file file(MAP_FILE_KIND_WRITE, MAP_FORMAT_BINARY, notice, messages, false, filename, declaration, count,
                   MAP_FILE_PAGE_BYTES, per_page, pages, &bounds, &status);
     if (status != MAP_SUCCESS)
         return status;

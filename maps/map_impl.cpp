@@ -189,6 +189,7 @@ uint64_t Map_impl::get_size() const
 
 void Map_impl::commit()
 {
+    Module_scope scope(MOD_RCMP);
     std::lock_guard<std::mutex> hold(lock);
     if (pending_count) {
         size_ += pending_count;
@@ -200,6 +201,7 @@ void Map_impl::commit()
 
 Map_status Map_impl::append_raw(const void* element_bytes, uint32_t* index)
 {
+    Module_scope scope(MOD_RCMP);
     if (!declaration)
         return MAP_NO_DECLARATION;
     if (!editable)
@@ -242,11 +244,13 @@ void Map_impl::write_element(uint32_t index, const void* in)
 
 void Map_impl::read_field(uint32_t index, uint32_t offset, uint32_t bytes, void* out) const
 {
+    Module_scope scope(MOD_RCMP);
     const_cast<Map_page_store&>(store).read_bytes(index, offset, bytes, out);
 }
 
 void Map_impl::write_field(uint32_t index, uint32_t offset, uint32_t bytes, const void* in)
 {
+    Module_scope scope(MOD_RCMP);
     store.write_bytes(index, offset, bytes, in);
 }
 
@@ -288,6 +292,7 @@ bool Map_impl::has_declaration() const
 
 Map_status Map_impl::get(uint32_t index, Map_element_base* element) const
 {
+    Module_scope scope(MOD_RCMP);
     if (!declaration)
         return MAP_NO_DECLARATION;
     if (index >= size_)
@@ -303,6 +308,7 @@ Map_status Map_impl::get(uint32_t index, Map_element_base* element) const
 
 Map_status Map_impl::set(uint32_t index, const Map_element_base* element)
 {
+    Module_scope scope(MOD_RCMP);
     if (!editable)
         return MAP_NOT_EDITABLE;
     if (!declaration)
@@ -321,6 +327,7 @@ Map_status Map_impl::set(uint32_t index, const Map_element_base* element)
 
 Map_status Map_impl::append(const Map_element_base* element)
 {
+    Module_scope scope(MOD_RCMP);
     if (!editable)
         return MAP_NOT_EDITABLE;
     auto* source = static_cast<const Map_element_impl*>(element);

@@ -85,15 +85,18 @@ public:
     qv::shader_v3::Map_status set(qv::shader_v3::Map_field_id id, float value) override;
     qv::shader_v3::Map_status set(uint32_t index, const qv::shader_v3::Map_element_base* element) override;
     qv::shader_v3::Map_status append(const qv::shader_v3::Map_element_base* element) override;
-    // The file operations belong to the map file code; until it lands they answer
-    // MAP_FILE_CANNOT_OPEN (read, append_from_file) or MAP_FILE_MALFORMED (write, append_to_file)
-    // and build_bvh only commits.
+    // The file operations live in map_file_map.cpp (binary files) and map_file_open.cpp (open
+    // formats); build_bvh commits and brings the BVH up to date (map_bvh_build.cpp).
     qv::shader_v3::Map_status read(const char* filename, uint32_t options) override;
     qv::shader_v3::Map_status append_to_file(const char* filename, bool verbose) override;
     qv::shader_v3::Map_status append_from_file(const char* filename, bool verbose, bool leave_bvh,
                                                uint32_t* format) override;
     qv::shader_v3::Map_status write(const char* filename, qv::shader_v3::Map_file_format format, bool verbose,
                                     const char* comment = nullptr) override;
+    // write with the notice ("writing map file") and the error messages switched apart; the
+    // interface's one verbose switch turns both on or off.
+    qv::shader_v3::Map_status write_file(const char* filename, qv::shader_v3::Map_file_format format,
+                                         bool notices, bool errors, const char* comment = nullptr);
     qv::shader_v3::Map_status build_bvh(float quality, bool forced, bool skip_update) override;
 
     // ---- Storage-level interface for the map family -------------------------------------
@@ -167,8 +170,8 @@ private:
     void copy_from(const Map_impl& other);
 };
 
-// Copies of the map's BVH and particle description are made by their owners (BVH and open
-// format code); until those land, a copy of a map drops them and marks the BVH for a rebuild.
+// A copy of a map takes neither the BVH nor the particle description: it marks its BVH for a
+// rebuild, which its next build_bvh makes from the copied elements.
 using Map_global_bvh_destroy_fn = void (*)(Map_global_bvh_base*);
 using Map_particle_info_destroy_fn = void (*)(Map_particle_info*);
 // Set by the BVH and open-format code so the map can free what it owns without knowing them.

@@ -107,6 +107,7 @@ enum Map_file_format : uint32_t {
 // Option bits of Map_base::read.
 enum : uint32_t {
     MAP_READ_VERBOSE = 0x1, // report failures and progress through messages
+    MAP_READ_ERRORS = 0x2,  // report failures only
 };
 
 class Map_element_base;

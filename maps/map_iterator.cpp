@@ -5,6 +5,7 @@
 #include "maps/map_declaration.h"
 #include "maps/map_element.h"
 #include "maps/map_impl.h"
+#include "runtime/modules.h"
 
 namespace QV::RCMAP {
 
@@ -117,6 +118,7 @@ Map_status Map_iterator_impl::access_status() const
 
 Map_status Map_iterator_impl::get_field(Map_field_id id, uint32_t type, void* out) const
 {
+    Module_scope scope(MOD_RCMP);
     Map_status status = access_status();
     if (status != MAP_SUCCESS)
         return status;
@@ -135,6 +137,7 @@ Map_status Map_iterator_impl::get_field(Map_field_id id, uint32_t type, void* ou
 
 Map_status Map_iterator_impl::set_field(Map_field_id id, uint32_t type, const void* in)
 {
+    Module_scope scope(MOD_RCMP);
     Map_status status = access_status();
     if (status != MAP_SUCCESS)
         return status;
@@ -189,6 +192,7 @@ Map_status Map_iterator_impl::get(Map_field_id id, float& value) const
 
 Map_status Map_iterator_impl::get(Map_element_base* element) const
 {
+    Module_scope scope(MOD_RCMP);
     const Map_status status = access_status();
     if (status != MAP_SUCCESS)
         return status;
@@ -197,6 +201,7 @@ Map_status Map_iterator_impl::get(Map_element_base* element) const
 
 Map_status Map_iterator_impl::get_position(Map_vector3& position) const
 {
+    Module_scope scope(MOD_RCMP);
     Map_status status = access_status();
     if (status != MAP_SUCCESS)
         return status;
@@ -211,6 +216,7 @@ Map_status Map_iterator_impl::get_position(Map_vector3& position) const
 
 Map_status Map_iterator_impl::get_position(float* position) const
 {
+    Module_scope scope(MOD_RCMP);
     Map_status status = access_status();
     if (status != MAP_SUCCESS)
         return status;
@@ -258,6 +264,7 @@ Map_status Map_iterator_impl::set(Map_field_id id, float value)
 
 Map_status Map_iterator_impl::set(const Map_element_base* element)
 {
+    Module_scope scope(MOD_RCMP);
     const Map_status status = access_status();
     if (status != MAP_SUCCESS)
         return status;
@@ -266,6 +273,7 @@ Map_status Map_iterator_impl::set(const Map_element_base* element)
 
 Map_status Map_iterator_impl::write_position(const float* position, bool dimension3_only)
 {
+    Module_scope scope(MOD_RCMP);
     Map_status status = access_status();
     if (status != MAP_SUCCESS)
         return status;

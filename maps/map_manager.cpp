@@ -350,14 +350,16 @@ void Map_manager::free_node_locked(Map_page_node* node)
 
 bool Map_manager::take_buffer_locked(Map_page_buffer* out, bool beyond_limit)
 {
+    // The limit binds recycled buffers as well: after the limit was lowered the free list may
+    // still hold buffers of the old one, and taking them would keep the cache above it.
+    if (used_mb_ + mb_per_page_ > limit_mb_ && !beyond_limit)
+        return false;
     if (!free_buffers_.empty()) {
         out->data = free_buffers_.back();
         free_buffers_.pop_back();
-    } else if (used_mb_ + mb_per_page_ <= limit_mb_ || beyond_limit) {
+    } else {
         out->data = static_cast<uint8_t*>(QV_ALLOC(page_bytes_));
         ++max_pages_;
-    } else {
-        return false;
     }
     used_mb_ += mb_per_page_;
     ++resident_pages_;
@@ -597,7 +599,7 @@ void Map_manager::get_page(Map_page_store* store, uint32_t cache_page, bool read
         return;
     }
     // e. Thread tables hold too much of a full cache: make them give some back.
-    bool full = used_mb_ + mb_per_page_ > limit_mb_ && free_buffers_.empty();
+    bool full = used_mb_ + mb_per_page_ > limit_mb_;
     if (full && uint64_t(bucket_counts_[0]) * 5 < node_count_)
         age_locked();
 

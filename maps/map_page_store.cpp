@@ -8,6 +8,7 @@
 
 #include "maps/map_manager.h"
 #include "maps/map_page_table.h"
+#include "runtime/modules.h"
 
 namespace QV::RCMAP {
 
@@ -132,6 +133,8 @@ uint8_t* Map_page_store::get_page(uint32_t page, bool read_only, Map_page_table*
     // 2.
     if (flags & MAP_PAGE_NO_LOAD)
         return nullptr;
+    // The miss path reads and writes files, whose errors belong to this module.
+    Module_scope scope(MOD_RCMP);
     if (!table->registered)
         manager.register_table(table);
     // 3. A full table gives its oldest entry back with the request.
@@ -236,7 +239,7 @@ void Map_page_store::add_memory_segment(uint32_t first_element, uint32_t count)
 int32_t Map_page_store::add_file_segment(Map_page_source* source, uint32_t first_element, uint32_t element_count,
                                          uint32_t source_elements_per_page)
 {
-    std::lock_guard<std::mutex> hold(files_lock_);
+    std::unique_lock<std::mutex> hold(files_lock_);
     int32_t file_index = int32_t(files_.size());
     files_.push_back(source);
     if (element_count == 0 || source_elements_per_page == 0)
@@ -253,6 +256,20 @@ int32_t Map_page_store::add_file_segment(Map_page_source* source, uint32_t first
     segment.file_index = file_index;
     segments_.push_back(segment);
     backed_file_pages_ = segment.last_page + 1;
+    hold.unlock();
+
+    // A file that starts inside a cache page shares that page with the data before it. The page
+    // may be resident (a fresh page is never loaded) or in the swap file, with zeros where the
+    // file's pages go, so those pages are read into it now. Taking it for writing keeps them
+    // through a later swap-out.
+    if (segment.first_page & cache_page_mask) {
+        uint32_t high = std::min(segment.first_page | cache_page_mask, segment.last_page);
+        uint32_t count = high - segment.first_page + 1;
+        uint8_t* target = get_page(segment.first_page, false);
+        hold.lock();
+        if (!source->read_pages(0, count, target))
+            memset(target, 0, size_t(count) * file_page_bytes);
+    }
     return file_index;
 }
 

@@ -53,9 +53,9 @@ void scan_options(int argc, char** argv, Run_settings& settings)
             settings.merge_distance = float(atof(opt_argument));
             break;
         case 'l': {
-            // Read without a bound check; behind the last word argv holds its null terminator,
-            // which is neither "on" nor "off".
-            const char* word = argv[opt_index];
+            // Every index at or past argc reads as the null word, neither "on" nor "off": a
+            // cluster such as -lll takes one word per letter and must not walk off argv.
+            const char* word = opt_index < argc ? argv[opt_index] : nullptr;
             if (word && std::strcmp(word, "on") == 0)
                 settings.legacy_output = 1;
             else if (word && std::strcmp(word, "off") == 0)

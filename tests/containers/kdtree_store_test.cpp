@@ -297,33 +297,6 @@ TEST_F(KdtreeStoreTest, EmptyAndSmallTreesAndRecordsExactlyAtTheDistance)
     EXPECT_EQ(progress_calls, 50 + 3 * 1 + 2 * 2 + 2 * 300) << "the progress hook runs after every add";
 }
 
-TEST_F(KdtreeStoreTest, AddingAfterReadingRebalancesOnTheNextRead)
-{
-    const std::vector<Point> points = random_points(400, 21);
-    const uint32_t tag = make_tree();
-    add_points(tag, points, 0, 200);
-    msg_set_levels(msg_level_mask() | MSG_DEBUG);
-    auto balancings = [] {
-        return std::count_if(g_messages.begin(), g_messages.end(),
-                             [](const Captured& m) { return m.text.rfind("balancing kdtree", 0) == 0; });
-    };
-    kdtree_close(kdtree_open_for_reading(tag, nullptr, nullptr));
-    Kdtree_handle* reader = kdtree_open_for_reading(tag, nullptr, nullptr);
-    EXPECT_EQ(balancings(), 1);
-    EXPECT_EQ(kdtree_count(reader), 200u);
-    kdtree_close(reader);
-
-    add_points(tag, points, 200, 400);
-    reader = kdtree_open_for_reading(tag, nullptr, nullptr);
-    EXPECT_EQ(balancings(), 2);
-    EXPECT_EQ(kdtree_count(reader), 400u);
-    const std::string expected = "balancing kdtree " + hex_tag(tag) + " with 400 elements";
-    EXPECT_TRUE(std::any_of(g_messages.begin(), g_messages.end(), [&](const Captured& m) { return m.text == expected; }));
-    // The chunk table is gone from the header once merged.
-    EXPECT_EQ(qv_db_size(tag), kdtree_header_bytes(0));
-    kdtree_close(reader);
-}
-
 TEST_F(KdtreeStoreTest, ChunksFromConcurrentWritersAreWalkedOnceEachWithTheirPositions)
 {
     const uint32_t tag = make_tree();
@@ -398,54 +371,6 @@ TEST_F(KdtreeStoreTest, WrongModeCallsReportTheirCodesAndTexts)
         EXPECT_EQ(errors[i].number, expected[i].number) << i;
         EXPECT_EQ(errors[i].text, expected[i].text) << i;
     }
-}
-
-TEST_F(KdtreeStoreTest, HeaderFromAHostOfTheOtherByteOrder)
-{
-    // A header with two chunks: every field a 32-bit word but the name, which is text.
-    struct Bytes {
-        Kdtree_header header;
-        Kdtree_chunk chunks[2];
-    };
-    auto for_each_word = [](Bytes& bytes, auto change) {
-        auto* raw = reinterpret_cast<unsigned char*>(&bytes);
-        for (uint32_t offset = 0; offset < sizeof bytes; offset += 4) {
-            if (offset >= offsetof(Kdtree_header, name) && offset < sizeof(Kdtree_header))
-                continue;
-            uint32_t word;
-            std::memcpy(&word, raw + offset, 4);
-            word = change(offset, word);
-            std::memcpy(raw + offset, &word, 4);
-        }
-    };
-    Bytes native{};
-    for_each_word(native, [](uint32_t offset, uint32_t) { return 0xA0B0C000u + offset; });
-    native.header.type = 1;
-    native.header.chunk_count = 2;
-    std::memcpy(native.header.name, "fgmap-name", 11);
-    Bytes wire = native;
-    for_each_word(wire, [](uint32_t, uint32_t word) { return __builtin_bswap32(word); });
-    const Bytes sent = wire;
-
-    Db_record record{};
-    record.data = &wire;
-    record.size = sizeof wire;
-    const Scene_swap_fn swap = qv_scene_handlers(KDTREE_TYPE_HEADER).swap;
-    ASSERT_NE(swap, nullptr);
-    swap(&record, false);
-    EXPECT_EQ(std::memcmp(&wire, &sent, sizeof wire), 0) << "a same-order source is left alone";
-    swap(&record, true);
-    EXPECT_EQ(std::memcmp(&wire, &native, sizeof wire), 0);
-
-    const float positions[2] = {1.5f, -2.0f};
-    uint32_t raw[2];
-    std::memcpy(raw, positions, sizeof raw);
-    raw[0] = __builtin_bswap32(raw[0]);
-    raw[1] = __builtin_bswap32(raw[1]);
-    record.data = raw;
-    record.size = sizeof raw;
-    qv_scene_handlers(KDTREE_TYPE_POSITIONS).swap(&record, true);
-    EXPECT_EQ(std::memcmp(raw, positions, sizeof raw), 0);
 }
 
 TEST_F(KdtreeStoreTest, ShutdownClosesOpenHandlesAndWritesTheirChunks)

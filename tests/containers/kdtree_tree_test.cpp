@@ -95,42 +95,6 @@ void expect_records_follow_positions(const Cloud& cloud, uint32_t n)
 
 }  // namespace
 
-// Along the way, inorder_before (which compares by index and depth alone) must agree with the
-// walk's order for every pair of nodes in the whole tree.
-TEST(KdtreeInorderTest, WalksEverySubtreeOnceInOrderBothWays)
-{
-    for (uint32_t n = 1; n <= 70; ++n) {
-        std::vector<Inorder_iterator> whole_tree;
-        for (uint32_t root = 1; root <= n; ++root) {
-            std::vector<uint32_t> expected;
-            walk(root, n, expected);
-            const uint32_t size = subtree_size(root, n);
-            ASSERT_EQ(size, expected.size());
-
-            Inorder_iterator it = Inorder_iterator::first(root, n);
-            const Inorder_iterator last = Inorder_iterator::last(root, n, size);
-            for (uint32_t i = 0; i < size; ++i) {
-                ASSERT_EQ(it.node, expected[i]) << "n " << n << " root " << root << " step " << i;
-                ASSERT_EQ(it.rank, i);
-                ASSERT_EQ(it.depth + 1, uint32_t(std::bit_width(it.node)));
-                if (root == 1)
-                    whole_tree.push_back(it);
-                if (i + 1 < size)
-                    it.next(n);
-            }
-            ASSERT_EQ(it.node, last.node);
-            for (uint32_t i = size; i-- > 1;) {
-                it.prev(n);
-                ASSERT_EQ(it.node, expected[i - 1]);
-            }
-        }
-        for (size_t a = 0; a < n; ++a)
-            for (size_t b = 0; b < n; ++b)
-                ASSERT_EQ(inorder_before(whole_tree[a], whole_tree[b]), a < b)
-                    << "n " << n << " nodes " << whole_tree[a].node << ", " << whole_tree[b].node;
-    }
-}
-
 TEST(KdtreeBuildTest, SplitsEverySubtreeOnRandomData)
 {
     qv_test_init();

@@ -116,34 +116,6 @@ TEST_F(PagedArrayTest, GrowsInBlocksWithoutMovingRecords)
     EXPECT_EQ(array.block_count(), 2u);
 }
 
-TEST_F(PagedArrayTest, CopyIsDeepAndCopiesTheExtraBlock)
-{
-    const char extra[] = "blob!";
-    Paged_array array(sizeof(Record), RECORD_LAYOUT, extra, sizeof extra, "5c");
-    fill(array, 300);
-    std::unique_ptr<QV::DB::Element_base> copy_base(array.copy());
-    auto* copy = dynamic_cast<Paged_array*>(copy_base.get());
-    ASSERT_NE(copy, nullptr);
-    EXPECT_EQ(copy->count(), 300u);
-    EXPECT_EQ(copy->capacity(), 512u);
-    EXPECT_EQ(copy->swap_string(), RECORD_LAYOUT);
-    EXPECT_EQ(copy->extra_swap_string(), "5c");
-    ASSERT_EQ(copy->extra_size(), sizeof extra);
-    EXPECT_NE(copy->extra(), array.extra());
-    EXPECT_EQ(std::memcmp(copy->extra(), extra, sizeof extra), 0);
-
-    expect_same_records(*copy, array, 300);
-    copy->at(299)[0] ^= 0xFF;
-    EXPECT_EQ(read_record(array, 299).word, make_record(299).word);
-    EXPECT_TRUE(copy->is_a(QV::LIB::PAGED_ARRAY_CLASS_ID) && copy->is_a(0) && !copy->is_a(0x3D4D4150));
-
-    // set_extra without a block clears it; null texts read as empty.
-    array.set_extra(nullptr, nullptr, 10, nullptr);
-    EXPECT_EQ(array.extra(), nullptr);
-    EXPECT_EQ(array.extra_size(), 0u);
-    EXPECT_EQ(array.swap_string(), "");
-}
-
 TEST_F(PagedArrayTest, SerializationRoundTripSameByteOrder)
 {
     const uint8_t extra[6] = {1, 2, 3, 4, 5, 6};

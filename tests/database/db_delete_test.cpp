@@ -83,19 +83,6 @@ TEST_F(DbDeleteTest, DelayBracketQueuesDeletesUntilItCloses)
     EXPECT_EQ(qv_db_peek(third)->state, DB_STATE_FREE);
 }
 
-TEST_F(DbDeleteTest, AttachedDataIsNotTheDatabasesToFree)
-{
-    // Stack memory: freeing it would be caught by the sanitizer build.
-    char buffer[32] = {};
-    const Db_tag tag = make_unpinned(0, 4);
-    QV_FREE(qv_db_access(tag));
-    qv_db_attach(tag, buffer, sizeof buffer);
-    EXPECT_EQ(qv_db_peek(tag)->state, DB_STATE_ATTACHED);
-    EXPECT_EQ(qv_db_access(tag), buffer);
-    qv_db_delete(tag);
-    EXPECT_EQ(qv_db_peek(tag)->state, DB_STATE_FREE);
-}
-
 TEST_F(DbDeleteTest, JobTagStaysWithoutTheJobModulesConsent)
 {
     Db_tag job = 0;
@@ -108,20 +95,6 @@ TEST_F(DbDeleteTest, JobTagStaysWithoutTheJobModulesConsent)
     qv_db_set_job_hooks(hooks);
     qv_db_delete(job);
     EXPECT_EQ(qv_db_peek(job)->state, DB_STATE_FREE);
-}
-
-TEST_F(DbDeleteTest, SharedTagDeleteIsBroadcast)
-{
-    static std::vector<Db_tag> broadcast;
-    broadcast.clear();
-    Db_remote_hooks remote{};
-    remote.broadcast_delete = [](Db_tag tag) { broadcast.push_back(tag); };
-    qv_db_set_remote_hooks(remote);
-    const Db_tag local = make_unpinned(0, 4), shared = make_unpinned(0, 4);
-    qv_db_mark_shared(shared);
-    qv_db_delete(local);
-    qv_db_delete(shared);
-    EXPECT_EQ(broadcast, std::vector<Db_tag>{shared});
 }
 
 }  // namespace

@@ -122,25 +122,4 @@ TEST_F(DbReportTest, StatisticsCountWhatHappened)
     EXPECT_EQ(info_lines()[2], "30000 Kbytes data sent, 5 reqs in 3 seconds (10000 Kb/s)");
 }
 
-TEST_F(DbReportTest, LeftoverTagsOfAHostAreReportedWhenAsked)
-{
-    setenv("QV_DEBUG_SLAVE_TAGS", "1", 1);
-    qv_db_exit();
-    qv_db_init();
-    unsetenv("QV_DEBUG_SLAVE_TAGS");
-    ASSERT_TRUE(qv_db_debug_slave_tags());
-
-    thread_context()->host_number = 3;
-    make_unpinned(0, 8);
-    make_unpinned(0, 8);
-    thread_context()->host_number = 0;
-    db_messages().clear();
-    qv_db_host_event(3, false);
-    qv_db_host_event(4, true);
-    qv_db_host_event(0, true);
-    ASSERT_EQ(db_messages().size(), 1u);
-    EXPECT_EQ(db_messages()[0].text, "Found 2 still existing tags for disconnecting host 3");
-    EXPECT_EQ(db_messages()[0].level, MSG_WARN);
-}
-
 }  // namespace

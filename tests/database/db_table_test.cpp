@@ -52,19 +52,6 @@ TEST_F(DbTableTest, FullPageMovesOnAndFreedSlotsAreTakenFirst)
     EXPECT_EQ(make_unpinned(0, 4), 0x801u);
 }
 
-TEST_F(DbTableTest, SlaveHostAllocatesInItsOwnDirectory)
-{
-    thread_context()->host_number = 3;
-    Db_tag tag = make_unpinned(0, 4);
-    EXPECT_EQ(tag, 0x83000000u);
-    EXPECT_EQ(qv_db_tag_owner(tag), 3u);
-    EXPECT_EQ(qv_db_count_host_tags(3), 1);
-    EXPECT_EQ(qv_db_count_host_tags(4), 0);
-    // Only the master allocates job tags.
-    EXPECT_EXIT(qv_db_create_job_tag(&tag, 63, MOD_DBN), ::testing::ExitedWithCode(1),
-                "N=41016 T=all tags in use, database is full");
-}
-
 TEST_F(DbTableTest, SplitJobsPinInTheirOwnBand)
 {
     EXPECT_EQ(qv_db_peek(make_unpinned(0, 4))->pidx, 0);
@@ -104,33 +91,6 @@ TEST_F(DbTableTest, FatalsCarryTheirNumbers)
     remote.fetch = [](Db_tag, Db_record*, bool, uint32_t) { return 0; };
     qv_db_set_remote_hooks(remote);
     EXPECT_EXIT(qv_db_type(0x85000010), ::testing::ExitedWithCode(1), "N=41051 T=database network access failed");
-}
-
-TEST_F(DbTableTest, RemoteFetchFillsAnUnknownTagOfALiveHost)
-{
-    static int fetches;
-    fetches = 0;
-    static uint32_t payload = 0xABCD;
-    Db_remote_hooks remote{};
-    remote.host_live = [](uint32_t host) { return host == 5; };
-    remote.fetch = [](Db_tag, Db_record* record, bool type_only, uint32_t owner) {
-        ++fetches;
-        EXPECT_EQ(owner, 5u);
-        record->type = 2;
-        record->state = DB_STATE_ATTACHED;
-        if (!type_only) {
-            record->data = &payload;
-            record->size = sizeof payload;
-        }
-        return 1;
-    };
-    qv_db_set_remote_hooks(remote);
-    EXPECT_EQ(qv_db_type(0x85000010), 2);
-    EXPECT_EQ(fetches, 1);
-    // The record now describes the tag but holds no data: the access path fetches it.
-    EXPECT_EQ(qv_db_access(0x85000010), &payload);
-    EXPECT_EQ(fetches, 2);
-    qv_db_forget(0x85000010);
 }
 
 }  // namespace

@@ -12,8 +12,6 @@
 
 namespace {
 
-using QV::DB::Db_deserializer;
-using QV::DB::Db_serializer;
 using QV::DB::Dummy_job;
 using QV::DB::Dummy_tag;
 using QV::DB::Element;
@@ -161,103 +159,6 @@ TEST_F(JobTest, StoreDummyMakesATagOrAJob)
     ASSERT_TRUE(qv_db_is_job(job));
     EXPECT_EQ(static_cast<Element_base*>(qv_db_access(job))->get_class_id(), Dummy_tag::CLASS_ID);
     qv_db_unpin(job);
-}
-
-// Writes `object` as a stored object and reads it back through the process manager.
-std::unique_ptr<QV::SERIAL::Serializable> round_trip(const QV::SERIAL::Serializable* object, size_t* bytes)
-{
-    Db_serializer out;
-    out.serialize(object);
-    *bytes = out.queue().size();
-    Db_deserializer in(&out.queue());
-    return std::unique_ptr<QV::SERIAL::Serializable>(in.deserialize());
-}
-
-TEST_F(JobTest, SerializedJobIsTenFlagBytesAndOneWord)
-{
-    Building_job job;
-    Db_serializer out;
-    job.serialize(&out);
-    ASSERT_EQ(out.queue().size(), 14u);
-    uint8_t bytes[14];
-    out.queue().copy_out(0, bytes, 14);
-    const uint8_t defaults[10] = {0, 0, 1, 0, 0, 0, 0, 0, 0, 0};
-    EXPECT_EQ(std::memcmp(bytes, defaults, 10), 0) << "only the third flag starts true";
-
-    job.set_flag(1, true);
-    job.set_flag(3, false);
-    job.set_flag(10, true);
-    job.set_word(0xA1B2C3D4);
-    size_t stored = 0;
-    std::unique_ptr<QV::SERIAL::Serializable> read = round_trip(&job, &stored);
-    EXPECT_EQ(stored, 4u + 14) << "a job has no reference list: class id, then the job";
-    auto* back = dynamic_cast<Building_job*>(read.get());
-    ASSERT_NE(back, nullptr);
-    EXPECT_TRUE(back->flag(1));
-    EXPECT_FALSE(back->shared());
-    EXPECT_TRUE(back->flag(10));
-    EXPECT_EQ(back->word(), 0xA1B2C3D4u);
-
-    // The dummy job travels as its class id alone.
-    Dummy_job dummy;
-    EXPECT_EQ(dummy.get_class_id(), qv_class_id("*DUJ"));
-    EXPECT_NE(dynamic_cast<Dummy_job*>(round_trip(&dummy, &stored).get()), nullptr);
-    EXPECT_EQ(stored, 4u);
-}
-
-TEST_F(JobTest, JobParamCopiesAndCarriesItsJob)
-{
-    Job_param empty, holder(job_with_word(9));
-    std::unique_ptr<Element_base> copy(holder.copy());
-    Job* copied_job = static_cast<Job_param*>(copy.get())->job();
-    ASSERT_NE(copied_job, nullptr);
-    EXPECT_NE(copied_job, holder.job());
-    EXPECT_EQ(copied_job->word(), 9u);
-    std::unique_ptr<Element_base> empty_copy(empty.copy());
-    EXPECT_EQ(static_cast<Job_param*>(empty_copy.get())->job(), nullptr);
-
-    size_t stored = 0;
-    for (const Job_param* original : {&holder, &empty}) {
-        std::unique_ptr<QV::SERIAL::Serializable> back = round_trip(original, &stored);
-        ASSERT_NE(back, nullptr);
-        ASSERT_EQ(back->get_class_id(), Job_param::CLASS_ID);
-        Job* job = static_cast<Job_param*>(back.get())->job();
-        ASSERT_EQ(job != nullptr, original->job() != nullptr);
-        if (job) {
-            EXPECT_EQ(job->get_class_id(), Building_job::CLASS_ID);
-            EXPECT_EQ(job->word(), 9u);
-        }
-    }
-}
-
-TEST_F(JobTest, JobEventsDescribeTheJobAndDeriveTheContext)
-{
-    Db_tag param = 0;
-    get_transaction()->store(&param, new Job_param(new Dummy_job), nullptr);
-    QV::SCHED::Job_attributes attributes{};
-    attributes.param_tag = param;
-    char text[64] = {};
-    Dbn_event_data info{&attributes, nullptr, text, sizeof text};
-    EXPECT_EQ(qv_dbn_job_event(DBN_EVENT_JOB_INFO, 0, &info), 1);
-    EXPECT_STREQ(text, "serializable class id 0x2a44554a");
-
-    // Local only wins over fragmented; neither is mode 0.
-    struct Case {
-        bool shared, local_only, fragmented;
-        int mode;
-    };
-    for (const Case& test : {Case{true, true, true, 1}, Case{true, false, true, 2}, Case{false, false, false, 0}}) {
-        Job_execution_context context{};
-        context.shared = !test.shared;
-        context.mode = -1;
-        attributes.shared = test.shared;
-        attributes.local_only = test.local_only;
-        attributes.fragmented = test.fragmented;
-        Dbn_event_data data{&attributes, &context, nullptr, 0};
-        qv_dbn_job_event(DBN_EVENT_JOB_ATTRIBUTES, 0, &data);
-        EXPECT_EQ(context.shared, test.shared);
-        EXPECT_EQ(context.mode, test.mode) << test.local_only << test.fragmented;
-    }
 }
 
 TEST_F(JobTest, EndOfAThreadRemovesTheTagsItStored)

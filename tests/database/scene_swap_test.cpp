@@ -187,45 +187,6 @@ TEST(SceneSwapTest, ItemRecordsConvertEveryWholeItemAndNothingBeyond)
     EXPECT_TRUE(std::equal(bytes.begin() + 40, bytes.end(), original.begin() + 40));
 }
 
-TEST(SceneSwapTest, RecordHandlersAgreeWithTheLayoutWalk)
-{
-    // The handlers convert by a form of their layout prepared ahead; it must do what the plain
-    // walk does, byte for byte.
-    struct Case {
-        int type;
-        const char* layout;
-    };
-    const Case cases[] = {
-        {SCENE_FUNC, scene_layout::func},       {SCENE_MATERIAL, scene_layout::material},
-        {SCENE_LIGHT, scene_layout::light},     {SCENE_CAMERA, scene_layout::camera},
-        {SCENE_OPTIONS, scene_layout::options}, {SCENE_USERDATA, scene_layout::userdata},
-        {SCENE_BOOK, scene_layout::book},       {SCENE_SUBDIVSURF, scene_layout::subdivsurf},
-        {SCENE_NBOX, scene_layout::nbox},       {SCENE_COLORPROFILE, scene_layout::colorprofile},
-        {SCENE_MAPDECL, scene_layout::mapdecl}, {SCENE_FACE, scene_layout::face},
-        {SCENE_SURFACE, scene_layout::surface}, {SCENE_CURVE, scene_layout::curve},
-    };
-    unsigned seed = 11;
-    for (const Case& test : cases) {
-        const size_t size = qv_scene_layout_size(test.layout);
-        std::vector<unsigned char> by_handler = random_bytes(size, seed++);
-        std::vector<unsigned char> by_walk = by_handler;
-        Db_record record = record_over(by_handler);
-        qv_scene_handlers(test.type).swap(&record, true);
-        qv_scene_swap_layout(by_walk.data(), test.layout);
-        EXPECT_EQ(by_handler, by_walk) << qv_scene_type_name(test.type);
-    }
-
-    // A record shorter than its layout: fields past its end are left alone, not written.
-    std::vector<unsigned char> room = random_bytes(SCENE_MATERIAL_SIZE + 8, 99);
-    const std::vector<unsigned char> original = room;
-    Db_record shorter = record_over(room);
-    shorter.size = 10;
-    qv_scene_handlers(SCENE_MATERIAL).swap(&shorter, true);
-    EXPECT_EQ(room[0], original[3]);
-    EXPECT_EQ(std::vector<unsigned char>(room.begin() + 8, room.end()),
-              std::vector<unsigned char>(original.begin() + 8, original.end()));
-}
-
 TEST(SceneSwapTest, LocalRecordCarriesItsOwnLayout)
 {
     // "is" padded to four bytes, then an integer and a 16-bit field.

@@ -1,4 +1,5 @@
 // The type table: names, registration, create/resize/copy/delete/unlink, and the options values.
+#include <algorithm>
 #include <memory>
 #include <sstream>
 #include <utility>
@@ -6,6 +7,7 @@
 
 #include "database/scene_value.h"
 #include "database/transaction.h"
+#include "runtime/modules.h"
 #include "serial/media_queue.h"
 #include "tests/database/scene_test_support.h"
 
@@ -268,3 +270,19 @@ TEST_F(SceneTypesTest, DeleteOfAnInstanceTakesItsParametersButNotItsItem)
 }
 
 }  // namespace
+
+// The module's per-thread area is plain storage; its tag stack lives in the session area, made
+// with the global areas and torn down with them.
+TEST_F(SceneTypesTest, SessionAreaHoldsTheTagStackAndTheContextAreaStaysPlain)
+{
+    const auto* context = static_cast<const uint8_t*>(mod_context_area(MOD_SCENE));
+    ASSERT_NE(context, nullptr);
+    EXPECT_TRUE(std::all_of(context, context + 440, [](uint8_t b) { return b == 0; }));
+
+    mod_create_global_areas();
+    const auto* session = static_cast<void* const*>(mod_session_area(MOD_SCENE));
+    ASSERT_NE(session, nullptr);
+    EXPECT_NE(session[0], nullptr) << "the session's init made the tag stack";
+    mod_destroy_global_areas();
+    EXPECT_EQ(mod_session_area(MOD_SCENE), nullptr);
+}

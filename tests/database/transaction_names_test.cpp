@@ -37,20 +37,6 @@ TEST_F(TransactionNamesTest, UnknownNullAndEmptyNamesGiveTagZeroAndAreNeverRegis
     transaction_->remove(unnamed);
 }
 
-TEST_F(TransactionNamesTest, AnswerStringIsSharedAndOverwrittenByTheNextCall)
-{
-    Db_tag a = store_named("names.alpha");
-    Db_tag b = store_named("names.beta");
-    const char* first = transaction_->tag_to_name(a);
-    ASSERT_NE(first, nullptr);
-    EXPECT_STREQ(first, "names.alpha");
-    const char* second = transaction_->tag_to_name(b);
-    EXPECT_STREQ(second, "names.beta");
-    EXPECT_STREQ(first, "names.beta");   // same storage, now holding the later answer
-    transaction_->remove(a);
-    transaction_->remove(b);
-}
-
 TEST_F(TransactionNamesTest, RenamedTagStaysFindableUnderItsOlderName)
 {
     Db_tag tag = store_named("names.old");

@@ -171,18 +171,6 @@ TEST_F(TransactionStoreTest, JobRowsGoThroughTheJobModulesSupport)
 
 // ---- Handles ------------------------------------------------------------------------------
 
-TEST_F(TransactionStoreTest, HandleOnTagZeroIsEmptyAndReleasesQuietly)
-{
-    Access_handle handle;
-    EXPECT_EQ(handle.bind(0, qv_class_id("=MAP"), true), nullptr);
-    EXPECT_EQ(handle.object(), nullptr);
-    EXPECT_EQ(handle.record(), nullptr);
-    EXPECT_EQ(handle.transaction(), get_transaction());
-    handle.release_flush();
-    handle.release();
-    EXPECT_EQ(handle.tag(), 0u);
-}
-
 TEST_F(TransactionStoreTest, HandlesBindWithoutCopyAndTwoEditorsDoNotWait)
 {
     auto* element = new Counted(10);

@@ -1,7 +1,6 @@
 // Reading classic final-gather files: byte order, versions, damaged and truncated files, lists.
 #include "fg_test_support.h"
 #include "database/scene_records.h"
-#include "tool/blend.h"
 
 using namespace fg_test;
 
@@ -38,29 +37,38 @@ TEST_F(ClassicReadTest, NativeAndForeignFilesLoadEveryWholeRecord)
     }
 }
 
+// Version 0 keeps world-space gradient rows; loading turns them into the normal's frame. For
+// these two normals the frame is known in closed form: (0, 0.8, 0.6) gives T = (0, -0.6, 0.8)
+// and C = T x n = (-1, 0, 0); (0.6, 0, 0.8) gives T = (0.8, 0, -0.6) and C = (0, -1, 0).
+// grad_t1[k] is -(row_k . C) and grad_t2[k] is row_k . T.
 TEST_F(ClassicReadTest, VersionZeroGradientsTurnIntoTheNormalsFrame)
 {
-    Classic_file file = Classic_file::of(1);
+    Classic_file file = Classic_file::of(2);
     file.version = 0;
-    const float normal[3] = {0.2f, 0.9f, -0.3f};
+    const float normals[2][3] = {{0.0f, 0.8f, 0.6f}, {0.6f, 0.0f, 0.8f}};
     const float rows[9] = {1.0f, 2.0f, 3.0f, -4.0f, 5.0f, 0.5f, 7.0f, -8.0f, 9.0f};  // red, green, blue
-    std::memcpy(file.records[0].normal, normal, sizeof(normal));
-    std::memcpy(file.records[0].grad_t1, rows, sizeof(rows));  // record bytes 44 to 79
-    write_bytes(path("in.fg"), file.bytes());
-    const std::vector<Fg_point> points = load_points(path("in.fg"), true);
-    ASSERT_EQ(points.size(), 1u);
-    float t[3], c[3];
-    fg_tangent_frame(normal, t, c);
-    for (int k = 0; k < 3; ++k) {
-        const float* row = rows + 3 * k;
-        EXPECT_FLOAT_EQ(points[0].grad_t1[k], -(row[0] * c[0] + row[1] * c[1] + row[2] * c[2])) << k;
-        EXPECT_FLOAT_EQ(points[0].grad_t2[k], row[0] * t[0] + row[1] * t[1] + row[2] * t[2]) << k;
+    for (int k = 0; k < 2; ++k) {
+        std::memcpy(file.records[k].normal, normals[k], sizeof(normals[k]));
+        std::memcpy(file.records[k].grad_t1, rows, sizeof(rows));  // record bytes 44 to 79
     }
-    // The blue row stays where it was: its first component is now the id, bit for bit.
-    int32_t id;
-    std::memcpy(&id, &rows[6], 4);
-    EXPECT_EQ(points[0].point_id, id);
-    EXPECT_EQ(points[0].r_mean, file.records[0].r_mean);
+    write_bytes(path("in.fg"), file.bytes());
+    std::vector<Fg_point> points = load_points(path("in.fg"), true);
+    ASSERT_EQ(points.size(), 2u);
+    std::sort(points.begin(), points.end(), [](const Fg_point& a, const Fg_point& b) { return a.normal[0] < b.normal[0]; });
+    const float expected[2][2][3] = {
+        {{1.0f, -4.0f, 7.0f}, {-0.6f * 2.0f + 0.8f * 3.0f, -0.6f * 5.0f + 0.8f * 0.5f, -0.6f * -8.0f + 0.8f * 9.0f}},
+        {{2.0f, 5.0f, -8.0f}, {0.8f * 1.0f - 0.6f * 3.0f, 0.8f * -4.0f - 0.6f * 0.5f, 0.8f * 7.0f - 0.6f * 9.0f}},
+    };
+    for (int p = 0; p < 2; ++p) {
+        for (int k = 0; k < 3; ++k) {
+            EXPECT_NEAR(points[p].grad_t1[k], expected[p][0][k], 1e-5f) << p << " " << k;
+            EXPECT_NEAR(points[p].grad_t2[k], expected[p][1][k], 1e-5f) << p << " " << k;
+        }
+        // The blue row stays where it was: its first component is now the id, bit for bit.
+        int32_t id;
+        std::memcpy(&id, &rows[6], 4);
+        EXPECT_EQ(points[p].point_id, id);
+    }
 }
 
 TEST_F(ClassicReadTest, UnusableFilesLoadNothingAndSayWhy)

@@ -60,6 +60,9 @@ TEST_F(CurrentFileTest, NewFileIsWrittenOnClosingAndReplacedThroughATemporaryNam
 
     ASSERT_EQ(write_points(open("grow.fgm", FG_WRITER_EXISTING_MAP), 10, 5), 1);
     expect_line("5 new finalgather points added to 10 old ones in " + quoted, MSG_PROGRESS);
+    // Writing and re-reading the file give no notices of their own.
+    EXPECT_EQ(find_line("writing map file"), nullptr);
+    EXPECT_EQ(find_line("reading map file"), nullptr);
     EXPECT_EQ(numbers_in("grow.fgm"), range(0, 15));
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir_), {}), 1);  // no temporary left
 
@@ -77,6 +80,14 @@ TEST_F(CurrentFileTest, NewFileIsWrittenOnClosingAndReplacedThroughATemporaryNam
     expect_line("18 finalgather points loaded from " + path("grow.fgm"), MSG_PROGRESS);
     EXPECT_EQ(find_line("appending from map file"), nullptr);  // the reader's notices stay off
     delete map;
+
+    // Their errors do: a directory that went away while the writer was open.
+    std::filesystem::create_directory(path("gone"));
+    writer = fg_map_open_write(nullptr, path("gone/x.fgm").c_str(), false);
+    ASSERT_NE(writer, nullptr);
+    std::filesystem::remove(path("gone"));
+    EXPECT_EQ(write_points(writer, 0, 2), 0);
+    EXPECT_NE(find_line("cannot open map file \"" + path("gone/x.fgm") + "\" for writing"), nullptr);
 }
 
 TEST_F(CurrentFileTest, MapFileOfAnotherLayoutIsNoFinalGatherMap)
@@ -91,6 +102,22 @@ TEST_F(CurrentFileTest, MapFileOfAnotherLayoutIsNoFinalGatherMap)
     EXPECT_EQ(kdtree_load_count("other.map"), 0u);
     // The text's lone percent sign is part of it.
     expect_line("'%' is not a valid finalgather map file", MSG_ERROR, 20);
+
+    // Nor is it one to write to: every point would be refused while closing reported success.
+    lines().clear();
+    const std::vector<uint8_t> bytes = read_bytes(path("other.map"));
+    EXPECT_EQ(fg_map_open_write(nullptr, path("other.map").c_str(), false), nullptr);
+    expect_line("'%' is not a valid finalgather map file", MSG_ERROR, 20);
+    EXPECT_EQ(read_bytes(path("other.map")), bytes);
+
+    // Classic points that a map of another layout refuses are not counted as loaded.
+    lines().clear();
+    write_bytes(path("c.fg"), Classic_file::of(2).bytes());
+    QV::RCMAP::Map_declaration_impl third(3);
+    map = other_layout_map(third);
+    EXPECT_EQ(fg_map_load(map, path("c.fg").c_str(), true), 0u);
+    EXPECT_EQ(find_line("finalgather points loaded"), nullptr);
+    delete map;
 }
 
 TEST_F(CurrentFileTest, AppendKeepsOnlyWhatItsMapHolds)

@@ -135,47 +135,6 @@ TEST_F(Map_bvh_build_test, SeveralThreadsGiveTheSameBytesAsOneThroughASmallCache
     EXPECT_EQ(a.items(), b.items());
 }
 
-TEST_F(Map_bvh_build_test, OneDimensionalMapIsSortedAcrossPagesByCell)
-{
-    // 900 distinct positions in 1-d: fewer than the 1024 finest cells, so every element has a
-    // cell of its own and the counting sort orders the pages completely.
-    Map_declaration_impl declaration(1);
-    declaration.add_scalar_array("payload", 60);
-    Map_impl map(declaration);
-    std::vector<uint32_t> values(900);
-    for (uint32_t i = 0; i < 900; ++i)
-        values[i] = i;
-    std::shuffle(values.begin(), values.end(), std::mt19937(9));
-    std::vector<uint8_t> element(declaration.element_bytes(), 0);
-    for (uint32_t value : values) {
-        const float x = float(value);
-        memcpy(element.data(), &x, 4);
-        memcpy(element.data() + 4, &value, 4);
-        map.append_raw(element.data());
-    }
-    map.build_bvh(0.6f, false, false);
-    check_built<1>(map);
-    auto& bvh = static_cast<Map_global_bvh<1>&>(*map.global_bvh);
-    ASSERT_GT(bvh.page_count(), 3u);
-    for (uint32_t p = 1; p < bvh.page_count(); ++p)
-        EXPECT_LT(bvh.boxes()[p - 1].maximum[0], bvh.boxes()[p].minimum[0]) << "page " << p;
-}
-
-TEST_F(Map_bvh_build_test, ElementsAtOnePositionKeepTheirOrder)
-{
-    Map_impl map(small_declaration());
-    for (uint32_t i = 0; i < 5000; ++i) {
-        Small_element element = small_element(i);
-        element.position[0] = element.position[1] = element.position[2] = 7.0f;
-        map.append_raw(&element);
-    }
-    map.commit();
-    const std::vector<std::string> before = all_elements(map);
-    map.build_bvh(0.6f, false, false);
-    check_built<3>(map);
-    EXPECT_EQ(all_elements(map), before);
-}
-
 TEST_F(Map_bvh_build_test, DisabledOrSkippedBuildLeavesTheOrderAndNotEditableRefuses)
 {
     Map_impl map(small_declaration());

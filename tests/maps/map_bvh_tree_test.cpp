@@ -93,27 +93,6 @@ TEST_F(MapBvhTreeTest, TreesOfEveryDimensionHoldEachItemOnceInBoundingNodes)
     }
 }
 
-TEST_F(MapBvhTreeTest, SeparatedClustersEndUpInSeparateSubtrees)
-{
-    // Two tight clusters far apart along y: a cost-driven split must separate them at the root.
-    const uint32_t count = 200;
-    std::vector<float> boxes(count * 6);
-    for (uint32_t i = 0; i < count; ++i) {
-        float p[3] = {float(i % 10) * 0.01f, (i % 2 ? 1000.0f : -1000.0f) + float(i % 7) * 0.01f, float(i % 3) * 0.01f};
-        memcpy(&boxes[i * 6], p, 12);
-        memcpy(&boxes[i * 6 + 3], p, 12);
-    }
-    std::vector<Map_bvh_node<3>> nodes;
-    std::vector<uint32_t> order;
-    map_bvh_build_tree<3>(boxes.data(), count, 4, nodes, order, *scratch);
-    check_tree<3>(nodes, order, boxes.data(), count, 4);
-    ASSERT_EQ(nodes[0].first_item, MAP_BVH_INNER);
-    for (uint32_t c = 0; c < nodes[0].count; ++c) {
-        const auto& child = nodes[nodes[0].first_child + c];
-        EXPECT_TRUE(child.maximum[1] < 0.0f || child.minimum[1] > 0.0f) << "child " << c << " spans both clusters";
-    }
-}
-
 TEST_F(MapBvhTreeTest, PageTreeFitsItsRoomAndPermutesTheElementsIntoLeafOrder)
 {
     for (uint32_t element_bytes : {12u, 16u, 40u}) {
@@ -144,30 +123,6 @@ TEST_F(MapBvhTreeTest, PageTreeFitsItsRoomAndPermutesTheElementsIntoLeafOrder)
             }
         }
     }
-}
-
-TEST_F(MapBvhTreeTest, TighterRoomTakesLargerLeavesUntilNoTreeFits)
-{
-    const uint32_t element_bytes = 12;
-    // About 6000 bytes of room: some sixty nodes, enough for leaves of 64, not of 8.
-    const uint32_t tight_per_page = (MAP_FILE_PAGE_BYTES - 6000) / element_bytes;
-    std::vector<uint8_t> tight = make_page(element_bytes, tight_per_page, 11);
-    ASSERT_GT(map_page_bvh_build<3>(tight.data(), tight_per_page, tight_per_page, element_bytes, nullptr, *scratch), 0u);
-    const uint32_t largest = check_page_tree<3>(tight.data(), tight_per_page, element_bytes, tight_per_page);
-    EXPECT_GT(largest, MAP_BVH_PAGE_LEAF_SIZE_FIRST);
-
-    // 2730 elements of 12 bytes leave 8 bytes: room for the count, not for a node. The page
-    // is then scanned, and its elements keep their order.
-    const uint32_t full = 2730;
-    std::vector<uint8_t> page = make_page(element_bytes, full, 3);
-    const uint32_t marker = 0xDEADBEEF;
-    memcpy(page.data() + full * element_bytes, &marker, 4);
-    const std::vector<uint8_t> before = page;
-    EXPECT_EQ(0u, map_page_bvh_build<3>(page.data(), full, full, element_bytes, nullptr, *scratch));
-    uint32_t stored = 1;
-    memcpy(&stored, page.data() + full * element_bytes, 4);
-    EXPECT_EQ(stored, 0u);
-    EXPECT_EQ(0, memcmp(page.data(), before.data(), size_t(full) * element_bytes));
 }
 
 TEST_F(MapBvhTreeTest, GlobalTreeNeedsABoxForEveryPage)

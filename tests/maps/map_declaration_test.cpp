@@ -282,30 +282,6 @@ TEST_F(MapDeclarationTest, OpenBinaryFieldTextPutsTheCountBeforeTheGlobalMark)
     EXPECT_EQ(text, "i12g\"ids\"t\"t\"");
 }
 
-TEST_F(MapDeclarationTest, ResetLeavesTheStateOfADeclarationAboutToBeRead)
-{
-    Map_declaration_impl d = mixed_declaration();
-    d.reset();
-    EXPECT_TRUE(d.is_empty());
-    EXPECT_EQ(d.get_dimension(), 3u);
-    EXPECT_EQ(d.position_bytes() + d.element_bytes() + d.global_bytes(), 0u);
-    EXPECT_EQ(d.signature(), "");
-}
-
-TEST_F(MapDeclarationTest, CopiesShareNothing)
-{
-    Map_declaration_impl original = fg_like_declaration();
-    Map_declaration_impl copy(original);
-    Map_declaration_impl assigned(1);
-    assigned = copy;
-    original.add_global_scalar("later");
-    original.add_scalar("later_too");
-    EXPECT_EQ(copy.element_bytes(), 96u);
-    EXPECT_FALSE(copy.is_equivalent(&original, nullptr));
-    EXPECT_TRUE(assigned.is_equal(&copy, nullptr));
-    EXPECT_EQ(assigned.get_field_count_total(), 10u);
-}
-
 TEST_F(MapDeclarationTest, BinaryRecordReadsBackAndDamageIsRefused)
 {
     const Map_declaration_impl d = mixed_declaration();

@@ -176,34 +176,6 @@ TEST_F(MapElementTest, PositionAccessorsFollowTheDimension)
     EXPECT_EQ(q.z, 3.0f);
 }
 
-TEST_F(MapElementTest, SetDeclarationStartsOverWithZerosAndCopiesAreIndependent)
-{
-    Map_declaration_impl d(3);
-    d.add_scalar("s");
-    Map_element_impl e(&d);
-    ASSERT_EQ(e.set(0, 5.0f), MAP_SUCCESS);
-
-    Map_element_impl copy(e);
-    ASSERT_EQ(copy.set(0, 6.0f), MAP_SUCCESS);
-    float s = 0;
-    e.get(0, s);
-    EXPECT_EQ(s, 5.0f);
-
-    // The element's declaration is private: changing the source afterwards does nothing.
-    d.add_vector("later");
-    EXPECT_EQ(e.data_bytes(), 16u);
-
-    e.set_declaration(&d);
-    EXPECT_EQ(e.data_bytes(), 28u);
-    e.get(0, s);
-    EXPECT_EQ(s, 0.0f);
-    // Handing the element its own declaration is safe.
-    e.set_declaration(e.get_declaration());
-    EXPECT_EQ(e.data_bytes(), 28u);
-    e.set_declaration(nullptr);
-    EXPECT_EQ(e.get(0, s), MAP_NO_DECLARATION);
-}
-
 TEST_F(MapElementTest, MapGetRetypesAnyElementToTheMapsLayout)
 {
     Map_declaration_impl d(3);

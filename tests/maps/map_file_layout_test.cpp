@@ -89,36 +89,6 @@ TEST_F(Map_file_layout, HeaderRecordAndSlotsAreWhereTheLayoutPutsThem)
         ASSERT_TRUE(same(stored_element(bytes, data, per_page, i), small_element(i))) << "element " << i;
 }
 
-TEST_F(Map_file_layout, EmptyMapWithoutGlobalsHasAFullHeaderAndNothingElse)
-{
-    Map_declaration_impl declaration(2);
-    Map_impl map(declaration);
-    const std::string name = path("empty.map");
-    ASSERT_EQ(map.write(name.c_str(), MAP_FORMAT_BINARY, false), MAP_SUCCESS);
-    EXPECT_TRUE(captured().empty()) << "no messages without the verbose flag";
-
-    const std::vector<uint8_t> bytes = file_bytes(name);
-    const uint32_t d = field_at<uint32_t>(bytes, 10);
-    ASSERT_EQ(d, map_declaration_record_bytes(0, 0));
-    EXPECT_EQ(field_at<uint32_t>(bytes, 14 + d), 0u);
-    // With G = 0 the page size follows the G field directly.
-    EXPECT_EQ(field_at<uint32_t>(bytes, 18 + d), 32768u);
-    EXPECT_EQ(field_at<uint32_t>(bytes, 22 + d), map_elements_per_page(8, 2));
-    EXPECT_EQ(field_at<uint32_t>(bytes, 26 + d), 0u);
-    EXPECT_EQ(field_at<uint32_t>(bytes, 30 + d), 0u);
-    // The empty box's bit patterns.
-    EXPECT_EQ(field_at<uint32_t>(bytes, 42 + d), MAP_BOUNDS_EMPTY_MIN_BITS);
-    EXPECT_EQ(field_at<uint32_t>(bytes, 50 + d), MAP_BOUNDS_EMPTY_MAX_BITS);
-    EXPECT_EQ(bytes.size(), 42 + d + 16u);
-
-    Map_impl back;
-    ASSERT_EQ(back.read(name.c_str(), 0), MAP_SUCCESS);
-    EXPECT_EQ(back.size(), 0u);
-    ASSERT_TRUE(back.has_declaration());
-    EXPECT_EQ(back.get_declaration()->dimension(), 2u);
-    EXPECT_EQ(back.page_store().file_count(), 0u) << "a file without elements is not kept open";
-}
-
 TEST_F(Map_file_layout, MapOfSeveralSegmentsIsRepackedIntoPlainPages)
 {
     // Two files appended one after the other leave a partly filled page between them; the

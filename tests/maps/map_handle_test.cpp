@@ -5,6 +5,8 @@
 
 #include <iterator>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "database/db.h"
 #include "database/transaction.h"
@@ -61,19 +63,6 @@ Map_impl* filled_map(uint32_t count)
 }
 
 } // namespace
-
-TEST_F(MapHandleTest, IteratorOnAnEmptyMapIsAtEndAtOnce)
-{
-    std::unique_ptr<Map_impl> map(filled_map(0));
-    Map_iterator_impl it(map.get());
-    Map_status status = MAP_NO_DECLARATION;
-    EXPECT_TRUE(it.at_end(&status));
-    EXPECT_EQ(status, MAP_SUCCESS);
-    EXPECT_EQ(it.current(&status), 1u);
-    EXPECT_EQ(status, MAP_ITERATOR_AT_END);
-    EXPECT_EQ(it.next(), MAP_ITERATOR_AT_END);
-    EXPECT_EQ(it.set_to(0), MAP_ITERATOR_OUT_OF_RANGE);
-}
 
 TEST_F(MapHandleTest, IteratorWithoutMapAnswers48Everywhere)
 {
@@ -298,4 +287,40 @@ TEST_F(MapHandleTest, FileHandlesReportAFailedReadAndStillOwnAMap)
     Edit_map_dbhandle_impl edit("/nonexistent/dir/none.map", &status);
     EXPECT_NE(status, MAP_SUCCESS);
     EXPECT_NE(edit.get(), nullptr);
+}
+
+namespace {
+std::vector<std::string> g_info_lines;
+void keep_info(uint32_t level, const char*, const char* text, int32_t)
+{
+    if (level == MSG_INFO)
+        g_info_lines.push_back(text);
+}
+} // namespace
+
+// The build that ends the edit of a stored map reports like any build with its messages on:
+// with the time class on, its timer lines go out at the info level.
+TEST_F(MapHandleTest, EditOfAStoredMapEndsWithAReportedBuild)
+{
+    const uint32_t classes = msg_class_mask(MOD_RCMP);
+    msg_set_classes(MOD_RCMP, MSG_CLASS_TIME);
+    const uint32_t levels = msg_level_mask();
+    msg_set_levels(MSG_FATAL | MSG_ERROR | MSG_WARN | MSG_INFO);
+    g_info_lines.clear();
+    qv_errorhandler(keep_info);
+    Db_tag tag = 0;
+    {
+        Edit_map_dbhandle_impl edit(filled_map(6));
+        tag = edit.store();
+    }
+    qv_errorhandler(nullptr);
+    msg_set_levels(levels);
+    msg_set_classes(MOD_RCMP, classes);
+    ASSERT_NE(tag, 0u);
+    const std::string what = "for building the BVH for map ";
+    int reported = 0;
+    for (const std::string& line : g_info_lines)
+        reported += line.rfind("wallclock ", 0) == 0 && line.find(what) != std::string::npos;
+    EXPECT_EQ(reported, 1);
+    Edit_map_dbhandle_impl(tag).release();
 }

@@ -226,3 +226,46 @@ TEST_F(Map_storage_map, AttachedFileFollowsTheElementsInMemory)
     EXPECT_EQ(page, 3u);
     EXPECT_EQ(slot, 0u);
 }
+
+namespace {
+
+// In a fresh process: five elements in memory, then a file of two pages behind them; true when
+// every element reads back. `swapped_out` first pushes the memory elements to the swap file.
+bool file_behind_memory_reads_back(uint32_t kilobytes, bool swapped_out)
+{
+    qv_test_init();
+    Map_manager::instance().set_requested_page_size_kb(kilobytes);
+    rcmp_init(true);
+    Map_manager::instance().set_size_limit_mb(64.0f);
+    Map_impl map(small_declaration());
+    for (uint32_t i = 0; i < 5; ++i) {
+        Small_element element = small_element(i);
+        map.append_raw(&element);
+    }
+    if (swapped_out)
+        map.flush();
+    map.attach_file(new Pattern_source(40, 2), 100, 50, nullptr);
+    map.commit();
+    uint8_t first = 0, last = 0;
+    map.read_field(5, 0, 1, &first);
+    map.read_field(104, 19, 1, &last);
+    return holds_elements(map, 5) && first == 40 && last == 41 &&
+           map.page_store().file_pages_per_cache_page == kilobytes / 32;
+}
+
+} // namespace
+
+// A cache page of 64 or 128 KB holds several file pages, so a file attached behind elements in
+// memory begins inside a cache page that is already resident, or already in the swap file. The
+// page size is fixed once per process, so each size runs in a process of its own.
+TEST(Map_storage_large_pages, FileBehindMemoryElementsIsReadIntoTheSharedCachePage)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    for (const uint32_t kilobytes : {64u, 128u}) {
+        for (const bool swapped_out : {false, true}) {
+            EXPECT_EXIT(std::exit(file_behind_memory_reads_back(kilobytes, swapped_out) ? 0 : 1),
+                        ::testing::ExitedWithCode(0), "")
+                << kilobytes << " KB, swapped out " << swapped_out;
+        }
+    }
+}

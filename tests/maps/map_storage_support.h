@@ -26,6 +26,7 @@ struct Captured_line {
     uint32_t level;
     int32_t number;
     std::string text;
+    std::string line;  // the whole line, module name first
 };
 
 inline std::vector<Captured_line>& captured()
@@ -34,9 +35,9 @@ inline std::vector<Captured_line>& captured()
     return lines;
 }
 
-inline void capture(uint32_t level, const char*, const char* text, int32_t number)
+inline void capture(uint32_t level, const char* line, const char* text, int32_t number)
 {
-    captured().push_back({level, number, text});
+    captured().push_back({level, number, text, line});
 }
 
 // Captured lines that contain `fragment`, of one level or (level 0) of any.

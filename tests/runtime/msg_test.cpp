@@ -47,15 +47,6 @@ void recording_callback(uint32_t level, const char* line, const char* text, int3
     g_callback_lines.push_back({level, line, text, number});
 }
 
-std::vector<std::vector<char>> g_sent;
-std::vector<uint32_t> g_sent_to;
-int g_send_result = 1;
-int recording_send(uint32_t host, const void* record, size_t length)
-{
-    g_sent.emplace_back(static_cast<const char*>(record), static_cast<const char*>(record) + length);
-    g_sent_to.push_back(host);
-    return g_send_result;
-}
 
 class MsgTest : public ::testing::Test {
 protected:
@@ -74,9 +65,6 @@ protected:
         context_ = thread_context();
         saved_thread_number_ = context_->thread_number;
         g_callback_lines.clear();
-        g_sent.clear();
-        g_sent_to.clear();
-        g_send_result = 1;
         // Lines come from MAIN unless a test enters another module.
         main_scope_.emplace(MOD_MAIN);
     }
@@ -263,33 +251,6 @@ TEST_F(MsgTest, LogFileTakesEveryLineInTheRecordFormat)
     EXPECT_EQ(info.st_mode & 0777, 0666u);
 }
 
-TEST_F(MsgTest, ColoursFromLettersWarnAboutUnknownOnes)
-{
-    msg_defaults();
-    Stderr_capture capture;
-    msg_set_colors("xyz");
-    EXPECT_EQ(capture.finish(), "MAIN 0.0  warn   242018: unknown color 'x', expected [.rgbcmyk]\n"
-                                "MAIN 0.0  warn   242018: unknown color 'z', expected [.rgbcmyk]\n");
-    EXPECT_TRUE(msg_colors_on());
-    // Unknown letters leave their slots as they were (red, cyan); 'y' makes slot 1 yellow.
-    for (const auto& [slot, attribute] : {std::pair{0, 0xc}, {1, 0xe}, {2, 0xb}})
-        EXPECT_EQ(msg_color_attribute(slot), attribute) << "slot " << slot;
-
-    msg_set_colors("\"kgbm.c");
-    // Slot 6 is past the end of the text: its default stays.
-    for (const auto& [slot, attribute] : {std::pair{0, 0x8}, {3, 0xd}, {4, 0x0}, {5, 0xb}, {6, 0xa}})
-        EXPECT_EQ(msg_color_attribute(slot), attribute) << "slot " << slot;
-
-    msg_set_colors("on");
-    EXPECT_TRUE(msg_colors_on());
-    EXPECT_EQ(msg_color_attribute(0), 0xc) << "on resets the table";
-    for (const char* off : {"off", "-", "false", "0"}) {
-        msg_set_colors("on");
-        msg_set_colors(off);
-        EXPECT_FALSE(msg_colors_on()) << off;
-    }
-}
-
 TEST_F(MsgTest, ColouredLinesOnlyOnACharacterDevice)
 {
     msg_set_colors("ry");
@@ -322,16 +283,6 @@ TEST_F(MsgTest, ClassListsAddRemoveAndReportUnknownItems)
               "LIB  0.0  error  291048: invalid message list, use 0..31,none,default,all,none,phase,"
               "progress,vprogress,time,scene,memory,render,vrender,resources,network,files,debug,"
               "msgcode,msgtrans,tessellate\n");
-}
-
-TEST_F(MsgTest, ErrorTextsComeFromTheSystemTable)
-{
-    EXPECT_STREQ(msg_error_text(ENOENT), "No such file or directory");
-    EXPECT_STREQ(msg_error_text(99999), "unknown error code 99999, check Win32 manual");
-    errno = EACCES;
-    const char* text = msg_os_error_text();
-    EXPECT_STREQ(text, "Permission denied");
-    EXPECT_EQ(text, context_->error_text) << "the thread's own buffer";
 }
 
 TEST_F(MsgTest, FatalHandlerAndCallbackAreGuarded)
@@ -378,75 +329,6 @@ TEST_F(MsgTest, TimerReportNeedsTheTimeClass)
                         "MAIN 0\\.0  info : wallclock  1:02:03\\.[0-9]{2} total\n"
                         "MAIN 0\\.0  info : allocated [0-9]+ MB, max resident [0-9]+ MB\n");
     EXPECT_TRUE(std::regex_match(out, expected)) << out;
-}
-
-TEST_F(MsgTest, ForwardedLinesGoToTheMasterOnly)
-{
-    msg_set_send_hook(recording_send);
-    msg_set_host_number(4);
-    msg_set_forwarding(true);
-    Stderr_capture capture;
-    msg_error("hello");
-    g_send_result = 0;
-    msg_error("lost");
-    EXPECT_EQ(capture.finish(), "");
-    ASSERT_EQ(g_sent.size(), 2u);
-    EXPECT_EQ(g_sent_to[0], 0u);
-    EXPECT_EQ(g_sent[0].size(), offsetof(Msg_record, text) + 6);
-    auto* record = reinterpret_cast<const Msg_record*>(g_sent[0].data());
-    EXPECT_EQ(record->type, 1u);
-    EXPECT_STREQ(record->prefix, "MAIN 4.0  error");
-    EXPECT_STREQ(record->text, "hello");
-    EXPECT_NE(read_file(dir_ + "/quovlib.log").find("] MAIN 4.0  error: lost\n"), std::string::npos)
-        << "a failed send goes to the log file";
-}
-
-TEST_F(MsgTest, SettingsTravelBetweenHosts)
-{
-    msg_set_send_hook(recording_send);
-    msg_set_host_number(2);
-    msg_set_levels(0x1f);
-    EXPECT_TRUE(g_sent.empty()) << "only the master sends settings";
-    msg_set_host_number(0);
-    msg_set_classes(MOD_DB, 0xabc);
-    ASSERT_EQ(g_sent.size(), 1u);
-    EXPECT_EQ(g_sent_to[0], 255u);
-    Msg_record record;
-    ASSERT_EQ(g_sent[0].size(), sizeof record);
-    std::memcpy(&record, g_sent[0].data(), sizeof record);
-    EXPECT_EQ(record.type, 2u);
-    EXPECT_EQ(record.level, 0x1fu);
-
-    // A slave receives them in the other byte order.
-    msg_testing_reset_all();
-    record.type = __builtin_bswap32(record.type);
-    record.level = __builtin_bswap32(record.level);
-    uint32_t masks[MODULE_TABLE_ROWS];
-    std::memcpy(masks, record.text, sizeof masks);
-    for (uint32_t& mask : masks)
-        mask = __builtin_bswap32(mask);
-    std::memcpy(record.text, masks, sizeof masks);
-    msg_handle_remote(&record, true);
-    EXPECT_EQ(msg_level_mask(), 0x1fu);
-    EXPECT_EQ(msg_class_mask(MOD_DB), 0xabcu);
-    EXPECT_EQ(msg_class_mask(MOD_MAIN), 0u);
-}
-
-TEST_F(MsgTest, RemoteLinesAreOutputAsTheyCame)
-{
-    Msg_record record;
-    std::memset(&record, 0, sizeof record);
-    record.type = 1;
-    record.level = MSG_WARN;
-    record.number = 242018;
-    std::strcpy(record.prefix, "RC   3.2  warn ");
-    std::strcpy(record.text, "from afar");
-    msg_set_send_hook(recording_send);
-    msg_set_forwarding(true);
-    Stderr_capture capture;
-    msg_handle_remote(&record, false);
-    EXPECT_EQ(capture.finish(), "RC   3.2  warn : from afar\n");
-    EXPECT_TRUE(g_sent.empty()) << "a remote line is not forwarded again";
 }
 
 using MsgDeathTest = MsgTest;

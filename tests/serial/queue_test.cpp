@@ -1,5 +1,4 @@
-// The in-memory medium: block edges, deferred entries, and an element cut into pieces on one
-// side and rebuilt on the other.
+// The in-memory medium: block edges and deferred entries.
 #include <cstring>
 #include <memory>
 #include <numeric>
@@ -70,107 +69,6 @@ TEST(DbSerializerTest, DeferredEntriesExpandInOrderOnlyWhenReached)
     EXPECT_EQ(std::string(buffer, 2), "TE");
     EXPECT_TRUE(last);
     EXPECT_EQ(out.queue().size(), 18u);
-}
-
-// ---- Sending an element piece by piece ----------------------------------------------------
-
-class Cargo : public Element<Cargo, qv_class_id("=CRG")> {
-public:
-    std::vector<float> points;
-    std::string name;
-
-    const void* serialize(Serializer* out) const override
-    {
-        out->write(name);
-        out->write_size(points.size());
-        out->write(points.data(), points.size() * sizeof(float));
-        return this + 1;
-    }
-    void* deserialize(Deserializer* in) override
-    {
-        in->read(&name);
-        size_t count = 0;
-        in->read_size(&count);
-        points.resize(in->is_valid() ? count : 0);
-        in->read(points.data(), points.size() * sizeof(float));
-        return this + 1;
-    }
-};
-
-class TransferTest : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        qv_test_init();
-        // The host layer is not started here: this process is made the master.
-        msg_set_host_number(0);
-        thread_context()->host_number = 0;
-        if (!qv_db_started())
-            qv_db_init();
-        serial_manager()->register_class(Cargo::CLASS_ID, QV::DB::construct_element<Cargo>);
-    }
-};
-
-TEST_F(TransferTest, PiecesOfAStoredElementRebuildIt)
-{
-    auto* cargo = new Cargo();
-    cargo->name = "a map on its way to another host";
-    cargo->references = {0x400, 0x401};
-    for (int i = 0; i < 700; ++i)
-        cargo->points.push_back(i * 0.25f);
-    Db_tag tag = 0;
-    QV::DB::get_transaction()->store(&tag, cargo, nullptr);
-
-    // The network sends 1,364-byte pieces; a second send of the same tag joins the cached
-    // serializer and stays open until its own last piece.
-    std::vector<uint8_t> sent, piece(1364), other(16);
-    bool last = false, other_last = false;
-    Db_record arriving{};
-    while (!last) {
-        size_t got = QV::DB::serial_send_piece(tag, piece.data(), sent.size(), piece.size(), &last);
-        if (sent.empty()) {
-            EXPECT_EQ(QV::DB::serial_send_piece(tag, other.data(), 0, other.size(), &other_last), 16u);
-            EXPECT_EQ(std::memcmp(other.data(), piece.data(), 16), 0);
-        }
-        QV::DB::serial_receive_piece(&arriving, piece.data(), sent.size(), got, last);
-        sent.insert(sent.end(), piece.begin(), piece.begin() + got);
-    }
-    // id, references, string, size, points
-    EXPECT_EQ(sent.size(), 4u + 4 + 8 + (4 + cargo->name.size()) + 8 + 700 * 4);
-    EXPECT_EQ(QV::DB::serial_sends_in_progress(), 1u);
-    std::vector<uint8_t> rest(sent.size());
-    EXPECT_FALSE(other_last);
-    EXPECT_EQ(QV::DB::serial_send_piece(tag, rest.data(), 16, rest.size(), &other_last), sent.size() - 16);
-    EXPECT_TRUE(other_last);
-    EXPECT_EQ(QV::DB::serial_sends_in_progress(), 0u);
-
-    std::unique_ptr<QV::DB::Element_base> rebuilt(static_cast<QV::DB::Element_base*>(arriving.data));
-    auto* copy = dynamic_cast<Cargo*>(rebuilt.get());
-    ASSERT_NE(copy, nullptr);
-    EXPECT_EQ(copy->name, cargo->name);
-    EXPECT_EQ(copy->points, cargo->points);
-    EXPECT_EQ(copy->references, cargo->references);
-    QV::DB::get_transaction()->remove(tag);
-}
-
-TEST_F(TransferTest, APieceWithOffsetZeroStartsTheQueueAfresh)
-{
-    Cargo cargo;
-    cargo.name = "x";
-    Db_serializer out;
-    out.serialize(&cargo);
-    std::vector<uint8_t> bytes(out.queue().size());
-    out.queue().copy_out(0, bytes.data(), bytes.size());
-
-    Db_record arriving{};
-    // A broken first attempt, then the whole form again from offset 0.
-    QV::DB::serial_receive_piece(&arriving, "garbage", 0, 7, false);
-    QV::DB::serial_receive_piece(&arriving, bytes.data(), 0, 5, false);
-    QV::DB::serial_receive_piece(&arriving, bytes.data() + 5, 5, bytes.size() - 5, true);
-    auto* copy = dynamic_cast<Cargo*>(static_cast<QV::DB::Element_base*>(arriving.data));
-    ASSERT_NE(copy, nullptr);
-    EXPECT_EQ(copy->name, "x");
-    delete copy;
 }
 
 }  // namespace

@@ -190,24 +190,4 @@ public:
     }
 };
 
-TEST(SerializerSlotsTest, CompositesGoThroughTheVirtualPrimitives)
-{
-    qv_test_init();
-    Widening_serializer out;
-    const float f3[3] = {1.f, 2.f, 3.f};
-    float f16[16] = {};
-    f16[15] = 6.f;
-    static_cast<Serializer&>(out).write(f3);
-    static_cast<Serializer&>(out).write(f16);
-    EXPECT_EQ(out.queue().size(), (3u + 16u) * 8u);
-
-    Widening_deserializer in(&out.queue());
-    float f3_back[3], f16_back[16];
-    static_cast<Deserializer&>(in).read(&f3_back);
-    static_cast<Deserializer&>(in).read(&f16_back);
-    EXPECT_EQ(f3_back[2], 3.f);
-    EXPECT_EQ(f16_back[15], 6.f);
-    EXPECT_TRUE(in.is_valid());
-}
-
 }  // namespace

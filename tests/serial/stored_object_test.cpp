@@ -112,18 +112,6 @@ TEST_P(StoredObjectTest, UnknownClassIdIsAnErrorAndNoObject)
     EXPECT_EQ(g_errors[0], "cannot construct serializable class id 0x3d505242");
 }
 
-TEST_P(StoredObjectTest, WithoutManagerNothingIsRead)
-{
-    Reader in(GetParam(), stored_probe(), nullptr);
-    if (GetParam() == Media::queue)
-        in->set_manager(nullptr);   // the queue reader defaults to the process manager
-    EXPECT_EQ(in->deserialize(), nullptr);
-    int32_t id = 0;
-    in->read(&id);
-    EXPECT_EQ(uint32_t(id), Probe::CLASS_ID);
-    EXPECT_TRUE(g_errors.empty());
-}
-
 TEST_P(StoredObjectTest, EveryTruncationIsReportedAndNeverCrashes)
 {
     std::vector<uint8_t> bytes = stored_probe();
@@ -183,33 +171,6 @@ TEST_P(StoredObjectTest, DamagedCountsEndWithTheStreamNotWithAHugeAllocation)
 
 INSTANTIATE_TEST_SUITE_P(Media, StoredObjectTest, testing::Values(Media::file, Media::queue),
                          media_name);
-
-TEST(DeserializationManagerTest, LaterRegistrationReplacesTheNode)
-{
-    qv_test_init();
-    Deserialization_manager_impl manager;
-    Counting_factory factory;
-    constexpr uint32_t MAP_ID = qv_class_id("=MAP");
-    static_assert(MAP_ID == 0x3D4D4150 && qv_class_id("pss") == 0x707373);
-
-    EXPECT_EQ(manager.construct(MAP_ID), nullptr);
-    manager.register_class(MAP_ID, make_probe);
-    manager.register_class(MAP_ID, make_marked_probe);
-    std::unique_ptr<Serializable> object(manager.construct(MAP_ID));
-    EXPECT_EQ(static_cast<Probe*>(object.get())->value, 7);
-
-    // A factory registered over a constructor replaces the whole node, and gets the id.
-    manager.register_factory(MAP_ID, &factory);
-    object.reset(manager.construct(MAP_ID));
-    EXPECT_EQ(static_cast<Probe*>(object.get())->value, 0);
-    EXPECT_EQ(factory.calls, 1);
-    EXPECT_EQ(factory.last_id, MAP_ID);
-
-    EXPECT_TRUE(manager.unregister(MAP_ID));
-    EXPECT_FALSE(manager.unregister(MAP_ID));
-    EXPECT_EQ(manager.construct(MAP_ID), nullptr);
-    EXPECT_EQ(factory.calls, 1);
-}
 
 TEST(FileMediaTest, ObjectReaderStopsAtEndOfFile)
 {

@@ -17,26 +17,6 @@ protected:
     void SetUp() override { qv_test_init(); }
 };
 
-TEST_F(BlendTest, FrameIsOrthonormalAroundAnyUnitNormal)
-{
-    std::mt19937 rng(7);
-    std::normal_distribution<float> g;
-    for (int i = 0; i < 1000; ++i) {
-        float n[3] = {g(rng), g(rng), g(rng)};
-        const float len = std::sqrt(dot(n, n));
-        for (float& v : n)
-            v /= len;
-        float t[3], c[3];
-        fg_tangent_frame(n, t, c);
-        EXPECT_NEAR(dot(t, t), 1.0f, 1e-5f);
-        EXPECT_NEAR(dot(t, n), 0.0f, 1e-5f);
-        // C is T x n, not n x T: the sign decides which way grad_t2 points.
-        const float cross[3] = {t[1] * n[2] - t[2] * n[1], t[2] * n[0] - t[0] * n[2], t[0] * n[1] - t[1] * n[0]};
-        for (int k = 0; k < 3; ++k)
-            EXPECT_NEAR(c[k], cross[k], 1e-5f);
-    }
-}
-
 TEST_F(BlendTest, FrameTieBetweenXAndYTakesTheXZBranchAndZeroNormalGivesZeroFrame)
 {
     const float h = std::sqrt(0.5f);

@@ -1,6 +1,8 @@
 // The command line as a user meets it: exact texts and exit codes of the built binary.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include "tests/tool/run_tool.h"
 
 namespace {
@@ -83,10 +85,20 @@ TEST(CliTest, BadLegacyWordIsConsumedAndRequestsUsage)
     EXPECT_EQ(r.exit_code, 1);
     EXPECT_EQ(r.err, usage_text());
 
-    // -l as the very last word reads argv's null terminator.
-    r = run_tool({"-l"});
-    EXPECT_EQ(r.exit_code, 1);
-    EXPECT_EQ(r.err, usage_text());
+    // -l as the very last word reads argv's null terminator; a cluster takes one word per
+    // letter, and every word at or past the end reads as that null word. Behind argv's
+    // terminator lie the environment's entries and then the auxiliary vector, so a cluster
+    // longer than the environment would reach words that are no strings.
+    size_t environment = 0;
+    while (environ[environment])
+        ++environment;
+    std::string cluster(environment + 9, 'l');
+    cluster[0] = '-';
+    for (const std::string& word : {std::string("-l"), std::string("-lll"), cluster}) {
+        r = run_tool({word});
+        EXPECT_EQ(r.exit_code, 1) << word;
+        EXPECT_EQ(r.err, usage_text()) << word;
+    }
 }
 
 TEST(CliTest, UnknownOptionIsReportedByNumberThenUsage)

@@ -87,53 +87,40 @@ TEST_F(EndToEndTest, LegacyCopyKeepsEveryPointAndNamedFieldInTreeOrder)
         expect_same_named_fields(got[id], p);
     // The reserved words do not travel through a map.
     EXPECT_EQ(out.points[0].words[18], 0u);
-    // Opening the tree for reading balances it, so the order differs from the input's.
-    std::vector<int32_t> order;
-    for (const Classic_point& p : out.points)
-        order.push_back(int32_t(p.words[17]));
-    EXPECT_FALSE(std::is_sorted(order.begin(), order.end()));
     EXPECT_EQ(last_err, "");  // silent without -v
 }
 
-TEST_F(EndToEndTest, ForeignByteOrderInputLoadsAsNative)
+// The records come out in the order of the balanced kd-tree: heap nodes 1 to 6, node k with the
+// children 2k and 2k + 1, each inner node splitting its box on the axis of greatest extent at the
+// record whose in-order place in the subtree it holds. Worked by hand for six points in z = 0:
+// node 1 splits x over the whole box (extent 5 > 4) and takes the fourth smallest x, id 5; the
+// left box x in [0, 3] is taller than wide, so node 2 splits y among ids 0, 2, 4 and takes id 4,
+// with ids 0 and 2 below it; node 3 splits y between ids 1 and 3 and takes id 3, the larger,
+// since its only child lies before it in order.
+TEST_F(EndToEndTest, LegacyOutputFollowsTheBalancedTree)
 {
-    write_file(input, classic_bytes(sample_points(), 1, true));
+    const float xy[6][2] = {{0, 0}, {5, 1}, {1, 3}, {4, 4}, {2, 2.5f}, {3, 0.5f}};
+    std::vector<Classic_point> points;
+    for (int id = 0; id < 6; ++id)
+        points.push_back(make_point(xy[id][0], xy[id][1], 0, 1, id));
+    write_file(input, classic_bytes(points));
     Classic_file out = run_legacy({input, output});
-    expect_classic_header(out, 40);
-    auto expected = by_id(sample_points());
-    for (auto& [id, p] : by_id(out.points))
-        expect_same_named_fields(p, expected[id]);
+    ASSERT_EQ(out.points.size(), 6u);
+    std::vector<int32_t> order;
+    for (const Classic_point& p : out.points)
+        order.push_back(int32_t(p.words[17]));
+    EXPECT_EQ(order, (std::vector<int32_t>{5, 4, 3, 0, 2, 1}));
 }
 
-TEST_F(EndToEndTest, UnknownVersionAndTruncatedFilesLoadWhatTheyCan)
+// Box selection comes before the merge whatever the order of the options: the point outside
+// the box is gone before it could blend with the one inside.
+TEST_F(EndToEndTest, BoxIsSelectedBeforeTheMerge)
 {
-    // Version 2 is refused (info level only), so the run finds no point and leaves the output.
-    write_file(input, classic_bytes(sample_points(), 2));
-    write_file(output, "untouched");
-    Tool_result r = run_tool({input, output});
-    EXPECT_EQ(r.exit_code, 1);
-    EXPECT_EQ(read_file(output), "untouched");
-
-    // Version 0 holds world-space gradients; they are converted on loading, and the third row's
-    // first word is then read as point_id, so only the count is compared here.
-    write_file(input, classic_bytes(sample_points(), 0));
-    EXPECT_EQ(run_legacy({input, output}).count, 40u);
-
-    // A file cut inside its 11th record loads the ten whole ones; the count is an upper bound.
-    std::string bytes = classic_bytes(sample_points());
-    write_file(input, bytes.substr(0, 120 + 104 * 10 + 50));
-    Classic_file out = run_legacy({input, output});
-    expect_classic_header(out, 10);
-
-    // Shorter than a header, absurd count, wrong options magic: never a crash.
-    write_file(input, "qvFG");
-    EXPECT_EQ(run_tool({input, output}).exit_code, 1);
-    write_file(input, classic_bytes({}, 1, false, 0x7fffffff));
-    EXPECT_EQ(run_tool({input, output}).exit_code, 1);
-    std::string wrong_magic = classic_bytes(sample_points());
-    wrong_magic[33] = 'X';
-    write_file(input, wrong_magic);
-    EXPECT_EQ(run_tool({input, output}).exit_code, 1);
+    write_file(input, classic_bytes({make_point(0.5f, 0.5f, 0.5f, 1, 0), make_point(1.25f, 0.5f, 0.5f, 1, 1)}));
+    Classic_file out = run_legacy({"-f", "1", "-b", "0", "0", "0", "1", "1", "1", input, output});
+    ASSERT_EQ(out.points.size(), 1u);
+    EXPECT_EQ(out.points[0].words[10], 1u);
+    EXPECT_EQ(out.points[0].f(0), 0.5f);
 }
 
 TEST_F(EndToEndTest, MissingInputAmongGoodOnesIsSkippedAndInputsAccumulate)

@@ -141,26 +141,6 @@ TEST_F(MergeTest, CompareOrdersByCellWithXMostSignificant)
     }
 }
 
-TEST_F(MergeTest, CoincidentPointsMergeIntoTheirSum)
-{
-    set_bounds(0.0f, 4.0f);
-    const Fg_point one = make_point(1.5f, 2.25f, 3.0f, 0, 0, 1, 3);
-    std::vector<Fg_point> pts = {one, one, one};
-    pts[1].rays = 5;
-    pts[2].rays = 8;
-    ASSERT_EQ(merge_points(pts.data(), unsigned(pts.size()), 0.1f, FIVE_DEGREES, 0), 1u);
-    EXPECT_EQ(pts[0].rays, 16u);
-    // Equal values blend to themselves exactly, whatever the weights.
-    EXPECT_EQ(std::memcmp(pts[0].position, one.position, sizeof one.position), 0);
-    EXPECT_EQ(std::memcmp(pts[0].normal, one.normal, sizeof one.normal), 0);
-    EXPECT_EQ(std::memcmp(pts[0].irrad, one.irrad, sizeof one.irrad), 0);
-
-    // No pair at all: nothing to do, and nothing read beyond the array.
-    EXPECT_EQ(merge_points(nullptr, 0, 0.1f, FIVE_DEGREES, 0), 0u);
-    EXPECT_EQ(merge_points(pts.data(), 1, 0.1f, FIVE_DEGREES, 0), 1u);
-    EXPECT_EQ(pts[0].rays, 16u);
-}
-
 TEST_F(MergeTest, PointsExactlyAtTheDistanceMergeAndOneFloatBeyondDoNot)
 {
     // Along x in a cube, and along a diagonal on a flat map, where the z axis has no cells.
@@ -200,17 +180,6 @@ TEST_F(MergeTest, NormalsUpToFiveDegreesApartMergeAndWiderDoNot)
     }
 }
 
-// A negative distance also makes the cell size negative, so that every pair compares both ways.
-TEST_F(MergeTest, NegativeDistanceMergesNothing)
-{
-    std::vector<Fg_point> pts = room_points(500, 3);
-    pts.push_back(pts[0]);  // even a coincident pair stays apart
-    const uint64_t before = total_rays(pts, unsigned(pts.size()));
-    unsigned n = merge_points(pts.data(), unsigned(pts.size()), -0.5f, FIVE_DEGREES, 0);
-    EXPECT_EQ(n, pts.size());
-    EXPECT_EQ(total_rays(pts, n), before);
-}
-
 TEST_F(MergeTest, DeadMarkedInputPointsAreDropped)
 {
     set_bounds(0.0f, 4.0f);
@@ -245,6 +214,91 @@ TEST_F(MergeTest, BlendsLeavingBothCellsSurviveThroughTheSideArray)
     for (unsigned i = 0; i < n; ++i) {
         EXPECT_EQ(pts[i].rays % 2, 0u);
         EXPECT_NEAR(pts[i].position[1], 11.1f, 1e-4f);
+    }
+}
+
+// A point with every blended field chosen so that the blends below are exact in binary.
+Fg_point fixed_point(float x, float y, uint32_t rays, float first_grad, float r_mean, float min_dist, float dir)
+{
+    Fg_point p{};
+    p.position[0] = x;
+    p.position[1] = y;
+    p.normal[2] = 1.0f;
+    for (int i = 0; i < 4; ++i)
+        p.irrad[i] = first_grad < 0.0f ? float(1 + i) : float(5 + i);  // a: 1 2 3 4, b: 5 6 7 8
+    for (int i = 0; i < 3; ++i) {
+        p.grad_t1[i] = first_grad + float(i);
+        p.grad_t2[i] = first_grad < 0.0f ? -float(1 + i) : float(7 + i);
+    }
+    p.rays = rays;
+    p.r_mean = r_mean;
+    p.min_dist = min_dist;
+    p.min_dist_dir[0] = dir;
+    p.occluded_min_dist = min_dist * 2.0f;
+    return p;
+}
+
+// Three pairs, one for each way a blend can go, on a grid of unit cells in x and y (z is flat).
+// Worked by hand: normals are all +z, so the frame of the first operand is T = (1, 0, 0),
+// C = (0, -1, 0), and each gradient is wa * (a.grad + b.grad) with wa the weight of the first
+// operand, the earlier point in cell order. Of each pair, the earlier point has irradiance
+// 1 2 3 4, t1 = -1 0 1 and t2 = -1 -2 -3; the later one 5 6 7 8, t1 = 4 5 6 and t2 = 7 8 9.
+//  A: q (1.75, 0.5) 1 ray, p (2.25, 0.5) 3 rays: wa 0.25, x 2.125 stays in p's cell (in place).
+//  B: q (3.75, 2.5) 3 rays, p (4.25, 2.5) 1 ray: wa 0.75, x 3.875 stays in q's cell (in place).
+//  C: q (5.875, 4.625) 1 ray, p (6.125, 3.875) 3 rays: wa 0.25, (6.0625, 4.0625) lies in a
+//     third cell and goes through the side array.
+TEST_F(MergeTest, FixedCaseBlendsEachPairOnItsWay)
+{
+    const float min[3] = {0.0f, 0.0f, 0.0f}, max[3] = {8.0f, 8.0f, 0.0f};
+    merge_set_bounds(min, max);
+    std::vector<Fg_point> pts = {
+        fixed_point(6.125f, 3.875f, 3, 4.0f, 1.0f, 0.5f, 2.0f),   // C p
+        fixed_point(2.25f, 0.5f, 3, 4.0f, 3.0f, 0.25f, 2.0f),     // A p
+        fixed_point(3.75f, 2.5f, 3, -1.0f, 3.0f, 0.5f, 1.0f),     // B q
+        fixed_point(5.875f, 4.625f, 1, -1.0f, 1.0f, 0.5f, 1.0f),  // C q
+        fixed_point(4.25f, 2.5f, 1, 4.0f, 1.0f, 0.25f, 2.0f),     // B p
+        fixed_point(1.75f, 0.5f, 1, -1.0f, 1.0f, 0.5f, 1.0f),     // A q
+    };
+    unsigned n = 0;
+    const std::vector<std::string> lines = merge_debug_lines(pts, 1.0f, &n);
+    EXPECT_EQ(lines, (std::vector<std::string>{"merged 3 fg points, 2 in place", "merged 0 fg points, 0 in place"}));
+    ASSERT_EQ(n, 3u);
+
+    struct Expected {
+        float x, y;
+        uint32_t rays;
+        float irrad[4], grad_t1[3], grad_t2[3];
+        float r_mean, min_dist, dir, occluded;
+    };
+    const Expected expected[3] = {
+        // wa 0.25: irradiance 0.25 a + 0.75 b, gradients 0.25 (a + b), r_mean 1 / (0.25 / 1 + 0.75 / 3).
+        {2.125f, 0.5f, 4, {4, 5, 6, 7}, {0.75f, 1.25f, 1.75f}, {1.5f, 1.5f, 1.5f}, 2.0f, 0.25f, 2.0f, 0.5f},
+        // wa 0.75: irradiance 0.75 a + 0.25 b, gradients 0.75 (a + b), r_mean 1 / (0.75 / 3 + 0.25 / 1).
+        {3.875f, 2.5f, 4, {2, 3, 4, 5}, {2.25f, 3.75f, 5.25f}, {4.5f, 4.5f, 4.5f}, 2.0f, 0.25f, 2.0f, 0.5f},
+        // wa 0.25 again; equal min_dist keeps the first operand's direction.
+        {6.0625f, 4.0625f, 4, {4, 5, 6, 7}, {0.75f, 1.25f, 1.75f}, {1.5f, 1.5f, 1.5f}, 1.0f, 0.5f, 1.0f, 1.0f},
+    };
+    for (unsigned k = 0; k < 3; ++k) {
+        SCOPED_TRACE(k);
+        const Fg_point& p = pts[k];
+        const Expected& e = expected[k];
+        EXPECT_EQ(p.position[0], e.x);
+        EXPECT_EQ(p.position[1], e.y);
+        EXPECT_EQ(p.position[2], 0.0f);
+        EXPECT_EQ(p.normal[0], 0.0f);
+        EXPECT_EQ(p.normal[1], 0.0f);
+        EXPECT_EQ(p.normal[2], 1.0f);
+        EXPECT_EQ(p.rays, e.rays);
+        for (int i = 0; i < 4; ++i)
+            EXPECT_EQ(p.irrad[i], e.irrad[i]) << "irrad " << i;
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_EQ(p.grad_t1[i], e.grad_t1[i]) << "grad_t1 " << i;
+            EXPECT_EQ(p.grad_t2[i], e.grad_t2[i]) << "grad_t2 " << i;
+        }
+        EXPECT_EQ(p.r_mean, e.r_mean);
+        EXPECT_EQ(p.min_dist, e.min_dist);
+        EXPECT_EQ(p.min_dist_dir[0], e.dir);
+        EXPECT_EQ(p.occluded_min_dist, e.occluded);
     }
 }
 
