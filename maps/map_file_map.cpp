@@ -111,7 +111,7 @@ Map_status Map_impl::read(const char* filename, uint32_t options)
         file->read_global(globals);
     if (file->format == MAP_FORMAT_OPEN_BINARY) {
         // Every element into the map's pages; the file is closed behind them.
-        status = map_file_read_open_binary_elements(*this, *file, messages);
+        status = map_file_read_open_binary_elements(*this, *file, errors);
         delete file;
         if (status == MAP_SUCCESS)
             build_bvh(OPEN_FORMAT_QUALITY, false, false);
