@@ -130,3 +130,34 @@ void qv_db_emergency_free()
     msg_info("out of memory emergency shutdown deleted %i DB tags freeing %i MBs of memory", count,
              int(total_bytes >> 20));
 }
+
+namespace {
+
+struct Memory_flush_request {
+    size_t wanted;
+    size_t freed;
+};
+
+void evict_oldest(void* user1, void*, Db_flush_entry* entries, int count, Db_thread_list* threads)
+{
+    auto* request = static_cast<Memory_flush_request*>(user1);
+    for (int i = 0; i < count && request->freed < request->wanted; ++i) {
+        Db_record* record = entries[i].record;
+        uint32_t size = 0;
+        void* data = qv_db_evict(&size, record, threads);
+        if (!data)
+            continue;
+        data_free(record->type, data);
+        lock_leave(record->lock);
+        request->freed += size;
+    }
+}
+
+}  // namespace
+
+size_t qv_db_memory_flush(size_t bytes)
+{
+    Memory_flush_request request{bytes, 0};
+    qv_db_flush_walk(evict_oldest, &request, nullptr);
+    return request.freed;
+}

@@ -296,7 +296,7 @@ uint64_t mem_flush_to(uint64_t target_words)
 
     if (g_before_hook)
         g_before_hook((old_words - target_words) >> 17);
-    for (int position = 0; position < 86 && g_current_words.load() > target_words; ++position) {
+    for (int position = 0; position < MODULE_TABLE_ROWS && g_current_words.load() > target_words; ++position) {
         int id = flush_order(position);
         Mem_flush_callback callback = g_flush_callbacks[id].load();
         if (!callback)
