@@ -87,6 +87,9 @@ TEST_F(Tool_run_test, LowHeapLimitFlushesTheMapCacheInsteadOfFailing)
                 flushes += std::string(line).rfind("RCMP", 0) == 0 && std::string(text).rfind("flushed ", 0) == 0;
             });
             bring_up_modules();
+            // This process's context was made before the host layer numbered it.
+            msg_set_host_number(0);
+            thread_context()->host_number = 0;
             msg_set_levels(0x1f);
             mem_set_heap_limit(mem_current_bytes() + (4 << 20), 6);
             char* names[] = {const_cast<char*>(input_.c_str())};

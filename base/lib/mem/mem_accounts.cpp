@@ -35,6 +35,10 @@ void context_init(void* area)
     auto* context = static_cast<Mem_context*>(area);
     std::lock_guard<std::mutex> hold(g_table_lock);
     std::memcpy(context->accounts, g_table, sizeof g_table);
+    for (int id = 0; id < MODULE_TABLE_ROWS; ++id) {
+        context->base_words[id] = g_table[id].words;
+        context->base_allocations[id] = g_table[id].allocations;
+    }
 }
 
 void merge(void* area)
@@ -46,16 +50,16 @@ void merge(void* area)
     for (int id = 0; id < MODULE_TABLE_ROWS; ++id) {
         Module_account& row = g_table[id];
         Module_account& own = context->accounts[id];
-        row.words += context->delta_words[id];
-        row.allocations += context->delta_allocations[id];
+        row.words += own.words - context->base_words[id];
+        row.allocations += own.allocations - context->base_allocations[id];
         raise_peaks(row);
         if (own.peak_words > row.peak_words)
             row.peak_words = own.peak_words;
         if (own.peak_allocations > row.peak_allocations)
             row.peak_allocations = own.peak_allocations;
-        context->delta_words[id] = 0;
-        context->delta_allocations[id] = 0;
         own = row;
+        context->base_words[id] = row.words;
+        context->base_allocations[id] = row.allocations;
     }
     context->dirty = false;
 }
@@ -72,15 +76,6 @@ Mem_context* own_context()
 
 }  // namespace
 
-int charged_module()
-{
-    Thread_context* context = thread_context();
-    if (!context)
-        return 0;
-    int module = context->current_module == MOD_MEM ? context->previous_module : context->current_module;
-    return module >= 0 && module < MODULE_TABLE_ROWS ? module : 0;
-}
-
 void charge(int module, int64_t words, int64_t allocations)
 {
     if (module < 0 || module >= MODULE_TABLE_ROWS)
@@ -90,13 +85,7 @@ void charge(int module, int64_t words, int64_t allocations)
         charge_table(module, words, allocations);
         return;
     }
-    Module_account& account = context->accounts[module];
-    account.words += words;
-    account.allocations += allocations;
-    raise_peaks(account);
-    context->delta_words[module] += words;
-    context->delta_allocations[module] += allocations;
-    context->dirty = true;
+    charge_area(context, module, words, allocations);
 }
 
 void accounts_register_area()

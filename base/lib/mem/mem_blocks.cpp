@@ -8,73 +8,14 @@
 #include <array>
 #include <cstring>
 
-#include "base/lib/mem/mem_internal.h"
+#include "base/lib/mem/mem_blocks.h"
 
 namespace qv_mem_detail {
 
+constinit thread_local Thread_heap* t_heap = nullptr;
+
 namespace {
 
-constexpr uintptr_t SLAB_BYTES = 16384;
-constexpr size_t CHUNK_BYTES = 1048576;
-constexpr size_t SLAB_HEADER_BYTES = 80;
-constexpr uint32_t SLAB_MAGIC = 0x11223344;
-constexpr int CLASS_COUNT = 32;
-
-constexpr uint32_t k_class_bytes[CLASS_COUNT] = {
-    8,   16,  24,  32,  40,  48,  56,   64,   80,   96,   112,  128,  160,  192,  224,  256,
-    320, 384, 448, 512, 640, 768, 896, 1024, 1536, 2048, 3072, 4096, 5120, 6144, 7168, 8160,
-};
-constexpr uint32_t MAX_BLOCK_BYTES = 8160;
-
-// Class by size in words: the same answer as a binary search over k_class_bytes, in one load.
-constexpr std::array<uint8_t, MAX_BLOCK_BYTES / 8 + 1> k_class_of_words = [] {
-    std::array<uint8_t, MAX_BLOCK_BYTES / 8 + 1> table{};
-    int cls = 0;
-    for (uint32_t words = 0; words <= MAX_BLOCK_BYTES / 8; ++words) {
-        while (k_class_bytes[cls] < words * 8)
-            ++cls;
-        table[words] = uint8_t(cls);
-    }
-    return table;
-}();
-
-struct Chunk;
-struct Class_row;
-
-struct Slab {
-    uint32_t magic;                   // SLAB_MAGIC once the chunk was cut
-    uint32_t block_size;              // bytes of each block; readable by any thread
-    Chunk* chunk;
-    std::atomic<Class_row*> owner;    // class row that owns the slab; null while in the pool
-    Slab* next;                       // row list while owned, free list while pooled
-    Slab* prev;
-    Slab* deferred_next;              // link in the owner's list of slabs with remote frees
-    char* bump;                       // blocks are carved from the end downwards
-    void* free_list;                  // owner's freed blocks
-    void* remote_list;                // other threads' frees; under the remote lock
-    uint32_t used;                    // blocks out, remote frees included until taken back
-};
-static_assert(sizeof(Slab) <= SLAB_HEADER_BYTES, "the slab header fits in 80 bytes");
-
-struct Chunk {
-    Chunk* next;
-    Chunk* prev;
-    uint32_t slabs_in_use;
-    uint32_t slab_count;
-    Slab* first_slab;
-};
-
-struct Class_row {
-    uint32_t thread_id;
-    uint32_t block_size;
-    uint32_t class_index;
-    Slab* current_slab;               // head of the row's list
-    std::atomic<Slab*> deferred;      // slabs with remote frees; written under the remote lock
-};
-
-struct Thread_heap {
-    Class_row rows[CLASS_COUNT];
-};
 
 std::mutex g_remote_lock;
 Thread_heap g_orphan;                 // thread id 0: slabs of ended threads
@@ -85,9 +26,13 @@ Chunk* g_chunks = nullptr;
 uint32_t g_chunk_count = 0;
 uint32_t g_free_slab_count = 0;
 Slab* g_free_slabs = nullptr;
+// Wholly free chunks stay in the pool up to this number, so that a thread that allocates and
+// frees large blocks in waves does not send 1 MB to the heap and back each time; a flush or the
+// stop gives them back.
+constexpr uint32_t IDLE_CHUNKS_KEPT = 4;
+uint32_t g_idle_chunks = 0;
 
 std::atomic<uint32_t> g_next_thread_id{1};
-thread_local Thread_heap* t_heap = nullptr;
 
 void thread_heap_end();
 
@@ -103,10 +48,6 @@ thread_local Heap_guard t_guard;
 
 char* slab_top(Slab* slab) { return reinterpret_cast<char*>(slab) + SLAB_BYTES; }
 char* slab_floor(Slab* slab) { return reinterpret_cast<char*>(slab) + SLAB_HEADER_BYTES; }
-Slab* slab_of(const void* block)
-{
-    return reinterpret_cast<Slab*>(reinterpret_cast<uintptr_t>(block) & ~(SLAB_BYTES - 1));
-}
 
 void init_rows(Thread_heap* heap, uint32_t thread_id)
 {
@@ -201,7 +142,8 @@ Slab* pool_pop_locked()
     if (!slab)
         return nullptr;
     pool_unlink(slab);
-    ++slab->chunk->slabs_in_use;
+    if (slab->chunk->slabs_in_use++ == 0)
+        --g_idle_chunks;
     return slab;
 }
 
@@ -227,7 +169,8 @@ Slab* pool_take()
             return slab;
     }
     // A new chunk, got outside the lock: raw allocation may flush, and flushing may free blocks.
-    void* memory = raw_alloc_try(CHUNK_BYTES);
+    // Not zeroed: every block is zeroed when it is handed out.
+    void* memory = raw_alloc_try(CHUNK_BYTES, false);
     if (!memory)
         return nullptr;
     auto* chunk = static_cast<Chunk*>(memory);
@@ -237,6 +180,7 @@ Slab* pool_take()
     chunk->slab_count = uint32_t((end - first) / SLAB_BYTES);
     chunk->slabs_in_use = 0;
     std::lock_guard<std::mutex> hold(g_pool_lock);
+    ++g_idle_chunks;
     chunk->prev = nullptr;
     chunk->next = g_chunks;
     if (g_chunks)
@@ -261,8 +205,12 @@ void pool_give(Slab* slab)
         slab->owner.store(nullptr, std::memory_order_relaxed);
         pool_push(slab);
         if (--slab->chunk->slabs_in_use == 0) {
-            release = slab->chunk;
-            chunk_unlink_locked(release);
+            if (g_idle_chunks < IDLE_CHUNKS_KEPT) {
+                ++g_idle_chunks;
+            } else {
+                release = slab->chunk;
+                chunk_unlink_locked(release);
+            }
         }
     }
     if (release)
@@ -354,17 +302,18 @@ uint32_t block_capacity(const void* block) { return slab_of(block)->block_size; 
 
 void blocks_init() { init_rows(&g_orphan, 0); }
 
-void blocks_exit()
+void blocks_release_idle()
 {
-    thread_heap_end();
-    // Chunks with slabs still out stay: their blocks may yet be freed (which is then ignored).
     Chunk* release = nullptr;
     {
         std::lock_guard<std::mutex> hold(g_pool_lock);
+        if (g_idle_chunks == 0)
+            return;
         for (Chunk* chunk = g_chunks; chunk;) {
             Chunk* next = chunk->next;
             if (chunk->slabs_in_use == 0) {
                 chunk_unlink_locked(chunk);
+                --g_idle_chunks;
                 chunk->next = release;
                 release = chunk;
             }
@@ -376,6 +325,13 @@ void blocks_exit()
         mem_raw_free("mem blocks", 0, release);
         release = next;
     }
+}
+
+void blocks_exit()
+{
+    thread_heap_end();
+    // Chunks with slabs still out stay: their blocks may yet be freed (which is then ignored).
+    blocks_release_idle();
 }
 
 void* block_alloc(size_t bytes)

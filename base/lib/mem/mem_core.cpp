@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "base/lib/mem/mem_internal.h"
+#include "base/lib/mem/mem_blocks.h"
 #include "runtime/msg.h"
 
 namespace qv_mem_detail {
@@ -54,7 +54,7 @@ void totals_sub(uint64_t words)
     msg_fatal_n(8, "can't allocate %zu bytes.", size);
 }
 
-void* raw_alloc_try(size_t size)
+void* raw_alloc_try(size_t size, bool zero)
 {
     if (size > SIZE_MAX - sizeof(Raw_header))
         fatal_size(size);
@@ -65,7 +65,8 @@ void* raw_alloc_try(size_t size)
     void* raw = g_malloc(total);
     if (!raw)
         return nullptr;
-    std::memset(raw, 0, total);
+    if (zero)
+        std::memset(raw, 0, total);
     auto* header = static_cast<Raw_header*>(raw);
     header->total_size = total > UINT32_MAX ? UINT32_MAX : uint32_t(total);
     header->full_total = total;
@@ -101,17 +102,43 @@ void* heap_alloc(size_t size, int module)
     return prefix + 1;
 }
 
-void* block_path_alloc(size_t size, int module)
+// Zeroes the user bytes of a block, rounded up to whole words (blocks hold them).
+inline void zero_user_bytes(void* p, size_t size)
 {
-    void* block = block_alloc(size + sizeof(Block_header));
+    auto* words = static_cast<uint64_t*>(p);
+    size_t count = (size + 7) >> 3;
+    if (count > 4) {
+        std::memset(p, 0, size);
+        return;
+    }
+    words[0] = 0;
+    if (count > 1)
+        words[1] = 0;
+    if (count > 2)
+        words[2] = 0;
+    if (count > 3)
+        words[3] = 0;
+}
+
+inline void charge_fast(int module, int64_t words, int64_t allocations)
+{
+    if (Mem_context* area = existing_area(thread_context()))
+        charge_area(area, module, words, allocations);
+    else
+        charge(module, words, allocations);
+}
+
+inline void* block_path_alloc(size_t size, int module)
+{
+    void* block = block_alloc_fast(size + sizeof(Block_header));
     if (!block)
         return nullptr;
     auto* header = static_cast<Block_header*>(block);
     header->module = uint16_t(module);
     header->from_block = 1;
     header->size = uint32_t(size);
-    std::memset(header + 1, 0, size);
-    charge(module, int64_t(block_capacity(block) >> 3), 1);
+    zero_user_bytes(header + 1, size);
+    charge_fast(module, int64_t(words_of(size)), 1);
     return header + 1;
 }
 
@@ -120,7 +147,7 @@ bool takes_block(size_t size)
     return size <= MEM_BLOCK_MAX_USER_BYTES && g_blocks_on && g_started.load(std::memory_order_relaxed);
 }
 
-void* alloc_once(size_t size, int module)
+inline void* alloc_once(size_t size, int module)
 {
     return takes_block(size) ? block_path_alloc(size, module) : heap_alloc(size, module);
 }
@@ -234,9 +261,8 @@ void mem_free(const char*, int, void* p)
         // Before start or after stop there is no block allocator to give it to.
         if (!g_started.load(std::memory_order_relaxed) || !g_blocks_on)
             return;
-        void* block = const_cast<Block_header*>(header);
-        charge(header->module, -int64_t(block_capacity(block) >> 3), -1);
-        block_free(block);
+        charge_fast(header->module, -int64_t(words_of(header->size)), -1);
+        block_free_fast(const_cast<Block_header*>(header));
         return;
     }
     heap_free(p);
@@ -260,6 +286,7 @@ void* mem_realloc(const char* file, int line, void* p, size_t size)
         if (block_class_bytes(size + sizeof(Block_header)) == block_capacity(header)) {
             if (size > header->size)
                 std::memset(static_cast<char*>(p) + header->size, 0, size - header->size);
+            charge(module, int64_t(words_of(size)) - int64_t(words_of(header->size)), 0);
             header->size = uint32_t(size);
             return p;
         }
@@ -300,8 +327,7 @@ void* mem_realloc(const char* file, int line, void* p, size_t size)
     // The copy keeps the original owner of the memory.
     if (header_of(fresh)->module != module) {
         Block_header* fresh_header = header_of(fresh);
-        int64_t words = fresh_header->from_block ? int64_t(block_capacity(fresh_header) >> 3)
-                                                 : int64_t(words_of(size));
+        int64_t words = int64_t(words_of(size));
         charge(fresh_header->module, -words, -1);
         charge(module, words, 1);
         fresh_header->module = uint16_t(module);

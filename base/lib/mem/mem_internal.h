@@ -70,19 +70,46 @@ struct Module_account {
     int64_t peak_allocations;
 };
 
-// The MEM context area of a thread: its view of every module and what is not merged yet.
+// The MEM context area of a thread: its view of every module, and the table's values when the
+// view was last merged (what is not merged yet is the difference).
 struct Mem_context {
     Module_account accounts[MODULE_TABLE_ROWS];
-    int64_t delta_words[MODULE_TABLE_ROWS];
-    int64_t delta_allocations[MODULE_TABLE_ROWS];
+    int64_t base_words[MODULE_TABLE_ROWS];
+    int64_t base_allocations[MODULE_TABLE_ROWS];
     bool dirty;
 };
 
 // Charges `words` and `allocations` (either may be negative) to `module`: into the calling
 // thread's MEM area once MEM has started, otherwise straight into the process-wide table.
 void charge(int module, int64_t words, int64_t allocations);
+
+// The hot path's charge into an area the caller already has.
+inline void charge_area(Mem_context* context, int module, int64_t words, int64_t allocations)
+{
+    Module_account& account = context->accounts[module];
+    account.words += words;
+    account.allocations += allocations;
+    if (account.words > account.peak_words)
+        account.peak_words = account.words;
+    if (account.allocations > account.peak_allocations)
+        account.peak_allocations = account.allocations;
+    context->dirty = true;
+}
+
+// The calling thread's MEM area when it exists already; null otherwise.
+inline Mem_context* existing_area(Thread_context* thread)
+{
+    return thread && thread->context_areas ? static_cast<Mem_context*>(thread->context_areas[MOD_MEM]) : nullptr;
+}
 // The module an allocation is charged to: the caller of the manager.
-int charged_module();
+inline int charged_module()
+{
+    Thread_context* context = thread_context();
+    if (!context)
+        return 0;
+    int module = context->current_module == MOD_MEM ? context->previous_module : context->current_module;
+    return module >= 0 && module < MODULE_TABLE_ROWS ? module : 0;
+}
 void accounts_register_area();
 // Snapshot of the process table after merging the calling thread.
 void accounts_snapshot(Module_account* out);
@@ -103,7 +130,7 @@ void* alloc_charged_to(const char* file, int line, size_t size, int module);
 // ---- Heap helpers ---------------------------------------------------------------------------
 // Raw allocation that may give null (the block allocator's chunks use it, so that mem_alloc runs
 // the failure loop with the caller's file and size).
-void* raw_alloc_try(size_t size);
+void* raw_alloc_try(size_t size, bool zero = true);
 
 // ---- Limits and failures --------------------------------------------------------------------
 // Runs one failure step for attempt `attempt` of an allocation of `size` bytes.
@@ -114,6 +141,8 @@ void check_limit();
 [[noreturn]] void fatal_size(size_t size);
 uint32_t mem_classes();
 void regions_release_free();
+// Gives the wholly free chunks that the block allocator keeps for reuse back to the heap.
+void blocks_release_idle();
 void pools_report_leaks();
 void pages_exit();
 void mapped_exit();

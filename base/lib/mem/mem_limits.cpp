@@ -281,6 +281,7 @@ uint64_t mem_flush_to(uint64_t target_words)
         return 0;
     Module_scope scope(MOD_MEM);
     regions_release_free();
+    blocks_release_idle();
     uint64_t old_words = g_current_words.load();
     auto freed_so_far = [&] {
         uint64_t now = g_current_words.load();
