@@ -29,7 +29,7 @@ Slab* g_free_slabs = nullptr;
 // Wholly free chunks stay in the pool up to this number, so that a thread that allocates and
 // frees large blocks in waves does not send 1 MB to the heap and back each time; a flush or the
 // stop gives them back.
-constexpr uint32_t IDLE_CHUNKS_KEPT = 4;
+constexpr uint32_t IDLE_CHUNKS_KEPT = 8;
 uint32_t g_idle_chunks = 0;
 
 std::atomic<uint32_t> g_next_thread_id{1};
@@ -57,6 +57,7 @@ void init_rows(Thread_heap* heap, uint32_t thread_id)
         row.block_size = k_class_bytes[i];
         row.class_index = uint32_t(i);
         row.current_slab = nullptr;
+        row.tail = nullptr;
         row.deferred.store(nullptr, std::memory_order_relaxed);
     }
 }
@@ -69,6 +70,8 @@ void row_unlink(Class_row& row, Slab* slab)
         row.current_slab = slab->next;
     if (slab->next)
         slab->next->prev = slab->prev;
+    else
+        row.tail = slab->prev;
     slab->next = slab->prev = nullptr;
 }
 
@@ -78,7 +81,20 @@ void row_push_front(Class_row& row, Slab* slab)
     slab->next = row.current_slab;
     if (row.current_slab)
         row.current_slab->prev = slab;
+    else
+        row.tail = slab;
     row.current_slab = slab;
+}
+
+void row_push_back(Class_row& row, Slab* slab)
+{
+    slab->next = nullptr;
+    slab->prev = row.tail;
+    if (row.tail)
+        row.tail->next = slab;
+    else
+        row.current_slab = slab;
+    row.tail = slab;
 }
 
 void move_front(Class_row& row, Slab* slab)
@@ -109,6 +125,7 @@ void reset_slab(Slab* slab)
     slab->free_list = nullptr;
     slab->remote_list = nullptr;
     slab->used = 0;
+    slab->full = 0;
     slab->deferred_next = nullptr;
 }
 
@@ -246,13 +263,11 @@ void thread_heap_end()
         for (int cls = 0; cls < CLASS_COUNT; ++cls) {
             Class_row& row = heap->rows[cls];
             Class_row& orphan = g_orphan.rows[cls];
-            Slab* tail = row.current_slab;
-            while (tail && tail->next)
-                tail = tail->next;
-            for (Slab* slab = tail; slab;) {
+            for (Slab* slab = row.tail; slab;) {
                 Slab* previous = slab->prev;
                 drain_remote(slab);
                 slab->deferred_next = nullptr;
+                slab->full = 0;
                 slab->next = slab->prev = nullptr;
                 if (slab->used == 0) {
                     slab->next = to_pool;
@@ -268,6 +283,8 @@ void thread_heap_end()
                         slab->next = current->next;
                         if (current->next)
                             current->next->prev = slab;
+                        else
+                            orphan.tail = slab;
                         current->next = slab;
                     }
                     g_orphan_slabs[cls].fetch_add(1, std::memory_order_relaxed);
@@ -275,6 +292,7 @@ void thread_heap_end()
                 slab = previous;
             }
             row.current_slab = nullptr;
+            row.tail = nullptr;
             row.deferred.store(nullptr, std::memory_order_relaxed);
         }
     }
@@ -341,7 +359,10 @@ void* block_alloc(size_t bytes)
     Class_row& row = heap->rows[cls];
     uint32_t block_size = row.block_size;
     for (;;) {
-        for (Slab* slab = row.current_slab; slab; slab = slab->next) {
+        // Slabs found without room are parked at the tail, so the walk stops at the first of
+        // them instead of passing every full slab on each call.
+        for (Slab* slab = row.current_slab; slab && !slab->full;) {
+            Slab* next = slab->next;
             if (void* block = slab->free_list) {
                 slab->free_list = *static_cast<void**>(block);
                 ++slab->used;
@@ -354,6 +375,12 @@ void* block_alloc(size_t bytes)
                 move_front(row, slab);
                 return slab->bump;
             }
+            slab->full = 1;
+            if (slab != row.tail) {
+                row_unlink(row, slab);
+                row_push_back(row, slab);
+            }
+            slab = next;
         }
         // Take back what other threads freed.
         if (row.deferred.load(std::memory_order_acquire)) {
@@ -362,6 +389,7 @@ void* block_alloc(size_t bytes)
                 row.deferred.store(slab->deferred_next, std::memory_order_relaxed);
                 slab->deferred_next = nullptr;
                 drain_remote(slab);
+                slab->full = 0;
                 move_front(row, slab);
                 continue;
             }
@@ -374,6 +402,7 @@ void* block_alloc(size_t bytes)
                 row_unlink(orphan, slab);
                 g_orphan_slabs[cls].fetch_sub(1, std::memory_order_relaxed);
                 drain_remote(slab);
+                slab->full = 0;
                 slab->owner.store(&row, std::memory_order_release);
                 row_push_front(row, slab);
                 continue;
@@ -397,8 +426,13 @@ void block_free(void* block)
     if (is_own(heap, owner)) {
         *static_cast<void**>(block) = slab->free_list;
         slab->free_list = block;
-        if (--slab->used != 0)
+        if (--slab->used != 0) {
+            if (slab->full) {
+                slab->full = 0;
+                move_front(*owner, slab);
+            }
             return;
+        }
         Slab* current = owner->current_slab;
         reset_slab(slab);
         // The current slab and the one after it stay, so that a thread that allocates and frees

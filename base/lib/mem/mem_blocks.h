@@ -47,6 +47,7 @@ struct Slab {
     void* free_list;                  // owner's freed blocks
     void* remote_list;                // other threads' frees; under the remote lock
     uint32_t used;                    // blocks out, remote frees included until taken back
+    uint32_t full;                    // 1: found without room and parked at the row's tail
 };
 static_assert(sizeof(Slab) <= SLAB_HEADER_BYTES, "the slab header fits in 80 bytes");
 
@@ -64,6 +65,7 @@ struct Class_row {
     uint32_t class_index;
     Slab* current_slab;               // head of the row's list
     std::atomic<Slab*> deferred;      // slabs with remote frees; written under the remote lock
+    Slab* tail;                       // last of the row's list; full slabs gather behind the rest
 };
 
 struct Thread_heap {
@@ -107,7 +109,7 @@ inline void block_free_fast(void* block)
     Slab* slab = slab_of(block);
     Class_row* owner = slab->owner.load(std::memory_order_acquire);
     Thread_heap* heap = t_heap;
-    if (heap && owner >= heap->rows && owner < heap->rows + CLASS_COUNT && slab->used > 1) {
+    if (heap && owner >= heap->rows && owner < heap->rows + CLASS_COUNT && slab->used > 1 && !slab->full) {
         *static_cast<void**>(block) = slab->free_list;
         slab->free_list = block;
         --slab->used;
