@@ -160,4 +160,24 @@ TEST_F(Limits_test, HeapPathOverTheLimitFlushesToTheLowMark)
     mem_free("t", 1, p);
 }
 
+TEST_F(Limits_test, WithoutARegistryEntryTheLimitIsTheFreeMemoryAtLowestPriority)
+{
+    Line_capture capture;
+    mem_set_limit_from_registry(5);
+    uint64_t free_bytes = mem_physical(2);
+    ASSERT_GT(free_bytes, 0u);
+    // Free memory moves between the two readings; a few MB either way.
+    EXPECT_NEAR(double(mem_heap_limit_bytes()), double(free_bytes), double(64 * MB));
+    EXPECT_EQ(mem_heap_low_bytes(), (mem_heap_limit_bytes() / 8 * 3 >> 2) * 8);
+    bool total_line = false;
+    for (const Captured_line& line : capture.lines())
+        total_line = total_line || line.text == "total memory: " + std::to_string(mem_physical(1) >> 20) + " MB";
+    EXPECT_TRUE(total_line);
+    // It was set at priority 1: a setting at 1 or more replaces it, one at 0 does not.
+    EXPECT_EQ(mem_set_heap_limit(100 * MB, 0), 0u);
+    EXPECT_NE(mem_heap_limit_bytes(), 100 * MB);
+    EXPECT_NE(mem_set_heap_limit(100 * MB, 1), 0u);
+    EXPECT_EQ(mem_heap_limit_bytes(), 100 * MB);
+}
+
 }  // namespace
