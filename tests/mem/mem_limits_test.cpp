@@ -160,6 +160,18 @@ TEST_F(Limits_test, HeapPathOverTheLimitFlushesToTheLowMark)
     mem_free("t", 1, p);
 }
 
+TEST_F(Limits_test, AsynchronousFlushesAreReportedOverTenMegabytesAndCounted)
+{
+    Line_capture capture;
+    EXPECT_EQ(mem_report_async_flush(MOD_RCMP, 10 << 20), 1);  // not over 10 MB: no line
+    EXPECT_EQ(mem_report_async_flush(MOD_RCMP, 30 << 20), 1);
+    int lines = 0;
+    for (const Captured_line& line : capture.lines())
+        lines += line.text.rfind("scene cache flushed asynchronously 30 MB for module RCMP, now: ", 0) == 0;
+    EXPECT_EQ(lines, 1);
+    EXPECT_EQ(capture.lines().size(), 1u);
+}
+
 TEST_F(Limits_test, WithoutARegistryEntryTheLimitIsTheFreeMemoryAtLowestPriority)
 {
     Line_capture capture;

@@ -32,7 +32,8 @@ std::mutex g_flush_lock;
 std::atomic<bool> g_flush_running{false};
 uint32_t g_flush_count = 0;
 double g_flush_seconds = 0.0;
-uint64_t g_flush_kb = 0;
+// Atomic: asynchronous reports may come from inside a flush callback, under the flush lock.
+std::atomic<uint64_t> g_flush_kb{0};
 
 std::atomic<uint32_t> g_classes{0};
 
@@ -337,10 +338,7 @@ uint64_t mem_flush_mb(uint64_t megabytes)
 int mem_report_async_flush(int id, uint64_t bytes)
 {
     Module_scope scope(MOD_MEM);
-    {
-        std::lock_guard<std::mutex> hold(g_flush_lock);
-        g_flush_kb += bytes >> 10;
-    }
+    g_flush_kb.fetch_add(bytes >> 10);
     if (bytes > (uint64_t(10) << 20))
         msg_progress("scene cache flushed asynchronously %d MB for module %s, now: %d MB", int(bytes >> 20),
                      module_name(id), mb(g_current_words.load()));
@@ -352,7 +350,7 @@ void mem_print_flush_totals()
     Module_scope scope(MOD_MEM);
     std::lock_guard<std::mutex> hold(g_flush_lock);
     if (g_flush_count)
-        msg_info("%d scene cache flushes freed %d MB in %.2fs", int(g_flush_count), int(g_flush_kb >> 10),
+        msg_info("%d scene cache flushes freed %d MB in %.2fs", int(g_flush_count), int(g_flush_kb.load() >> 10),
                  g_flush_seconds);
 }
 
