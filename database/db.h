@@ -256,6 +256,9 @@ void qv_db_flush_walk(Db_flush_fn fn, void* user1, void* user2);
 // Takes the data out of an unpinned record and returns it with the record's lock HELD: the
 // caller disposes of the data, then lock_leave(record->lock). Null (lock left) when pinned.
 void* qv_db_evict(uint32_t* out_size, Db_record* record, Db_thread_list* threads);
+// The memory manager's flush callback: evicts the oldest unpinned droppable data until `bytes`
+// are freed; returns the bytes freed.
+size_t qv_db_memory_flush(size_t bytes);
 // Last-resort walk before an out-of-memory end: frees all unpinned tracked plain data.
 void qv_db_emergency_free();
 

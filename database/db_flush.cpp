@@ -21,10 +21,11 @@ int compare_stamps(const void* a, const void* b)
 
 }  // namespace
 
-void qv_db_flush_walk(Db_flush_fn fn, void* user1, void* user2)
+namespace {
+
+// The walk with the global lock held by the caller; leaves it before the delayed deletes run.
+void flush_walk_locked(Db_flush_fn fn, void* user1, void* user2)
 {
-    Module_scope scope(MOD_DB);
-    lock_enter(g_global_lock);
     Db_thread_list threads{};
     if (!thread_list_snapshot(&threads)) {
         lock_leave(g_global_lock);
@@ -83,6 +84,15 @@ void qv_db_flush_walk(Db_flush_fn fn, void* user1, void* user2)
     qv_db_run_delayed_deletes();
 }
 
+}  // namespace
+
+void qv_db_flush_walk(Db_flush_fn fn, void* user1, void* user2)
+{
+    Module_scope scope(MOD_DB);
+    lock_enter(g_global_lock);
+    flush_walk_locked(fn, user1, user2);
+}
+
 void* qv_db_evict(uint32_t* out_size, Db_record* record, Db_thread_list* threads)
 {
     Module_scope scope(MOD_DB);
@@ -129,4 +139,40 @@ void qv_db_emergency_free()
     thread_list_release(&threads);
     msg_info("out of memory emergency shutdown deleted %i DB tags freeing %i MBs of memory", count,
              int(total_bytes >> 20));
+}
+
+namespace {
+
+struct Memory_flush_request {
+    size_t wanted;
+    size_t freed;
+};
+
+void evict_oldest(void* user1, void*, Db_flush_entry* entries, int count, Db_thread_list* threads)
+{
+    auto* request = static_cast<Memory_flush_request*>(user1);
+    for (int i = 0; i < count && request->freed < request->wanted; ++i) {
+        Db_record* record = entries[i].record;
+        uint32_t size = 0;
+        void* data = qv_db_evict(&size, record, threads);
+        if (!data)
+            continue;
+        data_free(record->type, data);
+        lock_leave(record->lock);
+        request->freed += size;
+    }
+}
+
+}  // namespace
+
+size_t qv_db_memory_flush(size_t bytes)
+{
+    // Runs inside an allocation, which may hold locks that rank after the global lock (the map
+    // cache's, for one): only a try, never a wait.
+    Module_scope scope(MOD_DB);
+    if (!lock_try_enter(g_global_lock))
+        return 0;
+    Memory_flush_request request{bytes, 0};
+    flush_walk_locked(evict_oldest, &request, nullptr);
+    return request.freed;
 }

@@ -244,6 +244,8 @@ void qv_db_init()
     g_pidx_counter = 0;
     g_statistics = Db_statistics{};
     g_started = true;
+    mem_register_flush(MOD_DB, qv_db_memory_flush);
+    mem_set_database_reports(qv_db_summary, [] { qv_db_dump(0); });
     g_debug_slave_tags = std::getenv("QV_DEBUG_SLAVE_TAGS") != nullptr && this_host() == 0;
 }
 
@@ -254,6 +256,8 @@ void qv_db_exit()
     Module_scope scope(MOD_DB);
     if (!g_started)
         return;
+    mem_register_flush(MOD_DB, nullptr);
+    mem_set_database_reports(nullptr, nullptr);
     uint8_t* deleting = qv_db_delete_in_progress();
     uint8_t saved = deleting ? *deleting : 0;
     if (deleting)

@@ -32,6 +32,7 @@ TEST(ElementBaseTest, CopyIsADeepCopyOfTheFinalClassAndKeepsItsKind)
 TEST(ElementBaseTest, ElementsAreChargedToTheModuleCurrentAtAllocation)
 {
     qv_test_init();
+    mem_init();  // before MEM starts, every allocation is charged to module 0
     uint64_t before = mem_module_bytes(MOD_RCGI);
     Element_base* element;
     {

@@ -1,0 +1,421 @@
+// The front layer: hooks, start and stop, and the mem_alloc family on top of the block allocator
+// and the heap hook.
+#include <cstdlib>
+#include <cstring>
+
+#include "base/lib/mem/mem_blocks.h"
+#include "runtime/msg.h"
+
+namespace qv_mem_detail {
+
+Mem_malloc_fn g_malloc = nullptr;
+Mem_realloc_fn g_realloc = nullptr;
+Mem_free_fn g_free = nullptr;
+std::atomic<bool> g_started{false};
+bool g_blocks_on = false;
+std::atomic<uint64_t> g_current_words{0};
+std::atomic<uint64_t> g_peak_words{0};
+
+namespace {
+int g_hook_count = 0;
+}
+
+void ensure_hooks()
+{
+    if (!g_malloc) {
+        g_malloc = malloc;
+        g_realloc = realloc;
+        g_free = free;
+        g_hook_count = 1;
+    }
+}
+
+void totals_add(uint64_t words)
+{
+    uint64_t now = g_current_words.fetch_add(words, std::memory_order_relaxed) + words;
+    uint64_t peak = g_peak_words.load(std::memory_order_relaxed);
+    while (now > peak && !g_peak_words.compare_exchange_weak(peak, now, std::memory_order_relaxed)) {
+    }
+}
+
+void totals_sub(uint64_t words)
+{
+    // Never below zero: frees of memory counted before a reset must not wrap the total.
+    uint64_t now = g_current_words.load(std::memory_order_relaxed);
+    uint64_t next;
+    do {
+        next = now > words ? now - words : 0;
+    } while (!g_current_words.compare_exchange_weak(now, next, std::memory_order_relaxed));
+}
+
+[[noreturn]] void fatal_size(size_t size)
+{
+    Module_scope scope(MOD_MEM);
+    msg_fatal_n(8, "can't allocate %zu bytes.", size);
+}
+
+void* raw_alloc_try(size_t size, bool zero)
+{
+    if (size > SIZE_MAX - sizeof(Raw_header))
+        fatal_size(size);
+    ensure_hooks();
+    size_t total = sizeof(Raw_header) + size;
+    if (g_started.load(std::memory_order_relaxed))
+        check_limit();
+    void* raw = g_malloc(total);
+    if (!raw)
+        return nullptr;
+    if (zero)
+        std::memset(raw, 0, total);
+    auto* header = static_cast<Raw_header*>(raw);
+    header->total_size = total > UINT32_MAX ? UINT32_MAX : uint32_t(total);
+    header->full_total = total;
+    totals_add(words_of(total));
+    return header + 1;
+}
+
+}  // namespace qv_mem_detail
+
+using namespace qv_mem_detail;
+
+namespace {
+
+// The heap path: the hook for size + 16, zeroed, charged. Null when the hook gave nothing.
+void* heap_alloc(size_t size, int module)
+{
+    if (size > SIZE_MAX - sizeof(Heap_prefix))
+        fatal_size(size);
+    ensure_hooks();
+    if (g_started.load(std::memory_order_relaxed))
+        check_limit();
+    void* raw = g_malloc(sizeof(Heap_prefix) + size);
+    if (!raw)
+        return nullptr;
+    std::memset(raw, 0, sizeof(Heap_prefix) + size);
+    auto* prefix = static_cast<Heap_prefix*>(raw);
+    prefix->full_size = size;
+    prefix->header.module = uint16_t(module);
+    prefix->header.from_block = 0;
+    prefix->header.size = size > UINT32_MAX ? UINT32_MAX : uint32_t(size);
+    totals_add(words_of(sizeof(Heap_prefix) + size));
+    charge(module, int64_t(words_of(size)), 1);
+    return prefix + 1;
+}
+
+// Zeroes the user bytes of a block, rounded up to whole words (blocks hold them).
+inline void zero_user_bytes(void* p, size_t size)
+{
+    auto* words = static_cast<uint64_t*>(p);
+    size_t count = (size + 7) >> 3;
+    if (count > 4) {
+        std::memset(p, 0, size);
+        return;
+    }
+    words[0] = 0;
+    if (count > 1)
+        words[1] = 0;
+    if (count > 2)
+        words[2] = 0;
+    if (count > 3)
+        words[3] = 0;
+}
+
+inline void charge_fast(int module, int64_t words, int64_t allocations)
+{
+    if (Mem_context* area = existing_area(thread_context()))
+        charge_area(area, module, words, allocations);
+    else
+        charge(module, words, allocations);
+}
+
+inline void* block_path_alloc(size_t size, int module)
+{
+    void* block = block_alloc_fast(size + sizeof(Block_header));
+    if (!block)
+        return nullptr;
+    auto* header = static_cast<Block_header*>(block);
+    header->module = uint16_t(module);
+    header->from_block = 1;
+    header->size = uint32_t(size);
+    zero_user_bytes(header + 1, size);
+    charge_fast(module, int64_t(words_of(size)), 1);
+    return header + 1;
+}
+
+bool takes_block(size_t size)
+{
+    return size <= MEM_BLOCK_MAX_USER_BYTES && g_blocks_on && g_started.load(std::memory_order_relaxed);
+}
+
+inline void* alloc_once(size_t size, int module)
+{
+    return takes_block(size) ? block_path_alloc(size, module) : heap_alloc(size, module);
+}
+
+// Attempts until something comes back; the failure step ends the process at the tenth.
+void* alloc_retrying(const char* file, int line, size_t size, int module)
+{
+    void* p = nullptr;
+    for (int attempt = 1; !p; ++attempt) {
+        failure_step(file, line, size, attempt);
+        p = alloc_once(size, module);
+    }
+    restore_low_limit();
+    return p;
+}
+
+void heap_free(void* p)
+{
+    auto* prefix = reinterpret_cast<Heap_prefix*>(static_cast<char*>(p) - sizeof(Heap_prefix));
+    charge(prefix->header.module, -int64_t(words_of(prefix->full_size)), -1);
+    uint64_t words = words_of(sizeof(Heap_prefix) + prefix->full_size);
+    g_free(prefix);
+    totals_sub(words);
+}
+
+Heap_prefix* prefix_of(void* p)
+{
+    return reinterpret_cast<Heap_prefix*>(static_cast<char*>(p) - sizeof(Heap_prefix));
+}
+
+}  // namespace
+
+void* qv_mem_detail::alloc_charged_to(const char* file, int line, size_t size, int module)
+{
+    if (size == 0)
+        return nullptr;
+    if (void* p = alloc_once(size, module))
+        return p;
+    Module_scope scope(MOD_MEM);
+    return alloc_retrying(file, line, size, module);
+}
+
+int mem_set_hooks(Mem_malloc_fn malloc_fn, Mem_realloc_fn realloc_fn, Mem_free_fn free_fn)
+{
+    if (!malloc_fn || !realloc_fn || !free_fn || g_started || g_hook_count > 0)
+        return 0;
+    g_malloc = malloc_fn;
+    g_realloc = realloc_fn;
+    g_free = free_fn;
+    g_hook_count = 1;
+    return 1;
+}
+
+void mem_init()
+{
+    if (g_started)
+        return;
+    ensure_hooks();
+    const char* noblocks = getenv("QV_MEM_NOBLOCKS");
+    g_blocks_on = !noblocks;
+    if (g_blocks_on)
+        blocks_init();
+    mapped_init();
+    accounts_register_area();
+    // Last, so that every lock and table exists before another thread sees MEM as started.
+    g_started.store(true, std::memory_order_release);
+}
+
+void mem_exit()
+{
+    if (!g_started)
+        return;
+    Module_scope scope(MOD_MEM);
+    mapped_exit();
+    pages_exit();
+    if (g_blocks_on)
+        blocks_exit();
+    pools_report_leaks();
+    g_started.store(false, std::memory_order_release);
+    g_malloc = malloc;
+    g_realloc = realloc;
+    g_free = free;
+    g_hook_count = 1;
+}
+
+bool mem_started() { return g_started.load(std::memory_order_relaxed); }
+bool mem_blocks_enabled() { return g_blocks_on && mem_started(); }
+
+void* mem_alloc(const char* file, int line, size_t size)
+{
+    if (size == 0)
+        return nullptr;
+    if (!g_started.load(std::memory_order_relaxed)) {
+        if (void* p = heap_alloc(size, 0))
+            return p;
+        return alloc_retrying(file, line, size, 0);
+    }
+    int module = charged_module();
+    if (void* p = alloc_once(size, module))
+        return p;
+    Module_scope scope(MOD_MEM);
+    return alloc_retrying(file, line, size, module);
+}
+
+void mem_free(const char*, int, void* p)
+{
+    if (!p)
+        return;
+    const Block_header* header = header_of(p);
+    if (header->from_block) {
+        // Before start or after stop there is no block allocator to give it to.
+        if (!g_started.load(std::memory_order_relaxed) || !g_blocks_on)
+            return;
+        charge_fast(header->module, -int64_t(words_of(header->size)), -1);
+        block_free_fast(const_cast<Block_header*>(header));
+        return;
+    }
+    heap_free(p);
+}
+
+void* mem_realloc(const char* file, int line, void* p, size_t size)
+{
+    if (!p)
+        return mem_alloc(file, line, size);
+    if (size == 0) {
+        mem_free(file, line, p);
+        return nullptr;
+    }
+    Block_header* header = header_of(p);
+    bool in_block = header->from_block != 0;
+    bool to_block = takes_block(size);
+    int module = header->module;
+
+    if (in_block && to_block) {
+        // Same class: the block stays where it is.
+        if (block_class_bytes(size + sizeof(Block_header)) == block_capacity(header)) {
+            if (size > header->size)
+                std::memset(static_cast<char*>(p) + header->size, 0, size - header->size);
+            charge(module, int64_t(words_of(size)) - int64_t(words_of(header->size)), 0);
+            header->size = uint32_t(size);
+            return p;
+        }
+    }
+    if (!in_block && !to_block) {
+        if (size > SIZE_MAX - sizeof(Heap_prefix))
+            fatal_size(size);
+        if (g_started.load(std::memory_order_relaxed))
+            check_limit();
+        Heap_prefix* prefix = prefix_of(p);
+        uint64_t old_size = prefix->full_size;
+        void* raw = g_realloc(prefix, sizeof(Heap_prefix) + size);
+        for (int attempt = 1; !raw; ++attempt) {
+            Module_scope scope(MOD_MEM);
+            failure_step(file, line, size, attempt);
+            raw = g_realloc(prefix, sizeof(Heap_prefix) + size);
+            if (raw)
+                restore_low_limit();
+        }
+        prefix = static_cast<Heap_prefix*>(raw);
+        if (size > old_size)
+            std::memset(reinterpret_cast<char*>(prefix + 1) + old_size, 0, size - old_size);
+        prefix->full_size = size;
+        prefix->header.size = size > UINT32_MAX ? UINT32_MAX : uint32_t(size);
+        uint64_t old_words = words_of(sizeof(Heap_prefix) + old_size);
+        uint64_t new_words = words_of(sizeof(Heap_prefix) + size);
+        if (new_words > old_words)
+            totals_add(new_words - old_words);
+        else
+            totals_sub(old_words - new_words);
+        charge(module, int64_t(words_of(size)) - int64_t(words_of(old_size)), 0);
+        return prefix + 1;
+    }
+    // Across allocators, or to another class: a new block, the smaller size copied.
+    size_t old_size = in_block ? header->size : size_t(prefix_of(p)->full_size);
+    void* fresh = mem_alloc(file, line, size);
+    std::memcpy(fresh, p, old_size < size ? old_size : size);
+    // The copy keeps the original owner of the memory.
+    if (header_of(fresh)->module != module) {
+        Block_header* fresh_header = header_of(fresh);
+        int64_t words = int64_t(words_of(size));
+        charge(fresh_header->module, -words, -1);
+        charge(module, words, 1);
+        fresh_header->module = uint16_t(module);
+    }
+    mem_free(file, line, p);
+    return fresh;
+}
+
+char* mem_strdup(const char* file, int line, const char* text)
+{
+    if (!text)
+        return nullptr;
+    size_t length = std::strlen(text);
+    char* copy = static_cast<char*>(mem_alloc(file, line, length + 1));
+    std::memcpy(copy, text, length);
+    return copy;
+}
+
+size_t mem_size(const void* p)
+{
+    if (!p)
+        return 0;
+    const Block_header* header = header_of(p);
+    if (!header->from_block)
+        return size_t(reinterpret_cast<const Heap_prefix*>(static_cast<const char*>(p) - sizeof(Heap_prefix))->full_size);
+    return header->size;
+}
+
+void* mem_raw_alloc(const char* file, int line, size_t size)
+{
+    if (void* p = raw_alloc_try(size))
+        return p;
+    Module_scope scope(MOD_MEM);
+    void* p = nullptr;
+    for (int attempt = 1; !p; ++attempt) {
+        failure_step(file, line, size, attempt);
+        p = raw_alloc_try(size);
+    }
+    restore_low_limit();
+    return p;
+}
+
+void* mem_raw_realloc(const char* file, int line, void* p, size_t size)
+{
+    if (!p)
+        return mem_raw_alloc(file, line, size);
+    if (size > SIZE_MAX - sizeof(Raw_header))
+        fatal_size(size);
+    auto* header = static_cast<Raw_header*>(p) - 1;
+    uint64_t old_total = header->full_total;
+    uint64_t new_total = sizeof(Raw_header) + size;
+    void* raw = g_realloc(header, new_total);
+    for (int attempt = 1; !raw; ++attempt) {
+        Module_scope scope(MOD_MEM);
+        failure_step(file, line, size, attempt);
+        raw = g_realloc(header, new_total);
+        if (raw)
+            restore_low_limit();
+    }
+    header = static_cast<Raw_header*>(raw);
+    if (new_total > old_total)
+        std::memset(reinterpret_cast<char*>(header) + old_total, 0, new_total - old_total);
+    header->total_size = new_total > UINT32_MAX ? UINT32_MAX : uint32_t(new_total);
+    header->full_total = new_total;
+    if (words_of(new_total) > words_of(old_total))
+        totals_add(words_of(new_total) - words_of(old_total));
+    else
+        totals_sub(words_of(old_total) - words_of(new_total));
+    return header + 1;
+}
+
+void mem_raw_free(const char*, int, void* p)
+{
+    if (!p)
+        return;
+    auto* header = static_cast<Raw_header*>(p) - 1;
+    uint64_t words = words_of(header->full_total);
+    g_free(header);
+    totals_sub(words);
+}
+
+uint64_t mem_current_bytes() { return g_current_words.load(std::memory_order_relaxed) * 8; }
+uint64_t mem_peak_bytes() { return g_peak_words.load(std::memory_order_relaxed) * 8; }
+
+namespace QV::MEM {
+
+void* Allocator_impl::malloc(size_t size) { return mem_alloc("allocate", 0, size); }
+void Allocator_impl::free(void* memory) { mem_free("allocate", 0, memory); }
+void* Allocator_impl::realloc(void* memory, size_t size) { return mem_realloc("allocate", 0, memory, size); }
+
+}  // namespace QV::MEM

@@ -1,0 +1,152 @@
+// Pairs of allocate and free through the memory manager, next to the C library's allocator and,
+// when present, mimalloc (loaded at run time, so it cannot take over malloc for the others).
+//
+// Each iteration allocates a batch of 256 blocks of one size and frees them: own-thread on one
+// and on two threads, and cross-thread, where two threads swap their batches and free each
+// other's. Times are per allocate + free pair.
+#include <barrier>
+#include <benchmark/benchmark.h>
+#include <dlfcn.h>
+#include <cstdlib>
+
+#include "base/lib/mem/i_mem_allocatable.h"
+#include "runtime/threads.h"
+#include "tests/test_support.h"
+
+extern "C" void* __libc_malloc(size_t);
+extern "C" void __libc_free(void*);
+
+namespace {
+
+constexpr int BATCH = 256;
+
+using Malloc_fn = void* (*)(size_t);
+using Free_fn = void (*)(void*);
+
+struct Allocator {
+    Malloc_fn allocate;
+    Free_fn release;
+};
+
+void* qv_allocate(size_t size) { return mem_alloc("bench", 0, size); }
+void qv_release(void* p) { mem_free("bench", 0, p); }
+
+Allocator g_mimalloc{nullptr, nullptr};
+
+bool load_mimalloc()
+{
+#ifdef QV_MIMALLOC_LIBRARY
+    static bool tried = false;
+    if (!tried) {
+        tried = true;
+        if (void* library = dlopen(QV_MIMALLOC_LIBRARY, RTLD_NOW | RTLD_LOCAL)) {
+            g_mimalloc.allocate = reinterpret_cast<Malloc_fn>(dlsym(library, "mi_malloc"));
+            g_mimalloc.release = reinterpret_cast<Free_fn>(dlsym(library, "mi_free"));
+        }
+    }
+#endif
+    return g_mimalloc.allocate && g_mimalloc.release;
+}
+
+enum Which { QV, LIBC, MIMALLOC };
+
+bool pick(Which which, Allocator* out)
+{
+    switch (which) {
+    case QV:
+        qv_test_init();
+        mem_init();
+        *out = Allocator{qv_allocate, qv_release};
+        return true;
+    case LIBC:
+        *out = Allocator{__libc_malloc, __libc_free};
+        return true;
+    case MIMALLOC:
+        if (!load_mimalloc())
+            return false;
+        *out = g_mimalloc;
+        return true;
+    }
+    return false;
+}
+
+// Engine threads have a Thread_context; the benchmark's own threads get one for the run.
+struct Thread_guard {
+    bool made = false;
+    Thread_guard()
+    {
+        if (!thread_context()) {
+            thread_init_current();
+            made = true;
+        }
+    }
+    ~Thread_guard()
+    {
+        if (made)
+            thread_end_current();
+    }
+};
+
+template <Which which>
+void BM_own(benchmark::State& state)
+{
+    Allocator allocator;
+    if (!pick(which, &allocator)) {
+        state.SkipWithError("allocator not available");
+        return;
+    }
+    Thread_guard guard;
+    size_t size = size_t(state.range(0));
+    void* blocks[BATCH];
+    for (auto _ : state) {
+        for (void*& block : blocks)
+            block = allocator.allocate(size);
+        benchmark::DoNotOptimize(blocks);
+        for (void* block : blocks)
+            allocator.release(block);
+    }
+    state.SetItemsProcessed(state.iterations() * BATCH);
+}
+
+void* g_batches[2][BATCH];
+// Every thread runs the same number of iterations, so each phase of the barrier completes.
+std::barrier<> g_barrier(2);
+
+template <Which which>
+void BM_cross(benchmark::State& state)
+{
+    Allocator allocator;
+    if (!pick(which, &allocator)) {
+        state.SkipWithError("allocator not available");
+        return;
+    }
+    Thread_guard guard;
+    size_t size = size_t(state.range(0));
+    int mine = state.thread_index();
+    for (auto _ : state) {
+        for (void*& block : g_batches[mine])
+            block = allocator.allocate(size);
+        g_barrier.arrive_and_wait();
+        for (void* block : g_batches[1 - mine])
+            allocator.release(block);
+        g_barrier.arrive_and_wait();
+    }
+    state.SetItemsProcessed(state.iterations() * BATCH);
+}
+
+void sizes(benchmark::internal::Benchmark* b)
+{
+    for (int size : {8, 64, 256, 1024, 8152})
+        b->Arg(size);
+}
+
+BENCHMARK(BM_own<QV>)->Apply(sizes)->Threads(1)->Threads(2)->UseRealTime();
+BENCHMARK(BM_own<LIBC>)->Apply(sizes)->Threads(1)->Threads(2)->UseRealTime();
+BENCHMARK(BM_own<MIMALLOC>)->Apply(sizes)->Threads(1)->Threads(2)->UseRealTime();
+BENCHMARK(BM_cross<QV>)->Apply(sizes)->Threads(2)->UseRealTime();
+BENCHMARK(BM_cross<LIBC>)->Apply(sizes)->Threads(2)->UseRealTime();
+BENCHMARK(BM_cross<MIMALLOC>)->Apply(sizes)->Threads(2)->UseRealTime();
+
+}  // namespace
+
+BENCHMARK_MAIN();

@@ -1,0 +1,187 @@
+// The front layer and the block allocator on one thread: where a size goes, zeroing, realloc
+// across allocators, accounts, and sizes that cannot be served.
+#include <cstring>
+#include <sys/wait.h>
+
+#include "base/lib/mem/mem_pools.h"
+#include "tests/mem/mem_fixture.h"
+
+namespace {
+
+using Alloc_test = Mem_test;
+
+bool all_zero(const void* p, size_t size)
+{
+    const auto* bytes = static_cast<const unsigned char*>(p);
+    for (size_t i = 0; i < size; ++i)
+        if (bytes[i])
+            return false;
+    return true;
+}
+
+TEST_F(Alloc_test, SizeDecidesBetweenBlockAllocatorAndHeap)
+{
+    ASSERT_TRUE(mem_blocks_enabled()) << "run without QV_MEM_NOBLOCKS";
+    EXPECT_EQ(mem_alloc("t", 1, 0), nullptr);
+    mem_free("t", 1, nullptr);
+    EXPECT_EQ(mem_size(nullptr), 0u);
+
+    struct Row {
+        size_t size;
+        bool block;
+    } rows[] = {{1, true}, {8, true}, {9, true}, {1024, true}, {8152, true}, {8153, false}, {100000, false}};
+    for (const Row& row : rows) {
+        auto* p = static_cast<unsigned char*>(mem_alloc("t", 1, row.size));
+        ASSERT_NE(p, nullptr);
+        EXPECT_EQ(from_block(p), row.block) << row.size;
+        EXPECT_EQ(mem_size(p), row.size);
+        EXPECT_TRUE(all_zero(p, row.size)) << row.size;
+        // Dirty it, so that reuse of the same memory would show up as non-zero.
+        std::memset(p, 0xab, row.size);
+        mem_free("t", 1, p);
+        p = static_cast<unsigned char*>(mem_alloc("t", 1, row.size));
+        EXPECT_TRUE(all_zero(p, row.size)) << "reused " << row.size;
+        if (!row.block) {
+            EXPECT_EQ(reinterpret_cast<uintptr_t>(p) % 16, 0u);
+        }
+        mem_free("t", 1, p);
+    }
+}
+
+TEST_F(Alloc_test, ReallocKeepsBytesAndZeroesTheTail)
+{
+    // Same class, another class, block to heap, heap to heap, heap to block, and shrinking.
+    const size_t steps[][2] = {{10, 14}, {10, 600}, {600, 9000}, {9000, 20000}, {20000, 100}, {5000, 40}};
+    for (const auto& step : steps) {
+        auto* p = static_cast<unsigned char*>(mem_alloc("t", 1, step[0]));
+        for (size_t i = 0; i < step[0]; ++i)
+            p[i] = uint8_t(i * 7 + 1);
+        auto* q = static_cast<unsigned char*>(mem_realloc("t", 1, p, step[1]));
+        ASSERT_NE(q, nullptr);
+        EXPECT_EQ(mem_size(q), step[1]);
+        size_t kept = std::min(step[0], step[1]);
+        for (size_t i = 0; i < kept; ++i)
+            ASSERT_EQ(q[i], uint8_t(i * 7 + 1)) << step[0] << " -> " << step[1] << " at " << i;
+        if (step[1] > step[0]) {
+            EXPECT_TRUE(all_zero(q + step[0], step[1] - step[0])) << step[0] << " -> " << step[1];
+        }
+        EXPECT_EQ(from_block(q), step[1] <= MEM_BLOCK_MAX_USER_BYTES);
+        mem_free("t", 1, q);
+    }
+    EXPECT_EQ(mem_realloc("t", 1, mem_alloc("t", 1, 30), 0), nullptr);
+    void* fresh = mem_realloc("t", 1, nullptr, 30);
+    EXPECT_TRUE(all_zero(fresh, 30));
+    mem_free("t", 1, fresh);
+}
+
+TEST_F(Alloc_test, RawMemoryIsZeroCountedAndResizable)
+{
+    uint64_t before = mem_current_bytes();
+    auto* p = static_cast<unsigned char*>(mem_raw_alloc("t", 1, 1 << 20));
+    EXPECT_TRUE(all_zero(p, 1 << 20));
+    EXPECT_GE(mem_current_bytes(), before + (1 << 20));
+    // The peak follows raw allocations too.
+    EXPECT_GE(mem_peak_bytes(), mem_current_bytes());
+    std::memset(p, 0x5a, 1 << 20);
+    p = static_cast<unsigned char*>(mem_raw_realloc("t", 1, p, 2 << 20));
+    EXPECT_EQ(p[(1 << 20) - 1], 0x5a);
+    EXPECT_TRUE(all_zero(p + (1 << 20), 1 << 20));
+    mem_raw_free("t", 1, p);
+    EXPECT_LE(mem_current_bytes(), before + 64);
+}
+
+TEST_F(Alloc_test, ChargesGoToTheCallingModuleWithPeaksAndCounts)
+{
+    const int module = MOD_GAPTE;
+    uint64_t words_before = mem_module_bytes(module);
+    int64_t count_before = mem_module_allocations(module);
+    void* small;
+    void* large;
+    {
+        Module_scope scope(module);
+        small = mem_alloc("t", 1, 100);
+        large = mem_alloc("t", 1, 3 << 20);
+    }
+    EXPECT_EQ(qv_mem_detail::header_of(small)->module, module);
+    EXPECT_GE(mem_module_bytes(module), words_before + (3 << 20) + 100);
+    EXPECT_EQ(mem_module_allocations(module), count_before + 2);
+    // Freed by another module's code: the charge leaves the module that was charged.
+    mem_free("t", 1, small);
+    mem_free("t", 1, large);
+    EXPECT_EQ(mem_module_bytes(module), words_before);
+    EXPECT_EQ(mem_module_allocations(module), count_before);
+    EXPECT_GE(mem_module_peak_bytes(module), words_before + (3 << 20));
+}
+
+TEST_F(Alloc_test, ImpossibleSizesEndInTheFatalOfMem)
+{
+    Line_capture capture;
+    const size_t sizes[] = {SIZE_MAX, SIZE_MAX - 8};
+    for (size_t size : sizes) {
+        EXPECT_THROW(mem_alloc("t", 1, size), Fatal_called);
+        EXPECT_THROW(mem_raw_alloc("t", 1, size), Fatal_called);
+        void* p = mem_alloc("t", 1, 7);
+        EXPECT_THROW(mem_realloc("t", 1, p, size), Fatal_called);
+        mem_free("t", 1, p);
+    }
+    ASSERT_FALSE(capture.lines().empty());
+    const Captured_line& line = capture.lines().front();
+    EXPECT_EQ(line.level, MSG_FATAL);
+    EXPECT_EQ(line.number % 1000, 8);
+    EXPECT_EQ(line.line.rfind("MEM ", 0), 0u) << line.line;
+}
+
+TEST_F(Alloc_test, NoBlocksSendsEverySizeToTheHeap)
+{
+    // A fresh start of MEM with the variable set, in a child process.
+    EXPECT_EXIT(
+        {
+            mem_exit();
+            setenv("QV_MEM_NOBLOCKS", "1", 1);
+            mem_init();
+            bool ok = !mem_blocks_enabled();
+            for (size_t size : {size_t(1), size_t(8), size_t(256), size_t(8152), size_t(8153)}) {
+                void* p = mem_alloc("t", 1, size);
+                ok = ok && !from_block(p) && mem_size(p) == size && all_zero(p, size);
+                p = mem_realloc("t", 1, p, size / 2 + 1);
+                ok = ok && !from_block(p);
+                mem_free("t", 1, p);
+            }
+            _exit(ok ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
+}
+
+TEST_F(Alloc_test, StopPutsTheLibraryHooksBackAndIgnoresBlockFrees)
+{
+    EXPECT_EXIT(
+        {
+            void* block = mem_alloc("t", 1, 64);
+            mem_exit();
+            bool ok = !mem_started() && mem_set_hooks(malloc, realloc, free) == 0;
+            mem_free("t", 1, block);  // no allocator: left alone
+            void* heap = mem_alloc("t", 1, 64);
+            ok = ok && !from_block(heap);
+            mem_free("t", 1, heap);
+            _exit(ok ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
+}
+
+TEST_F(Alloc_test, AllocatorObjectsChargeTheirCreator)
+{
+    QV::MEM::Allocator_impl* allocator;
+    {
+        Module_scope scope(MOD_IBL);
+        allocator = new QV::MEM::Allocator_impl();
+        EXPECT_EQ(qv_mem_detail::header_of(allocator)->module, MOD_IBL);
+    }
+    QV::MEM::IAllocator* face = allocator;
+    auto* p = static_cast<char*>(face->malloc(40));
+    p = static_cast<char*>(face->realloc(p, 4000));
+    EXPECT_TRUE(all_zero(p, 4000));
+    face->free(p);
+    delete allocator;
+}
+
+}  // namespace

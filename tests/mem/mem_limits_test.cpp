@@ -1,0 +1,195 @@
+// Heap limits, the flush protocol and the failure step.
+#include <vector>
+
+#include "tests/mem/mem_fixture.h"
+
+namespace {
+
+constexpr uint64_t MB = uint64_t(1) << 20;
+constexpr int64_t WORDS_PER_MB = int64_t(1) << 17;
+
+// Stands the process total at `mb` MB for the life of the object.
+class Total_at {
+public:
+    explicit Total_at(int64_t mb)
+    {
+        delta_ = mb * WORDS_PER_MB - int64_t(mem_current_bytes() / 8);
+        mem_testing_adjust_total(delta_);
+    }
+    ~Total_at() { mem_testing_adjust_total(-delta_); }
+
+private:
+    int64_t delta_;
+};
+
+std::vector<int> g_called;
+int64_t g_free_words_on_call[MODULE_TABLE_ROWS];
+
+size_t recording_flush(int id)
+{
+    g_called.push_back(id);
+    mem_testing_adjust_total(-g_free_words_on_call[id]);
+    return size_t(g_free_words_on_call[id] * 8);
+}
+
+template <int Id>
+size_t flush_of(size_t) { return recording_flush(Id); }
+
+class Limits_test : public Mem_test {
+protected:
+    void TearDown() override
+    {
+        for (int id : {MOD_PHEN, MOD_GAPDI, MOD_JOB, MOD_IBL})
+            mem_register_flush(id, nullptr);
+        g_called.clear();
+        std::fill(std::begin(g_free_words_on_call), std::end(g_free_words_on_call), 0);
+        Mem_test::TearDown();
+    }
+    void register_all()
+    {
+        mem_register_flush(MOD_PHEN, flush_of<MOD_PHEN>);
+        mem_register_flush(MOD_GAPDI, flush_of<MOD_GAPDI>);
+        mem_register_flush(MOD_JOB, flush_of<MOD_JOB>);
+        mem_register_flush(MOD_IBL, flush_of<MOD_IBL>);
+    }
+};
+
+TEST_F(Limits_test, SettingRespectsPriorityAndKeepsLowAtThreeQuarters)
+{
+    EXPECT_EQ(mem_set_heap_limit(400 * MB, 5), 0u);
+    EXPECT_EQ(mem_heap_limit_bytes(), 400 * MB);
+    EXPECT_EQ(mem_heap_low_bytes(), 300 * MB);
+    EXPECT_EQ(mem_set_heap_limit(100 * MB, 4), 0u);  // lower priority: refused
+    EXPECT_EQ(mem_heap_limit_bytes(), 400 * MB);
+    EXPECT_EQ(mem_set_heap_limit(0, 6), 400 * MB);
+    EXPECT_EQ(mem_heap_limit_bytes(), 0u);
+    EXPECT_EQ(mem_heap_low_bytes(), 0u);
+}
+
+TEST_F(Limits_test, FlushVisitsModulesInOrderWithJobLastAndStopsAtTheTarget)
+{
+    register_all();
+    Total_at total(500);
+    // Nobody frees enough: every module is asked, JOB after the highest id.
+    mem_flush_to(uint64_t(400 * WORDS_PER_MB));
+    EXPECT_EQ(g_called, (std::vector<int>{MOD_PHEN, MOD_GAPDI, MOD_IBL, MOD_JOB}));
+
+    // The first module reaches the target: no other module is asked.
+    g_called.clear();
+    g_free_words_on_call[MOD_PHEN] = 150 * WORDS_PER_MB;
+    Line_capture capture;
+    uint64_t freed = mem_flush_to(uint64_t(400 * WORDS_PER_MB));
+    mem_testing_adjust_total(150 * WORDS_PER_MB);
+    EXPECT_EQ(g_called, std::vector<int>{MOD_PHEN});
+    EXPECT_EQ(freed, uint64_t(150 * WORDS_PER_MB));
+    bool reported = false;
+    for (const Captured_line& line : capture.lines())
+        reported = reported || line.text.rfind("scene cache flushed 150 MB in ", 0) == 0;
+    EXPECT_TRUE(reported);
+
+    // At or below the target nothing is asked.
+    g_called.clear();
+    EXPECT_EQ(mem_flush_to(uint64_t(600 * WORDS_PER_MB)), 0u);
+    EXPECT_TRUE(g_called.empty());
+}
+
+TEST_F(Limits_test, FailedAllocationAtThreeHundredTwentyLowersTheLimitOnceWithOneHint)
+{
+    mem_set_heap_limit(300 * MB, 6);
+    Total_at total(320);
+    Line_capture capture;
+    fail_heap_calls(1);
+    void* p = mem_alloc("here.cpp", 12, 100000);
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(mem_heap_limit_bytes(), 200 * MB);
+    EXPECT_EQ(mem_heap_low_bytes(), 150 * MB);
+    EXPECT_EQ(capture.count_text("allocation of 100000 bytes in here.cpp line 12 failed: flushing"), 1);
+
+    // A second failure, two attempts long: the same limit, and no second hint.
+    fail_heap_calls(2);
+    void* q = mem_alloc(nullptr, 0, 100000);
+    EXPECT_EQ(mem_heap_limit_bytes(), 200 * MB);
+    EXPECT_EQ(mem_heap_low_bytes(), 150 * MB);  // lowered in attempt 2, restored after
+    EXPECT_EQ(capture.count_text("try '-memory 200' for future runs"), 1);
+    EXPECT_EQ(capture.count_text("allocation of 100000 bytes failed: flushing"), 2);
+    mem_free("t", 1, p);
+    mem_free("t", 1, q);
+}
+
+TEST_F(Limits_test, UnderTwoHundredMegabytesAFailureFlushesButKeepsTheLimit)
+{
+    register_all();
+    mem_set_heap_limit(180 * MB, 6);
+    Total_at total(170);
+    fail_heap_calls(1);
+    void* p = mem_alloc("t", 1, 50000);
+    EXPECT_EQ(mem_heap_limit_bytes(), 180 * MB);
+    EXPECT_EQ(mem_heap_low_bytes(), 135 * MB);
+    EXPECT_FALSE(g_called.empty());
+    mem_free("t", 1, p);
+}
+
+TEST_F(Limits_test, TenFailedAttemptsEndInTheFatalOfMem)
+{
+    static int oom_calls;
+    oom_calls = 0;
+    mem_set_oom_callback([](size_t) { ++oom_calls; });
+    Line_capture capture;
+    fail_heap_calls(1000);
+    EXPECT_THROW(mem_alloc("t", 1, 123456), Fatal_called);
+    fail_heap_calls(0);
+    mem_set_oom_callback(nullptr);
+    EXPECT_EQ(oom_calls, 6);  // attempts 5 to 10
+    EXPECT_EQ(capture.count_text("================ memory error post-mortem ================"), 1);
+    EXPECT_EQ(capture.count_text("allocation of 123456 bytes in t line 1 failed: flushing"), 9);
+    const Captured_line& last = capture.lines().back();
+    EXPECT_EQ(last.level, MSG_FATAL);
+    EXPECT_EQ(last.text, "can't allocate 123456 bytes.");
+    EXPECT_EQ(last.line.rfind("MEM ", 0), 0u) << last.line;
+}
+
+TEST_F(Limits_test, HeapPathOverTheLimitFlushesToTheLowMark)
+{
+    register_all();
+    g_free_words_on_call[MOD_PHEN] = 200 * WORDS_PER_MB;
+    mem_set_heap_limit(400 * MB, 6);
+    Total_at total(450);
+    void* p = mem_alloc("t", 1, 20000);
+    EXPECT_EQ(g_called, std::vector<int>{MOD_PHEN});
+    mem_testing_adjust_total(200 * WORDS_PER_MB);
+    mem_free("t", 1, p);
+}
+
+TEST_F(Limits_test, AsynchronousFlushesAreReportedOverTenMegabytesAndCounted)
+{
+    Line_capture capture;
+    EXPECT_EQ(mem_report_async_flush(MOD_RCMP, 10 << 20), 1);  // not over 10 MB: no line
+    EXPECT_EQ(mem_report_async_flush(MOD_RCMP, 30 << 20), 1);
+    int lines = 0;
+    for (const Captured_line& line : capture.lines())
+        lines += line.text.rfind("scene cache flushed asynchronously 30 MB for module RCMP, now: ", 0) == 0;
+    EXPECT_EQ(lines, 1);
+    EXPECT_EQ(capture.lines().size(), 1u);
+}
+
+TEST_F(Limits_test, WithoutARegistryEntryTheLimitIsTheFreeMemoryAtLowestPriority)
+{
+    Line_capture capture;
+    mem_set_limit_from_registry(5);
+    uint64_t free_bytes = mem_physical(2);
+    ASSERT_GT(free_bytes, 0u);
+    // Free memory moves between the two readings; a few MB either way.
+    EXPECT_NEAR(double(mem_heap_limit_bytes()), double(free_bytes), double(64 * MB));
+    EXPECT_EQ(mem_heap_low_bytes(), (mem_heap_limit_bytes() / 8 * 3 >> 2) * 8);
+    bool total_line = false;
+    for (const Captured_line& line : capture.lines())
+        total_line = total_line || line.text == "total memory: " + std::to_string(mem_physical(1) >> 20) + " MB";
+    EXPECT_TRUE(total_line);
+    // It was set at priority 1: a setting at 1 or more replaces it, one at 0 does not.
+    EXPECT_EQ(mem_set_heap_limit(100 * MB, 0), 0u);
+    EXPECT_NE(mem_heap_limit_bytes(), 100 * MB);
+    EXPECT_NE(mem_set_heap_limit(100 * MB, 1), 0u);
+    EXPECT_EQ(mem_heap_limit_bytes(), 100 * MB);
+}
+
+}  // namespace

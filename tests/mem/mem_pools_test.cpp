@@ -1,0 +1,137 @@
+// Block pools, the page allocator, mapped file blocks and Block_memory_pool.
+#include <cstdio>
+#include <cstring>
+#include <set>
+#include <unistd.h>
+#include <vector>
+
+#include "base/lib/mem/mem_pools.h"
+#include "tests/mem/mem_fixture.h"
+
+namespace {
+
+using Pools_test = Mem_test;
+
+TEST_F(Pools_test, CreateRefusesSizesThatDoNotFitTwicePerPage)
+{
+    Line_capture capture;
+    EXPECT_EQ(memblock_create("t", 1, 4052), nullptr);
+    ASSERT_EQ(capture.lines().size(), 1u);
+    EXPECT_EQ(capture.lines()[0].text, "requested block size larger than 4052");
+    EXPECT_EQ(capture.lines()[0].number % 1000, 7);
+    Memblock* pool = memblock_create("t", 1, 4048);
+    ASSERT_NE(pool, nullptr);
+    EXPECT_EQ(memblock_element_size(pool), 4048u);
+    memblock_destroy(pool);
+}
+
+TEST_F(Pools_test, ElementsAreZeroDistinctAndWalkedWhileInUse)
+{
+    Memblock* pool;
+    {
+        Module_scope scope(MOD_SURF);
+        pool = memblock_create("t", 1, 40);  // 48-byte elements, 168 per page
+    }
+    uint64_t charged = mem_module_bytes(MOD_SURF);
+    std::vector<void*> elements;
+    std::set<void*> distinct;
+    for (int i = 0; i < 1000; ++i) {
+        auto* p = static_cast<unsigned char*>(memblock_alloc(pool));
+        for (int b = 0; b < 48; ++b)
+            ASSERT_EQ(p[b], 0) << i;
+        std::memset(p, 0xee, 48);
+        elements.push_back(p);
+        distinct.insert(p);
+    }
+    EXPECT_EQ(distinct.size(), 1000u);
+    // Pages beyond the first are charged to the pool's module.
+    EXPECT_GE(mem_module_bytes(MOD_SURF), charged + 5 * 8192);
+    for (size_t i = 0; i < elements.size(); i += 3)
+        memblock_free(pool, elements[i]);
+    size_t walked = 0;
+    memblock_for_each(pool, [](void* element, void* count) {
+        ++*static_cast<size_t*>(count);
+        EXPECT_EQ(*static_cast<unsigned char*>(element), 0xee);
+    }, &walked);
+    EXPECT_EQ(walked, memblock_live_count(pool));
+    EXPECT_EQ(walked, 1000u - 334u);
+    // Freed elements come back zeroed.
+    auto* again = static_cast<unsigned char*>(memblock_alloc_unlocked(pool));
+    EXPECT_EQ(again[0], 0);
+    memblock_clear(pool);
+    EXPECT_EQ(memblock_live_count(pool), 0u);
+    EXPECT_LE(mem_module_bytes(MOD_SURF), charged);
+    memblock_destroy(pool);
+}
+
+TEST_F(Pools_test, PagesComeAlignedAndZeroAfterReuse)
+{
+    std::vector<void*> pages;
+    for (int i = 0; i < 40; ++i) {
+        auto* page = static_cast<unsigned char*>(page_alloc());
+        ASSERT_EQ(reinterpret_cast<uintptr_t>(page) % PAGE_ALLOC_BYTES, 0u);
+        for (size_t b = PAGE_ALLOC_HEADER_BYTES; b < PAGE_ALLOC_BYTES; b += 512)
+            ASSERT_EQ(page[b], 0);
+        std::memset(page + PAGE_ALLOC_HEADER_BYTES, 0x77, PAGE_ALLOC_BYTES - PAGE_ALLOC_HEADER_BYTES);
+        pages.push_back(page);
+    }
+    page_free(pages.back());
+    pages.pop_back();
+    auto* reused = static_cast<unsigned char*>(page_alloc());
+    EXPECT_EQ(reused[PAGE_ALLOC_BYTES - 1], 0);
+    pages.push_back(reused);
+    for (void* page : pages)
+        page_free(page);
+}
+
+TEST_F(Pools_test, MappedFileBlocksAreChargedAndUnmappedOnce)
+{
+    char name[] = "/tmp/mem_map_XXXXXX";
+    int fd = mkstemp(name);
+    ASSERT_GE(fd, 0);
+    unlink(name);
+    ASSERT_EQ(ftruncate(fd, 1 << 20), 0);
+    EXPECT_EQ(mem_map_file(-1, 4096, false), nullptr);
+    uint64_t before = mem_module_bytes(MOD_DISK);
+    char* view;
+    {
+        Module_scope scope(MOD_DISK);
+        view = static_cast<char*>(mem_map_file(fd, 1 << 20, true));
+    }
+    ASSERT_NE(view, nullptr);
+    view[100] = 'x';
+    char back = 0;
+    ASSERT_EQ(pread(fd, &back, 1, 100), 1);
+    EXPECT_EQ(back, 'x');
+    EXPECT_EQ(mem_module_bytes(MOD_DISK), before + (1 << 20));
+    Line_capture capture;
+    mem_unmap(view);
+    EXPECT_EQ(mem_module_bytes(MOD_DISK), before);
+    mem_unmap(view);
+    ASSERT_EQ(capture.lines().size(), 1u);
+    EXPECT_EQ(capture.lines()[0].level, MSG_ERROR);
+    EXPECT_EQ(capture.lines()[0].text.rfind("trying to unmap not mmaped block", 0), 0u);
+    close(fd);
+}
+
+TEST_F(Pools_test, BlockPoolReportsBlocksNotGivenBack)
+{
+    Line_capture capture;
+    {
+        Block_memory_pool pool(64, 0);
+        std::vector<void*> blocks;
+        for (int i = 0; i < 200; ++i)
+            blocks.push_back(pool.allocate(24));
+        EXPECT_EQ(std::set<void*>(blocks.begin(), blocks.end()).size(), 200u);
+        for (void* block : blocks)
+            pool.deallocate(block);
+        pool.clear();
+        EXPECT_TRUE(capture.lines().empty());
+        pool.allocate(24);
+    }
+    ASSERT_EQ(capture.lines().size(), 1u);
+    EXPECT_EQ(capture.lines()[0].text, "Block_memory_pool::clear(): not all blocks have been deallocated");
+    EXPECT_EQ(capture.lines()[0].number % 1000, 28);
+}
+
+}  // namespace
