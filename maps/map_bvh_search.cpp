@@ -24,6 +24,8 @@ namespace {
 
 constexpr float MAX_SEARCH_DISTANCE = 5.0e35f;
 constexpr float BEHIND_DISTANCE = 1.0e36f;
+// The node count, the root and its children, as far as they reach.
+constexpr uint32_t PREFETCH_TREE_BYTES = 4 + 9 * 60;
 
 struct Queued {
     float distance;
@@ -38,18 +40,22 @@ struct Farther {
     }
 };
 
-// Heap order of the results: the farthest, then the highest index, on top.
-inline bool nearer(const Map_lookup_entry& a, const Map_lookup_entry& b)
-{
-    return a.distance < b.distance || (a.distance == b.distance && a.index < b.index);
-}
+// Heap order of the results: the farthest, then the highest index, on top. A function object,
+// so that the heap's sifts inline it.
+struct Nearer {
+    bool operator()(const Map_lookup_entry& a, const Map_lookup_entry& b) const
+    {
+        return a.distance < b.distance || (a.distance == b.distance && a.index < b.index);
+    }
+};
 
 template <uint32_t N>
 inline float box_distance(const float* minimum, const float* maximum, const float* point)
 {
     float sum = 0.0f;
     for (uint32_t a = 0; a < N; ++a) {
-        float d = point[a] < minimum[a] ? minimum[a] - point[a] : point[a] > maximum[a] ? point[a] - maximum[a] : 0.0f;
+        // Branch-free: at most one of the two differences is positive.
+        const float d = std::max(std::max(minimum[a] - point[a], point[a] - maximum[a]), 0.0f);
         sum += d * d;
     }
     return sum;
@@ -118,20 +124,56 @@ Search_queues& thread_queues()
     return queues;
 }
 
+// Binary heaps with `before(a, b)` true when b belongs nearer the top: the layout of
+// std::push_heap, with the comparison inlined and the top replaced by one sift.
+template <class T, class Before>
+[[gnu::always_inline]] inline void sift_up(T* heap, size_t at, Before before)
+{
+    const T value = heap[at];
+    while (at > 0) {
+        const size_t parent = (at - 1) / 2;
+        if (!before(heap[parent], value))
+            break;
+        heap[at] = heap[parent];
+        at = parent;
+    }
+    heap[at] = value;
+}
+
+template <class T, class Before>
+[[gnu::always_inline]] inline void sift_down(T* heap, size_t size, T value, Before before)
+{
+    size_t at = 0;
+    for (;;) {
+        size_t child = 2 * at + 1;
+        if (child >= size)
+            break;
+        if (child + 1 < size && before(heap[child], heap[child + 1]))
+            ++child;
+        if (!before(value, heap[child]))
+            break;
+        heap[at] = heap[child];
+        at = child;
+    }
+    heap[at] = value;
+}
+
 // Queues grow by half their size rather than double: a thread keeps them for good.
-inline void push_queued(std::vector<Queued>& queue, Queued item)
+[[gnu::always_inline]] inline void push_queued(std::vector<Queued>& queue, Queued item)
 {
     if (queue.size() == queue.capacity())
         queue.reserve(queue.size() + queue.size() / 2 + 16);
     queue.push_back(item);
-    std::push_heap(queue.begin(), queue.end(), Farther());
+    sift_up(queue.data(), queue.size() - 1, Farther());
 }
 
-inline Queued pop_queued(std::vector<Queued>& queue)
+[[gnu::always_inline]] inline Queued pop_queued(std::vector<Queued>& queue)
 {
-    std::pop_heap(queue.begin(), queue.end(), Farther());
-    Queued next = queue.back();
+    const Queued next = queue.front();
+    const Queued last = queue.back();
     queue.pop_back();
+    if (!queue.empty())
+        sift_down(queue.data(), queue.size(), last, Farther());
     return next;
 }
 
@@ -167,11 +209,9 @@ void run_search(Map_page_store* store, const std::vector<Map_bvh_node<N>>& globa
         Map_lookup_entry entry = {index, d};
         if (results.size() < max_count) {
             results.push_back(entry);
-            std::push_heap(results.begin(), results.end(), nearer);
-        } else if (nearer(entry, results.front())) {
-            std::pop_heap(results.begin(), results.end(), nearer);
-            results.back() = entry;
-            std::push_heap(results.begin(), results.end(), nearer);
+            sift_up(results.data(), results.size() - 1, Nearer());
+        } else if (Nearer()(entry, results.front())) {
+            sift_down(results.data(), results.size(), entry, Nearer());
         } else {
             return;
         }
@@ -206,26 +246,53 @@ void run_search(Map_page_store* store, const std::vector<Map_bvh_node<N>>& globa
         const Node* nodes = reinterpret_cast<const Node*>(data + tree_offset + 4);
         std::vector<Queued>& queue = queues.page_nodes;
         queue.clear();
-        push_queued(queue, {distance.node(nodes[0]), 0});
-        while (!queue.empty()) {
-            Queued next = pop_queued(queue);
+        // Best first. An expanded node's nearest child is taken next without a trip through
+        // the queue when nothing queued comes before it: the order is the queue's all the same.
+        Queued next = {distance.node(nodes[0]), 0};
+        for (;;) {
             if (next.distance > limit)
                 break;
             const Node& node = nodes[next.index];
+            bool descend = false;
             if (node.first_item == MAP_BVH_INNER) {
-                for (uint32_t c = 0; c < node.count; ++c) {
-                    uint32_t child = node.first_child + c;
-                    if (child >= node_count)
-                        break;
-                    float d = distance.node(nodes[child]);
-                    if (d <= limit)
-                        push_queued(queue, {d, child});
+                Queued best = {0.0f, UINT32_MAX};
+                const uint32_t end = std::min(node.first_child + node.count, node_count);
+                for (uint32_t child = node.first_child; child < end; ++child) {
+                    const Node& below = nodes[child];
+                    const float d = distance.node(below);
+                    if (d > limit)
+                        continue;
+                    // What the child leads to is somewhere else in the page: start its load
+                    // now, so that the misses of the children overlap.
+                    __builtin_prefetch(below.first_item == MAP_BVH_INNER
+                                           ? static_cast<const void*>(nodes + below.first_child)
+                                           : static_cast<const void*>(data + size_t(below.first_item) * element_bytes));
+                    const Queued candidate = {d, child};
+                    if (best.index == UINT32_MAX) {
+                        best = candidate;
+                    } else if (Farther()(best, candidate)) {
+                        push_queued(queue, best);
+                        best = candidate;
+                    } else {
+                        push_queued(queue, candidate);
+                    }
+                }
+                if (best.index != UINT32_MAX && (queue.empty() || !Farther()(best, queue.front()))) {
+                    next = best;
+                    descend = true;
+                } else if (best.index != UINT32_MAX) {
+                    push_queued(queue, best);
                 }
             } else {
-                uint32_t end = std::min(node.first_item + node.count, held);
+                const uint32_t end = std::min(node.first_item + node.count, held);
                 for (uint32_t slot = node.first_item; slot < end; ++slot)
                     offer(first_element + slot, distance.element(data + size_t(slot) * element_bytes));
             }
+            if (descend)
+                continue;
+            if (queue.empty())
+                break;
+            next = pop_queued(queue);
         }
     };
 
@@ -269,6 +336,17 @@ void run_search(Map_page_store* store, const std::vector<Map_bvh_node<N>>& globa
             float d = distance.box(boxes[page].minimum, boxes[page].maximum);
             if (d <= limit)
                 push_queued(pages, {d, page});
+        }
+        // The pages of a leaf are searched one after the other, and each starts with a miss on
+        // its tree's first nodes: start those loads together for the pages already in the
+        // thread's table (none is loaded for this).
+        if (pages.size() > 1) {
+            for (const Queued& queued : pages) {
+                const uint8_t* data = store->get_page(queued.index, true, nullptr, MAP_PAGE_NO_LOAD);
+                if (data)
+                    for (uint32_t line = 0; line < PREFETCH_TREE_BYTES; line += 64)
+                        __builtin_prefetch(data + tree_offset + line);
+            }
         }
         while (!pages.empty()) {
             Queued page = pop_queued(pages);
