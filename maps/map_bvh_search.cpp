@@ -183,7 +183,8 @@ struct Element_range {
     uint32_t last = UINT32_MAX;
 };
 
-template <uint32_t N, class Distance>
+// `Filtered`: a resume pair or a subset leaves elements out; the plain search has no such test.
+template <uint32_t N, bool Filtered, class Distance>
 void run_search(Map_page_store* store, const std::vector<Map_bvh_node<N>>& global_nodes,
                 const std::vector<uint32_t>& items, const std::vector<Map_bvh_box<N>>& boxes, const Distance& distance,
                 uint32_t max_count, float max_distance, uint32_t resume_index, float resume_distance,
@@ -191,8 +192,13 @@ void run_search(Map_page_store* store, const std::vector<Map_bvh_node<N>>& globa
 {
     using Node = Map_bvh_node<N>;
     results.clear();
-    if (global_nodes.empty() || max_count == 0 || !store)
+    if (global_nodes.empty() || max_count == 0 || !store || store->segments().empty())
         return;
+    // The heap lives in the caller's array, sized once: never more than the map holds.
+    const uint32_t capacity = std::min(max_count, store->segments().back().last_element + 1);
+    results.resize(capacity);
+    Map_lookup_entry* const heap = results.data();
+    uint32_t held_results = 0;
     float limit = std::min(max_distance, MAX_SEARCH_DISTANCE);
     const bool resuming = resume_index != UINT32_MAX;
     Search_queues& queues = thread_queues();
@@ -202,22 +208,30 @@ void run_search(Map_page_store* store, const std::vector<Map_bvh_node<N>>& globa
     auto offer = [&](uint32_t index, float d) {
         if (d > limit)
             return;
-        if (resuming && (d < resume_distance || (d == resume_distance && index <= resume_index)))
-            return;
-        if (index < range.first || index > range.last)
-            return;
-        Map_lookup_entry entry = {index, d};
-        if (results.size() < max_count) {
-            results.push_back(entry);
-            sift_up(results.data(), results.size() - 1, Nearer());
-        } else if (Nearer()(entry, results.front())) {
-            sift_down(results.data(), results.size(), entry, Nearer());
+        if constexpr (Filtered) {
+            if (resuming && (d < resume_distance || (d == resume_distance && index <= resume_index)))
+                return;
+            if (index < range.first || index > range.last)
+                return;
+        }
+        const Map_lookup_entry entry = {index, d};
+        if (held_results < capacity) {
+            heap[held_results] = entry;
+            sift_up(heap, held_results++, Nearer());
+        } else if (Nearer()(entry, heap[0])) {
+            sift_down(heap, held_results, entry, Nearer());
         } else {
             return;
         }
-        if (results.size() == max_count)
-            limit = results.front().distance;
+        if (held_results == capacity)
+            limit = heap[0].distance;
     };
+    // Whatever way the walk ends, the array keeps just the results.
+    struct Trim {
+        std::vector<Map_lookup_entry>& results;
+        const uint32_t& held;
+        ~Trim() { results.resize(held); }
+    } trim{results, held_results};
 
     // First element of a page and the number it holds, from the segment that holds it.
     auto page_span = [&](uint32_t page, uint32_t* first_element) -> uint32_t {
@@ -355,6 +369,20 @@ void run_search(Map_page_store* store, const std::vector<Map_bvh_node<N>>& globa
             search_page(page.index);
         }
     }
+}
+
+template <uint32_t N, class Distance>
+void run_search(Map_page_store* store, const std::vector<Map_bvh_node<N>>& global_nodes,
+                const std::vector<uint32_t>& items, const std::vector<Map_bvh_box<N>>& boxes, const Distance& distance,
+                uint32_t max_count, float max_distance, uint32_t resume_index, float resume_distance,
+                Element_range range, std::vector<Map_lookup_entry>& results)
+{
+    if (resume_index == UINT32_MAX && range.first == 0 && range.last == UINT32_MAX)
+        run_search<N, false>(store, global_nodes, items, boxes, distance, max_count, max_distance, resume_index,
+                             resume_distance, range, results);
+    else
+        run_search<N, true>(store, global_nodes, items, boxes, distance, max_count, max_distance, resume_index,
+                            resume_distance, range, results);
 }
 
 } // namespace
