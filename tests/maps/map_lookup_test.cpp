@@ -140,7 +140,7 @@ TEST_F(Map_lookup_test, NearestEqualAFullScanInEveryDimensionInMemoryAndOutOfCor
             for (uint32_t dimension = 1; dimension <= 6; ++dimension) {
                 SCOPED_TRACE(testing::Message() << "dimension " << dimension << (clustered ? " clustered" : " uniform")
                                                 << (out_of_core ? " out of core" : " in memory"));
-                const uint32_t pages = out_of_core ? 60 : 20;
+                const uint32_t pages = out_of_core ? 30 : 10;
                 Map_manager::instance().set_size_limit_mb(64.0f);
                 if (out_of_core)
                     tenth_of(pages);
@@ -190,7 +190,7 @@ TEST_F(Map_lookup_test, ResumedBatchesConcatenateToTheFullSortedList)
 
 TEST_F(Map_lookup_test, ManyThreadsSearchOneMapThroughASmallCache)
 {
-    const uint32_t pages = 60;
+    const uint32_t pages = 30;
     tenth_of(pages);
     Test_map data = make_map(3, pages, false, 9);
     const uint32_t per_thread = 30;
