@@ -145,6 +145,10 @@ TEST_F(Map_lookup_test, NearestEqualAFullScanInEveryDimensionInMemoryAndOutOfCor
                 if (out_of_core)
                     tenth_of(pages);
                 Test_map data = make_map(dimension, pages, clustered, dimension * 10 + clustered);
+                // Every page goes to the swap file, and the searches fetch them back through the
+                // small cache.
+                if (out_of_core)
+                    data.map->flush();
                 Map_lookup_impl lookup(data.map.get());
                 const std::vector<float> points = queries(data, 12, dimension);
                 for (uint32_t q = 0; q < 12; ++q) {
@@ -193,6 +197,7 @@ TEST_F(Map_lookup_test, ManyThreadsSearchOneMapThroughASmallCache)
     const uint32_t pages = 30;
     tenth_of(pages);
     Test_map data = make_map(3, pages, false, 9);
+    data.map->flush();
     const uint32_t per_thread = 30;
     const std::vector<float> points = queries(data, 4 * per_thread, 3);
     std::vector<std::vector<Map_lookup_entry>> expected;
