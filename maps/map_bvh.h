@@ -34,6 +34,7 @@ namespace QV::RCMAP {
 class Map_impl;
 class Map_page_store;
 class Map_page_table;
+class Map_distance_base_internal;
 
 // first_item of an inner node.
 constexpr uint32_t MAP_BVH_INNER = 0xFFFFFFFFu;
@@ -102,6 +103,30 @@ public:
     virtual void find_nearest(const float* point, uint32_t max_count, float max_distance, uint32_t resume_index,
                               float resume_distance, std::vector<qv::shader_v3::Map_lookup_entry>& results) = 0;
 
+    // The four search forms of the lookups. All share find_nearest's rules for `max_count`,
+    // `max_distance`, the resume pair and the heap in `results`; when a resume pair is given, the
+    // page of its element is searched before any other, so that the heap fills from the right
+    // region and the limit falls early.
+    // Under a caller's distance function, which must have this tree's dimension and, for exact
+    // answers, never give a box or node more than any element inside it.
+    virtual void search_function(const Map_distance_base_internal& distance, uint32_t max_count, float max_distance,
+                                 uint32_t resume_index, float resume_distance,
+                                 std::vector<qv::shader_v3::Map_lookup_entry>& results) = 0;
+    // Nearest to a point of N floats, by squared Euclidean distance.
+    virtual void search_point(const float* point, uint32_t max_count, float max_distance, uint32_t resume_index,
+                              float resume_distance, std::vector<qv::shader_v3::Map_lookup_entry>& results) = 0;
+    // Nearest to the segment from `origin` along the unit `direction` for `length` (3 floats
+    // each; dimension 3 only, an empty result otherwise). Elements by squared distance to the
+    // segment; boxes by their bounding sphere (see map_bvh_search.cpp).
+    virtual void search_segment(const float* origin, const float* direction, float length, uint32_t max_count,
+                                float max_distance, uint32_t resume_index, float resume_distance,
+                                std::vector<qv::shader_v3::Map_lookup_entry>& results) = 0;
+    // A point search over the elements with indices first_element .. last_element only; pages
+    // outside that range are never fetched.
+    virtual void search_subset(const float* point, uint32_t first_element, uint32_t last_element, uint32_t max_count,
+                               float max_distance, uint32_t resume_index, float resume_distance,
+                               std::vector<qv::shader_v3::Map_lookup_entry>& results) = 0;
+
     virtual uint32_t dimension() const = 0;
     virtual bool is_valid() const = 0;
     virtual void set_valid(bool valid) = 0;
@@ -137,6 +162,17 @@ public:
     void* deserialize(QV::SERIAL::Deserializer* deserializer) override;
     void find_nearest(const float* point, uint32_t max_count, float max_distance, uint32_t resume_index,
                       float resume_distance, std::vector<qv::shader_v3::Map_lookup_entry>& results) override;
+    void search_function(const Map_distance_base_internal& distance, uint32_t max_count, float max_distance,
+                         uint32_t resume_index, float resume_distance,
+                         std::vector<qv::shader_v3::Map_lookup_entry>& results) override;
+    void search_point(const float* point, uint32_t max_count, float max_distance, uint32_t resume_index,
+                      float resume_distance, std::vector<qv::shader_v3::Map_lookup_entry>& results) override;
+    void search_segment(const float* origin, const float* direction, float length, uint32_t max_count,
+                        float max_distance, uint32_t resume_index, float resume_distance,
+                        std::vector<qv::shader_v3::Map_lookup_entry>& results) override;
+    void search_subset(const float* point, uint32_t first_element, uint32_t last_element, uint32_t max_count,
+                       float max_distance, uint32_t resume_index, float resume_distance,
+                       std::vector<qv::shader_v3::Map_lookup_entry>& results) override;
 
     uint32_t dimension() const override { return N; }
     bool is_valid() const override { return valid_; }

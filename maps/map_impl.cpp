@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "base/lib/mem/i_mem_allocatable.h"
+#include "maps/map_bvh.h"
 #include "maps/map_declaration.h"
 #include "maps/map_element.h"
 #include "maps/map_manager.h"
@@ -144,6 +145,21 @@ void for_each_run(Map_page_store& store, uint32_t first, uint32_t count, bool re
     }
 }
 
+// A built tree can go with the elements when the committed elements fill pages 0, 1, ... at
+// the map's own E, as after a build: the copy then lays them out in the same pages, and every
+// page carries its page tree behind the elements.
+bool bvh_travels(const Map_impl& map)
+{
+    const Map_page_store& store = map.page_store();
+    if (!map.global_bvh || !map.global_bvh->is_valid() || map.needs_build || map.needs_refit || map.size_ == 0 ||
+        store.segments().empty())
+        return false;
+    const Map_segment& first = store.segments().front();
+    return first.first_element == 0 && first.first_page == 0 && first.last_element + 1 == map.size_ &&
+           first.elements_per_page == store.elements_per_page &&
+           map.global_bvh->page_count() == first.last_page + 1;
+}
+
 } // namespace
 
 void Map_impl::copy_from(const Map_impl& other)
@@ -165,7 +181,19 @@ void Map_impl::copy_from(const Map_impl& other)
     uint32_t total = other.size_ + other.pending_count;
     uint32_t bytes = declaration->element_bytes();
     std::vector<uint8_t> staging;
-    for_each_run(source.store, 0, total, true, [&](const uint8_t* data, uint32_t first, uint32_t run) {
+    const bool keep_bvh = bvh_travels(other);
+    uint32_t copied = 0;
+    if (keep_bvh) {
+        // Whole pages, so that the page trees behind the elements come along.
+        store.add_memory_segment(0, other.size_);
+        staging.resize(MAP_FILE_PAGE_BYTES);
+        for (uint32_t page = 0; page < other.global_bvh->page_count(); ++page) {
+            memcpy(staging.data(), source.store.get_page(page, true), MAP_FILE_PAGE_BYTES);
+            memcpy(store.get_page(page, false), staging.data(), MAP_FILE_PAGE_BYTES);
+        }
+        copied = other.size_;
+    }
+    for_each_run(source.store, copied, total - copied, true, [&](const uint8_t* data, uint32_t first, uint32_t run) {
         // Copy out first: fetching our page may push the source page out of the table.
         staging.assign(data, data + size_t(run) * bytes);
         for (uint32_t i = 0; i < run; ++i)
@@ -175,7 +203,12 @@ void Map_impl::copy_from(const Map_impl& other)
     pending_count = other.pending_count;
     bounds = other.bounds;
     pending_bounds = other.pending_bounds;
-    // The BVH is not copied; the copy rebuilds its own.
+    if (keep_bvh) {
+        global_bvh = other.global_bvh->copy(&store);
+        needs_build = needs_refit = false;
+        return;
+    }
+    // A tree that does not fit the copy's pages is rebuilt by the copy.
     needs_build = other.size_ > 0 && (other.needs_build || other.global_bvh);
     needs_refit = other.needs_refit;
 }
@@ -459,8 +492,11 @@ const void* Map_impl::serialize(QV::SERIAL::Serializer* serializer) const
     serializer->write(editable);
     serializer->write(quiet);
     serializer->write(bvh_enabled);
-    serializer->write(needs_build || global_bvh != nullptr);
+    // A tree goes with the map when its pages can be laid out as here; any other is rebuilt.
+    const bool keep_bvh = bvh_travels(*this);
+    serializer->write(keep_bvh ? false : needs_build || global_bvh != nullptr);
     serializer->write(needs_refit);
+    serializer->write(keep_bvh);
     if (declaration && declaration->global_bytes())
         serializer->write(globals, declaration->global_bytes());
     serializer->write(size_);
@@ -479,6 +515,14 @@ const void* Map_impl::serialize(QV::SERIAL::Serializer* serializer) const
         serializer->write(box->maximum, sizeof(box->maximum));
         serializer->write(box->valid);
         serializer->write(box->extent);
+    }
+    if (keep_bvh) {
+        // The page trees: the room behind the elements of each page, then the global tree.
+        Map_page_store& source = const_cast<Map_page_store&>(store);
+        const uint32_t room = MAP_FILE_PAGE_BYTES - store.page_data_bytes;
+        for (uint32_t page = 0; page < global_bvh->page_count(); ++page)
+            serializer->write(source.get_page(page, true) + store.page_data_bytes, room);
+        global_bvh->serialize(serializer);
     }
     return this + 1;
 }
@@ -502,6 +546,8 @@ void* Map_impl::deserialize(QV::SERIAL::Deserializer* deserializer)
     deserializer->read(&bvh_enabled);
     deserializer->read(&needs_build);
     deserializer->read(&needs_refit);
+    bool keep_bvh = false;
+    deserializer->read(&keep_bvh);
     if (declaration && declaration->global_bytes())
         deserializer->read(globals, declaration->global_bytes());
     uint32_t committed = 0, pending = 0;
@@ -510,6 +556,9 @@ void* Map_impl::deserialize(QV::SERIAL::Deserializer* deserializer)
     if (declaration) {
         uint32_t bytes = declaration->element_bytes();
         std::vector<uint8_t> element(bytes);
+        // The committed elements take the pages they had, where their trees belong.
+        if (keep_bvh)
+            store.add_memory_segment(0, committed);
         for (uint32_t i = 0; i < committed + pending; ++i) {
             if (deserializer->read(element.data(), bytes) != bytes)
                 break;
@@ -523,6 +572,29 @@ void* Map_impl::deserialize(QV::SERIAL::Deserializer* deserializer)
         deserializer->read(box->maximum, sizeof(box->maximum));
         deserializer->read(&box->valid);
         deserializer->read(&box->extent);
+    }
+    if (keep_bvh && declaration && size_ > 0) {
+        const uint32_t room = MAP_FILE_PAGE_BYTES - store.page_data_bytes;
+        std::vector<uint8_t> tree(room);
+        const uint32_t pages = store.page_count(size_);
+        bool ok = true;
+        for (uint32_t page = 0; page < pages && ok; ++page) {
+            ok = deserializer->read(tree.data(), room) == room;
+            if (ok)
+                memcpy(store.get_page(page, false) + store.page_data_bytes, tree.data(), room);
+        }
+        global_bvh = ok ? map_global_bvh_create(store.dimension, &store) : nullptr;
+        if (global_bvh) {
+            global_bvh->deserialize(deserializer);
+            ok = global_bvh->is_valid() && global_bvh->page_count() == pages;
+        }
+        if (!ok) {
+            // A tree that did not come through whole is rebuilt rather than trusted.
+            if (global_bvh && map_global_bvh_destroy)
+                map_global_bvh_destroy(global_bvh);
+            global_bvh = nullptr;
+            needs_build = true;
+        }
     }
     return this + 1;
 }

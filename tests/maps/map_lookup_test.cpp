@@ -1,0 +1,453 @@
+// Map lookups against a full scan: k nearest by (distance, index) in every dimension, on uniform
+// and clustered maps, in memory and through a cache a tenth of the map, from several threads;
+// resumed batches; caller distance functions, segments and subsets; statuses; the tree going
+// with a copy and a stored map.
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "maps/map_bvh.h"
+#include "maps/map_lookup.h"
+#include "serial/media_queue.h"
+#include "tests/maps/map_storage_support.h"
+
+using namespace map_storage_test;
+using namespace QV::RCMAP;
+using namespace qv::shader_v3;
+
+namespace {
+
+bool nearer(const Map_lookup_entry& a, const Map_lookup_entry& b)
+{
+    return a.distance < b.distance || (a.distance == b.distance && a.index < b.index);
+}
+
+// A map of dimension N whose elements are the position and an integer "id", with the positions
+// kept in index order as they are after the build.
+struct Test_map {
+    uint32_t dimension = 0;
+    std::unique_ptr<Map_impl> map;
+    std::vector<float> positions;
+
+    const float* position(uint32_t i) const { return &positions[size_t(i) * dimension]; }
+    uint32_t size() const { return uint32_t(positions.size() / dimension); }
+};
+
+// `pages` pages of elements, uniform in [-50, 50]^N or around 12 centres, every 40th element
+// on the position of the one before (ties for the index rule).
+Test_map make_map(uint32_t dimension, uint32_t pages, bool clustered, uint32_t seed)
+{
+    Test_map result;
+    result.dimension = dimension;
+    Map_declaration_impl declaration(dimension);
+    declaration.add_integer("id");
+    result.map = std::make_unique<Map_impl>(declaration);
+    Map_impl& map = *result.map;
+    const uint32_t count = pages * map.page_store().elements_per_page - 7;
+    std::mt19937 random(seed);
+    std::uniform_real_distribution<float> uniform(-50.0f, 50.0f);
+    std::normal_distribution<float> spread(0.0f, 1.5f);
+    std::vector<float> centres(12 * dimension);
+    for (float& c : centres)
+        c = uniform(random);
+    std::vector<float> element(dimension + 1, 0.0f);
+    for (uint32_t i = 0; i < count; ++i) {
+        if (i % 40 != 0 || i == 0) {
+            const float* centre = &centres[(random() % 12) * dimension];
+            for (uint32_t a = 0; a < dimension; ++a)
+                element[a] = clustered ? centre[a] + spread(random) : uniform(random);
+        }
+        const int32_t id = int32_t(i);
+        memcpy(&element[dimension], &id, 4);
+        EXPECT_EQ(map.append_raw(element.data()), MAP_SUCCESS);
+    }
+    EXPECT_EQ(map.build_bvh(0.6f, false, false), MAP_SUCCESS);
+    result.positions.resize(size_t(count) * dimension);
+    for (uint32_t i = 0; i < count; ++i)
+        map.read_field(i, 0, 4 * dimension, &result.positions[size_t(i) * dimension]);
+    return result;
+}
+
+// The `count` nearest of a full scan to `point`, after the pair (resume_distance, resume_index)
+// when one is given, none beyond `max_distance`.
+std::vector<Map_lookup_entry> scan(const Test_map& data, const float* point, uint32_t count, float max_distance,
+                                   const Map_lookup_entry* after = nullptr)
+{
+    std::vector<Map_lookup_entry> all;
+    for (uint32_t i = 0; i < data.size(); ++i) {
+        const float* p = data.position(i);
+        float d = 0.0f;
+        for (uint32_t a = 0; a < data.dimension; ++a)
+            d += (p[a] - point[a]) * (p[a] - point[a]);
+        const Map_lookup_entry entry{i, d};
+        if (d <= max_distance && (!after || nearer(*after, entry)))
+            all.push_back(entry);
+    }
+    const size_t keep = std::min<size_t>(count, all.size());
+    std::partial_sort(all.begin(), all.begin() + keep, all.end(), nearer);
+    all.resize(keep);
+    return all;
+}
+
+std::vector<Map_lookup_entry> sorted_results(Map_lookup_impl& lookup)
+{
+    lookup.sort();
+    return std::vector<Map_lookup_entry>(lookup.entries(), lookup.entries() + lookup.size());
+}
+
+bool same(const std::vector<Map_lookup_entry>& a, const std::vector<Map_lookup_entry>& b)
+{
+    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](const auto& x, const auto& y) {
+               return x.index == y.index && x.distance == y.distance;
+           });
+}
+
+// Query points: near elements, and anywhere in and around the map.
+std::vector<float> queries(const Test_map& data, uint32_t count, uint32_t seed)
+{
+    std::mt19937 random(seed);
+    std::uniform_real_distribution<float> anywhere(-70.0f, 70.0f);
+    std::vector<float> points(size_t(count) * data.dimension);
+    for (uint32_t q = 0; q < count; ++q)
+        for (uint32_t a = 0; a < data.dimension; ++a)
+            points[size_t(q) * data.dimension + a] =
+                q % 2 ? anywhere(random) : data.position(random() % data.size())[a] + 0.01f * float(q % 5);
+    return points;
+}
+
+class Map_lookup_test : public Map_storage_test {};
+
+// A cache of a tenth of a map of `pages` pages.
+void tenth_of(uint32_t pages)
+{
+    Map_manager::instance().set_size_limit_mb(float(pages) * MAP_FILE_PAGE_BYTES / 10.0f / (1024.0f * 1024.0f));
+}
+
+} // namespace
+
+TEST_F(Map_lookup_test, NearestEqualAFullScanInEveryDimensionInMemoryAndOutOfCore)
+{
+    const uint32_t ks[] = {1, 8, 64};
+    for (bool out_of_core : {false, true})
+        for (bool clustered : {false, true})
+            for (uint32_t dimension = 1; dimension <= 6; ++dimension) {
+                SCOPED_TRACE(testing::Message() << "dimension " << dimension << (clustered ? " clustered" : " uniform")
+                                                << (out_of_core ? " out of core" : " in memory"));
+                const uint32_t pages = out_of_core ? 30 : 10;
+                Map_manager::instance().set_size_limit_mb(64.0f);
+                if (out_of_core)
+                    tenth_of(pages);
+                Test_map data = make_map(dimension, pages, clustered, dimension * 10 + clustered);
+                // Every page goes to the swap file, and the searches fetch them back through the
+                // small cache.
+                if (out_of_core)
+                    data.map->flush();
+                Map_lookup_impl lookup(data.map.get());
+                const std::vector<float> points = queries(data, 12, dimension);
+                for (uint32_t q = 0; q < 12; ++q) {
+                    const float* point = &points[size_t(q) * dimension];
+                    const uint32_t k = ks[q % 3];
+                    const float max_distance = q % 4 == 3 ? 40.0f : 1.0e30f;
+                    ASSERT_EQ(lookup.search(point, dimension, k, max_distance), MAP_SUCCESS);
+                    EXPECT_EQ(lookup.get_kind(), MAP_LOOKUP_KIND_POINT);
+                    ASSERT_TRUE(same(sorted_results(lookup), scan(data, point, k, max_distance))) << "query " << q;
+                }
+                if (out_of_core) {
+                    EXPECT_TRUE(data.map->page_store().has_swap_file) << "the map never left memory";
+                }
+            }
+}
+
+TEST_F(Map_lookup_test, ResumedBatchesConcatenateToTheFullSortedList)
+{
+    Test_map data = make_map(3, 12, true, 5);
+    Map_lookup_impl lookup(data.map.get());
+    const float point[3] = {data.position(100)[0], data.position(100)[1], data.position(100)[2]};
+    const float max_distance = 30.0f;
+    for (uint32_t k : {1u, 7u, 500u}) {
+        SCOPED_TRACE(testing::Message() << "batches of " << k);
+        const std::vector<Map_lookup_entry> expected = scan(data, point, UINT32_MAX, max_distance);
+        ASSERT_GT(expected.size(), 1000u);
+        std::vector<Map_lookup_entry> all;
+        ASSERT_EQ(lookup.search(Map_vector3{point[0], point[1], point[2]}, k, max_distance), MAP_SUCCESS);
+        for (uint32_t batch = 0; !lookup.is_empty(); ++batch) {
+            ASSERT_LT(batch, expected.size() + 2) << "no end";
+            const std::vector<Map_lookup_entry> part = sorted_results(lookup);
+            EXPECT_EQ(part.size() < k, lookup.is_exhausted());
+            all.insert(all.end(), part.begin(), part.end());
+            ASSERT_EQ(lookup.next_batch(), MAP_SUCCESS);
+        }
+        EXPECT_TRUE(lookup.is_exhausted());
+        ASSERT_TRUE(same(all, expected));
+        // Once exhausted, a batch is empty and fine.
+        EXPECT_EQ(lookup.next_batch(), MAP_SUCCESS);
+        EXPECT_TRUE(lookup.is_empty());
+    }
+}
+
+TEST_F(Map_lookup_test, ManyThreadsSearchOneMapThroughASmallCache)
+{
+    const uint32_t pages = 30;
+    tenth_of(pages);
+    Test_map data = make_map(3, pages, false, 9);
+    data.map->flush();
+    const uint32_t per_thread = 30;
+    const std::vector<float> points = queries(data, 4 * per_thread, 3);
+    std::vector<std::vector<Map_lookup_entry>> expected;
+    for (uint32_t q = 0; q < 4 * per_thread; ++q)
+        expected.push_back(scan(data, &points[size_t(q) * 3], 8 + q % 20, 1.0e30f));
+    std::atomic<uint32_t> wrong{0};
+    auto worker = [&](uint32_t t) {
+        thread_init_current();
+        {
+            Map_lookup_impl lookup(data.map.get());
+            for (uint32_t q = t * per_thread; q < (t + 1) * per_thread; ++q) {
+                if (lookup.search(&points[size_t(q) * 3], 3, 8 + q % 20, 1.0e30f) != MAP_SUCCESS ||
+                    !same(sorted_results(lookup), expected[q]))
+                    ++wrong;
+            }
+        }
+        thread_end_current();
+    };
+    std::vector<std::thread> pool;
+    for (uint32_t t = 0; t < 4; ++t)
+        pool.emplace_back(worker, t);
+    for (std::thread& thread : pool)
+        thread.join();
+    EXPECT_EQ(wrong.load(), 0u);
+}
+
+namespace {
+
+// Squared distance with a weight per axis: the box's nearest point gives a lower bound.
+class Weighted_distance final : public Map_distance_base_internal {
+public:
+    Weighted_distance(const float* point, const float* weights) : point_(point), weights_(weights) {}
+    uint32_t get_dimension() const override { return 2; }
+    float box_distance(const float* minimum, const float* maximum) const override
+    {
+        float sum = 0.0f;
+        for (int a = 0; a < 2; ++a) {
+            const float d = std::max({minimum[a] - point_[a], point_[a] - maximum[a], 0.0f});
+            sum += weights_[a] * d * d;
+        }
+        return sum;
+    }
+    float distance(const uint8_t* element) const override
+    {
+        float position[2];
+        memcpy(position, element, sizeof position);
+        return weight(position);
+    }
+    float weight(const float* position) const
+    {
+        float sum = 0.0f;
+        for (int a = 0; a < 2; ++a)
+            sum += weights_[a] * (position[a] - point_[a]) * (position[a] - point_[a]);
+        return sum;
+    }
+
+private:
+    const float* point_;
+    const float* weights_;
+};
+
+} // namespace
+
+TEST_F(Map_lookup_test, CallerDistanceSegmentAndSubsetEqualAFullScan)
+{
+    Test_map flat = make_map(2, 10, false, 21);
+    const float point[2] = {3.0f, -4.0f}, weights[2] = {1.0f, 9.0f};
+    Weighted_distance weighted(point, weights);
+    Map_lookup_impl lookup(flat.map.get());
+    ASSERT_EQ(lookup.search(&weighted, 40, 1.0e30f), MAP_SUCCESS);
+    std::vector<Map_lookup_entry> expected;
+    for (uint32_t i = 0; i < flat.size(); ++i)
+        expected.push_back({i, weighted.weight(flat.position(i))});
+    std::sort(expected.begin(), expected.end(), nearer);
+    expected.resize(40);
+    EXPECT_TRUE(same(sorted_results(lookup), expected));
+    // Resumed, the function's answer goes on where it stopped.
+    ASSERT_EQ(lookup.next_batch(), MAP_SUCCESS);
+    std::vector<Map_lookup_entry> more;
+    for (uint32_t i = 0; i < flat.size(); ++i)
+        more.push_back({i, weighted.weight(flat.position(i))});
+    std::sort(more.begin(), more.end(), nearer);
+    EXPECT_TRUE(same(sorted_results(lookup), std::vector<Map_lookup_entry>(more.begin() + 40, more.begin() + 80)));
+
+    // A segment through the whole map, from well before it to well beyond: every element by its
+    // squared distance to the segment.
+    Test_map solid = make_map(3, 10, true, 22);
+    Map_lookup_impl segment(solid.map.get());
+    const float origin[3] = {-200.0f, 1.0f, 2.0f}, direction[3] = {1.0f, 0.0f, 0.0f};
+    ASSERT_EQ(segment.search(Map_vector3{-200.0f, 1.0f, 2.0f}, Map_vector3{1.0f, 0.0f, 0.0f}, 400.0f, 30, 1.0e30f),
+              MAP_SUCCESS);
+    std::vector<Map_lookup_entry> along;
+    for (uint32_t i = 0; i < solid.size(); ++i)
+        along.push_back({i, map_segment_point_distance(origin, direction, 400.0f, solid.position(i))});
+    std::sort(along.begin(), along.end(), nearer);
+    along.resize(30);
+    EXPECT_TRUE(same(sorted_results(segment), along));
+
+    // A subset: the nearest among elements 5000 .. 8999 only.
+    std::vector<Map_lookup_entry> found;
+    const float centre[3] = {0.0f, 0.0f, 0.0f};
+    solid.map->global_bvh->search_subset(centre, 5000, 8999, 25, 1.0e30f, UINT32_MAX, -1.0f, found);
+    std::sort(found.begin(), found.end(), nearer);
+    std::vector<Map_lookup_entry> within;
+    for (const Map_lookup_entry& entry : scan(solid, centre, UINT32_MAX, 1.0e30f))
+        if (entry.index >= 5000 && entry.index <= 8999 && within.size() < 25)
+            within.push_back(entry);
+    EXPECT_TRUE(same(found, within));
+}
+
+TEST_F(Map_lookup_test, SegmentBoxDistanceByBoundingSphere)
+{
+    // The box [-1, 1]^3: centre 0, squared radius 3, along the z axis unless said otherwise.
+    const float low[3] = {-1, -1, -1}, high[3] = {1, 1, 1};
+    const float up[3] = {0, 0, 1};
+    struct Case {
+        float origin[3];
+        float length;
+        float expected;
+    };
+    const float entry = 10.0f - std::sqrt(3.0f);
+    const Case cases[] = {
+        {{0, 0, -10}, 20.0f, 0.0f},                                          // through the sphere
+        {{0, 0, -10}, 5.0f, (entry - 5.0f) * (entry - 5.0f)},                // ends before it
+        {{0, 0, 10}, 5.0f, 1.0e36f},                                         // wholly behind
+        {{0, 0, 0}, 5.0f, 0.0f},                                             // starts inside
+        {{10, 0, -10}, 20.0f, 100.0f + 3.0f - 2.0f * std::sqrt(300.0f)},     // passes beside
+        {{10, 0, -10}, 4.0f, 136.0f + 3.0f - 2.0f * std::sqrt(408.0f)},      // stops short beside
+    };
+    for (const Case& c : cases)
+        EXPECT_FLOAT_EQ(map_segment_box_distance(c.origin, up, c.length, low, high), c.expected)
+            << c.origin[0] << " " << c.origin[2] << " length " << c.length;
+}
+
+TEST_F(Map_lookup_test, StatusesSortingAndTheResultWalk)
+{
+    // No map: the lookup exists and every operation says so.
+    Map_status status = MAP_SUCCESS;
+    Map_lookup_impl none(static_cast<Map_impl*>(nullptr), &status);
+    EXPECT_EQ(status, MAP_LOOKUP_NO_MAP);
+    Map_lookup_entry entry{};
+    EXPECT_EQ(none.search(Map_vector3{0, 0, 0}, 4, 1.0f), MAP_LOOKUP_NO_MAP);
+    EXPECT_EQ(none.reset(), MAP_LOOKUP_NO_MAP);
+    EXPECT_EQ(none.next(), MAP_LOOKUP_NO_MAP);
+    EXPECT_EQ(none.next_batch(), MAP_LOOKUP_NO_MAP);
+    EXPECT_EQ(none.get_entry(&entry), MAP_LOOKUP_NO_MAP);
+
+    // Dimension 2: three-float searches do not fit; before a search there is no batch.
+    Test_map flat = make_map(2, 2, false, 31);
+    Map_lookup_impl lookup(flat.map.get(), &status);
+    EXPECT_EQ(status, MAP_SUCCESS);
+    EXPECT_EQ(lookup.next_batch(), MAP_LOOKUP_NO_SEARCH);
+    EXPECT_EQ(lookup.search(Map_vector3{0, 0, 0}, 4, 1.0e30f), MAP_LOOKUP_DIMENSION);
+    EXPECT_EQ(lookup.search(Map_vector3{0, 0, 0}, Map_vector3{1, 0, 0}, 1.0f, 4, 1.0e30f), MAP_LOOKUP_DIMENSION);
+    const float three[3] = {0, 0, 0};
+    EXPECT_EQ(lookup.search(three, 3, 4, 1.0e30f), MAP_LOOKUP_DIMENSION);
+    EXPECT_EQ(lookup.next_batch(), MAP_LOOKUP_NO_SEARCH) << "a failed search leaves nothing to resume";
+    Map_impl undeclared;
+    Map_lookup_impl bare(&undeclared);
+    EXPECT_EQ(bare.search(three, 3, 4, 1.0e30f), MAP_NO_DECLARATION);
+
+    // A count of 0 finds nothing and is done.
+    EXPECT_EQ(lookup.search(flat.position(0), 2, 0, 1.0e30f), MAP_SUCCESS);
+    EXPECT_TRUE(lookup.is_empty());
+    EXPECT_TRUE(lookup.is_exhausted());
+
+    // Sorting breaks ties by index, both ways: search on a spot that two elements share.
+    uint32_t twin = 0;
+    for (uint32_t i = 1; i < flat.size() && !twin; ++i)
+        for (uint32_t j = 0; j < i && !twin; ++j)
+            if (memcmp(flat.position(i), flat.position(j), 8) == 0)
+                twin = i;
+    ASSERT_NE(twin, 0u);
+    const float spot[2] = {flat.position(twin)[0], flat.position(twin)[1]};
+    ASSERT_EQ(lookup.search(spot, 2, 100, 1.0e30f), MAP_SUCCESS);
+    lookup.sort_descending();
+    for (uint32_t k = 1; k < lookup.size(); ++k)
+        ASSERT_TRUE(nearer(lookup.entries()[k], lookup.entries()[k - 1]));
+    lookup.sort();
+    for (uint32_t k = 1; k < lookup.size(); ++k)
+        ASSERT_TRUE(nearer(lookup.entries()[k - 1], lookup.entries()[k]));
+    ASSERT_EQ(lookup.get_entry(1, &entry), MAP_SUCCESS);
+    EXPECT_EQ(entry.distance, 0.0f);
+    EXPECT_EQ(lookup.get_entry(lookup.size(), &entry), MAP_LOOKUP_OUT_OF_RANGE);
+
+    // The iterator walks the same results and reads their elements; it changes nothing.
+    Map_lookup_iterator_impl walk(&lookup);
+    const Map_field_id id = flat.map->get_declaration()->get_field_id("id", nullptr);
+    uint32_t walked = 0;
+    for (walk.reset(); !walk.at_end(nullptr); walk.next(), ++walked) {
+        const uint32_t index = lookup.entries()[walked].index;
+        int32_t value = -1, stored = -2;
+        ASSERT_EQ(walk.get(id, value), MAP_SUCCESS);
+        flat.map->read_field(index, 8, 4, &stored);
+        EXPECT_EQ(value, stored);
+        EXPECT_EQ(walk.current(nullptr), index);
+        float position[2];
+        ASSERT_EQ(walk.get_position(position), MAP_SUCCESS);
+        EXPECT_EQ(0, memcmp(position, flat.position(index), sizeof position));
+    }
+    EXPECT_EQ(walked, lookup.size());
+    EXPECT_EQ(lookup.next(), MAP_LOOKUP_AT_END);
+    EXPECT_EQ(lookup.get_index(&status), 0u);
+    EXPECT_EQ(status, MAP_LOOKUP_AT_END);
+    EXPECT_EQ(walk.set_to(0), MAP_SUCCESS);
+    EXPECT_EQ(walk.set(id, int32_t(5)), MAP_NOT_EDITABLE);
+    EXPECT_EQ(walk.skip(lookup.size()), MAP_LOOKUP_OUT_OF_RANGE);
+
+    // An empty map: no results, and exhausted at once.
+    Map_declaration_impl declaration(2);
+    Map_impl empty(declaration);
+    empty.build_bvh(0.6f, true, false);
+    Map_lookup_impl nothing(&empty);
+    EXPECT_EQ(nothing.search(spot, 2, 5, 1.0e30f), MAP_SUCCESS);
+    EXPECT_TRUE(nothing.is_empty());
+    EXPECT_TRUE(nothing.is_exhausted());
+}
+
+TEST_F(Map_lookup_test, CopiesAndStoredMapsKeepTheTree)
+{
+    Test_map data = make_map(4, 8, true, 41);
+    const float point[4] = {1.0f, 2.0f, 3.0f, 4.0f};
+    const std::vector<Map_lookup_entry> expected = scan(data, point, 50, 1.0e30f);
+
+    Map_impl copy(*data.map);
+    QV::DB::Db_serializer serializer;
+    data.map->serialize(&serializer);
+    QV::DB::Db_deserializer deserializer(&serializer.queue());
+    Map_impl stored;
+    stored.deserialize(&deserializer);
+    for (Map_impl* map : {&copy, &stored}) {
+        SCOPED_TRACE(map == &copy ? "copy" : "stored");
+        ASSERT_NE(map->global_bvh, nullptr);
+        EXPECT_FALSE(map->needs_build || map->needs_refit);
+        EXPECT_EQ(map->global_bvh->node_count(), data.map->global_bvh->node_count());
+        Map_lookup_impl lookup(map);
+        ASSERT_EQ(lookup.search(point, 4, 50, 1.0e30f), MAP_SUCCESS);
+        EXPECT_TRUE(same(sorted_results(lookup), expected));
+    }
+
+    // A copy of a lookup has its own results; the arrays come back to the thread's list.
+    Map_lookup_impl first(data.map.get());
+    first.search(point, 4, 50, 1.0e30f);
+    const Map_lookup_entry* array = first.entries();
+    {
+        Map_lookup_impl second(first);
+        EXPECT_NE(second.entries(), array);
+        EXPECT_TRUE(same(sorted_results(second), expected));
+        EXPECT_EQ(second.next_batch(), MAP_SUCCESS);
+        EXPECT_TRUE(same(sorted_results(second), scan(data, point, 50, 1.0e30f, &expected.back())));
+    }
+    EXPECT_TRUE(std::is_heap(first.entries(), first.entries() + first.size(), nearer)) << "untouched by the copy";
+}
