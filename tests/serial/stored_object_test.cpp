@@ -34,7 +34,6 @@ public:
 };
 
 Serializable* make_probe() { return new Probe(); }
-// A second constructor for the same class, told apart by the value it sets.
 struct Counting_factory : Class_factory {
     int calls = 0;
     uint32_t last_id = 0;
