@@ -1,5 +1,7 @@
 #include "info/info_summary.h"
 
+#include "maps/map_lookup.h"
+
 #include <cmath>
 #include <limits>
 #include <string>
@@ -62,13 +64,15 @@ Info_stats info_gather_stats(Map_impl& map, Info_progress* progress)
 
 // The one place that asks the map for a nearest neighbour: the search of the map's BVH, two
 // results because the sample point itself is among them.
-float info_nearest_neighbour_distance(Map_impl& map, uint32_t index, const float* position)
+float info_nearest_neighbour_distance(QV::RCMAP::Map_lookup_impl& lookup, uint32_t index, const float* position)
 {
-    static thread_local std::vector<qv::shader_v3::Map_lookup_entry> found;
-    found.clear();
-    map.global_bvh->find_nearest(position, 2, std::numeric_limits<float>::max(), UINT32_MAX, 0.0f, found);
+    // Two nearest: the sampled point itself is one of them, unless another lies on it.
+    const qv::shader_v3::Map_vector3 query{position[0], position[1], position[2]};
+    if (lookup.search(query, 2, std::numeric_limits<float>::max()) != qv::shader_v3::MAP_SUCCESS)
+        return -1.0f;
     float best = -1.0f;
-    for (const auto& entry : found)
+    qv::shader_v3::Map_lookup_entry entry;
+    for (uint32_t at = 0; lookup.get_entry(at, &entry) == qv::shader_v3::MAP_SUCCESS; ++at)
         if (entry.index != index && (best < 0.0f || entry.distance < best))
             best = entry.distance;
     return best < 0.0f ? best : std::sqrt(best);
@@ -84,13 +88,14 @@ Info_neighbours info_sample_neighbours(Map_impl& map, Info_progress* progress)
     if (progress)
         progress->start("sampling neighbours", samples);
     QV::RCMAP::Map_page_store& store = map.page_store();
+    QV::RCMAP::Map_lookup_impl lookup(&map);
     double sum = 0.0;
     uint32_t used = 0;
     for (uint32_t k = 0; k < samples; ++k) {
         const uint32_t index = uint32_t(uint64_t(k) * count / samples);
         float position[3];
         store.read_bytes(index, 0, sizeof(position), position);
-        const float distance = info_nearest_neighbour_distance(map, index, position);
+        const float distance = info_nearest_neighbour_distance(lookup, index, position);
         if (distance >= 0.0f) {
             sum += distance;
             ++used;

@@ -9,6 +9,7 @@
 class Info_progress;
 namespace QV::RCMAP {
 class Map_impl;
+class Map_lookup_impl;
 }
 
 struct Info_stats {
@@ -39,9 +40,9 @@ struct Info_neighbours {
     double mean_distance = 0.0;  // mean Euclidean distance of a sample to its nearest other point
 };
 
-// Distance from element `index` at `position` to the nearest other element; negative when the
-// map has no other element. REQUIRES: the map has a valid BVH and is not rebuilt meanwhile.
-float info_nearest_neighbour_distance(QV::RCMAP::Map_impl& map, uint32_t index, const float* position);
+// Distance from element `index` at `position` to the nearest other element, found through
+// `lookup` (a lookup over the map); negative when the map has no other element. REQUIRES: the map has a valid BVH and is not rebuilt meanwhile.
+float info_nearest_neighbour_distance(QV::RCMAP::Map_lookup_impl& lookup, uint32_t index, const float* position);
 // Mean of the above over the sample. REQUIRES: as above.
 Info_neighbours info_sample_neighbours(QV::RCMAP::Map_impl& map, Info_progress* progress);
 
