@@ -1,6 +1,7 @@
 // The connections of the host layer: the table of hosts, the welcome exchange, framed writes
 // under each connection's lock, the one reader thread that serves every socket, and the ends of
 // connections, wanted or not.
+#include <algorithm>
 #include <arpa/inet.h>
 #include <atomic>
 #include <cerrno>
@@ -113,19 +114,35 @@ bool write_all(Connection* connection, iovec* parts, int count)
     return true;
 }
 
-bool send_frame(Connection* connection, uint32_t word, const void* buffer, size_t length)
+constexpr int MAX_BATCH = 32;
+
+// Writes `count` (at most MAX_BATCH) framed messages in one go under the connection's lock.
+bool send_frames(Connection* connection, uint32_t word, const void* const* buffers, const size_t* lengths, int count)
 {
-    uint32_t frame[2] = {uint32_t(length), word};
-    iovec parts[2] = {{frame, FRAME_BYTES}, {const_cast<void*>(buffer), length}};
+    uint32_t frames[MAX_BATCH][2];
+    iovec parts[2 * MAX_BATCH];
+    int used = 0;
+    for (int i = 0; i < count; ++i) {
+        frames[i][0] = uint32_t(lengths[i]);
+        frames[i][1] = word;
+        parts[used++] = {frames[i], FRAME_BYTES};
+        if (lengths[i])
+            parts[used++] = {const_cast<void*>(buffers[i]), lengths[i]};
+    }
     std::lock_guard<std::mutex> hold(connection->write_lock);
     if (!connection->up.load() || connection->socket < 0) {
         msg_error_n(311, "message send for non-up connection to host %i", int(connection->host));
         return false;
     }
-    if (!write_all(connection, parts, length ? 2 : 1))
+    if (!write_all(connection, parts, used))
         return false;
-    connection->messages_written.fetch_add(1, std::memory_order_relaxed);
+    connection->messages_written.fetch_add(count, std::memory_order_relaxed);
     return true;
+}
+
+bool send_frame(Connection* connection, uint32_t word, const void* buffer, size_t length)
+{
+    return send_frames(connection, word, &buffer, &length, 1);
 }
 
 // Reads exactly `length` bytes within the socket's receive timeout; returns the bytes read.
@@ -486,6 +503,30 @@ int qv_msg_send(uint32_t host, int module, const void* buffer, size_t length)
         return 0;
     }
     return send_frame(connection, word, buffer, length) ? 1 : 0;
+}
+
+int qv_msg_send_batch(uint32_t host, int module, const void* const* buffers, const size_t* lengths, int count)
+{
+    if (!g_cluster.load(std::memory_order_acquire))
+        return 1;
+    Module_scope scope(MOD_MSG);
+    Connection* connection = host < QV_MSG_MAX_HOSTS ? g_connections[host] : nullptr;
+    if (!connection) {
+        msg_error_n(310, "no connection to %d", int(host));
+        return 0;
+    }
+    for (int first = 0; first < count; first += MAX_BATCH) {
+        int n = std::min(MAX_BATCH, count - first);
+        for (int i = first; i < first + n; ++i) {
+            if (lengths[i] > QV_MSG_MAX_PAYLOAD) {
+                msg_error("message of %zu bytes is longer than %zu", lengths[i], QV_MSG_MAX_PAYLOAD);
+                return 0;
+            }
+        }
+        if (!send_frames(connection, uint32_t(module) & 0xFFu, buffers + first, lengths + first, n))
+            return 0;
+    }
+    return 1;
 }
 
 void qv_msg_register(int module, Qv_msg_handler handler)

@@ -90,31 +90,47 @@ bool send_data(const Db_net_header& request)
     bool any = false;
     bool last = false;
     const uint32_t count = std::max<uint32_t>(request.count, 1);
-    for (uint32_t i = 0; i < count && !last; ++i) {
-        const uint32_t piece = request.piece + i;
-        const uint64_t offset = uint64_t(piece) * DB_NET_PIECE_BYTES;
-        size_t length;
-        if (serialized) {
-            length = QV::DB::serial_send_piece(tag, message.payload, offset, DB_NET_PIECE_BYTES, &last);
-            if (debug_on())
-                msg_debug("sending zeuray tag %#x, offset %d filled %d to host %d", tag, int(offset), int(length), int(to));
-        } else {
-            const uint64_t remaining = total > offset ? total - offset : 0;
-            length = size_t(std::min<uint64_t>(remaining, DB_NET_PIECE_BYTES));
-            last = remaining <= DB_NET_PIECE_BYTES;
-            if (length)
-                std::memcpy(message.payload, bytes + offset, length);
-            if (debug_on())
-                msg_debug("sending tag %#x, offset %d total %d to host %d", tag, int(offset), int(total), int(to));
+    // A window of pieces goes out in one write; the pieces are built in place.
+    Db_net_message window[DB_NET_WINDOW];
+    const void* buffers[DB_NET_WINDOW];
+    size_t lengths[DB_NET_WINDOW];
+    for (uint32_t first = 0; first < count && !last; first += DB_NET_WINDOW) {
+        int filled = 0;
+        uint64_t window_bytes = 0;
+        for (uint32_t i = first; i < count && i < first + DB_NET_WINDOW && !last; ++i) {
+            Db_net_message& piece_message = window[filled];
+            piece_message.header = message.header;
+            const uint32_t piece = request.piece + i;
+            const uint64_t offset = uint64_t(piece) * DB_NET_PIECE_BYTES;
+            size_t length;
+            if (serialized) {
+                length = QV::DB::serial_send_piece(tag, piece_message.payload, offset, DB_NET_PIECE_BYTES, &last);
+                if (debug_on())
+                    msg_debug("sending zeuray tag %#x, offset %d filled %d to host %d", tag, int(offset), int(length),
+                              int(to));
+            } else {
+                const uint64_t remaining = total > offset ? total - offset : 0;
+                length = size_t(std::min<uint64_t>(remaining, DB_NET_PIECE_BYTES));
+                last = remaining <= DB_NET_PIECE_BYTES;
+                if (length)
+                    std::memcpy(piece_message.payload, bytes + offset, length);
+                if (debug_on())
+                    msg_debug("sending tag %#x, offset %d total %d to host %d", tag, int(offset), int(total), int(to));
+            }
+            piece_message.header.piece = piece;
+            piece_message.header.length = uint32_t(length);
+            piece_message.header.last = last ? 1 : 0;
+            buffers[filled] = &piece_message;
+            lengths[filled] = DB_NET_HEADER_BYTES + length;
+            window_bytes += length;
+            ++filled;
         }
-        message.header.piece = piece;
-        message.header.last = last ? 1 : 0;
-        if (!send(to, message, length)) {
+        if (!qv_msg_send_batch(to, MOD_DB, buffers, lengths, filled)) {
             msg_error_n(31, "can't send tag data to host %d", int(to));
             continue;
         }
         any = true;
-        sent += length;
+        sent += window_bytes;
     }
     // A flush push is confirmed once its last piece went out.
     if (last && record->shared == 2)

@@ -39,6 +39,10 @@ int qv_msg_send(uint32_t host, int module, const void* buffer, size_t length);
 
 // `buffer` is writable and valid for the call only; `swap` is true when the sender's byte order
 // differs from ours.
+// Sends `count` messages to one host (not a broadcast) in one write under the connection's lock,
+// in order. Returns non-zero when all went out; as qv_msg_send otherwise.
+int qv_msg_send_batch(uint32_t host, int module, const void* const* buffers, const size_t* lengths, int count);
+
 using Qv_msg_handler = void (*)(Thread_context* context, void* buffer, size_t length, bool swap);
 void qv_msg_register(int module, Qv_msg_handler handler);
 
