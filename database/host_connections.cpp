@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "database/db.h"
+#include "database/host_db_protocol.h"
 #include "database/host_internal.h"
 #include "database/host_messaging.h"
 #include "runtime/modules.h"
@@ -49,7 +50,7 @@ struct Connection {
 };
 
 std::mutex g_table_mutex;                    // the table and the cluster switch
-Connection* g_connections[QV_MSG_MAX_HOSTS];
+std::atomic<Connection*> g_connections[QV_MSG_MAX_HOSTS];  // replaced under g_table_mutex
 std::vector<Connection*> g_retired;          // replaced connections, freed at exit
 std::atomic<bool> g_cluster{false};          // a connection was opened since the last exit
 std::atomic<uint32_t> g_self{0};
@@ -222,6 +223,7 @@ void connection_ended(Connection* connection)
         _exit(1);
     }
     msg_error("Connection to host %d lost.", int(connection->host));
+    qv_db_net::wake_host_lost(connection->host);
     if (qv_db_debug_slave_tags())
         qv_db_host_event(connection->host, false);
 }
@@ -351,9 +353,8 @@ void connection_add(int socket, uint32_t host, bool swap)
     bool first = false;
     {
         std::lock_guard<std::mutex> hold(g_table_mutex);
-        if (g_connections[host])
-            g_retired.push_back(g_connections[host]);
-        g_connections[host] = connection;
+        if (Connection* old = g_connections[host].exchange(connection))
+            g_retired.push_back(old);
         first = !g_cluster.exchange(true);
     }
     if (first)
@@ -367,7 +368,8 @@ void connection_add(int socket, uint32_t host, bool swap)
 bool host_free(uint32_t host)
 {
     std::lock_guard<std::mutex> hold(g_table_mutex);
-    return !g_connections[host] || (!g_connections[host]->up.load() && g_connections[host]->socket < 0);
+    Connection* connection = g_connections[host];
+    return !connection || (!connection->up.load() && connection->socket < 0);
 }
 
 }  // namespace
@@ -497,7 +499,7 @@ int qv_msg_send(uint32_t host, int module, const void* buffer, size_t length)
                 good = send_frame(connection, word | FRAME_BROADCAST, buffer, length) && good;
         return good ? 1 : 0;
     }
-    Connection* connection = host < QV_MSG_MAX_HOSTS ? g_connections[host] : nullptr;
+    Connection* connection = host < QV_MSG_MAX_HOSTS ? g_connections[host].load() : nullptr;
     if (!connection) {
         msg_error_n(310, "no connection to %d", int(host));
         return 0;
@@ -510,7 +512,7 @@ int qv_msg_send_batch(uint32_t host, int module, const void* const* buffers, con
     if (!g_cluster.load(std::memory_order_acquire))
         return 1;
     Module_scope scope(MOD_MSG);
-    Connection* connection = host < QV_MSG_MAX_HOSTS ? g_connections[host] : nullptr;
+    Connection* connection = host < QV_MSG_MAX_HOSTS ? g_connections[host].load() : nullptr;
     if (!connection) {
         msg_error_n(310, "no connection to %d", int(host));
         return 0;
@@ -539,7 +541,8 @@ bool qv_msg_host_live(uint32_t host)
 {
     if (host == g_self.load())
         return true;
-    return host < QV_MSG_MAX_HOSTS && g_connections[host] && g_connections[host]->up.load();
+    Connection* connection = host < QV_MSG_MAX_HOSTS ? g_connections[host].load() : nullptr;
+    return connection && connection->up.load();
 }
 
 uint32_t qv_msg_self() { return g_self.load(); }
@@ -647,10 +650,12 @@ int qv_msg_join(int socket)
 void qv_msg_close(uint32_t host)
 {
     Module_scope scope(MOD_MSG);
-    Connection* connection = host < QV_MSG_MAX_HOSTS ? g_connections[host] : nullptr;
+    Connection* connection = host < QV_MSG_MAX_HOSTS ? g_connections[host].load() : nullptr;
     if (!connection || connection->closing.exchange(true))
         return;
     print_counters(connection);
+    if (qv_db_debug_slave_tags())
+        qv_db_host_event(host, false);
     std::lock_guard<std::mutex> hold(connection->write_lock);
     connection->up.store(false);
     // The reader sees the end and closes the socket; without a reader it is closed here.
@@ -676,16 +681,16 @@ void qv_msg_exit()
         g_reader_running.store(false);
     }
     for (uint32_t host = 0; host < QV_MSG_MAX_HOSTS; ++host)
-        if (g_connections[host] && g_connections[host]->up.load())
+        if (Connection* connection = g_connections[host]; connection && connection->up.load())
             qv_msg_close(host);
     std::lock_guard<std::mutex> hold(g_table_mutex);
-    for (Connection*& connection : g_connections) {
+    for (auto& slot : g_connections) {
+        Connection* connection = slot.exchange(nullptr);
         if (!connection)
             continue;
         if (connection->socket >= 0)
             close(connection->socket);
         delete connection;
-        connection = nullptr;
     }
     for (Connection* connection : g_retired)
         delete connection;

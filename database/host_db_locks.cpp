@@ -81,7 +81,7 @@ void grant_remote(Db_tag tag, Lock_object* object, uint32_t host)
 void slave_lock(Db_tag tag)
 {
     Waiter waiter;
-    waiter_add(&waiter, tag, WAIT_LOCK);
+    waiter_add(&waiter, tag, WAIT_LOCK, 0);
     msg_debug("sending request for tag lock %#x", tag);
     if (!send_request(0, DB_NET_LOCK_REQUEST, tag, 0, 0, 0)) {
         msg_error_n(20, "can't request tag lock %#x from master", tag);
@@ -97,7 +97,7 @@ void slave_unlock(Db_tag tag)
 {
     // The reply is always asked for: the caller returns when the master has let the lock go.
     Waiter waiter;
-    waiter_add(&waiter, tag, WAIT_UNLOCK);
+    waiter_add(&waiter, tag, WAIT_UNLOCK, 0);
     if (!send_request(0, DB_NET_UNLOCK, tag, 0, DB_NET_WINDOW, 1)) {
         msg_error_n(19, "can't send tag %#x unlock to master", tag);
         waiter_remove(&waiter);

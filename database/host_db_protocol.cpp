@@ -133,8 +133,8 @@ bool send_data(const Db_net_header& request)
         sent += window_bytes;
     }
     // A flush push is confirmed once its last piece went out.
-    if (last && record->shared == 2)
-        record->shared = 0;
+    if (last && __atomic_load_n(&record->shared, __ATOMIC_ACQUIRE) == 2)
+        __atomic_store_n(&record->shared, uint8_t(0), __ATOMIC_RELEASE);
     Db_statistics& stats = statistics();
     stats.kbytes_sent += double(sent) / 1024.0;
     ++stats.send_requests;
@@ -397,10 +397,11 @@ bool send_request(uint32_t host, int32_t opcode, Db_tag tag, uint32_t piece, uin
 
 // ---- Waiters ----------------------------------------------------------------------------------
 
-bool waiter_add(Waiter* waiter, Db_tag tag, Waiter_kind kind)
+bool waiter_add(Waiter* waiter, Db_tag tag, Waiter_kind kind, uint32_t host)
 {
     waiter->tag = tag;
     waiter->kind = kind;
+    waiter->host = host;
     waiter->set = false;
     Lock_holder hold(g_waiters_lock);
     bool others = false;
@@ -462,6 +463,19 @@ void wake(Db_tag tag, Waiter_kind kind)
         msg_error_n(22, "got tag %#x type reply but nobody wants it", tag);
     else
         msg_debug("got tag %#x %s reply but nobody wants it", tag, KIND_NAMES[kind]);
+}
+
+void wake_host_lost(uint32_t host)
+{
+    Lock_holder hold(g_waiters_lock);
+    for (Waiter* node = g_waiters; node; node = node->next) {
+        if (!node->active || node->host != host)
+            continue;
+        node->active = false;
+        std::lock_guard<std::mutex> set(node->mutex);
+        node->set = true;
+        node->event.notify_one();
+    }
 }
 
 // ---- Handler ----------------------------------------------------------------------------------
@@ -531,7 +545,7 @@ int fetch(Db_tag tag, Db_record* record, bool type_only, uint32_t owner)
     Db_statistics& stats = statistics();
     const Waiter_kind kind = type_only ? WAIT_TYPE : WAIT_DATA;
     Waiter waiter;
-    bool others = waiter_add(&waiter, tag, kind);
+    bool others = waiter_add(&waiter, tag, kind, owner);
     ++stats.requests;
     ++stats.request_errors;
     if (others) {
@@ -604,7 +618,7 @@ void push_flush(Db_tag tag, Db_record* record)
         return;
     {
         Lock_holder hold(record->lock);
-        record->shared = 2;
+        __atomic_store_n(&record->shared, uint8_t(2), __ATOMIC_RELEASE);
     }
     msg_debug("push flushing data of tag 0x%x, size %d", tag, int(record->size));
     // Our own handler serves the request as if the owner had asked for the data.
@@ -618,7 +632,7 @@ void push_flush(Db_tag tag, Db_record* record)
         record->shared = 0;
         return;
     }
-    while (*static_cast<volatile uint8_t*>(&record->shared) == 2 && qv_msg_host_live(owner)) {
+    while (__atomic_load_n(&record->shared, __ATOMIC_ACQUIRE) == 2 && qv_msg_host_live(owner)) {
         msg_debug("waiting for flush of tag 0x%x", tag);
         thread_sleep(1000);
     }

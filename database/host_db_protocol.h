@@ -100,6 +100,9 @@ int master_locks_in_table();
 // Waking the threads that wait for `tag`: kinds 0 data, 1 type, 2 lock, 3 unlock.
 enum Waiter_kind { WAIT_DATA = 0, WAIT_TYPE = 1, WAIT_LOCK = 2, WAIT_UNLOCK = 3 };
 void wake(Db_tag tag, Waiter_kind kind);
+// Wakes every thread that waits for an answer of `host`, whose connection is gone: their
+// fetches fail as if the host had nothing.
+void wake_host_lost(uint32_t host);
 
 // A waiter node lives on the waiting thread's stack, in one list under the waiters lock.
 struct Waiter {
@@ -110,11 +113,12 @@ struct Waiter {
     bool set = false;
     Db_tag tag = 0;
     Waiter_kind kind = WAIT_DATA;
+    uint32_t host = 0;              // the host asked
     bool active = false;            // cleared by the waker, under the waiters lock
 };
 // Links `waiter` in. True if another active waiter already asked for the same thing (same tag
 // and kind, or data when the type is wanted), so no request needs to go out.
-bool waiter_add(Waiter* waiter, Db_tag tag, Waiter_kind kind);
+bool waiter_add(Waiter* waiter, Db_tag tag, Waiter_kind kind, uint32_t host);
 void waiter_wait(Waiter* waiter);
 void waiter_remove(Waiter* waiter);
 // Sends a message of `opcode` for `tag` to `host`, with our host in the header.
