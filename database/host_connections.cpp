@@ -319,6 +319,14 @@ void reader_loop()
             char drain[64];
             [[maybe_unused]] ssize_t n = read(g_wake[0], drain, sizeof drain);
         }
+        // A connection replaced while we polled is not served; taking the table's lock here also
+        // orders what other threads did before they last held it before the messages we handle.
+        {
+            std::lock_guard<std::mutex> hold(g_table_mutex);
+            for (size_t i = 1; i < watched.size(); ++i)
+                if (g_connections[owners[i]->host].load() != owners[i])
+                    watched[i].revents = 0;
+        }
         for (size_t i = 1; i < watched.size() && !g_stop.load(); ++i) {
             if (!watched[i].revents)
                 continue;
@@ -549,6 +557,7 @@ uint32_t qv_msg_self() { return g_self.load(); }
 
 int qv_msg_connections()
 {
+    std::lock_guard<std::mutex> hold(g_table_mutex);
     int count = 0;
     for (Connection* connection : g_connections)
         count += connection && connection->up.load();

@@ -146,6 +146,7 @@ bool send_data(const Db_net_header& request)
 void discard_partial(Db_tag tag, Db_record* record)
 {
     g_arrivals.erase(tag);
+    Lock_holder hold(g_global_lock);
     if (record->state == DB_STATE_ARRIVING) {
         if (record->type == DB_TYPE_SERIALIZABLE)
             delete static_cast<QV::SERIAL::Byte_queue*>(record->data);
@@ -182,7 +183,10 @@ void receive_piece(const Db_net_header& header, const uint8_t* payload, bool swa
     const uint64_t offset = uint64_t(header.piece) * DB_NET_PIECE_BYTES;
     const bool serialized = header.type == DB_TYPE_SERIALIZABLE;
     auto arrival = g_arrivals.find(tag);
+    // The record's fields change under the global lock, which the table scans hold; the bytes
+    // of a piece are copied without it.
     if (header.piece == 0) {
+        Lock_holder hold(g_global_lock);
         if (arrival != g_arrivals.end() && record->type != header.type) {
             discard_partial(tag, record);
             arrival = g_arrivals.end();
@@ -202,6 +206,12 @@ void receive_piece(const Db_net_header& header, const uint8_t* payload, bool swa
             arrival = g_arrivals.emplace(tag, Arrival{0, record->data ? record->size : 0}).first;
         }
         arrival->second.next_offset = 0;
+        record->state = DB_STATE_ARRIVING;
+        record->type = header.type;
+        record->module = header.module;
+        record->flags = header.flags;
+        record->priv = header.priv;
+        record->shared = 1;
     } else if (arrival == g_arrivals.end() || arrival->second.next_offset != offset || record->type != header.type) {
         msg_error_n(30, "unexpected piece %u of tag %#x from host %d", header.piece, tag, int(header.host));
         if (arrival != g_arrivals.end())
@@ -216,12 +226,6 @@ void receive_piece(const Db_net_header& header, const uint8_t* payload, bool swa
         return;
     }
 
-    record->state = DB_STATE_ARRIVING;
-    record->type = header.type;
-    record->module = header.module;
-    record->flags = header.flags;
-    record->priv = header.priv;
-    record->shared = 1;
     Arrival& progress = arrival->second;
     if (serialized) {
         QV::DB::serial_receive_piece(record, payload, offset, header.length, header.last);
@@ -234,10 +238,11 @@ void receive_piece(const Db_net_header& header, const uint8_t* payload, bool swa
         else if (need > capacity)
             capacity = std::max(need, std::min<uint64_t>(header.total, std::max<uint64_t>(capacity * 2, 65536)));
         if (capacity != progress.capacity || !record->data) {
+            Lock_holder hold(g_global_lock);
             record->data = QV_REALLOC(record->data, size_t(capacity));
+            record->size = uint32_t(capacity);
             progress.capacity = capacity;
         }
-        record->size = uint32_t(capacity);
         if (header.length)
             std::memcpy(static_cast<uint8_t*>(record->data) + offset, payload, header.length);
     }
@@ -245,15 +250,14 @@ void receive_piece(const Db_net_header& header, const uint8_t* payload, bool swa
 
     if (header.last) {
         g_arrivals.erase(arrival);
-        if (!serialized) {
-            record->size = header.total;
-            Scene_swap_fn swap_record = qv_scene_handlers(record->type).swap;
-            if (swap && swap_record)
-                swap_record(record, true);
-        } else {
-            record->size = std::max<uint32_t>(header.total, 1);
+        Scene_swap_fn swap_record = serialized ? nullptr : qv_scene_handlers(record->type).swap;
+        if (swap && swap_record)
+            swap_record(record, true);
+        {
+            Lock_holder hold(g_global_lock);
+            record->size = serialized ? std::max<uint32_t>(header.total, 1) : header.total;
+            record->state = DB_STATE_NORMAL;
         }
-        record->state = DB_STATE_NORMAL;
         wake(tag, WAIT_DATA);
         return;
     }
@@ -298,6 +302,7 @@ void receive_type(const Db_net_header& header)
         return;
     Db_record* record = record_make(header.tag);
     record_make_lock(record);
+    Lock_holder hold(g_global_lock);
     if (record->state == DB_STATE_FREE) {
         record->type = header.type;
         record->module = header.module;
@@ -373,6 +378,8 @@ void network_pin(Thread_context* context, Db_tag tag, bool pin)
     if (!record || record->state == DB_STATE_FREE || !context)
         return;
     uint32_t* pins = pins_of(context);
+    // Not a hot path: under the global lock, so a flush walk sees the network's pins in order.
+    Lock_holder hold(g_global_lock);
     if (pin)
         pin_chain(pins, record);
     else if (pins[record->pidx] > 0)

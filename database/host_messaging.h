@@ -78,7 +78,8 @@ void qv_msg_exit();
 bool qv_msg_host_live(uint32_t host);
 // This process's host number.
 uint32_t qv_msg_self();
-// Number of up connections.
+// Number of up connections. Takes the table's lock, which the reader thread takes before it
+// handles what a poll brought, so what the caller did before is ordered before those handlers.
 int qv_msg_connections();
 
 // Abort hook of the fatal sequence; nothing to tell other hosts here.

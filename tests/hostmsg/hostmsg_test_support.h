@@ -81,6 +81,8 @@ bool eventually(Condition condition, int limit_ms = 5000)
 // This process as host 0 with a database, the test element class and the capture.
 inline void hostmsg_process_setup()
 {
+    // A peer that ended must not end us through the pipe of its stdin.
+    std::signal(SIGPIPE, SIG_IGN);
     qv_test_init();
     msg_set_host_number(0);
     thread_context()->host_number = 0;
@@ -134,7 +136,9 @@ public:
             close(to_);
         if (from_ >= 0)
             close(from_);
-        unlink(err_path_.c_str());
+        // QV_HOSTMSG_KEEP_LOGS keeps the peers' message files for a look after a failure.
+        if (!std::getenv("QV_HOSTMSG_KEEP_LOGS"))
+            unlink(err_path_.c_str());
     }
 
     bool running() const { return pid_ > 0; }
