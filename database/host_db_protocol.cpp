@@ -511,6 +511,11 @@ void handle(Thread_context* context, void* buffer, size_t length, bool swap)
         msg_error_n(28, "received net msg with payload length %u in %zu bytes", header.length, length);
         return;
     }
+    // Type numbers index the handler tables: one out of range would pick another type's.
+    if (header.type >= DB_TYPES) {
+        msg_error_n(28, "received net msg for tag %#x with bad type %d", header.tag, int(header.type));
+        return;
+    }
     uint8_t* payload = bytes + DB_NET_HEADER_BYTES;
     switch (header.opcode) {
     case DB_NET_TYPE_REQUEST: reply_type(header); break;

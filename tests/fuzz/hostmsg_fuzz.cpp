@@ -5,6 +5,7 @@
 // crash or read outside its buffers, allocations stay in proportion to the bytes received, and
 // a message that is short, has a bad opcode or a payload length that does not match is reported.
 // Built and run by scripts/fuzz_hostmsg.sh, not by the test build.
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -54,7 +55,7 @@ bool malformed(const uint8_t* bytes, size_t length, bool swap)
         header.length = __builtin_bswap32(header.length);
     }
     return header.opcode < 0 || header.opcode >= DB_NET_OPCODES || header.length != length - DB_NET_HEADER_BYTES ||
-           header.length > DB_NET_PIECE_BYTES;
+           header.length > DB_NET_PIECE_BYTES || header.type >= DB_TYPES;
 }
 
 // Seeds: a welcome message, and runs of well-formed messages that reach every opcode.

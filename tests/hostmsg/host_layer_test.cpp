@@ -84,14 +84,17 @@ TEST_F(HostLayerTest, HandlerReportsBadMessagesAndDoesNothingElse)
         int32_t opcode;
         size_t bytes;          // message size handed to the handler
         uint32_t length;       // the header's payload length
+        uint8_t type;
         const char* expected;
     };
     const Case cases[] = {
-        {13, 36, 0, "N41026 received net msg with bad opcode 13"},
-        {-1, 36, 0, "N41026 received net msg with bad opcode -1"},
-        {DB_NET_DELETE, 20, 0, "N41028 received net msg of 20 bytes"},
-        {DB_NET_DELETE, 40, 0, "N41028 received net msg with payload length 0 in 40 bytes"},
-        {DB_NET_FLUSH, 36 + 1365, 1365, "N41028 received net msg with payload length 1365"},
+        {13, 36, 0, 0, "N41026 received net msg with bad opcode 13"},
+        {-1, 36, 0, 0, "N41026 received net msg with bad opcode -1"},
+        {DB_NET_DELETE, 20, 0, 0, "N41028 received net msg of 20 bytes"},
+        {DB_NET_DELETE, 40, 0, 0, "N41028 received net msg with payload length 0 in 40 bytes"},
+        {DB_NET_FLUSH, 36 + 1365, 1365, 0, "N41028 received net msg with payload length 1365"},
+        // 191 would reach type 63's handler through the table's mask.
+        {DB_NET_DATA_PIECE, 36, 0, 191, "N41028 received net msg for tag"},
     };
     for (const Case& c : cases) {
         hostmsg_clear();
@@ -100,6 +103,8 @@ TEST_F(HostLayerTest, HandlerReportsBadMessagesAndDoesNothingElse)
         header.opcode = c.opcode;
         header.tag = tag;
         header.length = c.length;
+        header.type = c.type;
+        header.last = 1;
         header.host = 1;
         std::memcpy(buffer.data(), &header, std::min(sizeof header, buffer.size()));
         Db_statistics before = qv_db_statistics();
