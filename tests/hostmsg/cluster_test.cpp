@@ -247,3 +247,27 @@ TEST(MasterLossTest, SlavesSayGoodbyeWhenTheMasterDies)
         EXPECT_NE(slave->messages().find("connection to master broken. goodbye."), std::string::npos);
     }
 }
+
+TEST(SlaveTagsTest, MasterWarnsOfTagsLeftByADisconnectingSlave)
+{
+    hostmsg_process_setup();
+    setenv("QV_DEBUG_SLAVE_TAGS", "1", 1);
+    Peer master({"master"});
+    unsetenv("QV_DEBUG_SLAVE_TAGS");
+    std::string port = master.line();
+    ASSERT_EQ(port.substr(0, 5), "port ");
+    master.send("accept 1");
+    Peer slave({"slave", port.substr(5)});
+    ASSERT_EQ(master.line(), "ok");
+    ASSERT_EQ(slave.line(), "host 1");
+
+    // A tag of the slave that the master fetched stays on the master after the slave is gone.
+    std::string made = slave.ask("make 10 1");
+    ASSERT_EQ(made.substr(0, 3), "ok ");
+    ASSERT_EQ(master.ask("fetch " + made.substr(3)).substr(0, 5), "ok 16");
+    slave.finish();
+    EXPECT_TRUE(eventually([&] {
+        return master.messages().find("Found 1 still existing tags for disconnecting host 1") != std::string::npos;
+    }));
+    master.finish();
+}
