@@ -9,6 +9,7 @@
 #include "database/host_db_protocol.h"
 #include "database/transaction.h"
 #include "tests/hostmsg/hostmsg_test_support.h"
+#include "tests/hostmsg/peer/record_probe.h"
 
 namespace {
 
@@ -17,13 +18,6 @@ constexpr int POLYGON = 14;   // a tracked type
 // The slaves learn of this thread's records through other processes, an order no race detector
 // sees; the table lock that the network thread takes before it handles a message makes it one.
 void publish() { qv_msg_connections(); }
-
-// Reads of records that the network thread changes come after this: it takes the database's
-// global lock, which the network thread holds while it deletes or pins.
-void sync_with_network()
-{
-    qv_db_flush_walk([](void*, void*, Db_flush_entry*, int, Db_thread_list*) {}, nullptr, nullptr);
-}
 
 // A plain element on the master filled with the test pattern; `size` 0 gives an empty block.
 Db_tag make_plain(uint32_t size, uint32_t seed, int type = 0)
@@ -130,7 +124,6 @@ TEST_F(ClusterTest, ReceiverAsksForEachWindowAfterItsEighthPiece)
 {
     // 146,000 bytes are 108 pieces: the windows after pieces 7, 15, ..., 103 are asked for.
     Db_tag tag = make_plain(146000, 9);
-    ASSERT_EQ(slave(2).ask("debug"), "ok");
     ASSERT_EQ(slave(2).ask("fetch " + hex(tag)), expected_fetch(qv_db_peek(tag)->data, 146000));
     std::string log = slave(2).messages();
     std::string prefix = "requesting tag 0x" + hex(tag) + ", offset ";
@@ -162,10 +155,7 @@ TEST_F(ClusterTest, BroadcastDeleteReachesEveryHost)
     ASSERT_EQ(slave(1).ask("fetch " + hex(tag)).substr(0, 6), "ok 100");
     ASSERT_EQ(slave(2).ask("fetch " + hex(tag)).substr(0, 6), "ok 100");
     ASSERT_EQ(slave(1).ask("delete " + hex(tag)), "ok");
-    EXPECT_TRUE(eventually([&] {
-        sync_with_network();
-        return qv_db_peek(tag)->state == DB_STATE_FREE;
-    }));
+    EXPECT_TRUE(eventually([&] { return probe_record(tag).state == DB_STATE_FREE; }));
     EXPECT_TRUE(eventually([&] { return slave(2).ask("state " + hex(tag)) == "ok 0 0"; }));
     EXPECT_EQ(slave(1).ask("state " + hex(tag)), "ok 0 0");
 }

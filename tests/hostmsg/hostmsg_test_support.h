@@ -92,6 +92,8 @@ inline void hostmsg_process_setup()
     blob_register();
     qv_errorhandler(hostmsg_capture_line);
     msg_set_levels(msg_level_mask() | MSG_INFO);
+    // The first line settles the message layer's output state before any network thread runs.
+    msg_info("host messaging tests");
 }
 
 // ---- A peer process -----------------------------------------------------------------------

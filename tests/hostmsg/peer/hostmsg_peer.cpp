@@ -6,7 +6,7 @@
 //
 // Commands: make <size> <seed> | make63 <size> <seed> | fetch <tag> | type <tag> | state <tag> |
 // write <tag> <byte> | lock <tag> | unlock <tag> | pin <tag> | unpin <tag> | delete <tag> |
-// accept <host> | debug | exit
+// accept <host> | exit
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -22,6 +22,7 @@
 #include "runtime/msg.h"
 #include "runtime/threads.h"
 #include "tests/hostmsg/peer/blob_element.h"
+#include "tests/hostmsg/peer/record_probe.h"
 
 namespace {
 
@@ -92,10 +93,8 @@ std::string run(const std::string& command, std::istringstream& words, int liste
         return line;
     }
     if (command == "state") {
-        // The flush walk takes the global lock, under which the network thread drops records.
-        qv_db_flush_walk([](void*, void*, Db_flush_entry*, int, Db_thread_list*) {}, nullptr, nullptr);
-        Db_record* record = qv_db_peek(tag);
-        std::snprintf(line, sizeof line, "ok %d %d", record ? int(record->state) : 0, record && record->data ? 1 : 0);
+        Record_probe probe = probe_record(tag);
+        std::snprintf(line, sizeof line, "ok %d %d", probe.state, probe.has_data ? 1 : 0);
         return line;
     }
     if (command == "write") {
@@ -125,10 +124,6 @@ std::string run(const std::string& command, std::istringstream& words, int liste
     if (command == "accept") {
         return qv_msg_accept(listener, uint32_t(a), 10000) ? "ok" : "failed";
     }
-    if (command == "debug") {
-        msg_set_levels(msg_level_mask() | MSG_DEBUG);
-        return "ok";
-    }
     return "unknown command " + command;
 }
 
@@ -143,7 +138,10 @@ int main(int argc, char** argv)
     mem_set_hooks(malloc, realloc, free);
     thread_system_init();
     qv_errorhandler(print_line);
-    msg_set_levels(msg_level_mask() | MSG_INFO);
+    // Debug lines on from the start: the level mask is not for changing while threads write.
+    msg_set_levels(msg_level_mask() | MSG_INFO | MSG_DEBUG);
+    // The first line settles the message layer's output state while this thread is alone.
+    msg_info("hostmsg peer: %s", argv[1]);
     qv_msg_init(0);
     qv_db_init();
     QV::DB::element_install_db_handler();
