@@ -18,7 +18,8 @@ struct Delayed_delete {
 int g_delay_count;
 Delayed_delete* g_delayed;
 
-// Queues `tag` if a bracket is open; false when the delete must run now.
+}  // namespace
+
 bool delay_if_bracketed(Db_tag tag, uint8_t from_network)
 {
     if (!g_delay_lock)
@@ -39,6 +40,8 @@ bool delay_if_bracketed(Db_tag tag, uint8_t from_network)
     msg_debug("entering delete delayed tag %#x", tag);
     return true;
 }
+
+namespace {
 
 void record_clear(Db_record* record)
 {

@@ -64,6 +64,9 @@ Db_record* record_make(Db_tag tag);
 void record_make_lock(Db_record* record);
 // Returns the slot of `tag` to its page's free count and hints. Global lock held.
 void slot_give_back(Db_tag tag);
+// Queues a delete of `tag` if a delay bracket is open; false when the delete must run now.
+// `from_network` becomes the delete-in-progress byte when the queued delete runs.
+bool delay_if_bracketed(Db_tag tag, uint8_t from_network);
 // Allocates a tag (global lock taken and left inside); the record is set and pinned.
 Db_tag tag_allocate(int type, bool job, Db_record* parent, Db_record** out_record);
 

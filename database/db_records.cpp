@@ -3,6 +3,7 @@
 
 #include "base/lib/mem/i_mem_allocatable.h"
 #include "database/db_internal.h"
+#include "database/host_db_protocol.h"
 #include "runtime/msg.h"
 
 namespace qv_db_detail {
@@ -193,8 +194,9 @@ void qv_db_lock(Db_tag tag)
         g_remote_hooks.cluster_lock(tag);
         return;
     }
-    // A single host is its own cluster: the record's lock is the tag's lock.
-    lock_enter(record_get(tag)->lock);
+    // A single host is a master without slaves: its lock table holds the lock.
+    record_get(tag);
+    qv_db_net::master_lock(tag, 0);
 }
 
 void qv_db_unlock(Db_tag tag)
@@ -204,5 +206,6 @@ void qv_db_unlock(Db_tag tag)
         g_remote_hooks.cluster_unlock(tag);
         return;
     }
-    lock_leave(record_get(tag)->lock);
+    record_get(tag);
+    qv_db_net::master_unlock(tag, 0, false);
 }

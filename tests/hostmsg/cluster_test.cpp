@@ -1,0 +1,263 @@
+// A real cluster over loopback: this process is the master, two peer processes are slaves.
+#include <arpa/inet.h>
+#include <atomic>
+#include <cstring>
+#include <netinet/in.h>
+#include <memory>
+#include <set>
+
+#include "database/host_db_protocol.h"
+#include "database/transaction.h"
+#include "tests/hostmsg/hostmsg_test_support.h"
+#include "tests/hostmsg/peer/record_probe.h"
+
+namespace {
+
+constexpr int POLYGON = 14;   // a tracked type
+
+// The slaves learn of this thread's records through other processes, an order no race detector
+// sees; the table lock that the network thread takes before it handles a message makes it one.
+void publish() { qv_msg_connections(); }
+
+// A plain element on the master filled with the test pattern; `size` 0 gives an empty block.
+Db_tag make_plain(uint32_t size, uint32_t seed, int type = 0)
+{
+    Db_tag tag = 0;
+    if (size == 0) {
+        static uint8_t empty[1];
+        qv_db_create(&tag, type, 1);
+        qv_db_attach(tag, empty, 0);
+    } else {
+        blob_fill(static_cast<uint8_t*>(qv_db_create(&tag, type, size)), size, seed);
+    }
+    if (qv_db_type_tracked(type))
+        qv_db_unpin(tag);
+    publish();
+    return tag;
+}
+
+std::string expected_fetch(const void* data, uint32_t size)
+{
+    return "ok " + std::to_string(size) + " " + hex(blob_hash(data, size));
+}
+
+bool offered_for_flush(Db_tag tag)
+{
+    bool found = false;
+    std::pair<Db_tag, bool*> wanted{tag, &found};
+    qv_db_flush_walk(
+        [](void* user, void*, Db_flush_entry* entries, int count, Db_thread_list*) {
+            auto* want = static_cast<std::pair<Db_tag, bool*>*>(user);
+            for (int i = 0; i < count; ++i)
+                *want->second = *want->second || entries[i].tag == want->first;
+        },
+        &wanted, nullptr);
+    return found;
+}
+
+}  // namespace
+
+class ClusterTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        hostmsg_process_setup();
+        int port = 0;
+        listener_ = qv_msg_listen("127.0.0.1", 0, &port);
+        ASSERT_GE(listener_, 0);
+        for (int host = 1; host <= 2; ++host) {
+            slaves_[host] = std::make_unique<Peer>(std::vector<std::string>{"slave", std::to_string(port)});
+            ASSERT_EQ(qv_msg_accept(listener_, uint32_t(host), 10000), 1);
+            ASSERT_EQ(slaves_[host]->line(), "host " + std::to_string(host));
+        }
+    }
+
+    static void TearDownTestSuite()
+    {
+        for (auto& slave : slaves_)
+            if (slave)
+                slave->finish();
+        for (auto& slave : slaves_)
+            slave.reset();
+        qv_msg_exit();
+        if (listener_ >= 0)
+            close(listener_);
+        listener_ = -1;
+        qv_errorhandler(nullptr);
+    }
+
+    void SetUp() override
+    {
+        ASSERT_TRUE(slaves_[1] && slaves_[2]);
+        hostmsg_clear();
+    }
+
+    static Peer& slave(int host) { return *slaves_[host]; }
+
+    static inline int listener_ = -1;
+    static inline std::unique_ptr<Peer> slaves_[3];
+};
+
+TEST_F(ClusterTest, SlavesFetchPlainAndSerializedElementsByteForByte)
+{
+    // Piece borders: empty, one byte, exactly one piece, one byte into the second, many windows.
+    for (uint32_t size : {0u, 1u, 1364u, 1365u, 200000u}) {
+        Db_tag tag = make_plain(size, size);
+        Db_record* record = qv_db_peek(tag);
+        for (int host : {1, 2})
+            EXPECT_EQ(slave(host).ask("fetch " + hex(tag)), expected_fetch(record->data, size)) << size << " host " << host;
+    }
+
+    auto* blob = new Blob_element();
+    blob->bytes.resize(5000);
+    blob_fill(blob->bytes.data(), blob->bytes.size(), 63);
+    uint64_t hash = blob_hash(blob->bytes.data(), blob->bytes.size());
+    Db_tag tag = 0;
+    QV::DB::get_transaction()->store(&tag, blob, nullptr);
+    publish();
+    EXPECT_EQ(slave(1).ask("type " + hex(tag)), "ok 63");
+    for (int host : {1, 2})
+        EXPECT_EQ(slave(host).ask("fetch " + hex(tag)), "ok63 5000 " + hex(hash));
+}
+
+TEST_F(ClusterTest, ReceiverAsksForEachWindowAfterItsEighthPiece)
+{
+    // 146,000 bytes are 108 pieces: the windows after pieces 7, 15, ..., 103 are asked for.
+    Db_tag tag = make_plain(146000, 9);
+    ASSERT_EQ(slave(2).ask("fetch " + hex(tag)), expected_fetch(qv_db_peek(tag)->data, 146000));
+    std::string log = slave(2).messages();
+    std::string prefix = "requesting tag 0x" + hex(tag) + ", offset ";
+    std::vector<int> asked;
+    for (size_t at = log.find(prefix); at != std::string::npos; at = log.find(prefix, at + 1))
+        asked.push_back(std::atoi(log.c_str() + at + prefix.size()));
+    std::vector<int> expected;
+    for (int piece = 8; piece < 108; piece += 8)
+        expected.push_back(piece);
+    EXPECT_EQ(asked, expected);
+}
+
+TEST_F(ClusterTest, FlushPushWritesBackToTheOwnerAndDropsOtherCopies)
+{
+    Db_tag tag = make_plain(3000, 5);
+    ASSERT_EQ(slave(1).ask("fetch " + hex(tag)).substr(0, 7), "ok 3000");
+    ASSERT_EQ(slave(2).ask("fetch " + hex(tag)).substr(0, 7), "ok 3000");
+
+    // Slave 2 drops its copy, and fetches again what the owner got back.
+    ASSERT_EQ(slave(1).ask("write " + hex(tag) + " 7"), "ok");
+    EXPECT_TRUE(eventually([&] { return slave(2).ask("state " + hex(tag)) == "ok 0 0"; }));
+    std::vector<uint8_t> sevens(3000, 7);
+    EXPECT_EQ(slave(2).ask("fetch " + hex(tag)), expected_fetch(sevens.data(), 3000));
+}
+
+TEST_F(ClusterTest, BroadcastDeleteReachesEveryHost)
+{
+    Db_tag tag = make_plain(100, 1);
+    ASSERT_EQ(slave(1).ask("fetch " + hex(tag)).substr(0, 6), "ok 100");
+    ASSERT_EQ(slave(2).ask("fetch " + hex(tag)).substr(0, 6), "ok 100");
+    ASSERT_EQ(slave(1).ask("delete " + hex(tag)), "ok");
+    EXPECT_TRUE(eventually([&] { return probe_record(tag).state == DB_STATE_FREE; }));
+    EXPECT_TRUE(eventually([&] { return slave(2).ask("state " + hex(tag)) == "ok 0 0"; }));
+    EXPECT_EQ(slave(1).ask("state " + hex(tag)), "ok 0 0");
+}
+
+TEST_F(ClusterTest, NetworkPinKeepsATrackedElementFromTheFlush)
+{
+    Db_tag tag = make_plain(64, 3, POLYGON);
+    ASSERT_TRUE(offered_for_flush(tag));
+    ASSERT_EQ(slave(1).ask("pin " + hex(tag)), "ok");
+    EXPECT_TRUE(eventually([&] { return !offered_for_flush(tag); }));
+    ASSERT_EQ(slave(1).ask("unpin " + hex(tag)), "ok");
+    EXPECT_TRUE(eventually([&] { return offered_for_flush(tag); }));
+}
+
+TEST_F(ClusterTest, ClusterLockIsHeldByOneSlaveAtATime)
+{
+    Db_tag tag = make_plain(16, 2);
+    ASSERT_EQ(slave(1).ask("lock " + hex(tag)), "ok");
+    slave(2).send("lock " + hex(tag));
+    EXPECT_EQ(slave(2).line(300), "<timeout>");
+    EXPECT_EQ(qv_db_net::master_locks_in_table(), 1);
+
+    // The master's own threads queue behind the slaves too.
+    std::atomic<bool> master_has_it{false};
+    std::thread local([&] {
+        qv_db_lock(tag);
+        master_has_it = true;
+        qv_db_unlock(tag);
+    });
+    ASSERT_EQ(slave(1).ask("unlock " + hex(tag)), "ok");
+    EXPECT_EQ(slave(2).line(5000), "ok");
+    EXPECT_FALSE(master_has_it.load());
+    ASSERT_EQ(slave(2).ask("unlock " + hex(tag)), "ok");
+    local.join();
+    EXPECT_TRUE(master_has_it.load());
+    EXPECT_EQ(qv_db_net::master_locks_in_table(), 0);
+    EXPECT_EQ(hostmsg_count("globally unlocking"), 0);
+}
+
+TEST_F(ClusterTest, SlaveKilledMidTransferIsReportedAndTheMasterGoesOn)
+{
+    Db_tag big = make_plain(40u << 20, 4);
+    Db_tag small = make_plain(2000, 4);
+    {
+        Peer doomed({"slave", std::to_string([] {
+                         sockaddr_in address{};
+                         socklen_t length = sizeof address;
+                         getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
+                         return int(ntohs(address.sin_port));
+                     }())});
+        ASSERT_EQ(qv_msg_accept(listener_, 3, 10000), 1);
+        ASSERT_EQ(doomed.line(), "host 3");
+        doomed.send("fetch " + hex(big));
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        doomed.kill_now();
+    }
+    EXPECT_TRUE(eventually([] { return hostmsg_count("Connection to host 3 lost.") == 1; }));
+    EXPECT_FALSE(qv_msg_host_live(3));
+    EXPECT_EQ(slave(1).ask("fetch " + hex(small)), expected_fetch(qv_db_peek(small)->data, 2000));
+    qv_db_delete(big);
+}
+
+TEST(MasterLossTest, SlavesSayGoodbyeWhenTheMasterDies)
+{
+    hostmsg_process_setup();
+    Peer master({"master"});
+    std::string port = master.line();
+    ASSERT_EQ(port.substr(0, 5), "port ");
+    std::unique_ptr<Peer> slaves[2];
+    for (int i = 0; i < 2; ++i) {
+        master.send("accept " + std::to_string(i + 1));
+        slaves[i] = std::make_unique<Peer>(std::vector<std::string>{"slave", port.substr(5)});
+        ASSERT_EQ(master.line(), "ok");
+        ASSERT_EQ(slaves[i]->line(), "host " + std::to_string(i + 1));
+    }
+    master.kill_now();
+    for (auto& slave : slaves) {
+        EXPECT_EQ(slave->wait_exit(10000), 1);
+        EXPECT_NE(slave->messages().find("connection to master broken. goodbye."), std::string::npos);
+    }
+}
+
+TEST(SlaveTagsTest, MasterWarnsOfTagsLeftByADisconnectingSlave)
+{
+    hostmsg_process_setup();
+    setenv("QV_DEBUG_SLAVE_TAGS", "1", 1);
+    Peer master({"master"});
+    unsetenv("QV_DEBUG_SLAVE_TAGS");
+    std::string port = master.line();
+    ASSERT_EQ(port.substr(0, 5), "port ");
+    master.send("accept 1");
+    Peer slave({"slave", port.substr(5)});
+    ASSERT_EQ(master.line(), "ok");
+    ASSERT_EQ(slave.line(), "host 1");
+
+    // A tag of the slave that the master fetched stays on the master after the slave is gone.
+    std::string made = slave.ask("make 10 1");
+    ASSERT_EQ(made.substr(0, 3), "ok ");
+    ASSERT_EQ(master.ask("fetch " + made.substr(3)).substr(0, 5), "ok 16");
+    slave.finish();
+    EXPECT_TRUE(eventually([&] {
+        return master.messages().find("Found 1 still existing tags for disconnecting host 1") != std::string::npos;
+    }));
+    master.finish();
+}
