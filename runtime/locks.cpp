@@ -119,6 +119,13 @@ int rw_count(Rw_lock lock)
     return lock->count;
 }
 
+void rw_waiting_counts(Rw_lock lock, int* readers, int* writers)
+{
+    std::lock_guard<std::mutex> hold(lock->guard);
+    *readers = lock->waiting_readers;
+    *writers = lock->waiting_writers;
+}
+
 void thread_sleep(unsigned microseconds)
 {
     unsigned ms = microseconds < 1001 ? 1 : microseconds / 1000;

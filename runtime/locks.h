@@ -66,6 +66,8 @@ bool rw_try_lock(Rw_lock lock, bool write);
 void rw_unlock(Rw_lock lock, bool write);
 // 1 while a writer holds it, minus the number of readers while readers hold it, 0 when free.
 int rw_count(Rw_lock lock);
+// Threads now blocked in rw_lock, by kind (for reports and tests).
+void rw_waiting_counts(Rw_lock lock, int* readers, int* writers);
 
 // Below 1,001 microseconds sleeps 1 ms, otherwise microseconds / 1,000 ms.
 void thread_sleep(unsigned microseconds);

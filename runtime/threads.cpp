@@ -64,6 +64,8 @@ void copy_global_areas(Thread_context* context)
 void release_row(int row)
 {
     std::lock_guard<std::mutex> hold(g_table_lock);
+    if (!g_contexts[row] || g_contexts[row] == thread_context())
+        return;
     mem_raw_free(__FILE__, __LINE__, g_contexts[row]);
     g_contexts[row] = nullptr;
     g_functions[row] = nullptr;
@@ -201,6 +203,12 @@ int thread_start(int number)
         msg_error_n(106, "cannot set priority for thread %d", number);
     pthread_detach(thread);  // threads are not joined by handle
     return 1;
+}
+
+void thread_release(int number)
+{
+    if (number >= 0 && number < THREAD_TABLE_ROWS)
+        release_row(number);
 }
 
 void thread_set_stack_size(size_t bytes) { g_configured_stack_bytes = bytes; }

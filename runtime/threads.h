@@ -49,6 +49,8 @@ int thread_alloc(Thread_function function, void* argument, bool counted);
 // the row is released. Threads are not joined: the thread ends itself through
 // thread_end_current when its function returns.
 int thread_start(int number);
+// Gives back a row from thread_alloc whose thread was never started (its context is freed).
+void thread_release(int number);
 // Stack size of threads started from now on; 0 returns to QV_STACKSIZE (KB) or the default.
 void thread_set_stack_size(size_t bytes);
 // The stack size thread_start asks for, without the THREAD_STACK_PAD_BYTES it adds.
