@@ -85,28 +85,30 @@ QV::DB::Element_base* Map_page_bvh_job<N>::execute(QV::SCHED::Job_execution_cont
     if (threads == 1) {
         run_thread(0);
     } else {
-        // Workers enter through the thread table; they are not joined, so a latch tells when
-        // each has finished its share. A worker whose row or start fails runs here instead.
+        // Workers enter through the thread table and are not joined: each one counts the latch
+        // down as its very last act, so nothing of a worker runs on once the wait is over. A
+        // worker whose row or start fails runs here instead.
         struct Worker_start {
             Map_page_bvh_job* job;
             uint32_t index;
-            std::latch* done;
         };
         std::latch done(threads - 1);
         std::vector<Worker_start> starts(threads);
         Thread_function worker = [](void* raw) {
             auto* start = static_cast<Worker_start*>(raw);
-            {
-                Module_scope worker_scope(MOD_RCMP);
-                start->job->run_thread(start->index);
-            }
-            start->done->count_down();
+            Module_scope worker_scope(MOD_RCMP);
+            start->job->run_thread(start->index);
         };
+        auto count_down = [](void* latch) { static_cast<std::latch*>(latch)->count_down(); };
         for (uint32_t t = 1; t < threads; ++t) {
-            starts[t] = {this, t, &done};
+            starts[t] = {this, t};
             int row = thread_alloc(worker, &starts[t], false);
-            if (row < 0 || !thread_start(row))
+            if (row >= 0)
+                thread_notify_end(row, count_down, &done);
+            if (row < 0 || !thread_start(row)) {
                 worker(&starts[t]);
+                done.count_down();
+            }
         }
         run_thread(0);
         done.wait();

@@ -30,6 +30,8 @@ Thread_function g_functions[ROWS_WITH_RESERVED];
 void* g_arguments[ROWS_WITH_RESERVED];
 bool g_counted[ROWS_WITH_RESERVED];
 size_t g_stack_bytes[ROWS_WITH_RESERVED];
+void (*g_end_notes[ROWS_WITH_RESERVED])(void*);
+void* g_end_arguments[ROWS_WITH_RESERVED];
 uint32_t* g_ended_pins;  // THREAD_ENDED_PIN_SLOTS counters, made at the first thread end with pins
 
 std::mutex g_start_lock;  // before g_table_lock, always
@@ -98,8 +100,12 @@ void* trampoline(void* raw_row)
     void* argument;
     bool counted;
     size_t stack_bytes;
+    void (*end_note)(void*);
+    void* end_argument;
     {
         std::lock_guard<std::mutex> hold(g_table_lock);
+        end_note = g_end_notes[row];
+        end_argument = g_end_arguments[row];
         context = g_contexts[row];
         function = g_functions[row];
         argument = g_arguments[row];
@@ -129,6 +135,8 @@ void* trampoline(void* raw_row)
     thread_end_current();
     if (counted)
         running_add(-1);
+    if (end_note)
+        end_note(end_argument);
     return nullptr;
 }
 
@@ -173,6 +181,8 @@ int thread_alloc(Thread_function function, void* argument, bool counted)
     g_arguments[row] = argument;
     g_counted[row] = counted;
     g_stack_bytes[row] = 0;
+    g_end_notes[row] = nullptr;
+    g_end_arguments[row] = nullptr;
     return row;
 }
 
@@ -199,10 +209,23 @@ int thread_start(int number)
         release_row(number);
         return 0;
     }
-    if (g_main_priority_saved && pthread_setschedparam(thread, g_main_policy, &g_main_param) != 0)
-        msg_error_n(106, "cannot set priority for thread %d", number);
+    if (g_main_priority_saved) {
+        // A thread that has already run to its end has no priority left to set.
+        int result = pthread_setschedparam(thread, g_main_policy, &g_main_param);
+        if (result != 0 && result != ESRCH)
+            msg_error_n(106, "cannot set priority for thread %d", number);
+    }
     pthread_detach(thread);  // threads are not joined by handle
     return 1;
+}
+
+void thread_notify_end(int number, void (*done)(void* argument), void* argument)
+{
+    if (number < 0 || number >= THREAD_TABLE_ROWS)
+        return;
+    std::lock_guard<std::mutex> hold(g_table_lock);
+    g_end_notes[number] = done;
+    g_end_arguments[number] = argument;
 }
 
 void thread_release(int number)

@@ -49,6 +49,10 @@ int thread_alloc(Thread_function function, void* argument, bool counted);
 // the row is released. Threads are not joined: the thread ends itself through
 // thread_end_current when its function returns.
 int thread_start(int number);
+// Asks the thread of a row (before thread_start) to call done(argument) as its very last act,
+// after thread_end_current and the running count: a starter that waits for this knows the
+// thread touches nothing of the system any more.
+void thread_notify_end(int number, void (*done)(void* argument), void* argument);
 // Gives back a row from thread_alloc whose thread was never started (its context is freed).
 void thread_release(int number);
 // Stack size of threads started from now on; 0 returns to QV_STACKSIZE (KB) or the default.
