@@ -34,7 +34,7 @@ Entry** g_table;  // BUCKETS chains
 Registry_link_hook g_link_hook;
 Registry_read_hook g_read_hook;
 // Stands in for the LIB context area on a thread whose context has none.
-thread_local int32_t t_fallback_depth;
+thread_local Lib_context_area t_fallback_area;
 
 char* copy_string(const char* text) { return mem_strdup(__FILE__, __LINE__, text ? text : ""); }
 
@@ -73,11 +73,11 @@ void free_entry(Entry* entry)
     mem_free(__FILE__, __LINE__, entry);
 }
 
-int32_t* lookup_depth()
+Lib_context_area* lib_area()
 {
     if (auto* area = static_cast<Lib_context_area*>(mod_context_area(MOD_LIB)))
-        return &area->lookup_depth;
-    return &t_fallback_depth;
+        return area;
+    return &t_fallback_area;
 }
 
 bool is_system_name(const char* name) { return name[0] && name[1] == '_'; }
@@ -119,11 +119,17 @@ void run_action(const char* name, const char* key, const char* text)
 {
     if (!key || !text)
         return;
-    int32_t* depth = lookup_depth();
-    if (*depth > REGISTRY_MAX_ACTION_DEPTH) {
+    Lib_context_area* area = lib_area();
+    if (area->action_stop)
+        return;
+    if (area->lookup_depth > REGISTRY_MAX_ACTION_DEPTH) {
         msg_error_n(28, "infinite registry lookup loop near %s in %s, stop", name, text);
+        // An action text that names its entry twice would otherwise fan out 2^128 times:
+        // the whole chain stops, not only its deepest step.
+        area->action_stop = 1;
         return;
     }
+    int32_t* depth = &area->lookup_depth;
     ++*depth;
     if (std::strcmp(key, "link") == 0 || std::strcmp(key, "code") == 0) {
         msg_debug("registry %s links %s", name, text);
@@ -150,7 +156,8 @@ void run_action(const char* name, const char* key, const char* text)
             mem_free(__FILE__, __LINE__, command);
         }
     }
-    --*depth;
+    if (--*depth == 0)
+        area->action_stop = 0;
 }
 
 // Expands `text` at recursion `depth`. Null with *failed set after an error; null with *failed

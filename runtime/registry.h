@@ -17,6 +17,7 @@
 // The LIB context area: per-thread registry state.
 struct Lib_context_area {
     int32_t lookup_depth;  // actions running on this thread
+    int32_t action_stop;   // set by the depth error: no action runs until the outermost returns
 };
 
 constexpr int REGISTRY_OUTPUT_CHARS = 10238;

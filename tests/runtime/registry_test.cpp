@@ -154,6 +154,12 @@ TEST_F(RegistryTest, ActionsRunInModeOneWithABoundedDepth)
     // An echo that names its own entry comes back until the action depth stops it.
     lookup("{loop}", 1);
     EXPECT_EQ(messages.count(MSG_ERROR, "infinite registry lookup loop near {loop} in {loop}, stop"), 1);
+    // Naming itself twice must not fan out: the first stop ends the whole chain.
+    set_entry("{fan}", "echo", "{fan}{fan}");
+    lookup("{fan}", 1);
+    EXPECT_EQ(messages.count(MSG_ERROR, "infinite registry lookup loop near {fan}"), 1);
+    lookup("{loop}", 1);  // and the next lookup runs its actions again
+    EXPECT_EQ(messages.count(MSG_ERROR, "in {loop}, stop"), 2);
 }
 
 TEST_F(RegistryTest, BeginReplacesBuiltInsExistAndPrintListsPairs)
