@@ -6,6 +6,7 @@
 #include "runtime/modules.h"
 #include "runtime/msg.h"
 #include "runtime/registry.h"
+#include "runtime/threads.h"
 
 namespace {
 
@@ -32,4 +33,7 @@ void qv_api_init(int)
     mod_register_context_area(MOD_LIB, nullptr, lib_context_exit, LIB_CONTEXT_BYTES);
     mod_register_world_area(MOD_LIB, lib_world_init, lib_world_exit, LIB_WORLD_BYTES);
     msg_defaults();
+    // What a host compares before it accepts another: this library's level and substitution.
+    capability_register("RAY39");
+    capability_register("SUB3");
 }
