@@ -54,6 +54,10 @@ TEST_F(SubstituteTest, VariablesNameInputsAndTheOutputWhoseRawNameIsRemoved)
     r = run_tool({"$FGDIR/a.fg", "$FGDIR/out.fgm"}, "", {"FGDIR=" + dir.path()});
     EXPECT_EQ(r.exit_code, 0) << r.err;
     EXPECT_TRUE(file_exists(dir.file("out.fgm")));
+    // ... and is read back as an input named the same way.
+    r = run_tool({"-l", "on", "${FGDIR}/out.fgm", "$FGDIR/back.fg"}, "", {"FGDIR=" + dir.path()});
+    EXPECT_EQ(r.exit_code, 0) << r.err;
+    EXPECT_EQ(classic_count("back.fg"), 5u);
 }
 
 TEST_F(SubstituteTest, RulesRewriteNamesAndUndefinedVariablesAreReported)
