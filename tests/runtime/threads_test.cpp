@@ -262,14 +262,3 @@ TEST(LockTest, InPlaceSectionIsRecursiveAndGuardWaitsForMem)
     }
     lock_delete_in_place(section);
 }
-
-TEST(LockTest, SleepRoundsToMilliseconds)
-{
-    auto timed = [](unsigned microseconds) {
-        auto start = std::chrono::steady_clock::now();
-        thread_sleep(microseconds);
-        return std::chrono::steady_clock::now() - start;
-    };
-    EXPECT_GE(timed(500), std::chrono::milliseconds(1));
-    EXPECT_GE(timed(30000), std::chrono::milliseconds(30));
-}
