@@ -245,6 +245,9 @@ int thread_running_count()
 
 int thread_init_current()
 {
+    // A thread that has its row already keeps it (the console handler may run on any thread).
+    if (Thread_context* current = thread_context(); current && current != &g_default_context)
+        return current->thread_number;
     int row = thread_alloc(nullptr, nullptr, false);
     if (row < 0) {
         msg_error_n(103, "cannot allocate thread");

@@ -24,7 +24,8 @@ constexpr size_t THREAD_STACK_PAD_BYTES = 65536;  // room for the stagger of eac
 // thread_init_current. Returns non-zero on success. A second call does nothing and returns 1.
 int thread_system_init();
 // Gives the calling thread a row and a Thread_context (error 103 when no row is free).
-// Returns the row or -1. Used for the main thread and for threads the system did not start.
+// Returns the row or -1. Used for the main thread and for threads the system did not start; a
+// thread that already has a row keeps it.
 int thread_init_current();
 // Clean-up of the calling thread: context areas destroyed, its pins folded into the process
 // table, error text and block heap freed, row cleared, context freed, slot nulled.

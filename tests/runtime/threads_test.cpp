@@ -166,6 +166,7 @@ TEST_F(ThreadsTest, DetachedThreadMovesToTheReservedRow)
     std::atomic<int> row_before{-1};
     std::thread foreign([&] {
         row_before = thread_init_current();
+        EXPECT_EQ(thread_init_current(), row_before);  // a second call keeps the row
         thread_detach_current();
         number_after = thread_number();
         thread_end_current();
