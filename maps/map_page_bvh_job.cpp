@@ -2,7 +2,7 @@
 // page. Threads share nothing but the cache: each has its own page table (so it never gives
 // back another thread's pages) and its own page buffer and construction scratch.
 #include <cstring>
-#include <thread>
+#include <latch>
 #include <vector>
 
 #include "base/lib/mem/i_mem_allocatable.h"
@@ -85,23 +85,33 @@ QV::DB::Element_base* Map_page_bvh_job<N>::execute(QV::SCHED::Job_execution_cont
     if (threads == 1) {
         run_thread(0);
     } else {
-        std::vector<std::thread> workers;
-        workers.reserve(threads - 1);
+        // Workers enter through the thread table and are not joined: each one counts the latch
+        // down as its very last act, so nothing of a worker runs on once the wait is over. A
+        // worker whose row or start fails runs here instead.
+        struct Worker_start {
+            Map_page_bvh_job* job;
+            uint32_t index;
+        };
+        std::latch done(threads - 1);
+        std::vector<Worker_start> starts(threads);
+        Thread_function worker = [](void* raw) {
+            auto* start = static_cast<Worker_start*>(raw);
+            Module_scope worker_scope(MOD_RCMP);
+            start->job->run_thread(start->index);
+        };
+        auto count_down = [](void* latch) { static_cast<std::latch*>(latch)->count_down(); };
         for (uint32_t t = 1; t < threads; ++t) {
-            workers.emplace_back([this, t] {
-                // A worker enters the thread table like every thread of the engine.
-                bool own_context = !thread_context() && thread_init_current() >= 0;
-                {
-                    Module_scope worker_scope(MOD_RCMP);
-                    run_thread(t);
-                }
-                if (own_context)
-                    thread_end_current();
-            });
+            starts[t] = {this, t};
+            int row = thread_alloc(worker, &starts[t], false);
+            if (row >= 0)
+                thread_notify_end(row, count_down, &done);
+            if (row < 0 || !thread_start(row)) {
+                worker(&starts[t]);
+                done.count_down();
+            }
         }
         run_thread(0);
-        for (std::thread& worker : workers)
-            worker.join();
+        done.wait();
     }
     threads_ = saved_threads;
     for (Thread_state& state : states) {

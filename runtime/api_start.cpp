@@ -5,6 +5,8 @@
 #include "database/host_messaging.h"
 #include "runtime/modules.h"
 #include "runtime/msg.h"
+#include "runtime/registry.h"
+#include "runtime/threads.h"
 
 namespace {
 
@@ -14,8 +16,9 @@ void remote_message(Thread_context*, void* buffer, size_t length, bool swap)
         msg_handle_remote(static_cast<Msg_record*>(buffer), swap);
 }
 
-// The LIB areas hold shader-side library state that this program never fills.
-constexpr uint32_t LIB_CONTEXT_BYTES = 64;
+// The LIB context area holds the registry's per-thread action depth; the world area holds
+// shader-side library state that this program never fills.
+constexpr uint32_t LIB_CONTEXT_BYTES = sizeof(Lib_context_area);
 constexpr uint32_t LIB_WORLD_BYTES = 64;
 void lib_context_exit(void*) {}
 void lib_world_init(void*) {}
@@ -30,4 +33,7 @@ void qv_api_init(int)
     mod_register_context_area(MOD_LIB, nullptr, lib_context_exit, LIB_CONTEXT_BYTES);
     mod_register_world_area(MOD_LIB, lib_world_init, lib_world_exit, LIB_WORLD_BYTES);
     msg_defaults();
+    // What a host compares before it accepts another: this library's level and substitution.
+    capability_register("RAY39");
+    capability_register("SUB3");
 }

@@ -8,10 +8,6 @@
 
 #include "base/lib/mem/i_mem_allocatable.h"
 
-struct Lock_record {
-    std::recursive_mutex mutex;
-};
-
 int lock_create(Lock* handle)
 {
     void* memory = mem_alloc("lock", 0, sizeof(Lock_record));
@@ -27,6 +23,17 @@ void lock_destroy(Lock* handle)
     *handle = nullptr;
     lock->~Lock_record();
     mem_free("lock", 0, lock);
+}
+
+void lock_init_in_place(Lock_record* section) { new (section) Lock_record(); }
+void lock_delete_in_place(Lock_record* section) { section->~Lock_record(); }
+
+Lock_guard::Lock_guard(Lock lock)
+{
+    if (lock && mem_started()) {
+        lock_enter(lock);
+        held_ = lock;
+    }
 }
 
 void lock_enter(Lock lock) { lock->mutex.lock(); }
@@ -110,6 +117,13 @@ int rw_count(Rw_lock lock)
 {
     std::lock_guard<std::mutex> hold(lock->guard);
     return lock->count;
+}
+
+void rw_waiting_counts(Rw_lock lock, int* readers, int* writers)
+{
+    std::lock_guard<std::mutex> hold(lock->guard);
+    *readers = lock->waiting_readers;
+    *writers = lock->waiting_writers;
 }
 
 void thread_sleep(unsigned microseconds)

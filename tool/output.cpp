@@ -11,6 +11,7 @@
 #include "maps/map_iterator.h"
 #include "maps/map_manager.h"
 #include "maps/map_page_store.h"
+#include "runtime/paths.h"
 #include "tool/stages.h"
 
 using namespace QV::RCMAP;
@@ -29,7 +30,11 @@ void save_current(const char* path, Tag tag)
         return;
     // The earlier stages switched it off; the write builds the hierarchy and stores it.
     map->bvh_enabled = true;
-    map->write(path, qv::shader_v3::MAP_FORMAT_BINARY, true);
+    // The map layer opens a file for writing under the name it is given, so the substituted
+    // name is made here; the classic writer substitutes on its own.
+    char name[PATH_CALLER_BUFFER];
+    path_substitute(name, path, sizeof name);
+    map->write(name, qv::shader_v3::MAP_FORMAT_BINARY, true);
 }
 
 void save_classic(const char* path, Tag tag)

@@ -1,0 +1,179 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <unistd.h>
+
+#include "base/lib/mem/i_mem_allocatable.h"
+#include "runtime/paths.h"
+#include "runtime/registry.h"
+#include "tests/runtime/msg_collect.h"
+#include "tests/test_support.h"
+
+namespace {
+
+const std::string ESC(1, char(27));
+
+std::string take(char* text)
+{
+    std::string result = text ? text : "<null>";
+    mem_free(__FILE__, __LINE__, text);
+    return result;
+}
+
+class PathsTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        qv_test_init();
+        for (const char* name : {"QV_RAY_SUBSTITUTE", "SI_LINKTAB_LOCATION", "SI_LOCATION"})
+            unsetenv(name);
+        setenv("QVT_A", "val", 1);
+        setenv("QVT_B", "B", 1);
+        unsetenv("QVT_UNSET");
+        path_clear_rules();
+        path_start();
+    }
+    void TearDown() override { path_clear_rules(); }
+
+    std::string apply(const std::string& rules, const std::string& path)
+    {
+        path_clear_rules();
+        path_start();
+        path_parse_rules(rules.c_str());
+        return take(path_apply_rules(path.c_str()));
+    }
+};
+
+}  // namespace
+
+TEST_F(PathsTest, RulesRewriteByAnchorsWildcardsAndOrder)
+{
+    const std::string native_names = "/.so$/.dll/ /.dylib$/.dll/ /.o$/.obj/ /.a$/.lib/";
+    struct Case {
+        std::string rules, path, expected;
+    } cases[] = {
+        {native_names, "libx.so", "libx.dll"},
+        {native_names, "libx.so.1", "libx.so.1"},  // $ anchors at the end only
+        {native_names, "a.o", "a.obj"},
+        {native_names, "a.obj", "a.obj"},
+        {"|^C:/x/y/|/mnt/|", "C:/x/y/C:/x/y/f", "/mnt/C:/x/y/f"},
+        {"|C:/x/y/|/mnt/|", "C:/x/y/C:/x/y/f", "/mnt//mnt/f"},
+        {"|`ab|X|", "abab", "Xab"},
+        {"|^zz|X|", "abzz", "abzz"},
+        {"/a?c/Z/", "abcaXcac", "ZZac"},
+        {"/[0-9]/#/", "a1b22", "a#b##"},
+        {"/x$-/Q/", "ax$-b", "aQb"},                     // $ before the end is an ordinary character
+        {"/a" + ESC + "/b/c/", "xa/by", "xcy"},         // ESC before the delimiter
+        {"/x/" + ESC + "$QVT_A/", "x", "$QVT_A"},       // ESC before $ keeps it
+        {"/x/$QVT_A/", "x", "val"},                     // rule strings are expanded
+        {"/a/b/ |b|c|", "a", "c"},                      // each rule works on the last result
+        {"/.tmp$//", "f.tmp", "f"},
+        {"  \t", "same", "same"},
+    };
+    for (const Case& c : cases)
+        EXPECT_EQ(apply(c.rules, c.path), c.expected) << c.rules << " on " << c.path;
+}
+
+TEST_F(PathsTest, MalformedRulesReportAndKeepWhatWasRead)
+{
+    struct Case {
+        std::string rules;
+        int error;
+        std::string path, expected;
+    } cases[] = {
+        {"/a/b/ //x/", 41, "a", "b"},
+        {"/a/b/ /abc", 42, "a", "b"},
+        {"/a/b/ /c/d", 43, "c", "c"},
+        {"/", 41, "a", "a"},
+    };
+    for (const Case& c : cases) {
+        Msg_collect messages;
+        EXPECT_EQ(apply(c.rules, c.path), c.expected) << c.rules;
+        EXPECT_EQ(messages.numbers(MSG_ERROR), std::vector<int>{c.error}) << c.rules;
+    }
+    // A broken range is reported once per place tried, and never matches.
+    Msg_collect messages;
+    EXPECT_EQ(apply("/[a-zz]/X/", "abc"), "abc");
+    EXPECT_EQ(messages.count(MSG_ERROR, "path substitution: incorrect [x-y] match syntax"), 3);
+}
+
+TEST_F(PathsTest, VariablesExpandAndStopAtTheFirstError)
+{
+    struct Case {
+        std::string text, expected;
+        int error;
+    } cases[] = {
+        {"$QVT_A/x", "val/x", 0},
+        {"${QVT_A}x", "valx", 0},
+        {"a$QVT_B", "aB", 0},
+        {"$?QVT_A|$?QVT_UNSET|${?QVT_A}", "1||1", 0},
+        {"a" + ESC + "$QVT_A", "a$QVT_A", 0},
+        {"cost $-x $", "cost $-x $", 0},
+        {"pre/$QVT_UNSET/post", "pre/", 40},
+        {"x${QVT_A", "x", 39},
+    };
+    for (const Case& c : cases) {
+        Msg_collect messages;
+        EXPECT_EQ(take(path_expand_vars(c.text.c_str())), c.expected) << c.text;
+        EXPECT_EQ(messages.numbers(MSG_ERROR), c.error ? std::vector<int>{c.error} : std::vector<int>{})
+            << c.text;
+    }
+    EXPECT_EQ(take(path_expand_vars(nullptr)), "<null>");
+}
+
+TEST_F(PathsTest, ResultsAreCutToTheBufferWithATerminatingZero)
+{
+    char out[16];
+    std::memset(out, 'x', sizeof out);
+    Msg_collect messages;
+    path_substitute(out, "abcdefghij", 8);
+    EXPECT_STREQ(out, "abcdefg");
+    EXPECT_EQ(out[8], 'x');  // nothing written past the buffer
+    EXPECT_EQ(messages.numbers(MSG_ERROR), std::vector<int>{38});
+
+    // Expansion stops at 4,095 characters, silently.
+    std::string huge(5000, 'p');
+    setenv("QVT_HUGE", huge.c_str(), 1);
+    EXPECT_EQ(take(path_apply_rules("$QVT_HUGE$QVT_HUGE")).size(), PATH_EXPAND_CHARS);
+    EXPECT_EQ(take(path_apply_rules(nullptr)), "<null>");
+    path_substitute(out, nullptr, sizeof out);
+    EXPECT_STREQ(out, "");
+}
+
+TEST_F(PathsTest, LazyStartReadsRulesAndTheLinkTable)
+{
+    char dir_template[] = "/tmp/qv_paths_XXXXXX";
+    ASSERT_NE(mkdtemp(dir_template), nullptr);
+    std::string dir = dir_template;
+    {
+        std::ofstream table(dir + "/linktab.ini");
+        table << "# comment\n\n   //server/share  /net/share\nshare!sub /u/x\nonly_nt\n!x /y\n";
+    }
+    setenv("SI_LINKTAB_LOCATION", dir.c_str(), 1);
+    setenv("QV_RAY_SUBSTITUTE", "/.o$/.obj/", 1);
+    path_clear_rules();
+    Msg_collect messages;
+    char out[PATH_CALLER_BUFFER];
+    EXPECT_STREQ(path_substitute(out, "/net/share/a.o", sizeof out), "//server/share/a.obj");
+    EXPECT_STREQ(path_substitute(out, "/u/x/f", sizeof out), "share!sub/f");
+    EXPECT_EQ(messages.count(MSG_INFO, "reading link table file \"" + dir + "/linktab.ini\""), 1);
+    EXPECT_EQ(messages.count(MSG_DEBUG, "5: missing UNIX string"), 1);
+    EXPECT_EQ(messages.count(MSG_DEBUG, "6: missing NT string"), 1);
+    unlink((dir + "/linktab.ini").c_str());
+    rmdir(dir.c_str());
+}
+
+TEST_F(PathsTest, RegistryStepExpandsEntriesAndCanEmptyThePath)
+{
+    registry_init();
+    registry_begin("{root}");
+    registry_add("{root}", "value", "/data");
+    char out[PATH_CALLER_BUFFER];
+    EXPECT_STREQ(path_substitute(out, "{root}/a", sizeof out), "/data/a");
+    EXPECT_STREQ(path_substitute_raw(out, "{root}/a", sizeof out, false), "{root}/a");
+    EXPECT_STREQ(path_substitute(out, "{_QV_unset}", sizeof out), "");
+    registry_exit();
+}

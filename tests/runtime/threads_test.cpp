@@ -1,0 +1,265 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "runtime/locks.h"
+#include "runtime/threads.h"
+#include "tests/runtime/stderr_capture.h"
+#include "tests/test_support.h"
+
+namespace {
+
+// Every wait in this file is bounded: a thread that never comes is a failure, not a hang.
+template <class Predicate>
+bool wait_until(Predicate done)
+{
+    auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > limit)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+struct Seen {
+    std::atomic<int> row{-2};
+    std::atomic<int> module{0};
+    std::atomic<int64_t> stack_size{0};
+    std::atomic<bool> ran{false};
+};
+
+void record_context(void* argument)
+{
+    auto* seen = static_cast<Seen*>(argument);
+    Thread_context* context = thread_context();
+    seen->row = context ? context->thread_number : -1;
+    seen->module = context ? context->current_module : 0;
+    seen->stack_size = context ? context->stack_size : 0;
+    // A context area made here must be cleaned up when the thread ends.
+    mod_context_area(MOD_CUDA);
+    seen->ran = true;
+}
+
+std::atomic<int> g_area_exits{0};
+void count_area_exit(void*) { ++g_area_exits; }
+
+class ThreadsTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        qv_test_init();
+        mod_register_context_area(MOD_CUDA, nullptr, count_area_exit, 16);
+    }
+    void TearDown() override
+    {
+        unsetenv("QV_STACKSIZE");
+        thread_set_stack_size(0);
+        ASSERT_TRUE(wait_until([] { return thread_running_count() == 0; }));
+    }
+};
+
+const Thread_snapshot* take_snapshot()
+{
+    const Thread_snapshot* snapshot = nullptr;
+    wait_until([&] { return (snapshot = thread_snapshot()) != nullptr; });
+    return snapshot;
+}
+
+bool snapshot_has_row(int row)
+{
+    const Thread_snapshot* snapshot = take_snapshot();
+    bool found = false;
+    for (int i = 0; snapshot && i < snapshot->count; ++i)
+        found |= snapshot->contexts[i]->thread_number == row;
+    if (snapshot)
+        thread_snapshot_release();
+    return found;
+}
+
+}  // namespace
+
+TEST_F(ThreadsTest, StartedThreadRunsInItsRowAndLeavesNothingBehind)
+{
+    setenv("QV_STACKSIZE", "1024", 1);
+    Seen seen;
+    int exits_before = g_area_exits;
+    int row = thread_alloc(record_context, &seen, true);
+    ASSERT_GT(row, 0);
+    ASSERT_EQ(thread_start(row), 1);
+    ASSERT_TRUE(wait_until([&] { return seen.ran.load() && thread_running_count() == 0; }));
+    EXPECT_EQ(seen.row, row);
+    EXPECT_EQ(seen.module, MOD_MSG);
+    EXPECT_EQ(seen.stack_size, 1048576 + 65536);
+    // The end of the thread ran the context-area exits and gave the row back.
+    EXPECT_EQ(g_area_exits, exits_before + 1);
+    EXPECT_FALSE(snapshot_has_row(row));
+
+    // A configured size wins over the environment.
+    thread_set_stack_size(300000);
+    EXPECT_EQ(thread_stack_size(), 300000u);
+    thread_set_stack_size(0);
+    unsetenv("QV_STACKSIZE");
+    EXPECT_EQ(thread_stack_size(), THREAD_DEFAULT_STACK_BYTES);
+}
+
+TEST_F(ThreadsTest, TableHoldsOneThousandTwentyFourRowsAndRefusesTheNext)
+{
+    std::vector<int> rows;
+    Stderr_capture filling;
+    for (;;) {
+        int row = thread_alloc(nullptr, nullptr, false);
+        if (row < 0)
+            break;
+        rows.push_back(row);
+        ASSERT_LT(rows.size(), size_t(THREAD_TABLE_ROWS));
+    }
+    // Every row but the main thread's was free.
+    EXPECT_EQ(rows.size() + 1, size_t(THREAD_TABLE_ROWS));
+    filling.finish();
+    Stderr_capture capture;
+    EXPECT_EQ(thread_alloc(nullptr, nullptr, false), -1);
+    std::string err = capture.finish();
+    EXPECT_NE(err.find("too many threads"), std::string::npos) << err;
+    for (int row : rows)
+        thread_release(row);
+    int again = thread_alloc(nullptr, nullptr, false);
+    EXPECT_EQ(again, rows.front());
+    thread_release(again);
+}
+
+TEST_F(ThreadsTest, SnapshotHoldsBackStartingThreadsAndListsNewestFirst)
+{
+    Seen seen;
+    const Thread_snapshot* snapshot = take_snapshot();
+    ASSERT_NE(snapshot, nullptr);
+    int row = thread_alloc(record_context, &seen, true);
+    ASSERT_GT(row, 0);
+    ASSERT_EQ(thread_start(row), 1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    EXPECT_FALSE(seen.ran.load());  // blocked at the start lock
+    thread_snapshot_release();
+    ASSERT_TRUE(wait_until([&] { return seen.ran.load(); }));
+
+    // A row taken but not started is listed, ahead of the main thread.
+    int idle = thread_alloc(nullptr, nullptr, false);
+    ASSERT_TRUE(wait_until([] { return thread_running_count() == 0; }));
+    snapshot = take_snapshot();
+    ASSERT_NE(snapshot, nullptr);
+    ASSERT_GE(snapshot->count, 2);
+    for (int i = 1; i < snapshot->count; ++i)
+        EXPECT_GT(snapshot->contexts[i - 1]->thread_number, snapshot->contexts[i]->thread_number);
+    EXPECT_EQ(snapshot->contexts[snapshot->count - 1]->thread_number, 0);
+    thread_snapshot_release();
+    thread_release(idle);
+}
+
+TEST_F(ThreadsTest, DetachedThreadMovesToTheReservedRow)
+{
+    std::atomic<int> number_after{-1};
+    std::atomic<int> row_before{-1};
+    std::thread foreign([&] {
+        row_before = thread_init_current();
+        EXPECT_EQ(thread_init_current(), row_before);  // a second call keeps the row
+        thread_detach_current();
+        number_after = thread_number();
+        thread_end_current();
+    });
+    foreign.join();
+    ASSERT_GT(row_before, 0);
+    EXPECT_EQ(number_after, THREAD_RESERVED_ROW);
+    EXPECT_FALSE(snapshot_has_row(row_before));
+    EXPECT_FALSE(snapshot_has_row(THREAD_RESERVED_ROW));
+}
+
+TEST(CapabilityTest, NamesAreStoredWithHashesAndTheListStopsShortOf450)
+{
+    qv_test_init();
+    Stderr_capture capture;
+    capability_register("RAY39");
+    capability_register("a|b");
+    EXPECT_NE(std::strstr(capability_local_list(), "|RAY39|a#b"), nullptr);
+
+    capability_set_remote("|RAY39|a#b|X");
+    EXPECT_EQ(capability_check_remote(capability_remote_list()), 1);
+    EXPECT_TRUE(capability_has_remote("X"));
+    EXPECT_FALSE(capability_has_remote("Y"));
+    EXPECT_EQ(capability_check_remote("|RAY39"), 0);
+    std::string err = capture.finish();
+    EXPECT_NE(err.find("missing capability a#b"), std::string::npos) << err;
+
+    // Fill up to exactly 449 characters; one more character is refused.
+    size_t used = std::strlen(capability_local_list());
+    std::string filler(CAPABILITY_LIST_CHARS - 2 - used, 'f');
+    Stderr_capture overflow;
+    capability_register(filler.c_str());
+    EXPECT_EQ(std::strlen(capability_local_list()), size_t(CAPABILITY_LIST_CHARS - 1));
+    capability_register("z");
+    err = overflow.finish();
+    EXPECT_NE(err.find("capability overflow: z"), std::string::npos) << err;
+    EXPECT_EQ(std::strlen(capability_local_list()), size_t(CAPABILITY_LIST_CHARS - 1));
+}
+
+TEST(OptionTokenTest, SplitsAtBlanksAndKeepsQuotedStretches)
+{
+    struct Case {
+        const char* command;
+        std::vector<std::string> tokens;
+    } cases[] = {
+        {"  a\tbb  c ", {"a", "bb", "c"}},
+        {"-x \"two words\" 'single q' end", {"-x", "two words", "single q", "end"}},
+        {"a\"b c\"d", {"a b c d"}},
+        {"\"unterminated tail", {"unterminated tail"}},
+        {"", {}},
+    };
+    for (const Case& c : cases) {
+        std::string buffer = c.command;
+        char* cursor = buffer.data();
+        std::vector<std::string> got;
+        while (char* token = option_token(&cursor))
+            got.push_back(token);
+        EXPECT_EQ(got, c.tokens) << c.command;
+    }
+    std::string command = "-v -threads 0 -threads 6 x";
+    int threads = 1;
+    EXPECT_TRUE(option_scan_threads(command.data(), &threads));
+    EXPECT_EQ(threads, 6);
+    std::string refused = "-threads 0";
+    threads = 3;
+    EXPECT_FALSE(option_scan_threads(refused.data(), &threads));
+    EXPECT_EQ(threads, 3);
+}
+
+TEST(LockTest, InPlaceSectionIsRecursiveAndGuardWaitsForMem)
+{
+    qv_test_init();
+    alignas(Lock_record) unsigned char storage[sizeof(Lock_record)];
+    auto* section = reinterpret_cast<Lock_record*>(storage);
+    lock_init_in_place(section);
+    lock_enter(section);
+    EXPECT_TRUE(lock_try_enter(section));  // recursive for its owner
+    bool other_got = true;
+    std::thread other([&] { other_got = lock_try_enter(section); });
+    other.join();
+    EXPECT_FALSE(other_got);
+    lock_leave(section);
+    lock_leave(section);
+    {
+        Lock_guard guard(section);
+        std::thread probe([&] {
+            other_got = lock_try_enter(section);
+            if (other_got)
+                lock_leave(section);
+        });
+        probe.join();
+        // The guard holds the lock exactly when MEM has started.
+        EXPECT_EQ(other_got, !mem_started());
+    }
+    lock_delete_in_place(section);
+}
