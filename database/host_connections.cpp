@@ -13,6 +13,7 @@
 #include <string>
 #include <sys/socket.h>
 #include <sys/uio.h>
+#include <condition_variable>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -57,7 +58,6 @@ std::atomic<uint32_t> g_self{0};
 std::atomic<Qv_msg_handler> g_handlers[MODULE_TABLE_ROWS];
 bool g_started = false;
 
-std::thread g_reader;
 std::atomic<bool> g_reader_running{false};
 std::atomic<bool> g_stop{false};
 int g_wake[2] = {-1, -1};                    // self-pipe: new connections and stop
@@ -384,18 +384,52 @@ bool host_free(uint32_t host)
 
 namespace qv_msg_detail {
 
+namespace {
+
+// The reader enters through the thread table like every engine thread and is not joinable; its
+// last act (after its context is gone) tells a waiting qv_msg_exit that it touches nothing more.
+struct Reader_start {
+    void (*body)();
+    uint32_t host;
+};
+Reader_start g_reader_start;
+std::mutex g_reader_end_mutex;
+std::condition_variable g_reader_end;
+bool g_reader_active = false;
+
+void reader_trampoline(void* argument)
+{
+    const auto* start = static_cast<const Reader_start*>(argument);
+    if (Thread_context* context = thread_context())
+        context->host_number = start->host;
+    start->body();
+}
+
+void reader_ended(void*)
+{
+    std::lock_guard<std::mutex> hold(g_reader_end_mutex);
+    g_reader_active = false;
+    g_reader_end.notify_all();
+}
+
+}  // namespace
+
 bool msg_start_reader_thread(void (*body)())
 {
-    uint32_t host = g_self.load();
-    try {
-        g_reader = std::thread([body, host] {
-            thread_init_current();
-            if (Thread_context* context = thread_context())
-                context->host_number = host;
-            body();
-            thread_end_current();
-        });
-    } catch (...) {
+    g_reader_start = {body, g_self.load()};
+    const int row = thread_alloc(reader_trampoline, &g_reader_start, false);
+    if (row < 0) {
+        msg_error("cannot start the network reader thread");
+        return false;
+    }
+    thread_notify_end(row, reader_ended, nullptr);
+    {
+        std::lock_guard<std::mutex> hold(g_reader_end_mutex);
+        g_reader_active = true;
+    }
+    if (!thread_start(row)) {
+        std::lock_guard<std::mutex> hold(g_reader_end_mutex);
+        g_reader_active = false;
         msg_error("cannot start the network reader thread");
         return false;
     }
@@ -404,8 +438,8 @@ bool msg_start_reader_thread(void (*body)())
 
 void msg_join_reader_thread()
 {
-    if (g_reader.joinable())
-        g_reader.join();
+    std::unique_lock<std::mutex> hold(g_reader_end_mutex);
+    g_reader_end.wait(hold, [] { return !g_reader_active; });
 }
 
 }  // namespace qv_msg_detail
@@ -480,6 +514,7 @@ int qv_msg_init(int)
     if (g_started)
         return 1;
     g_started = true;
+    thread_set_host_layer_started(true);
     msg_install_signal_handlers();
     msg_set_host_number(0);
     if (Thread_context* context = thread_context())
@@ -682,6 +717,10 @@ void qv_msg_close(uint32_t host)
 void qv_msg_exit()
 {
     Module_scope scope(MOD_MSG);
+    if (!g_started) {
+        msg_warn_n(4, "msg_exit without msg_init.");
+        return;
+    }
     // The reader ends first, so the counters printed at the close are final.
     if (g_reader_running.load()) {
         g_stop.store(true);

@@ -49,7 +49,6 @@ int g_main_policy;
 sched_param g_main_param;
 
 bool g_host_layer_started;
-const Msg_host_walk* g_host_walk;
 
 void copy_global_areas(Thread_context* context)
 {
@@ -374,28 +373,4 @@ void thread_snapshot_release() { g_start_lock.unlock(); }
 
 void thread_set_host_layer_started(bool started) { g_host_layer_started = started; }
 bool thread_host_layer_started() { return g_host_layer_started; }
-void msg_set_host_walk(const Msg_host_walk* walk) { g_host_walk = walk; }
 
-void qv_msg_exit()
-{
-    Module_scope scope(MOD_MSG);
-    if (!g_host_layer_started) {
-        msg_warn_n(4, "msg_exit without msg_init.");
-        return;
-    }
-    if (!g_host_walk || !g_host_walk->host_state)
-        return;
-    for (int host = 0; host < MSG_WALK_HOSTS; ++host) {
-        int state = g_host_walk->host_state(host);
-        if (state < 0)
-            break;
-        if (msg_class_mask(MOD_MSG) & MSG_CLASS_NETWORK)
-            msg_debug("qv_msg_exit: closing connection to host %d.", host);
-        if (state == 1 && g_host_walk->close_host && !g_host_walk->close_host(host)) {
-            msg_error_n(13, "cannot close connection to host %d", host);
-            break;
-        }
-        if (g_host_walk->free_host)
-            g_host_walk->free_host(host);
-    }
-}

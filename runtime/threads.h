@@ -78,25 +78,11 @@ void thread_snapshot_release();
 
 // ---- Host layer state as the message layer's close sees it ------------------------------------------
 
-// The host layer's start flips this on; qv_msg_exit walks the hosts only after it.
+// The host layer's start flips this on (the host layer's qv_msg_exit and abort route read their
+// own state; threads started before it exist on one host only).
 void thread_set_host_layer_started(bool started);
 bool thread_host_layer_started();
 
-// The host layer's rows, walked by qv_msg_exit (the abort route lives in the host layer).
-// `host_state` gives -1 for an empty row (ends the walk), 1 for a connection in the up state,
-// 0 otherwise; `close_host` gives non-zero on success; `free_host` frees a row's record and its
-// lock (may be null). `is_slave` is kept for the host layer's own walks.
-struct Msg_host_walk {
-    int (*host_state)(int host);
-    int (*close_host)(int host);
-    void (*free_host)(int host);
-    bool is_slave;
-};
-constexpr int MSG_WALK_HOSTS = 128;
-void msg_set_host_walk(const Msg_host_walk* walk);
-// Message layer close: warning 4 without a start, otherwise closes every host (error 13 ends
-// the walk) and frees their records.
-void qv_msg_exit();
 
 // ---- Capabilities ----------------------------------------------------------------------------
 
