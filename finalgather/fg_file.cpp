@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <utility>
+#include <vector>
 
 #include "containers/kdtree.h"
 #include "database/db.h"
@@ -29,6 +30,9 @@ using namespace fg_file_detail;
 namespace {
 
 Fg_progressive_query g_progressive_query = nullptr;
+
+// Classic records gathered before they go into the map together: a few pages' worth.
+constexpr uint32_t CLASSIC_APPEND_BATCH = 1024;
 
 // Reads the classic records behind the headers and hands each to `add`, which gets the whole
 // record (word 26 zero). Stops at the first short read and keeps what came before it, so the
@@ -299,12 +303,34 @@ uint32_t fg_map_load(Map_impl* map, const char* path, bool allow_classic)
         file_close(file, name, 5, TEXT_CLOSING);
         return 0;
     } else {
-        // fg_map_add_point per record, with the scratch element looked up once.
+        // The first record goes through append, which checks the map's layout (or gives an
+        // empty map its declaration); once that has succeeded the rest are appended a batch at
+        // a time, without a lock and page lookup per record. A map of another layout keeps
+        // refusing each record on its own, as before.
         Map_element_impl* element = fg_scratch_element();
-        loaded = load_classic(file, name, [map, element](const Fg_point& record) {
+        const uint32_t element_bytes = element->get_declaration()->element_bytes();
+        std::vector<uint8_t> batch;
+        uint32_t batched = 0;
+        bool layout_checked = false;
+        auto flush = [&] {
+            map->append_raw_run(batch.data(), batched);
+            batched = 0;
+        };
+        loaded = load_classic(file, name, [&](const Fg_point& record) {
             fg_point_to_element(element, record.position, record.normal);
-            map->append(element);
+            if (!layout_checked) {
+                if (map->append(element) == qv::shader_v3::MAP_SUCCESS) {
+                    layout_checked = true;
+                    batch.resize(size_t(CLASSIC_APPEND_BATCH) * element_bytes);
+                }
+                return;
+            }
+            std::memcpy(batch.data() + size_t(batched) * element_bytes, element->get_data(), element_bytes);
+            if (++batched == CLASSIC_APPEND_BATCH)
+                flush();
         });
+        if (batched)
+            flush();
     }
     report_loaded(loaded, name);
     return loaded;
