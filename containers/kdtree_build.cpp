@@ -1,9 +1,13 @@
 // Building the implicit tree in place: each inner node is chosen by a quickselect over the
 // in-order sequence of its subtree, so that everything left of it in that sequence (its left
 // subtree) has a key not above its own and everything right of it one not below.
+//
+// The selections move positions and record numbers only; the records themselves are put into
+// the tree's order at the end, each moved once along the cycles of that permutation.
 #include <algorithm>
 #include <bit>
 #include <cstring>
+#include <vector>
 
 #include "containers/kdtree_tree.h"
 #include "containers/paged_array.h"
@@ -129,7 +133,11 @@ public:
                 high[a] = std::max(high[a], p[a]);
             }
         }
+        source_.resize(n_);
+        for (uint32_t i = 0; i < n_; ++i)
+            source_[i] = i;
         build(1, low, high);
+        permute_records();
     }
 
 private:
@@ -144,22 +152,28 @@ private:
         std::swap(pa[0], pb[0]);
         std::swap(pa[1], pb[1]);
         std::swap(pa[2], pb[2]);
-        swap_bytes(data_.at(a.node - 1), data_.at(b.node - 1), record_size_);
+        std::swap(source_[a.node - 1], source_[b.node - 1]);
     }
 
-    // Records are exchanged in place; whole words at a time, since this is the build's main cost.
-    static void swap_bytes(uint8_t* a, uint8_t* b, uint32_t size)
+    // Slot k receives the record that was at source_[k]. Each cycle of the permutation is
+    // followed once, with one record held aside; a slot that is done points at itself.
+    void permute_records()
     {
-        uint32_t k = 0;
-        for (; k + 8 <= size; k += 8) {
-            uint64_t x, y;
-            std::memcpy(&x, a + k, 8);
-            std::memcpy(&y, b + k, 8);
-            std::memcpy(a + k, &y, 8);
-            std::memcpy(b + k, &x, 8);
+        std::vector<uint8_t> held(record_size_);
+        for (uint32_t start = 0; start < n_; ++start) {
+            if (source_[start] == start)
+                continue;
+            std::memcpy(held.data(), data_.at(start), record_size_);
+            uint32_t slot = start;
+            while (source_[slot] != start) {
+                const uint32_t from = source_[slot];
+                std::memcpy(data_.at(slot), data_.at(from), record_size_);
+                source_[slot] = slot;
+                slot = from;
+            }
+            std::memcpy(data_.at(slot), held.data(), record_size_);
+            source_[slot] = slot;
         }
-        for (; k < size; ++k)
-            std::swap(a[k], b[k]);
     }
 
     void order(const Inorder_iterator& a, const Inorder_iterator& b)
@@ -252,6 +266,7 @@ private:
     uint32_t n_;
     uint32_t record_size_;
     int axis_ = 0;   // axis of the selection under way
+    std::vector<uint32_t> source_;   // record number now at each slot
 };
 
 }  // namespace
