@@ -72,13 +72,12 @@ public:
             if (!((maximum[axis] - minimum[axis]) / map_extent_[axis] > COUNT_TREE_MIN_CELL))
                 break;
             const float split = 0.5f * (minimum[axis] + maximum[axis]);
-            path <<= 1;
-            if (split > position[axis]) {
-                maximum[axis] = split;
-            } else {
-                minimum[axis] = split;
-                path |= 1;
-            }
+            // Selects rather than a branch: the side is a coin toss for the predictor.
+            const bool upper = !(split > position[axis]);
+            path = path << 1 | uint32_t(upper);
+            const float low = minimum[axis], high = maximum[axis];
+            minimum[axis] = upper ? split : low;
+            maximum[axis] = upper ? high : split;
         }
         return path << (COUNT_TREE_MAX_DEPTH - depth);
     }
@@ -134,13 +133,20 @@ bool full_build(Map_impl& map, bool verbose)
     const Cell_coder<N> coder(map.get_bounds());
     std::vector<uint32_t> cells(count);
     std::vector<uint32_t> next_index(Cell_coder<N>::CELLS + 1, 0);
+    // The table is far larger than the caches and the cells come in any order: each slot is
+    // prefetched when its cell is known and counted a few elements later.
+    constexpr uint32_t AHEAD = 8;
     for_each_run(store, count, [&](const uint8_t* data, uint32_t done, uint32_t run) {
         for (uint32_t i = 0; i < run; ++i) {
             const uint32_t cell = coder.code(reinterpret_cast<const float*>(data + size_t(i) * element_bytes));
             cells[done + i] = cell;
-            ++next_index[cell];
+            __builtin_prefetch(&next_index[cell], 1);
+            if (done + i >= AHEAD)
+                ++next_index[cells[done + i - AHEAD]];
         }
     });
+    for (uint32_t i = count > AHEAD ? count - AHEAD : 0; i < count; ++i)
+        ++next_index[cells[i]];
     // 3. The first index of every cell, in cell order.
     uint32_t running = 0;
     for (uint32_t& slot : next_index) {
@@ -168,6 +174,8 @@ bool full_build(Map_impl& map, bool verbose)
         for (uint32_t i = 0; i < run; ++i) {
             const uint8_t* element = run_copy.data() + size_t(i) * element_bytes;
             const float* position = reinterpret_cast<const float*>(element);
+            if (done + i + AHEAD < count)
+                __builtin_prefetch(&next_index[cells[done + i + AHEAD]], 1);
             uint32_t p = next_index[cells[done + i]]++;
             if (p >= count) {
                 msg_warn("--- entry %u already set!", p);
