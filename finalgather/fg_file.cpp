@@ -2,6 +2,9 @@
 // loaders into maps and kd-trees.
 #include "finalgather/fg_file.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <utility>
 #include <vector>
@@ -42,18 +45,30 @@ uint32_t read_classic_records(FILE* file, const char* path, const Classic_header
 {
     if (!file_seek(file, FG_DATA_OFFSET, SEEK_SET, path, 10, "failed seek to finalgather data file begin"))
         return 0;
+    // Read a block of records per call; a short block hands on its whole records and then
+    // reports the failure once, as a read per record would at the first one missing.
+    constexpr uint32_t BLOCK_RECORDS = 512;
+    std::vector<uint8_t> block(size_t(BLOCK_RECORDS) * FG_RECORD_BYTES);
     uint32_t loaded = 0;
     Fg_point record;
-    for (uint32_t n = 0; n < header.count; ++n) {
-        if (!file_read(file, &record, FG_RECORD_BYTES, path, 11, "failed reading finalgather point"))
+    while (loaded < header.count) {
+        const uint32_t wanted = std::min(BLOCK_RECORDS, header.count - loaded);
+        errno = 0;
+        const size_t got = std::fread(block.data(), FG_RECORD_BYTES, wanted, file);
+        for (size_t k = 0; k < got; ++k) {
+            std::memcpy(&record, block.data() + k * FG_RECORD_BYTES, FG_RECORD_BYTES);
+            record.trailing = 0;
+            if (header.swap)
+                swap_bytes(&record, FG_SWAP_RECORD);
+            if (header.version == 0)
+                convert_version0(&record);
+            add(record);
+            ++loaded;
+        }
+        if (got < wanted) {
+            file_failure(11, "failed reading finalgather point", path);
             break;
-        record.trailing = 0;
-        if (header.swap)
-            swap_bytes(&record, FG_SWAP_RECORD);
-        if (header.version == 0)
-            convert_version0(&record);
-        add(record);
-        ++loaded;
+        }
     }
     return loaded;
 }
