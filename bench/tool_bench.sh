@@ -15,7 +15,10 @@
 # With the benchmark build's nanoflann_merge (built when the nanoflann header is installed) the
 # merge rows are followed by the same merge done by that peer on the same file. SHA_FILE=path
 # appends the SHA-256 of every output to that file, to check that two builds write the same
-# bytes.
+# bytes. BASELINE=build_dir runs that build's fg_splice right after every row of this one, on the
+# same files under the same load, and prints the ratio of the two (this build / the baseline).
+# Besides wall time, every row reports the CPU time (user + system), which a shared machine's
+# load inflates far less than the wall time.
 #
 # The merge distance follows the point density of the generated room, so that a point has about
 # NEIGHBOURS others within it whatever the count: fg_make_room spreads the points evenly over
@@ -35,6 +38,7 @@ make_room=$build/fg_make_room
 peer=$build/bench/nanoflann_merge
 [ -x "$peer" ] || peer=$build/nanoflann_merge
 sha_file=${SHA_FILE:-}
+base_tool=${BASELINE:+$BASELINE/fg_splice}
 [ -x "$tool" ] && [ -x "$make_room" ] || { echo "build $tool and $make_room first" >&2; exit 1; }
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/fg_bench.XXXXXX")
@@ -43,7 +47,7 @@ trap 'rm -rf "$work"' EXIT
 # Runs a command under /usr/bin/time; prints "wall_s peak_kb". A failing command is reported,
 # as its figures would mean nothing.
 measure() {
-  if ! /usr/bin/time -f "%e %M" -o "$work/time" "$@" >/dev/null 2>"$work/err"; then
+  if ! /usr/bin/time -f "%e %M %U %S" -o "$work/time" "$@" >/dev/null 2>"$work/err"; then
     echo "failed: $*" >&2
     cat "$work/err" >&2
   fi
@@ -55,7 +59,7 @@ median() {
   sort -g | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
 }
 
-printf '%-10s %-30s %9s %7s %14s %11s %13s %7s\n' points case wall_s x_dd points_per_s peak_MB bytes_per_pt x_map
+printf '%-10s %-30s %9s %7s %7s %14s %11s %13s %7s\n' points case wall_s x_dd cpu_s points_per_s peak_MB bytes_per_pt x_map
 for n in "${counts[@]}"; do
   classic=$work/room_$n.fg
   current=$work/room_$n.fgm
@@ -72,33 +76,48 @@ for n in "${counts[@]}"; do
     local name=$1 output=$2; shift 2
     : >"$work/walls"
     : >"$work/peaks"
+    : >"$work/cpus"
     for ((r = 0; r < repeat; ++r)); do
-      read -r wall peak_kb < <(measure "$@")
+      read -r wall peak_kb user sys < <(measure "$@")
       echo "$wall" >>"$work/walls"
       echo "$peak_kb" >>"$work/peaks"
+      awk -v u="$user" -v s="$sys" 'BEGIN { print u + s }' >>"$work/cpus"
     done
     wall=$(median <"$work/walls")
     peak_kb=$(median <"$work/peaks")
+    cpu=$(median <"$work/cpus")
     awk -v n="$n" -v name="$name" -v w="$wall" -v k="$peak_kb" -v all="$(paste -sd/ "$work/walls")" \
-        -v dd="$dd_wall" -v mb="$map_bytes" 'BEGIN {
+        -v dd="$dd_wall" -v mb="$map_bytes" -v c="$cpu" 'BEGIN {
       pps = (w > 0) ? n / w : 0;
       xdd = (dd > 0) ? w / dd : 1;
-      printf "%-10d %-30s %9.2f %7.1f %14.0f %11.1f %13.1f %7.2f   (%s)\n", n, name, w, xdd, pps, k / 1024,
+      printf "%-10d %-30s %9.2f %7.1f %7.2f %14.0f %11.1f %13.1f %7.2f   (%s)\n", n, name, w, xdd, c, pps, k / 1024,
              k * 1024 / n, k * 1024 / mb, all }'
     if [ -n "$sha_file" ] && [ "$output" != - ]; then
       echo "$n $name $(sha256sum "$output" | cut -d' ' -f1)" >>"$sha_file"
     fi
     last_wall=$wall
+    last_cpu=$cpu
+  }
+  # tool_row NAME OUTPUT ARGS...: this build's fg_splice, then the baseline's on the same files.
+  tool_row() {
+    local name=$1 output=$2; shift 2
+    row "$name" "$output" "$tool" "$@"
+    [ -n "$base_tool" ] || return 0
+    local wall_now=$last_wall cpu_now=$last_cpu
+    row "  baseline: $name" - "$base_tool" "$@"
+    awk -v a="$wall_now" -v b="$last_wall" -v c="$cpu_now" -v d="$last_cpu" 'BEGIN {
+      printf "#   this build / baseline: wall %.2f, cpu %.2f\n", (b > 0) ? a / b : 0, (d > 0) ? c / d : 0 }'
+    last_wall=$wall_now
   }
   row "dd classic (floor)" - dd if="$classic" of="$work/dd.out" bs=1M status=none
   dd_wall=$last_wall
-  row "copy classic->current" "$work/out.fgm" "$tool" "$classic" "$work/out.fgm"
-  row "copy current->current" "$work/out.fgm" "$tool" "$current" "$work/out.fgm"
-  row "box (half) current" "$work/out.fgm" "$tool" -b 0 0 0 5 4 8 "$current" "$work/out.fgm"
-  row "classic out (-l on) current" "$work/out.fg" "$tool" -l on "$current" "$work/out.fg"
-  row "classic out (-l on) classic" "$work/out.fg" "$tool" -l on "$classic" "$work/out.fg"
-  row "merge -f $distance current" "$work/out.fgm" "$tool" -f "$distance" "$current" "$work/out.fgm"
-  row "merge classic -l on" "$work/out.fg" "$tool" -l on -f "$distance" "$classic" "$work/out.fg"
+  tool_row "copy classic->current" "$work/out.fgm" "$classic" "$work/out.fgm"
+  tool_row "copy current->current" "$work/out.fgm" "$current" "$work/out.fgm"
+  tool_row "box (half) current" "$work/out.fgm" -b 0 0 0 5 4 8 "$current" "$work/out.fgm"
+  tool_row "classic out (-l on) current" "$work/out.fg" -l on "$current" "$work/out.fg"
+  tool_row "classic out (-l on) classic" "$work/out.fg" -l on "$classic" "$work/out.fg"
+  tool_row "merge -f $distance current" "$work/out.fgm" -f "$distance" "$current" "$work/out.fgm"
+  tool_row "merge classic -l on" "$work/out.fg" -l on -f "$distance" "$classic" "$work/out.fg"
   merge_wall=$last_wall
   if [ -x "$peer" ]; then
     row "peer nanoflann merge classic" - "$peer" "$distance" 5 "$classic" "$work/peer.out"
