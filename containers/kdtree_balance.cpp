@@ -62,8 +62,9 @@ void balance(uint32_t tag, Kdtree_filter filter, void* filter_argument)
 
     // Room for every record behind the existing ones.
     auto* positions = static_cast<float*>(qv_db_realloc(header->positions, uint32_t(total) * POSITION_BYTES));
+    // The data array grows a block at a time as records arrive, so that it can take over the
+    // memory of the chunk blocks drained before.
     auto* data = static_cast<Paged_array*>(qv_db_access(header->data));
-    data->reserve(uint32_t(total));
     const uint32_t record_size = data->element_size();
 
     // Chunks from the last to the first, each in its own order. A record is copied into place
@@ -72,14 +73,20 @@ void balance(uint32_t tag, Kdtree_filter filter, void* filter_argument)
     for (uint32_t c = header->chunk_count; c-- > 0;) {
         const Kdtree_chunk chunk = header->chunks()[c];
         const auto* chunk_positions = static_cast<const float*>(qv_db_access(chunk.positions));
-        const auto* chunk_data = static_cast<const Paged_array*>(qv_db_access(chunk.data));
+        auto* chunk_data = static_cast<Paged_array*>(qv_db_access(chunk.data));
         const uint32_t count = std::min(chunk.count, chunk_data->count());
         const void* blob = chunk_data->extra();
         for (uint32_t r = 0; r < count; ++r) {
+            if (kept % PAGED_ARRAY_BLOCK_RECORDS == 0)
+                data->reserve(kept + 1);
             float* position = positions + 3 * size_t(kept);
             uint8_t* record = data->at(kept);
             std::memcpy(position, chunk_positions + 3 * size_t(r), POSITION_BYTES);
             std::memcpy(record, chunk_data->at(r), std::min(record_size, chunk_data->element_size()));
+            // The chunk is deleted below; a drained block goes now, so that the records are
+            // not held twice while they are merged.
+            if ((r + 1) % PAGED_ARRAY_BLOCK_RECORDS == 0)
+                chunk_data->release_block(r >> PAGED_ARRAY_BLOCK_SHIFT);
             if (filter && !filter(filter_argument, record, position, blob))
                 continue;
             ++kept;

@@ -1,9 +1,14 @@
 // Building the implicit tree in place: each inner node is chosen by a quickselect over the
 // in-order sequence of its subtree, so that everything left of it in that sequence (its left
 // subtree) has a key not above its own and everything right of it one not below.
+//
+// The selections move positions and record numbers only, in an array in in-order rank order;
+// the records themselves are put into the tree's order at the end, each moved once along the
+// cycles of that permutation.
 #include <algorithm>
 #include <bit>
 #include <cstring>
+#include <vector>
 
 #include "containers/kdtree_tree.h"
 #include "containers/paged_array.h"
@@ -129,89 +134,111 @@ public:
                 high[a] = std::max(high[a], p[a]);
             }
         }
-        build(1, low, high);
+        // The subtree of a node covers a contiguous range of in-order ranks, so the selections
+        // work on an array in rank order: plain indices instead of walks over the heap layout,
+        // and neighbours in the sequence are neighbours in memory. Slot r starts with the record
+        // of the node at rank r, as the heap layout holds it.
+        keys_.resize(n_);
+        Inorder_iterator it = Inorder_iterator::first(1, n_);
+        for (uint32_t r = 0; r < n_; ++r, it.next(n_)) {
+            Key& key = keys_[r];
+            std::memcpy(key.pos, positions_ + 3 * size_t(it.node - 1), sizeof key.pos);
+            key.source = it.node - 1;
+        }
+        build(1, 0, low, high);
+        // Back into the heap layout; slot k of the records receives the record source_[k].
+        source_.resize(n_);
+        it = Inorder_iterator::first(1, n_);
+        for (uint32_t r = 0; r < n_; ++r, it.next(n_)) {
+            std::memcpy(positions_ + 3 * size_t(it.node - 1), keys_[r].pos, sizeof keys_[r].pos);
+            source_[it.node - 1] = keys_[r].source;
+        }
+        std::vector<Key>().swap(keys_);
+        permute_records();
     }
 
 private:
-    float key(const Inorder_iterator& it) const { return positions_[3 * size_t(it.node - 1) + axis_]; }
+    struct Key {
+        float pos[3];
+        uint32_t source;   // record number
+    };
 
-    void swap_nodes(const Inorder_iterator& a, const Inorder_iterator& b)
+    float key(uint32_t rank) const { return keys_[rank].pos[axis_]; }
+
+    void swap_keys(uint32_t a, uint32_t b)
     {
-        if (a.node == b.node)
-            return;
-        float* pa = positions_ + 3 * size_t(a.node - 1);
-        float* pb = positions_ + 3 * size_t(b.node - 1);
-        std::swap(pa[0], pb[0]);
-        std::swap(pa[1], pb[1]);
-        std::swap(pa[2], pb[2]);
-        swap_bytes(data_.at(a.node - 1), data_.at(b.node - 1), record_size_);
+        if (a != b)
+            std::swap(keys_[a], keys_[b]);
     }
 
-    // Records are exchanged in place; whole words at a time, since this is the build's main cost.
-    static void swap_bytes(uint8_t* a, uint8_t* b, uint32_t size)
+    // Slot k receives the record that was at source_[k]. Each cycle of the permutation is
+    // followed once, with one record held aside; a slot that is done points at itself.
+    void permute_records()
     {
-        uint32_t k = 0;
-        for (; k + 8 <= size; k += 8) {
-            uint64_t x, y;
-            std::memcpy(&x, a + k, 8);
-            std::memcpy(&y, b + k, 8);
-            std::memcpy(a + k, &y, 8);
-            std::memcpy(b + k, &x, 8);
+        std::vector<uint8_t> held(record_size_);
+        for (uint32_t start = 0; start < n_; ++start) {
+            if (source_[start] == start)
+                continue;
+            std::memcpy(held.data(), data_.at(start), record_size_);
+            uint32_t slot = start;
+            while (source_[slot] != start) {
+                const uint32_t from = source_[slot];
+                std::memcpy(data_.at(slot), data_.at(from), record_size_);
+                source_[slot] = slot;
+                slot = from;
+            }
+            std::memcpy(data_.at(slot), held.data(), record_size_);
+            source_[slot] = slot;
         }
-        for (; k < size; ++k)
-            std::swap(a[k], b[k]);
     }
 
-    void order(const Inorder_iterator& a, const Inorder_iterator& b)
+    void order(uint32_t a, uint32_t b)
     {
         if (key(a) > key(b))
-            swap_nodes(a, b);
+            swap_keys(a, b);
     }
 
-    // Puts the record that belongs at `target` there, with smaller keys before it in the
-    // subtree's in-order sequence and larger ones after.
-    void select(Inorder_iterator l, Inorder_iterator r, const Inorder_iterator& target)
+    // Puts the record that belongs at rank `target` there, with smaller keys before it in the
+    // ranks [l, r] and larger ones after.
+    void select(uint32_t l, uint32_t r, uint32_t target)
     {
         for (;;) {
-            if (r.rank <= l.rank + 1) {
-                if (r.rank == l.rank + 1)
+            if (r <= l + 1) {
+                if (r == l + 1)
                     order(l, r);
                 return;
             }
             // Median of three, with the middle moved next to l as the pivot.
-            Inorder_iterator middle = l;
-            middle.advance((r.rank - l.rank) / 2, n_);
-            Inorder_iterator l1 = l;
-            l1.next(n_);
-            swap_nodes(middle, l1);
+            const uint32_t middle = l + (r - l) / 2;
+            const uint32_t l1 = l + 1;
+            swap_keys(middle, l1);
             order(l, r);
             order(l1, r);
             order(l, l1);
             const float pivot = key(l1);
-            Inorder_iterator i = l1;
-            Inorder_iterator j = r;
+            uint32_t i = l1;
+            uint32_t j = r;
             for (;;) {
                 do
-                    i.next(n_);
+                    ++i;
                 while (key(i) < pivot);
                 do
-                    j.prev(n_);
+                    --j;
                 while (key(j) > pivot);
-                if (inorder_before(j, i))
+                if (j < i)
                     break;
-                swap_nodes(i, j);
+                swap_keys(i, j);
             }
-            swap_nodes(l1, j);
-            if (!inorder_before(j, target)) {
-                r = j;
-                r.prev(n_);
-            }
-            if (!inorder_before(target, j))
+            swap_keys(l1, j);
+            if (j >= target)
+                r = j - 1;
+            if (target >= j)
                 l = i;
         }
     }
 
-    void build(uint32_t node, float* low, float* high)
+    // `base`: the in-order rank of the first node of `node`'s subtree.
+    void build(uint32_t node, uint32_t base, float* low, float* high)
     {
         if (2 * uint64_t(node) > n_)
             return;  // a leaf carries no axis
@@ -229,19 +256,19 @@ private:
         axis_ = axis;
 
         const uint32_t size = subtree_size(node, n_);
-        const Inorder_iterator target{node, depth_of(node), subtree_size(2 * node, n_)};
-        select(Inorder_iterator::first(node, n_), Inorder_iterator::last(node, n_, size), target);
+        const uint32_t left = subtree_size(2 * node, n_);
+        select(base, base + size - 1, base + left);
 
-        const float split = positions_[3 * size_t(node - 1) + axis];
+        const float split = keys_[base + left].pos[axis];
         const float saved_high = high[axis];
         high[axis] = split;
-        build(2 * node, low, high);
+        build(2 * node, base, low, high);
         high[axis] = saved_high;
 
         if (2 * uint64_t(node) + 1 <= n_) {
             const float saved_low = low[axis];
             low[axis] = split;
-            build(2 * node + 1, low, high);
+            build(2 * node + 1, base + left + 1, low, high);
             low[axis] = saved_low;
         }
     }
@@ -251,7 +278,9 @@ private:
     uint8_t* axes_;
     uint32_t n_;
     uint32_t record_size_;
-    int axis_ = 0;   // axis of the selection under way
+    int axis_ = 0;                   // axis of the selection under way
+    std::vector<Key> keys_;          // rank order while the tree is built
+    std::vector<uint32_t> source_;   // heap order: record number now due at each slot
 };
 
 }  // namespace

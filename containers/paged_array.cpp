@@ -67,10 +67,19 @@ Paged_array::Paged_array(const Paged_array& other)
 
 Paged_array::~Paged_array() { free_storage(); }
 
+void Paged_array::release_block(uint32_t block)
+{
+    if (block < pages_.size() && pages_[block]) {
+        QV_FREE(pages_[block]);
+        pages_[block] = nullptr;
+    }
+}
+
 void Paged_array::free_storage()
 {
     for (uint8_t* block : pages_)
-        QV_FREE(block);
+        if (block)
+            QV_FREE(block);
     pages_.clear();
     count_ = 0;
     capacity_ = 0;

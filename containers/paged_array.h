@@ -63,6 +63,11 @@ public:
         return pages_[index >> PAGED_ARRAY_BLOCK_SHIFT] + (index & (PAGED_ARRAY_BLOCK_RECORDS - 1)) * element_size_;
     }
 
+    // Frees block `block` (records block * 256 onwards, 256 of them) ahead of the array's end,
+    // for an array that is being drained in order and then dropped: its records must not be
+    // read, copied or serialized again.
+    void release_block(uint32_t block);
+
     uint32_t element_size() const { return element_size_; }
     uint32_t count() const { return count_; }
     uint32_t capacity() const { return capacity_; }

@@ -2,8 +2,12 @@
 // loaders into maps and kd-trees.
 #include "finalgather/fg_file.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <utility>
+#include <vector>
 
 #include "containers/kdtree.h"
 #include "database/db.h"
@@ -30,6 +34,9 @@ namespace {
 
 Fg_progressive_query g_progressive_query = nullptr;
 
+// Classic records gathered before they go into the map together: a few pages' worth.
+constexpr uint32_t CLASSIC_APPEND_BATCH = 1024;
+
 // Reads the classic records behind the headers and hands each to `add`, which gets the whole
 // record (word 26 zero) and answers whether it took it. Stops at the first short read and
 // keeps what came before it, so the header's count is only an upper bound. Returns how many
@@ -39,19 +46,31 @@ uint32_t read_classic_records(FILE* file, const char* path, const Classic_header
 {
     if (!file_seek(file, FG_DATA_OFFSET, SEEK_SET, path, 10, "failed seek to finalgather data file begin"))
         return 0;
+    // Read a block of records per call; a short block hands on its whole records and then
+    // reports the failure once, as a read per record would at the first one missing.
+    constexpr uint32_t BLOCK_RECORDS = 512;
+    std::vector<uint8_t> block(size_t(BLOCK_RECORDS) * FG_RECORD_BYTES);
     uint32_t loaded = 0;
     Fg_point record;
-    for (uint32_t n = 0; n < header.count; ++n) {
-        if (!file_read(file, &record, FG_RECORD_BYTES, path, 11, "failed reading finalgather point"))
+    while (loaded < header.count) {
+        const uint32_t wanted = std::min(BLOCK_RECORDS, header.count - loaded);
+        errno = 0;
+        const size_t got = std::fread(block.data(), FG_RECORD_BYTES, wanted, file);
+        for (size_t k = 0; k < got; ++k) {
+            std::memcpy(&record, block.data() + k * FG_RECORD_BYTES, FG_RECORD_BYTES);
+            record.trailing = 0;
+            if (header.swap)
+                swap_bytes(&record, FG_SWAP_RECORD);
+            if (header.version == 0)
+                convert_version0(&record);
+            // A point the target refused is not counted.
+            if (add(record))
+                ++loaded;
+        }
+        if (got < wanted) {
+            file_failure(11, "failed reading finalgather point", path);
             break;
-        record.trailing = 0;
-        if (header.swap)
-            swap_bytes(&record, FG_SWAP_RECORD);
-        if (header.version == 0)
-            convert_version0(&record);
-        // A point the target refused is not counted.
-        if (add(record))
-            ++loaded;
+        }
     }
     return loaded;
 }
@@ -293,12 +312,35 @@ uint32_t fg_map_load(Map_impl* map, const char* path, bool allow_classic)
         file_close(file, name, 5, TEXT_CLOSING);
         return 0;
     } else {
-        // fg_map_add_point per record, with the scratch element looked up once.
+        // The first record goes through append, which checks the map's layout (or gives an
+        // empty map its declaration); once that has succeeded the rest are appended a batch at
+        // a time, without a lock and page lookup per record. A map of another layout keeps
+        // refusing each record on its own, as before.
         Map_element_impl* element = fg_scratch_element();
-        loaded = load_classic(file, name, [map, element](const Fg_point& record) {
+        const uint32_t element_bytes = element->get_declaration()->element_bytes();
+        std::vector<uint8_t> batch;
+        uint32_t batched = 0;
+        bool layout_checked = false;
+        auto flush = [&] {
+            map->append_raw_run(batch.data(), batched);
+            batched = 0;
+        };
+        loaded = load_classic(file, name, [&](const Fg_point& record) {
             fg_point_to_element(element, record.position, record.normal);
-            return map->append(element) == qv::shader_v3::MAP_SUCCESS;
+            if (!layout_checked) {
+                if (map->append(element) != qv::shader_v3::MAP_SUCCESS)
+                    return false;
+                layout_checked = true;
+                batch.resize(size_t(CLASSIC_APPEND_BATCH) * element_bytes);
+                return true;
+            }
+            std::memcpy(batch.data() + size_t(batched) * element_bytes, element->get_data(), element_bytes);
+            if (++batched == CLASSIC_APPEND_BATCH)
+                flush();
+            return true;
         });
+        if (batched)
+            flush();
     }
     report_loaded(loaded, name);
     return loaded;

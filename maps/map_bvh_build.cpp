@@ -2,7 +2,7 @@
 // of the global tree.
 //
 // The reorder is a counting sort by cell of a spatial subdivision: one pass over the pages
-// counts elements per cell, a walk hands out the first index of each cell, and a second pass
+// counts elements per cell, a prefix sum hands out the first index of each cell, and a second pass
 // in index order moves every element to its cell's next index. Both passes read the pages in
 // order, and the writes stay near the cell order, so a map larger than the cache costs two
 // sequential reads and one write of its pages, without a general sort.
@@ -30,179 +30,62 @@ constexpr float COUNT_TREE_MIN_CELL = 0.001f;
 
 std::atomic<uint32_t> g_thread_count{1};
 
-// A node of the counting tree. The two children of an inner node are made together, so one
-// index names both.
-struct Count_node {
-    uint32_t flags;     // first child << 3 | split axis; first child 0: a leaf (the root is no child)
-    float split;        // lower child: coordinate below the split value
-    uint32_t count;     // elements that reached the node
-    int32_t place;      // next index of the node's cell; -1: walk through to the children
-};
-static_assert(sizeof(Count_node) == 16, "four words");
-
+// The counting tree of the reorder splits a cell at the middle of its longest side (the lower
+// axis on a tie) until the depth limit or the smallest cell, and a leaf away from the limits
+// splits as soon as any element reaches it. Every element therefore goes down to a limit, and
+// the cell it ends in depends on nothing but its position and the map's bounds: the path of
+// lower/upper choices, computed with the same float operations a node would have stored, is the
+// cell. The tree's walk hands out indices lower side first, which is the order of these paths
+// read as binary numbers (left-aligned, so that a cell stopped early by the smallest-cell limit
+// sorts before its siblings' descendants exactly as its subtree would). So the reorder is a
+// stable counting sort by that number: one histogram slot per possible cell, no tree walks.
+// (A tree of COUNT_TREE_MAX_DEPTH levels has fewer than 2^21 nodes, far below the node-count
+// limit the tree form had to guard.)
 template <uint32_t N>
-class Count_tree {
+class Cell_coder {
 public:
-    explicit Count_tree(const Map_bounds& bounds)
+    explicit Cell_coder(const Map_bounds& bounds)
     {
         for (uint32_t a = 0; a < N; ++a) {
             root_minimum_[a] = bounds.minimum[a];
             root_maximum_[a] = bounds.maximum[a];
             map_extent_[a] = bounds.maximum[a] - bounds.minimum[a];
         }
-        nodes_.push_back({0, 0.0f, 0, 0});
     }
 
-    // Inserts `count` elements (at most WALKS) whose positions lie `stride` bytes apart. The
-    // walks go down in lockstep, one level each in turn, so that the nodes of the next level
-    // are fetched from memory side by side instead of one after another. The tree that comes
-    // out does not depend on the interleaving: a leaf that is not at a limit splits whenever
-    // an element reaches it, and counts only add up.
-    void insert(const uint8_t* first, uint32_t stride, uint32_t count)
+    static constexpr uint32_t CELLS = 1u << COUNT_TREE_MAX_DEPTH;
+
+    uint32_t code(const float* position) const
     {
-        Walk walks[WALKS];
-        for (uint32_t e = 0; e < count; ++e) {
-            Walk& walk = walks[e];
-            walk.position = reinterpret_cast<const float*>(first + size_t(e) * stride);
-            walk.index = 0;
-            walk.depth = 0;
-            memcpy(walk.minimum, root_minimum_, sizeof walk.minimum);
-            memcpy(walk.maximum, root_maximum_, sizeof walk.maximum);
+        float minimum[N], maximum[N];
+        for (uint32_t a = 0; a < N; ++a) {
+            minimum[a] = root_minimum_[a];
+            maximum[a] = root_maximum_[a];
         }
-        uint32_t active = count;
-        while (active) {
-            for (uint32_t e = 0; e < active;) {
-                if (step(walks[e])) {
-                    walks[e] = walks[--active];
-                    continue;
-                }
-                __builtin_prefetch(&nodes_[walks[e].index]);
-                ++e;
-            }
+        uint32_t path = 0, depth = 0;
+        for (; depth < COUNT_TREE_MAX_DEPTH; ++depth) {
+            uint32_t axis = 0;
+            for (uint32_t a = 1; a < N; ++a)
+                if (maximum[a] - minimum[a] > maximum[axis] - minimum[axis])
+                    axis = a;
+            // Written as "not above" so that a map without extent on the axis (0 / 0) stops too.
+            if (!((maximum[axis] - minimum[axis]) / map_extent_[axis] > COUNT_TREE_MIN_CELL))
+                break;
+            const float split = 0.5f * (minimum[axis] + maximum[axis]);
+            // Selects rather than a branch: the side is a coin toss for the predictor.
+            const bool upper = !(split > position[axis]);
+            path = path << 1 | uint32_t(upper);
+            const float low = minimum[axis], high = maximum[axis];
+            minimum[axis] = upper ? split : low;
+            maximum[axis] = upper ? high : split;
         }
+        return path << (COUNT_TREE_MAX_DEPTH - depth);
     }
-
-    // Hands out the first index of every cell, lower side first: a leaf, or an inner node that
-    // at most one element reached, is a cell; a fuller inner node is walked through.
-    void place()
-    {
-        int64_t running = 0;
-        std::vector<uint32_t> stack;
-        stack.push_back(0);
-        while (!stack.empty()) {
-            Count_node& node = nodes_[stack.back()];
-            stack.pop_back();
-            if (!node.flags || node.count <= 1) {
-                node.place = int32_t(running);
-                running += node.count;
-                continue;
-            }
-            node.place = -1;
-            uint32_t child = node.flags >> 3;
-            stack.push_back(child + 1);
-            stack.push_back(child);
-        }
-    }
-
-    // The new indices of `count` elements (at most WALKS, positions `stride` bytes apart), in
-    // their order: each takes the next index of its cell. The walks to the cells go in
-    // lockstep as in insert; the indices are handed out afterwards, in element order, which
-    // keeps the sort stable.
-    void take(const uint8_t* first, uint32_t stride, uint32_t count, uint32_t* out)
-    {
-        uint32_t cell[WALKS];
-        const float* position[WALKS];
-        uint32_t pending[WALKS];
-        for (uint32_t e = 0; e < count; ++e) {
-            cell[e] = 0;
-            position[e] = reinterpret_cast<const float*>(first + size_t(e) * stride);
-            pending[e] = e;
-        }
-        uint32_t active = count;
-        while (active) {
-            for (uint32_t k = 0; k < active;) {
-                uint32_t e = pending[k];
-                const Count_node& node = nodes_[cell[e]];
-                if (node.place >= 0) {
-                    pending[k] = pending[--active];
-                    continue;
-                }
-                uint32_t child = node.flags >> 3;
-                cell[e] = node.split > position[e][node.flags & 7] ? child : child + 1;
-                __builtin_prefetch(&nodes_[cell[e]]);
-                ++k;
-            }
-        }
-        for (uint32_t e = 0; e < count; ++e)
-            out[e] = uint32_t(nodes_[cell[e]].place++);
-    }
-
-    static constexpr uint32_t WALKS = 16;
-
-    size_t node_count() const { return nodes_.size(); }
 
 private:
-    struct Walk {
-        const float* position;
-        uint32_t index;
-        uint32_t depth;
-        float minimum[N];   // the cell of node `index`
-        float maximum[N];
-    };
-
-    // One level of an insertion; true when the element has come to rest.
-    bool step(Walk& walk)
-    {
-        Count_node& node = nodes_[walk.index];
-        if (node.flags) {
-            ++node.count;
-            walk.index = descend(node, walk.position, walk.minimum, walk.maximum);
-            ++walk.depth;
-            return false;
-        }
-        if (walk.depth >= COUNT_TREE_MAX_DEPTH) {
-            ++node.count;
-            return true;
-        }
-        uint32_t axis = 0;
-        for (uint32_t a = 1; a < N; ++a)
-            if (walk.maximum[a] - walk.minimum[a] > walk.maximum[axis] - walk.minimum[axis])
-                axis = a;
-        // Written as "not above" so that a map without extent on the axis (0 / 0) stops too.
-        if (!((walk.maximum[axis] - walk.minimum[axis]) / map_extent_[axis] > COUNT_TREE_MIN_CELL)) {
-            ++node.count;
-            return true;
-        }
-        uint32_t child = uint32_t(nodes_.size());
-        // The flag word holds child indices below 2^29; a tree that large counts where it is.
-        if (child >= (1u << 29) - 2) {
-            ++node.count;
-            return true;
-        }
-        Count_node split = {child << 3 | axis, 0.5f * (walk.minimum[axis] + walk.maximum[axis]), 1, 0};
-        nodes_[walk.index] = split;   // `node` may dangle once the children are made
-        nodes_.push_back({0, 0.0f, 0, 0});
-        nodes_.push_back({0, 0.0f, 0, 0});
-        walk.index = descend(split, walk.position, walk.minimum, walk.maximum);
-        ++walk.depth;
-        return false;
-    }
-
-    static uint32_t descend(const Count_node& node, const float* position, float* minimum, float* maximum)
-    {
-        uint32_t axis = node.flags & 7, child = node.flags >> 3;
-        if (node.split > position[axis]) {
-            maximum[axis] = node.split;
-            return child;
-        }
-        minimum[axis] = node.split;
-        return child + 1;
-    }
-
     float root_minimum_[N];
     float root_maximum_[N];
     float map_extent_[N];
-    std::vector<Count_node> nodes_;
 };
 
 // Walks elements [0, count) page by page in index order, handing out runs that lie in one page.
@@ -246,14 +129,31 @@ bool full_build(Map_impl& map, bool verbose)
     for (uint32_t i = 0; i < map.get_pending_count(); ++i)
         map.read_element(count + i, pending.data() + size_t(i) * element_bytes);
 
-    // 2. Count the elements per cell.
-    Count_tree<N> tree(map.get_bounds());
-    for_each_run(store, count, [&](const uint8_t* data, uint32_t, uint32_t run) {
-        for (uint32_t i = 0; i < run; i += Count_tree<N>::WALKS)
-            tree.insert(data + size_t(i) * element_bytes, element_bytes, std::min(run - i, Count_tree<N>::WALKS));
+    // 2. Count the elements per cell; each element's cell is kept for the scatter.
+    const Cell_coder<N> coder(map.get_bounds());
+    std::vector<uint32_t> cells(count);
+    std::vector<uint32_t> next_index(Cell_coder<N>::CELLS + 1, 0);
+    // The table is far larger than the caches and the cells come in any order: each slot is
+    // prefetched when its cell is known and counted a few elements later.
+    constexpr uint32_t AHEAD = 8;
+    for_each_run(store, count, [&](const uint8_t* data, uint32_t done, uint32_t run) {
+        for (uint32_t i = 0; i < run; ++i) {
+            const uint32_t cell = coder.code(reinterpret_cast<const float*>(data + size_t(i) * element_bytes));
+            cells[done + i] = cell;
+            __builtin_prefetch(&next_index[cell], 1);
+            if (done + i >= AHEAD)
+                ++next_index[cells[done + i - AHEAD]];
+        }
     });
-    // 3.
-    tree.place();
+    for (uint32_t i = count > AHEAD ? count - AHEAD : 0; i < count; ++i)
+        ++next_index[cells[i]];
+    // 3. The first index of every cell, in cell order.
+    uint32_t running = 0;
+    for (uint32_t& slot : next_index) {
+        const uint32_t cell_count = slot;
+        slot = running;
+        running += cell_count;
+    }
 
     // 4.
     std::vector<uint64_t> chosen((size_t(count) + 63) / 64, 0);
@@ -271,13 +171,12 @@ bool full_build(Map_impl& map, bool verbose)
         memcpy(run_copy.data(), data, size_t(run) * element_bytes);
         uint32_t open_page = UINT32_MAX;
         uint8_t* open_data = nullptr;
-        uint32_t taken[Count_tree<N>::WALKS];
         for (uint32_t i = 0; i < run; ++i) {
             const uint8_t* element = run_copy.data() + size_t(i) * element_bytes;
             const float* position = reinterpret_cast<const float*>(element);
-            if (i % Count_tree<N>::WALKS == 0)
-                tree.take(element, element_bytes, std::min(run - i, Count_tree<N>::WALKS), taken);
-            uint32_t p = taken[i % Count_tree<N>::WALKS];
+            if (done + i + AHEAD < count)
+                __builtin_prefetch(&next_index[cells[done + i + AHEAD]], 1);
+            uint32_t p = next_index[cells[done + i]]++;
             if (p >= count) {
                 msg_warn("--- entry %u already set!", p);
                 continue;
@@ -310,6 +209,8 @@ bool full_build(Map_impl& map, bool verbose)
         }
         manager.discard_page(&store, cache_page);
     });
+    std::vector<uint32_t>().swap(cells);
+    std::vector<uint32_t>().swap(next_index);
     // 6.
     for (uint32_t i = 0; i < count; ++i)
         if (!(chosen[i >> 6] >> (i & 63) & 1))

@@ -249,6 +249,34 @@ Map_status Map_impl::append_raw(const void* element_bytes, uint32_t* index)
     return MAP_SUCCESS;
 }
 
+Map_status Map_impl::append_raw_run(const void* elements, uint32_t count)
+{
+    if (!declaration)
+        return MAP_NO_DECLARATION;
+    if (!editable)
+        return MAP_NOT_EDITABLE;
+    const uint32_t bytes = declaration->element_bytes();
+    const uint32_t dimension = declaration->dimension();
+    const auto* element = static_cast<const uint8_t*>(elements);
+    std::lock_guard<std::mutex> hold(lock);
+    // Only the most recently fetched page is sure to stay in the thread's table.
+    uint32_t open_page = UINT32_MAX;
+    uint8_t* open_data = nullptr;
+    for (uint32_t i = 0; i < count; ++i, element += bytes) {
+        const uint32_t at = size_ + pending_count;
+        ++pending_count;
+        pending_bounds.add(reinterpret_cast<const float*>(element), dimension);
+        uint32_t page, slot;
+        store.locate(at, &page, &slot);
+        if (page != open_page) {
+            open_data = store.get_page(page, false);
+            open_page = page;
+        }
+        memcpy(open_data + size_t(slot) * store.element_bytes, element, bytes);
+    }
+    return MAP_SUCCESS;
+}
+
 int32_t Map_impl::attach_file(Map_page_source* source, uint32_t element_count, uint32_t source_elements_per_page,
                               const Map_bounds* file_bounds)
 {

@@ -115,6 +115,10 @@ public:
     // Appends one element given as raw bytes of the map's element size (position first).
     // 4 without a declaration. Index of the new element through `index` when not null.
     qv::shader_v3::Map_status append_raw(const void* element_bytes, uint32_t* index = nullptr);
+    // Appends `count` elements packed at the map's element size, in order, taking the lock and
+    // each page once rather than once per element. Same checks and outcome as `count` calls of
+    // append_raw.
+    qv::shader_v3::Map_status append_raw_run(const void* elements, uint32_t count);
     // Attaches a backing file (owned from now on) whose `element_count` elements, at
     // `source_elements_per_page` per file page, follow all elements so far. Elements still held
     // only in memory first become a memory segment, so their pages keep their numbers. The file's

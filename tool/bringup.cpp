@@ -1,5 +1,8 @@
 #include "tool/bringup.h"
 
+#include <algorithm>
+#include <thread>
+
 #include "base/lib/mem/i_mem_allocatable.h"
 #include "containers/kdtree.h"
 #include "database/db.h"
@@ -7,6 +10,7 @@
 #include "database/host_messaging.h"
 #include "database/scene_types.h"
 #include "finalgather/rcfg_module.h"
+#include "maps/map_bvh.h"
 #include "maps/rcmp_module.h"
 #include "runtime/api_start.h"
 #include "runtime/modules.h"
@@ -27,6 +31,9 @@ void bring_up_modules()
     qv_api_init(0);
     fg_module_init();
     rcmp_init(true);  // the cache is bounded by physical memory alone
+    // The BVH build's per-page job runs on every core: each page's tree is built on its own,
+    // so the pages come out the same whichever thread builds them.
+    QV::RCMAP::map_bvh_set_thread_count(std::clamp(std::thread::hardware_concurrency(), 1u, 8u));
     // The array is parked and dropped on purpose: the work that follows builds its own areas
     // with the sizes now known.
     mod_detach_context();
