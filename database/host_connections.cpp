@@ -717,7 +717,8 @@ void qv_msg_close(uint32_t host)
 void qv_msg_exit()
 {
     Module_scope scope(MOD_MSG);
-    if (!g_started) {
+    // Connections opened directly (qv_msg_open without qv_msg_init) count as a start too.
+    if (!g_started && !g_reader_running.load() && !g_cluster.load()) {
         msg_warn_n(4, "msg_exit without msg_init.");
         return;
     }

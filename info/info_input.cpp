@@ -101,7 +101,12 @@ bool look_at_header(const char* path, Info_input* input, bool* valid_empty)
         return true;
     qv::shader_v3::Map_status status = qv::shader_v3::MAP_SUCCESS;
     Map_file map_file(QV::RCMAP::MAP_FILE_KIND_READ, false, false, true, path, nullptr, &status);
-    if (status == qv::shader_v3::MAP_SUCCESS) {
+    if (status == qv::shader_v3::MAP_SUCCESS && map_file.format == qv::shader_v3::MAP_FORMAT_OPEN_BINARY) {
+        // The open header has a version digit and no pages: its elements are read into the map.
+        input->kind = INFO_KIND_OPEN_BINARY;
+        input->version = map_file.version;
+        *valid_empty = map_file.element_count == 0;
+    } else if (status == qv::shader_v3::MAP_SUCCESS) {
         input->kind = INFO_KIND_BINARY;
         input->version = map_file.version;
         input->page_bytes = map_file.page_bytes;

@@ -129,7 +129,7 @@ void info_print_summary(FILE* out, const Info_input& input, const Info_stats& st
 {
     std::fprintf(out, "file: %s\n", input.path.c_str());
     std::fprintf(out, "kind: %s\n", info_kind_text(input.kind));
-    if (input.kind == INFO_KIND_CLASSIC || input.kind == INFO_KIND_BINARY)
+    if (input.kind != INFO_KIND_OTHER)
         std::fprintf(out, "version: %u\n", input.version);
     // Binary map files are little-endian by definition; classic files say which order they use.
     std::fprintf(out, "byte order: %s\n", input.foreign_order ? "big-endian" : "little-endian");
