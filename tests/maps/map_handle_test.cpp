@@ -275,20 +275,6 @@ TEST_F(MapHandleTest, HandlesOwnWhatTheyMake)
     }
 }
 
-TEST_F(MapHandleTest, FileHandlesReportAFailedReadAndStillOwnAMap)
-{
-    Map_status status = MAP_SUCCESS;
-    Access_map_dbhandle_impl read("/nonexistent/dir/none.map", &status);
-    EXPECT_NE(status, MAP_SUCCESS);
-    ASSERT_NE(read.get(), nullptr);
-    EXPECT_EQ(read.get()->size(), 0u);
-
-    status = MAP_SUCCESS;
-    Edit_map_dbhandle_impl edit("/nonexistent/dir/none.map", &status);
-    EXPECT_NE(status, MAP_SUCCESS);
-    EXPECT_NE(edit.get(), nullptr);
-}
-
 namespace {
 std::vector<std::string> g_info_lines;
 void keep_info(uint32_t level, const char*, const char* text, int32_t)

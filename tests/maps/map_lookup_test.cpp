@@ -4,7 +4,6 @@
 // with a copy and a stored map.
 #include <algorithm>
 #include <atomic>
-#include <cmath>
 #include <cstring>
 #include <memory>
 #include <random>
@@ -306,30 +305,6 @@ TEST_F(Map_lookup_test, CallerDistanceSegmentAndSubsetEqualAFullScan)
         if (entry.index >= 5000 && entry.index <= 8999 && within.size() < 25)
             within.push_back(entry);
     EXPECT_TRUE(same(found, within));
-}
-
-TEST_F(Map_lookup_test, SegmentBoxDistanceByBoundingSphere)
-{
-    // The box [-1, 1]^3: centre 0, squared radius 3, along the z axis unless said otherwise.
-    const float low[3] = {-1, -1, -1}, high[3] = {1, 1, 1};
-    const float up[3] = {0, 0, 1};
-    struct Case {
-        float origin[3];
-        float length;
-        float expected;
-    };
-    const float entry = 10.0f - std::sqrt(3.0f);
-    const Case cases[] = {
-        {{0, 0, -10}, 20.0f, 0.0f},                                          // through the sphere
-        {{0, 0, -10}, 5.0f, (entry - 5.0f) * (entry - 5.0f)},                // ends before it
-        {{0, 0, 10}, 5.0f, 1.0e36f},                                         // wholly behind
-        {{0, 0, 0}, 5.0f, 0.0f},                                             // starts inside
-        {{10, 0, -10}, 20.0f, 100.0f + 3.0f - 2.0f * std::sqrt(300.0f)},     // passes beside
-        {{10, 0, -10}, 4.0f, 136.0f + 3.0f - 2.0f * std::sqrt(408.0f)},      // stops short beside
-    };
-    for (const Case& c : cases)
-        EXPECT_FLOAT_EQ(map_segment_box_distance(c.origin, up, c.length, low, high), c.expected)
-            << c.origin[0] << " " << c.origin[2] << " length " << c.length;
 }
 
 TEST_F(Map_lookup_test, StatusesSortingAndTheResultWalk)

@@ -65,16 +65,6 @@ TEST_F(Map_storage_layout, PageSizeIsCorrectedWithItsWarning)
     }
 }
 
-TEST_F(Map_storage_layout, ThreadTablesHoldAtLeastFourEntries)
-{
-    Map_manager& manager = Map_manager::instance();
-    manager.set_size_limit_mb(0.01f);
-    EXPECT_EQ(manager.thread_table_capacity(), 4u);
-    manager.set_size_limit_mb(1.0f);
-    // 32 cache pages of 32 KB, 80 percent for one thread.
-    EXPECT_EQ(manager.thread_table_capacity(), 25u);
-}
-
 TEST_F(Map_storage_layout, LocateContinuesNumberingAcrossSegments)
 {
     Map_page_store store;
