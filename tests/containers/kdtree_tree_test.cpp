@@ -135,30 +135,3 @@ TEST(KdtreeBuildTest, ManyEqualKeysAndEqualPositions)
         ASSERT_EQ(same_axes[node], 2);
     expect_records_follow_positions(same, 500);
 }
-
-TEST(KdtreeBuildTest, AxisIsTheWidestExtentTiesToTheLaterAxis)
-{
-    qv_test_init();
-    const struct {
-        uint32_t n;
-        float second[3];  // the first record sits at the origin, a third (if any) at 0.5 on every axis
-        int axis;
-    } cases[] = {
-        {3, {3, 1, 1}, 0}, {3, {1, 3, 1}, 1}, {3, {1, 1, 3}, 2},
-        {3, {3, 3, 1}, 1}, {3, {3, 1, 3}, 2}, {3, {1, 3, 3}, 2},
-        // Two records: the larger x starts in the left child and must move up to node 1.
-        {2, {4, 0.5f, 0.25f}, 0},
-    };
-    for (const auto& c : cases) {
-        Cloud cloud = make_cloud(c.n, 0);
-        const float p[9] = {0, 0, 0, c.second[0], c.second[1], c.second[2], 0.5f, 0.5f, 0.5f};
-        std::memcpy(cloud.positions.data(), p, sizeof(float) * 3 * c.n);
-        cloud.original = cloud.positions;
-        std::vector<uint8_t> axes(4, 9);
-        build_tree(cloud.positions.data(), cloud.data, axes.data(), c.n);
-        SCOPED_TRACE(testing::Message() << c.n << " records, " << c.second[0] << " " << c.second[1] << " " << c.second[2]);
-        EXPECT_EQ(axes[1], c.axis);
-        expect_kd_property(cloud, axes, c.n);
-        expect_records_follow_positions(cloud, c.n);
-    }
-}

@@ -5,21 +5,6 @@ namespace {
 
 using DbFlushTest = DbTest;
 
-TEST_F(DbFlushTest, ClockAdvancesOnCreateAndTrackedAccessOnly)
-{
-    EXPECT_EQ(qv_db_clock(), 2u) << "the clock starts at 2";
-    Db_tag polygon = make_unpinned(POLYGON, 8);
-    Db_tag map = make_unpinned(DB_TYPE_SERIALIZABLE, 8);
-    uint32_t after_creates = qv_db_clock();
-    EXPECT_EQ(after_creates, 4u);
-    qv_db_access(map);
-    EXPECT_EQ(qv_db_clock(), after_creates);
-    qv_db_access(polygon);
-    EXPECT_EQ(qv_db_clock(), after_creates + 1);
-    EXPECT_EQ(qv_db_peek(polygon)->lru_stamp, after_creates + 1);
-    qv_db_unpin(polygon);
-}
-
 TEST_F(DbFlushTest, WalkOffersOldestFirst)
 {
     Db_tag a = make_unpinned(POLYGON, 8);

@@ -1,4 +1,4 @@
-// Tag allocation: first tags, page and slot hints, host directories, the type flags.
+// Tag allocation: first tags, page and slot hints, and the fatal numbers of bad accesses.
 #include "tests/database/db_test_support.h"
 
 namespace {
@@ -50,26 +50,6 @@ TEST_F(DbTableTest, FullPageMovesOnAndFreedSlotsAreTakenFirst)
     qv_db_delete(0x500);
     EXPECT_EQ(make_unpinned(0, 4), 0x500u);
     EXPECT_EQ(make_unpinned(0, 4), 0x801u);
-}
-
-TEST_F(DbTableTest, SplitJobsPinInTheirOwnBand)
-{
-    EXPECT_EQ(qv_db_peek(make_unpinned(0, 4))->pidx, 0);
-    const Db_tag split = make_unpinned(DB_TYPE_RCB_SPLIT_JOB, 4);
-    EXPECT_EQ(qv_db_peek(split)->pidx, split % 1023 + 31744);
-    EXPECT_EQ(qv_db_peek(make_unpinned(0, 4))->pidx, 1) << "the split job does not use up the running counter";
-}
-
-TEST_F(DbTableTest, TrackedTypesAreExactlyTheGeometryTypes)
-{
-    std::vector<int> tracked;
-    for (int type = 0; type < DB_TYPES; ++type)
-        if (qv_db_type_tracked(type))
-            tracked.push_back(type);
-    std::vector<int> expected{14, 15, 16, 17, 18, 19, 20, 21, 22, 23, 24, 25, 26, 30, 33, 40};
-    EXPECT_EQ(tracked, expected);
-    EXPECT_TRUE(qv_db_tracked(0x40000000u, DB_TYPE_SERIALIZABLE)) << "job tags are always tracked";
-    EXPECT_FALSE(qv_db_tracked(0x400u, DB_TYPE_SERIALIZABLE));
 }
 
 TEST_F(DbTableTest, FatalsCarryTheirNumbers)

@@ -1,4 +1,4 @@
-// The type table: names, registration, create/resize/copy/delete/unlink, and the options values.
+// The type table: registration, create/resize/copy/delete/unlink, and the options values.
 #include <algorithm>
 #include <memory>
 #include <sstream>
@@ -18,18 +18,6 @@ using QV::SCENE::Options;
 class SceneTypesTest : public SceneTest {};
 
 int record_unlink(Db_tag, Db_tag child) { return child == 0x1234 ? 1 : 0; }
-
-TEST_F(SceneTypesTest, TypeNamesFollowTheTable)
-{
-    // 71 and 83 share a name; gaps and numbers outside the table are "invalid".
-    const std::pair<int, const char*> names[] = {
-        {0, "null"},           {63, "serializable"},  {71, "render_data"}, {83, "render_data"},
-        {91, "rcb_split_job"}, {109, "kdtree_accel"}, {27, "invalid"},     {111, "invalid"},
-        {127, "invalid"},      {128, "invalid"},      {-1, "invalid"},
-    };
-    for (const auto& [type, name] : names)
-        EXPECT_STREQ(qv_scene_type_name(type), name) << type;
-}
 
 TEST_F(SceneTypesTest, RegistrationAcceptsOnlyTheFreeNumbers)
 {

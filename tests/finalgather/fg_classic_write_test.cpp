@@ -1,9 +1,8 @@
-// Writing classic final-gather files: the layout byte by byte, appending, replacing and refusing,
-// and the way of a point from a file through a map back to a file.
+// Writing classic final-gather files: the layout byte by byte, appending, replacing and refusing.
+// (A point's way from a file through a map back to a file is the end-to-end suite's copy test.)
 #include <sys/stat.h>
 
 #include "fg_test_support.h"
-#include "maps/map_dbhandle.h"
 
 using namespace fg_test;
 
@@ -120,30 +119,6 @@ TEST_F(ClassicWriteTest, UnwritableFileIsRefusedWhenOptionsAreGiven)
     const Fg_scene_options options{0, 0};
     EXPECT_EQ(write_file("ro.fg", 1, 0, &options), -1);
     expect_line("finalgather map not writable, not saving new points: " + path("ro.fg"), MSG_WARN, 6);
-}
-
-TEST_F(ClassicWriteTest, PointTravelsFileToMapToFileKeepingEveryNamedField)
-{
-    const Classic_file file = Classic_file::of(40);
-    write_bytes(path("in.fg"), file.bytes());
-    QV::RCMAP::Map_impl* map = fg_map_new();
-    ASSERT_EQ(fg_map_load(map, path("in.fg").c_str(), true), 40u);
-    map->build_bvh(0.6f, false, false);
-    QV::RCMAP::Edit_map_dbhandle_impl handle(map);
-    Fg_map_writer* writer = fg_map_open_write(nullptr, path("out.fg").c_str(), true);
-    ASSERT_NE(writer, nullptr);
-    EXPECT_EQ(fg_map_for_each(handle.store(), fg_map_write_point, writer), 1);
-    ASSERT_EQ(fg_map_close(writer), 1);
-    handle.release();
-
-    const std::vector<uint8_t> bytes = read_bytes(path("out.fg"));
-    ASSERT_EQ(bytes.size(), 120u + 40 * 104);
-    for (uint32_t k = 0; k < 40; ++k) {
-        const Fg_point point = record_at(bytes, k);
-        EXPECT_TRUE(same_named_fields(point, file.records[k])) << k;
-        // A map has no field for the reserved words: what the file held there is gone.
-        EXPECT_NE(std::memcmp(point.reserved, file.records[k].reserved, 8), 0) << k;
-    }
 }
 
 }  // namespace

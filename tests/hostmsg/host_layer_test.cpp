@@ -262,18 +262,3 @@ TEST_F(HostLayerTest, WelcomeAndConnectRulesReportBadInput)
     EXPECT_EQ(hostmsg_count("nosuchservice/tcp: not a service"), 1);
     unsetenv("QV_QVR3_SERVICE");
 }
-
-TEST_F(HostLayerTest, SocketpairCarriesBytesBothWays)
-{
-    int sockets[2];
-    ASSERT_EQ(qv_msg_socketpair(sockets), 1);
-    char text[5] = {};
-    ASSERT_EQ(send(sockets[0], "ping", 4, 0), 4);
-    ASSERT_EQ(recv(sockets[1], text, 4, MSG_WAITALL), 4);
-    EXPECT_STREQ(text, "ping");
-    ASSERT_EQ(send(sockets[1], "pong", 4, 0), 4);
-    ASSERT_EQ(recv(sockets[0], text, 4, MSG_WAITALL), 4);
-    EXPECT_STREQ(text, "pong");
-    close(sockets[0]);
-    close(sockets[1]);
-}

@@ -1,34 +1,13 @@
-// Runs the built fg_info and fg_splice binaries and writes the maps the fg_info tests read:
-// classic files built byte by byte here, independently of the library's writers.
+// The maps the fg_info tests read: classic files built byte by byte here, independently of the
+// library's writers. The binaries run through tests/run_support.h.
 #pragma once
+
+#include "tests/run_support.h"
 
 #include <cstdint>
 #include <cstring>
 #include <string>
 #include <vector>
-
-struct Run_result {
-    int exit_code = -1;
-    std::string out;
-    std::string err;
-};
-
-// Runs `binary` with `args`; stdout and stderr are captured whole.
-Run_result run_binary(const char* binary, const std::vector<std::string>& args);
-
-// A fresh directory under /tmp, removed with its contents by the destructor.
-class Scratch_dir {
-public:
-    Scratch_dir();
-    ~Scratch_dir();
-    std::string file(const std::string& name) const { return path_ + "/" + name; }
-
-private:
-    std::string path_;
-};
-
-std::string read_bytes(const std::string& path);
-void write_bytes(const std::string& path, const std::string& bytes);
 
 // One classic record, words 0..25.
 struct Record {

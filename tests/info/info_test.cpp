@@ -78,10 +78,10 @@ class InfoSummaryTest : public testing::TestWithParam<Map_case> {};
 TEST_P(InfoSummaryTest, NumbersEqualThoseOfTheWrittenPoints)
 {
     const Map_case& c = GetParam();
-    Scratch_dir dir;
+    Temp_dir dir;
     const std::vector<Record> records = make_records(300, 7);
     std::string path = dir.file("map.fg");
-    write_bytes(path, classic_file(records, c.version, c.foreign));
+    write_file(path, classic_file(records, c.version, c.foreign));
     if (c.binary) {
         ASSERT_EQ(run_binary(QV_TEST_TOOL_PATH, {path, dir.file("map.fgm")}).exit_code, 0);
         path = dir.file("map.fgm");
@@ -181,15 +181,15 @@ INSTANTIATE_TEST_SUITE_P(Kinds, InfoSummaryTest,
 
 TEST(InfoExportTest, PlyAndAsciiHoldEveryPoint)
 {
-    Scratch_dir dir;
+    Temp_dir dir;
     const std::vector<Record> records = make_records(50, 3);
-    write_bytes(dir.file("map.fg"), classic_file(records, 1, false));
+    write_file(dir.file("map.fg"), classic_file(records, 1, false));
     const Run_result r = run_info({"--ply", dir.file("out.ply"), "--ascii", dir.file("out.txt"), dir.file("map.fg")});
     ASSERT_EQ(r.exit_code, 0) << r.err;
     EXPECT_EQ(r.out, "");  // output options alone print no summary
-    EXPECT_NE(read_bytes(dir.file("out.txt")).find("open ASCII map file, 50 elements"), std::string::npos);
+    EXPECT_NE(read_file(dir.file("out.txt")).find("open ASCII map file, 50 elements"), std::string::npos);
 
-    const std::string ply = read_bytes(dir.file("out.ply"));
+    const std::string ply = read_file(dir.file("out.ply"));
     const std::string end = "end_header\n";
     const size_t body = ply.find(end);
     ASSERT_NE(body, std::string::npos);
@@ -252,7 +252,7 @@ Decoded_png decode_png(const std::string& path)
 
 TEST(InfoExportTest, PictureShowsEachPointWhereItProjectsInAllThreeViews)
 {
-    Scratch_dir dir;
+    Temp_dir dir;
     // Points on the diagonal of the unit cube, facing every viewer, so none hides another.
     std::vector<Record> records = make_records(5, 1);
     for (int k = 0; k < 5; ++k) {
@@ -262,7 +262,7 @@ TEST(InfoExportTest, PictureShowsEachPointWhereItProjectsInAllThreeViews)
         }
         records[k].irrad[0] = 0.05f + 0.2f * float(k);
     }
-    write_bytes(dir.file("map.fg"), classic_file(records, 1, false));
+    write_file(dir.file("map.fg"), classic_file(records, 1, false));
 
     const Run_result standard = run_info({"--png", dir.file("default.png"), dir.file("map.fg")});
     ASSERT_EQ(standard.exit_code, 0) << standard.err;
@@ -300,12 +300,12 @@ TEST(InfoExportTest, PictureShowsEachPointWhereItProjectsInAllThreeViews)
 
 TEST(InfoErrorTest, DamagedInputOfEachKindExitsOneWithTheReadersLine)
 {
-    Scratch_dir dir;
+    Temp_dir dir;
     const std::vector<Record> records = make_records(20, 5);
     const std::string classic = classic_file(records, 1, false);
-    write_bytes(dir.file("good.fg"), classic);
+    write_file(dir.file("good.fg"), classic);
     ASSERT_EQ(run_binary(QV_TEST_TOOL_PATH, {dir.file("good.fg"), dir.file("good.fgm")}).exit_code, 0);
-    const std::string binary = read_bytes(dir.file("good.fgm"));
+    const std::string binary = read_file(dir.file("good.fgm"));
 
     std::string bad_magic = classic;
     bad_magic[33] = 'X';
@@ -328,7 +328,7 @@ TEST(InfoErrorTest, DamagedInputOfEachKindExitsOneWithTheReadersLine)
     };
     for (const Case& c : cases) {
         if (std::string(c.name) != "missing.fg")
-            write_bytes(dir.file(c.name), c.bytes);
+            write_file(dir.file(c.name), c.bytes);
         const Run_result r = run_info({dir.file(c.name)});
         EXPECT_EQ(r.exit_code, 1) << c.name;
         EXPECT_NE(r.err.find(c.line), std::string::npos) << c.name << ": " << r.err;
@@ -347,11 +347,11 @@ TEST(InfoErrorTest, BadWordsAreUsageWithExitTwo)
         EXPECT_NE(r.err.find("usage: fg_info"), std::string::npos);
     }
     // An output that names the input would destroy it.
-    Scratch_dir dir;
+    Temp_dir dir;
     const std::string map = classic_file(make_records(10, 1), 1, false);
-    write_bytes(dir.file("map.fg"), map);
+    write_file(dir.file("map.fg"), map);
     EXPECT_EQ(run_info({"--ascii", dir.file("map.fg"), dir.file("map.fg")}).exit_code, 2);
-    EXPECT_EQ(read_bytes(dir.file("map.fg")), map);
+    EXPECT_EQ(read_file(dir.file("map.fg")), map);
 }
 
 }  // namespace

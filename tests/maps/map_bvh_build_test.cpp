@@ -1,7 +1,6 @@
-// Full builds of map BVHs: the reorder, the page trees in the pages, the global tree, the
-// update rules around them, and the point search through both levels.
+// Full builds of map BVHs: the reorder, the page trees in the pages, the global tree, and the
+// update rules around them.
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <random>
 #include <string>
@@ -15,7 +14,6 @@
 
 using namespace map_bvh_test;
 using namespace map_storage_test;
-using qv::shader_v3::Map_lookup_entry;
 using qv::shader_v3::MAP_SUCCESS;
 
 namespace {
@@ -288,81 +286,4 @@ TEST_F(Map_bvh_build_test, UpdateRebuildsOnlyWhatIsStaleAndTimesIt)
     check_built<3>(map);
     map.commit();
     EXPECT_TRUE(same(element_of(map, 2500), extra));
-}
-
-namespace {
-
-bool nearer(const Map_lookup_entry& a, const Map_lookup_entry& b)
-{
-    return a.distance < b.distance || (a.distance == b.distance && a.index < b.index);
-}
-
-// The search's answer, held to the `count` nearest elements by (squared distance, index) of a
-// full scan that leaves out what lies at or before (resume_distance, resume_index).
-void expect_nearest(Map_impl& map, const float* point, uint32_t count, float max_distance, uint32_t resume_index,
-                    float resume_distance, std::vector<Map_lookup_entry>& found)
-{
-    map.global_bvh->find_nearest(point, count, max_distance, resume_index, resume_distance, found);
-    ASSERT_TRUE(std::is_heap(found.begin(), found.end(), nearer)) << "the farthest first";
-    std::sort(found.begin(), found.end(), nearer);
-    std::vector<Map_lookup_entry> expected;
-    for (uint32_t i = 0; i < map.committed_size(); ++i) {
-        float position[3];
-        map.read_field(i, 0, 12, position);
-        float d = 0.0f;
-        for (int a = 0; a < 3; ++a)
-            d += (position[a] - point[a]) * (position[a] - point[a]);
-        const Map_lookup_entry entry{i, d};
-        if (d <= max_distance && (resume_index == UINT32_MAX || nearer({resume_index, resume_distance}, entry)))
-            expected.push_back(entry);
-    }
-    std::sort(expected.begin(), expected.end(), nearer);
-    expected.resize(std::min<size_t>(expected.size(), count));
-    ASSERT_EQ(found.size(), expected.size());
-    for (size_t k = 0; k < found.size(); ++k) {
-        ASSERT_EQ(found[k].index, expected[k].index) << "rank " << k;
-        ASSERT_EQ(found[k].distance, expected[k].distance) << "rank " << k;
-    }
-}
-
-} // namespace
-
-TEST_F(Map_bvh_build_test, NearestSearchThroughBothLevelsFindsWhatAFullScanFinds)
-{
-    Map_impl map(small_declaration());
-    fill_random(map, 15000, 13);
-    // A run of equal positions, so that ties are broken by index.
-    for (uint32_t i = 0; i < 40; ++i) {
-        Small_element element = small_element(20000 + i);
-        element.position[0] = element.position[1] = element.position[2] = 1.0f;
-        map.append_raw(&element);
-    }
-    map.build_bvh(0.6f, false, false);
-    std::mt19937 random(14);
-    std::uniform_real_distribution<float> where(-60.0f, 60.0f);
-    std::vector<Map_lookup_entry> found;
-    for (int q = 0; q < 40; ++q) {
-        SCOPED_TRACE(testing::Message() << "query " << q);
-        float point[3] = {where(random), where(random), where(random)};
-        if (q == 0)
-            point[0] = point[1] = point[2] = 1.0f;
-        const uint32_t count = q % 3 == 0 ? 1 : q % 3 == 1 ? 12 : 60;
-        const float max_distance = q % 4 == 0 ? 30.0f : 1.0e30f;
-        expect_nearest(map, point, count, max_distance, UINT32_MAX, -1.0f, found);
-        // The next batch, beyond the farthest of this one.
-        if (!found.empty()) {
-            const Map_lookup_entry last = found.back();
-            expect_nearest(map, point, count, max_distance, last.index, last.distance, found);
-        }
-    }
-    map.global_bvh->find_nearest(std::array<float, 3>{0, 0, 0}.data(), 0, 1.0e30f, UINT32_MAX, -1.0f, found);
-    EXPECT_TRUE(found.empty());
-
-    // Pages without a tree are scanned element by element, with the same answer.
-    Map_page_store& store = map.page_store();
-    const uint32_t zero = 0;
-    for (uint32_t p = 0; p < map.global_bvh->page_count(); ++p)
-        memcpy(store.get_page(p, false) + size_t(store.elements_per_page) * store.element_bytes, &zero, 4);
-    const float point[3] = {3.0f, -2.0f, 7.0f};
-    expect_nearest(map, point, 25, 1.0e30f, UINT32_MAX, -1.0f, found);
 }

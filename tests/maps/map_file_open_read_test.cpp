@@ -295,35 +295,3 @@ TEST_F(Map_file_open_read, APartialElementAtTheEndLeavesTheWholeOnesPending)
     EXPECT_EQ(empty.size(), 0u);
     EXPECT_EQ(count_lines(MSG_ERROR, ""), 0);
 }
-
-TEST_F(Map_file_open_read, MoreElementsThanTheCacheHoldsGoThroughTheSwapFile)
-{
-    // Ten times the cache's 16 pages.
-    const uint32_t count = 160 * map_elements_per_page(20, 3);
-    const std::string name = path("big.ob");
-    written(name, count);
-    Map_manager& manager = Map_manager::instance();
-    manager.flush(0);
-    manager.set_size_limit_mb(0.5f);
-    Map_impl back;
-    back.bvh_enabled = false;
-    ASSERT_EQ(back.read(name.c_str(), 0), MAP_SUCCESS);
-    ASSERT_EQ(back.size(), count);
-    EXPECT_GE(back.page_store().swap.slot_count(), 160u - 16u);
-    EXPECT_TRUE(holds_elements(back, count));
-}
-
-TEST_F(Map_file_open_read, OpenAsciiTakesTheCallersComment)
-{
-    Map_impl map(small_declaration());
-    const std::string name = path("text.map");
-    ASSERT_EQ(map.write(name.c_str(), MAP_FORMAT_OPEN_ASCII, false, "made by a test"), MAP_SUCCESS);
-    const std::vector<uint8_t> bytes = file_bytes(name);
-    const std::string text(bytes.begin(), bytes.end());
-    EXPECT_EQ(text.rfind("#\n# made by a test# open ASCII map file, 0 elements\n#\n\n", 0), 0u) << text;
-    // And the text still stops at the parser stub, without a message.
-    captured().clear();
-    EXPECT_EQ(holder.read(name.c_str(), MAP_READ_VERBOSE), MAP_FILE_MALFORMED);
-    EXPECT_EQ(count_lines(MSG_ERROR, ""), 0);
-    EXPECT_TRUE(holds_elements(holder, 3, 100));
-}

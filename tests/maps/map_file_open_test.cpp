@@ -108,10 +108,11 @@ TEST_F(Map_file_open, OpenAsciiText)
                     "end map\n\n");
 
     // Without globals the first element follows the head directly; an empty map has nothing.
+    // A caller's comment replaces the version line.
     Map_impl bare(small_declaration());
-    ASSERT_EQ(bare.write(path("bare.map").c_str(), MAP_FORMAT_OPEN_ASCII, false), MAP_SUCCESS);
+    ASSERT_EQ(bare.write(path("bare.map").c_str(), MAP_FORMAT_OPEN_ASCII, false, "made by a test"), MAP_SUCCESS);
     text = file_text(path("bare.map"));
-    EXPECT_NE(text.find("# open ASCII map file, 0 elements\n"), std::string::npos);
+    EXPECT_EQ(text.rfind("#\n# made by a test# open ASCII map file, 0 elements\n#\n\n", 0), 0u) << text;
     EXPECT_TRUE(text.size() > 20 && text.substr(text.size() - 10) == "\nend map\n\n");
     EXPECT_EQ(text[text.size() - 11], '"') << "the head, then the end";
     Small_element one = small_element(4);
@@ -120,11 +121,6 @@ TEST_F(Map_file_open, OpenAsciiText)
     ASSERT_EQ(bare.write(path("bare.map").c_str(), MAP_FORMAT_OPEN_ASCII, false), MAP_SUCCESS);
     text = file_text(path("bare.map"));
     EXPECT_NE(text.find("\"\n\t{4 2 -4 , 2 , "), std::string::npos) << text;
-
-    // The text is what an ASCII reader recognises.
-    Map_impl back;
-    EXPECT_EQ(back.read(name.c_str(), 0), MAP_FILE_MALFORMED);
-    EXPECT_EQ(captured().size(), 1u) << "only the info line of the verbose write";
 
     EXPECT_EQ(map.write(path("no/such/dir.map").c_str(), MAP_FORMAT_OPEN_ASCII, true), MAP_FILE_CANNOT_OPEN);
     EXPECT_TRUE(saw("cannot open map file \"" + path("no/such/dir.map") + "\" for writing"));

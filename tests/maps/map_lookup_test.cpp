@@ -1,10 +1,9 @@
 // Map lookups against a full scan: k nearest by (distance, index) in every dimension, on uniform
-// and clustered maps, in memory and through a cache a tenth of the map, from several threads;
+// and clustered maps, in memory and through a cache a tenth of the map, from four threads at once;
 // resumed batches; caller distance functions, segments and subsets; statuses; the tree going
 // with a copy and a stored map.
 #include <algorithm>
 #include <atomic>
-#include <cmath>
 #include <cstring>
 #include <memory>
 #include <random>
@@ -149,16 +148,32 @@ TEST_F(Map_lookup_test, NearestEqualAFullScanInEveryDimensionInMemoryAndOutOfCor
                 // small cache.
                 if (out_of_core)
                     data.map->flush();
-                Map_lookup_impl lookup(data.map.get());
+                // Four threads search the one map (and share its cache), three queries each.
                 const std::vector<float> points = queries(data, 12, dimension);
-                for (uint32_t q = 0; q < 12; ++q) {
-                    const float* point = &points[size_t(q) * dimension];
-                    const uint32_t k = ks[q % 3];
-                    const float max_distance = q % 4 == 3 ? 40.0f : 1.0e30f;
-                    ASSERT_EQ(lookup.search(point, dimension, k, max_distance), MAP_SUCCESS);
-                    EXPECT_EQ(lookup.get_kind(), MAP_LOOKUP_KIND_POINT);
-                    ASSERT_TRUE(same(sorted_results(lookup), scan(data, point, k, max_distance))) << "query " << q;
-                }
+                std::atomic<uint32_t> wrong{0}, last_wrong{0};
+                std::vector<std::thread> pool;
+                for (uint32_t t = 0; t < 4; ++t)
+                    pool.emplace_back([&, t] {
+                        thread_init_current();
+                        {
+                            Map_lookup_impl lookup(data.map.get());
+                            for (uint32_t q = t; q < 12; q += 4) {
+                                const float* point = &points[size_t(q) * dimension];
+                                const uint32_t k = ks[q % 3];
+                                const float max_distance = q % 4 == 3 ? 40.0f : 1.0e30f;
+                                if (lookup.search(point, dimension, k, max_distance) != MAP_SUCCESS ||
+                                    lookup.get_kind() != MAP_LOOKUP_KIND_POINT ||
+                                    !same(sorted_results(lookup), scan(data, point, k, max_distance))) {
+                                    ++wrong;
+                                    last_wrong = q;
+                                }
+                            }
+                        }
+                        thread_end_current();
+                    });
+                for (std::thread& thread : pool)
+                    thread.join();
+                EXPECT_EQ(wrong.load(), 0u) << "query " << last_wrong.load() << " among others";
                 if (out_of_core) {
                     EXPECT_TRUE(data.map->page_store().has_swap_file) << "the map never left memory";
                 }
@@ -190,38 +205,6 @@ TEST_F(Map_lookup_test, ResumedBatchesConcatenateToTheFullSortedList)
         EXPECT_EQ(lookup.next_batch(), MAP_SUCCESS);
         EXPECT_TRUE(lookup.is_empty());
     }
-}
-
-TEST_F(Map_lookup_test, ManyThreadsSearchOneMapThroughASmallCache)
-{
-    const uint32_t pages = 30;
-    tenth_of(pages);
-    Test_map data = make_map(3, pages, false, 9);
-    data.map->flush();
-    const uint32_t per_thread = 30;
-    const std::vector<float> points = queries(data, 4 * per_thread, 3);
-    std::vector<std::vector<Map_lookup_entry>> expected;
-    for (uint32_t q = 0; q < 4 * per_thread; ++q)
-        expected.push_back(scan(data, &points[size_t(q) * 3], 8 + q % 20, 1.0e30f));
-    std::atomic<uint32_t> wrong{0};
-    auto worker = [&](uint32_t t) {
-        thread_init_current();
-        {
-            Map_lookup_impl lookup(data.map.get());
-            for (uint32_t q = t * per_thread; q < (t + 1) * per_thread; ++q) {
-                if (lookup.search(&points[size_t(q) * 3], 3, 8 + q % 20, 1.0e30f) != MAP_SUCCESS ||
-                    !same(sorted_results(lookup), expected[q]))
-                    ++wrong;
-            }
-        }
-        thread_end_current();
-    };
-    std::vector<std::thread> pool;
-    for (uint32_t t = 0; t < 4; ++t)
-        pool.emplace_back(worker, t);
-    for (std::thread& thread : pool)
-        thread.join();
-    EXPECT_EQ(wrong.load(), 0u);
 }
 
 namespace {
@@ -306,30 +289,6 @@ TEST_F(Map_lookup_test, CallerDistanceSegmentAndSubsetEqualAFullScan)
         if (entry.index >= 5000 && entry.index <= 8999 && within.size() < 25)
             within.push_back(entry);
     EXPECT_TRUE(same(found, within));
-}
-
-TEST_F(Map_lookup_test, SegmentBoxDistanceByBoundingSphere)
-{
-    // The box [-1, 1]^3: centre 0, squared radius 3, along the z axis unless said otherwise.
-    const float low[3] = {-1, -1, -1}, high[3] = {1, 1, 1};
-    const float up[3] = {0, 0, 1};
-    struct Case {
-        float origin[3];
-        float length;
-        float expected;
-    };
-    const float entry = 10.0f - std::sqrt(3.0f);
-    const Case cases[] = {
-        {{0, 0, -10}, 20.0f, 0.0f},                                          // through the sphere
-        {{0, 0, -10}, 5.0f, (entry - 5.0f) * (entry - 5.0f)},                // ends before it
-        {{0, 0, 10}, 5.0f, 1.0e36f},                                         // wholly behind
-        {{0, 0, 0}, 5.0f, 0.0f},                                             // starts inside
-        {{10, 0, -10}, 20.0f, 100.0f + 3.0f - 2.0f * std::sqrt(300.0f)},     // passes beside
-        {{10, 0, -10}, 4.0f, 136.0f + 3.0f - 2.0f * std::sqrt(408.0f)},      // stops short beside
-    };
-    for (const Case& c : cases)
-        EXPECT_FLOAT_EQ(map_segment_box_distance(c.origin, up, c.length, low, high), c.expected)
-            << c.origin[0] << " " << c.origin[2] << " length " << c.length;
 }
 
 TEST_F(Map_lookup_test, StatusesSortingAndTheResultWalk)

@@ -1,4 +1,4 @@
-// Page addressing: elements per page with the page-BVH room, segments, page size rules, bounds.
+// Page addressing: elements per page with the page-BVH room, pages from files, page size rules, bounds.
 #include <cstring>
 #include <utility>
 
@@ -63,55 +63,6 @@ TEST_F(Map_storage_layout, PageSizeIsCorrectedWithItsWarning)
             EXPECT_EQ(captured()[0].number % 1000, c.number) << c.given;
         }
     }
-}
-
-TEST_F(Map_storage_layout, ThreadTablesHoldAtLeastFourEntries)
-{
-    Map_manager& manager = Map_manager::instance();
-    manager.set_size_limit_mb(0.01f);
-    EXPECT_EQ(manager.thread_table_capacity(), 4u);
-    manager.set_size_limit_mb(1.0f);
-    // 32 cache pages of 32 KB, 80 percent for one thread.
-    EXPECT_EQ(manager.thread_table_capacity(), 25u);
-}
-
-TEST_F(Map_storage_layout, LocateContinuesNumberingAcrossSegments)
-{
-    Map_page_store store;
-    store.configure(20, 3);
-    const uint32_t e = store.elements_per_page;
-    auto located = [&](uint32_t index) {
-        uint32_t page, slot;
-        store.locate(index, &page, &slot);
-        return std::pair{page, slot};
-    };
-    EXPECT_EQ(located(e + 3), std::pair(1u, 3u));
-
-    // A file of 2.5 pages at its own E, then memory data after it.
-    const uint32_t file_e = 100;
-    store.add_file_segment(new Pattern_source(0, 3), 0, 250, file_e);
-    ASSERT_EQ(store.segments().size(), 1u);
-    EXPECT_EQ(store.segments()[0].last_page, 2u);
-    EXPECT_EQ(store.segments()[0].last_page_count, 50u);
-    EXPECT_EQ(located(249), std::pair(2u, 49u));
-    // The partly filled last page stays partly filled: element 250 opens page 3.
-    EXPECT_EQ(located(250), std::pair(3u, 0u));
-    EXPECT_EQ(located(250 + e), std::pair(4u, 0u));
-    EXPECT_EQ(store.page_count(250), 3u);
-    EXPECT_EQ(store.page_count(251), 4u);
-
-    // Pending memory elements become a segment without moving.
-    store.add_memory_segment(250, e + 1);
-    ASSERT_EQ(store.segments().size(), 2u);
-    EXPECT_EQ(store.segments()[1].first_page, 3u);
-    EXPECT_EQ(store.segments()[1].last_page, 4u);
-    EXPECT_EQ(store.segments()[1].file_index, -1);
-    EXPECT_EQ(located(250 + e), std::pair(4u, 0u));
-
-    // A second file continues after the memory data.
-    store.add_file_segment(new Pattern_source(100, 1), 251 + e, 10, file_e);
-    EXPECT_EQ(located(251 + e), std::pair(5u, 0u));
-    EXPECT_EQ(store.backed_file_pages(), 6u);
 }
 
 TEST_F(Map_storage_layout, PagesComeFromTheirFilesAndChangesWinOverThem)

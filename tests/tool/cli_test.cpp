@@ -35,26 +35,51 @@ std::string illegal(int letter)
 
 }  // namespace
 
-TEST(CliTest, HelpAndMissingOperandsPrintUsageAndExitOne)
+// Every command line that ends before the run, with exit code 1 and its exact stderr.
+TEST(CliTest, UsageCasesPrintTheirExactTextsAndExitOne)
 {
-    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
-             {"-h"}, {"out"}, {}, {"-h", "in", "out"}, {"-f", "0.1"}}) {
-        Tool_result r = run_tool(args);
+    const std::string usage = usage_text();
+    const struct {
+        std::vector<std::string> args;
+        std::string err;
+    } cases[] = {
+        {{"-h"}, usage},
+        {{"out"}, usage},
+        {{}, usage},
+        {{"-h", "in", "out"}, usage},
+        {{"-f", "0.1"}, usage},
+        {{"-v"}, info_lines + usage},
+        // The info lines come after the whole option loop, so -v anywhere in the options counts.
+        {{"-h", "-v"}, info_lines + usage},
+        // -b takes six words: 0 0 0 1 1 in; "out" is then the only operand left.
+        {{"-b", "0", "0", "0", "1", "1", "in", "out"}, usage},
+        // Fewer than six words behind -b: usage, nothing consumed.
+        {{"-b", "0", "0", "1"}, usage},
+        // A bad legacy word is consumed and asks for usage.
+        {{"-l", "maybe", "in", "out"}, usage},
+        {{"-x", "in", "out"}, illegal('x') + usage},
+        // The scanner has not left "-lon" when main reads the word, so "-lon" is compared with
+        // "on", and the letters o and n are then scanned as options of their own.
+        {{"-lon", "in", "out"}, illegal('o') + illegal('n') + usage},
+        {{"-f"}, "MAIN  .0  error: " + program + ": option requires an argument: 102\n" + usage},
+        // "-bv" stays the current word while main reads the six numbers, so the box is
+        // -bv 0 0 1 1 1; v is still returned and the cluster's end skips the word "skipped".
+        {{"-bv", "0", "0", "1", "1", "1", "skipped", "out"}, info_lines + usage},
+        // "--" ends the options: "-h" is the only operand, and no output word remains.
+        {{"--", "-h"}, usage},
+    };
+    for (const auto& c : cases) {
+        std::string line;
+        for (const std::string& word : c.args)
+            line += word + " ";
+        SCOPED_TRACE(line);
+        const Tool_result r = run_tool(c.args);
         EXPECT_EQ(r.exit_code, 1);
-        EXPECT_EQ(r.err, usage_text());
+        EXPECT_EQ(r.err, c.err);
         EXPECT_EQ(r.out, "");
     }
-}
-
-TEST(CliTest, VerbosePrintsThreeInfoLinesBeforeUsage)
-{
-    Tool_result r = run_tool({"-v"});
-    EXPECT_EQ(r.exit_code, 1);
-    EXPECT_EQ(r.err, info_lines + usage_text());
-
-    // The info lines come after the whole option loop, so -v anywhere in the options counts.
-    r = run_tool({"-h", "-v"});
-    EXPECT_EQ(r.err, info_lines + usage_text());
+    // "in" stops the options; the run finds no point.
+    EXPECT_EQ(run_tool({"in", "out", "-f"}).exit_code, 1);
 }
 
 TEST(CliTest, HelpLeavesAnExistingOutputUntouched)
@@ -66,86 +91,28 @@ TEST(CliTest, HelpLeavesAnExistingOutputUntouched)
     EXPECT_EQ(read_file(dir.file("out")), "keep me");
 }
 
-TEST(CliTest, BoxCountsWordsSoAShortBoxSwallowsTheInput)
+// Regression: -l as the very last word reads argv's null terminator; a cluster takes one word
+// per letter, and every word at or past the end reads as that null word. Behind argv's
+// terminator lie the environment's entries and then the auxiliary vector, so a cluster longer
+// than the environment would reach words that are no strings.
+TEST(CliTest, LegacyWordsPastTheEndOfArgvReadAsNull)
 {
-    // Six words are taken: 0 0 0 1 1 in; "out" is then the only operand left.
-    Tool_result r = run_tool({"-b", "0", "0", "0", "1", "1", "in", "out"});
-    EXPECT_EQ(r.exit_code, 1);
-    EXPECT_EQ(r.err, usage_text());
-
-    // Fewer than six words behind -b: usage, nothing consumed.
-    r = run_tool({"-b", "0", "0", "1"});
-    EXPECT_EQ(r.exit_code, 1);
-    EXPECT_EQ(r.err, usage_text());
-}
-
-TEST(CliTest, BadLegacyWordIsConsumedAndRequestsUsage)
-{
-    Tool_result r = run_tool({"-l", "maybe", "in", "out"});
-    EXPECT_EQ(r.exit_code, 1);
-    EXPECT_EQ(r.err, usage_text());
-
-    // -l as the very last word reads argv's null terminator; a cluster takes one word per
-    // letter, and every word at or past the end reads as that null word. Behind argv's
-    // terminator lie the environment's entries and then the auxiliary vector, so a cluster
-    // longer than the environment would reach words that are no strings.
     size_t environment = 0;
     while (environ[environment])
         ++environment;
     std::string cluster(environment + 9, 'l');
     cluster[0] = '-';
     for (const std::string& word : {std::string("-l"), std::string("-lll"), cluster}) {
-        r = run_tool({word});
+        const Tool_result r = run_tool({word});
         EXPECT_EQ(r.exit_code, 1) << word;
         EXPECT_EQ(r.err, usage_text()) << word;
     }
 }
 
-TEST(CliTest, UnknownOptionIsReportedByNumberThenUsage)
-{
-    Tool_result r = run_tool({"-x", "in", "out"});
-    EXPECT_EQ(r.exit_code, 1);
-    EXPECT_EQ(r.err, illegal('x') + usage_text());
-}
-
-TEST(CliTest, GluedLegacyWordComparesTheWordItselfAndReportsItsLetters)
-{
-    // The scanner has not left "-lon" when main reads the word, so "-lon" is compared with
-    // "on", and the letters o and n are then scanned as options of their own.
-    Tool_result r = run_tool({"-lon", "in", "out"});
-    EXPECT_EQ(r.exit_code, 1);
-    EXPECT_EQ(r.err, illegal('o') + illegal('n') + usage_text());
-}
-
-TEST(CliTest, MissingArgumentOfDistanceIsReported)
-{
-    Tool_result r = run_tool({"in", "out", "-f"});
-    EXPECT_EQ(r.exit_code, 1);  // "in" stops the options; the run finds no point
-    r = run_tool({"-f"});
-    EXPECT_EQ(r.exit_code, 1);
-    EXPECT_EQ(r.err, "MAIN  .0  error: " + program + ": option requires an argument: 102\n" + usage_text());
-}
-
-TEST(CliTest, ClusterWithBoxTakesTheClusterAsFirstNumberAndSkipsAWord)
-{
-    // "-bv" stays the current word while main reads the six numbers, so the box is
-    // -bv 0 0 1 1 1; v is still returned and the cluster's end skips the word "skipped".
-    Tool_result r = run_tool({"-bv", "0", "0", "1", "1", "1", "skipped", "out"});
-    EXPECT_EQ(r.exit_code, 1);
-    EXPECT_EQ(r.err, info_lines + usage_text());
-}
-
+// After "--" and for a lone "-", the word is an operand: with an output word the run goes on
+// to the intake instead of printing usage.
 TEST(CliTest, DoubleDashEndsOptionsAndLoneDashIsAnOperand)
 {
-    Tool_result r = run_tool({"--", "-h"});
-    // "-h" is now the only operand: usage because no output word remains, and -h was not seen
-    // as an option (no info lines either way, so the text alone cannot tell; the exit code can't
-    // either). Adding an output shows the difference: the run goes on to the intake.
-    EXPECT_EQ(r.exit_code, 1);
-    EXPECT_EQ(r.err, usage_text());
-    r = run_tool({"--", "-h", "out"});
-    EXPECT_EQ(r.err.find("finalgather map copy"), std::string::npos);
-
-    r = run_tool({"-", "out"});
-    EXPECT_EQ(r.err.find("finalgather map copy"), std::string::npos);
+    EXPECT_EQ(run_tool({"--", "-h", "out"}).err.find("finalgather map copy"), std::string::npos);
+    EXPECT_EQ(run_tool({"-", "out"}).err.find("finalgather map copy"), std::string::npos);
 }

@@ -208,22 +208,6 @@ TEST_F(EndToEndTest, OutputInAMissingDirectoryIsReportedWithExitZero)
     EXPECT_NE(r.err.find("cannot open map file"), std::string::npos) << r.err;
 }
 
-TEST_F(EndToEndTest, CurrentFormatRoundTripKeepsThePoints)
-{
-    std::string current = dir.file("mid.fgm");
-    Tool_result r = run_tool({input, current});
-    ASSERT_EQ(r.exit_code, 0) << r.err;
-    EXPECT_EQ(read_file(current).substr(0, 6), "qv=MAP");
-
-    // Current to classic, and a mix of both kinds in one run.
-    Classic_file back = run_legacy({current, output});
-    expect_classic_header(back, 40);
-    auto expected = by_id(sample_points());
-    for (auto& [id, p] : by_id(back.points))
-        expect_same_named_fields(p, expected[id]);
-    EXPECT_EQ(run_legacy({current, input, output}).count, 80u);
-}
-
 TEST_F(EndToEndTest, EmptySelectionWritesAValidEmptyCurrentFile)
 {
     std::string current = dir.file("empty.fgm");

@@ -141,39 +141,16 @@ std::string rcmp_error_line(int code, const std::string& text)
 
 } // namespace
 
-TEST_F(OpenBinaryInputTest, EveryPointLoadsBackBitForBitInBothOutputFormats)
+// Every point of an open binary map arrives bit for bit, in both output formats, whatever the
+// order of the classic and binary inputs around it.
+TEST_F(OpenBinaryInputTest, EveryPointLoadsBitForBitAmongOtherInputsInAnyOrder)
 {
-    // More points than one map page holds.
-    const std::vector<Fg_point> points = distinct_points(2500, 1);
-    const std::string input = dir.file("in.ob");
-    write_map(input, points, MAP_FORMAT_OPEN_BINARY);
-    ASSERT_EQ(read_file(input).substr(0, 9), "qv=MAPob1");
-
-    const std::string current = dir.file("out.map");
-    Tool_result r = run_tool({input, current});
-    ASSERT_EQ(r.exit_code, 0) << r.err;
-    EXPECT_EQ(r.err, "");
-    EXPECT_EQ(sorted(read_current(current)), sorted(words_of(points)));
-
-    const std::string classic = dir.file("out.fg");
-    r = run_tool({"-l", "on", input, classic});
-    ASSERT_EQ(r.exit_code, 0) << r.err;
-    EXPECT_EQ(r.err, "");
-    const Classic_file out = decode_classic(read_file(classic));
-    ASSERT_TRUE(out.ok);
-    EXPECT_EQ(sorted(words_of(out)), sorted(words_of(points)));
-
-    // With -v the load is counted like any other input's.
-    r = run_tool({"-v", input, current});
-    EXPECT_NE(r.err.find("2500 finalgather points loaded from " + input), std::string::npos) << r.err;
-}
-
-TEST_F(OpenBinaryInputTest, MixesWithClassicAndBinaryInputsInAnyOrder)
-{
-    const std::vector<Fg_point> open_points = distinct_points(300, 2), binary_points = distinct_points(200, 3),
+    // More open binary points than one map page holds.
+    const std::vector<Fg_point> open_points = distinct_points(2500, 2), binary_points = distinct_points(200, 3),
                                 classic_points = distinct_points(100, 4);
     const std::string open = dir.file("a.ob"), binary = dir.file("b.map"), classic = dir.file("c.fg");
     write_map(open, open_points, MAP_FORMAT_OPEN_BINARY);
+    ASSERT_EQ(read_file(open).substr(0, 9), "qv=MAPob1");
     write_map(binary, binary_points, MAP_FORMAT_BINARY);
     std::vector<Classic_point> records;
     for (const Fg_point& p : classic_points) {
@@ -202,11 +179,12 @@ TEST_F(OpenBinaryInputTest, MixesWithClassicAndBinaryInputsInAnyOrder)
         EXPECT_EQ(sorted(words_of(out)), expected);
     } while (std::next_permutation(inputs.begin(), inputs.end()));
 
-    // The open binary file twice, and into the current format: both copies arrive.
+    // Into the current format; with -v the load is counted like any other input's.
     const std::string current = dir.file("out.map");
-    Tool_result r = run_tool({open, classic, open, current});
+    Tool_result r = run_tool({"-v", open, binary, classic, current});
     ASSERT_EQ(r.exit_code, 0) << r.err;
-    EXPECT_EQ(read_current(current).size(), 700u);
+    EXPECT_NE(r.err.find("2500 finalgather points loaded from " + open), std::string::npos) << r.err;
+    EXPECT_EQ(sorted(read_current(current)), expected);
 }
 
 TEST_F(OpenBinaryInputTest, EachFaultyHeaderHasItsLineAndTheRunGoesOn)
@@ -232,16 +210,10 @@ TEST_F(OpenBinaryInputTest, EachFaultyHeaderHasItsLineAndTheRunGoesOn)
         uint32_t points;     // in the output
     };
     const std::string NUL(1, '\0');
-    const std::string declaration = "syntax error in declaration of open binary map file \"%s\"";
+    // Every header fault and its text is in the map reader's own table; here one of each way the
+    // tool meets them: a refused header, a layout of another kind, and a cut element.
     const std::vector<Case> cases = {
         {"version", "qv=MAPob2dim3" + NUL, 31, "version of open binary map file \"%s\" is 2, unsupported", 40},
-        {"dim", "qv=MAPob1Dim3" + NUL, 32, "syntax error reading from open binary map file \"%s\"(expected \"dim\")", 40},
-        {"dimension", "qv=MAPob1dim9" + NUL, 33, "wrong dimension (9) in open binary map file \"%s\"", 40},
-        {"end of file in the text", "qv=MAPob1dim3v\"normal\"", 29, "reading from open binary map file \"%s\"", 40},
-        {"unknown letter", "qv=MAPob1dim3q\"a\"" + NUL, 34, declaration + " - unrecognized field type", 40},
-        {"no quote", "qv=MAPob1dim3s4w" + NUL, 35, declaration, 40},
-        {"end of text", "qv=MAPob1dim3s4g" + NUL, 36, declaration + " - unexpected end of string", 40},
-        {"illegal field", "qv=MAPob1dim3$4\"name\"" + NUL, 37, declaration + " - illegal field", 40},
         {"other layout", "qv=MAPob1dim3s\"w\"" + NUL + std::string(32, '\0'), 27,
          "cannot append from map file \"%s\", declarations are not equivalent", 40},
         {"cut element", cut_bytes.substr(0, cut_bytes.size() - 10), 29, "reading from open binary map file \"%s\"",
