@@ -18,7 +18,7 @@
 namespace {
 
 // `count` points with distinct positions and ray counts 1..count, written as an open binary map.
-std::string write_open_binary(const Scratch_dir& dir, uint32_t count, uint64_t* ray_total)
+std::string write_open_binary(const Temp_dir& dir, uint32_t count, uint64_t* ray_total)
 {
     qv_test_init();
     rcmp_init(true);
@@ -53,10 +53,10 @@ std::string write_open_binary(const Scratch_dir& dir, uint32_t count, uint64_t* 
 
 TEST(InfoOpenBinaryTest, SummaryCountsWhatWasWrittenAndDamageExitsOne)
 {
-    Scratch_dir dir;
+    Temp_dir dir;
     uint64_t rays = 0;
     const std::string path = write_open_binary(dir, 250, &rays);
-    const std::string good = read_bytes(path);
+    const std::string good = read_file(path);
     ASSERT_EQ(good.substr(0, 9), "qv=MAPob1");
 
     const Run_result r = run_binary(QV_TEST_INFO_PATH, {path});
@@ -79,7 +79,7 @@ TEST(InfoOpenBinaryTest, SummaryCountsWhatWasWrittenAndDamageExitsOne)
         {"partial.ob", good.substr(0, good.size() - 7), "reading from open binary map file"},
     };
     for (const Case& c : cases) {
-        write_bytes(dir.file(c.name), c.bytes);
+        write_file(dir.file(c.name), c.bytes);
         const Run_result bad = run_binary(QV_TEST_INFO_PATH, {dir.file(c.name)});
         EXPECT_EQ(bad.exit_code, 1) << c.name;
         EXPECT_NE(bad.err.find(c.line), std::string::npos) << c.name << ": " << bad.err;
