@@ -5,20 +5,6 @@ namespace {
 
 using DbFlushTest = DbTest;
 
-TEST_F(DbFlushTest, WalkOffersOldestFirst)
-{
-    Db_tag a = make_unpinned(POLYGON, 8);
-    Db_tag b = make_unpinned(POLYGON, 8);
-    Db_tag c = make_unpinned(POLYGON, 8);
-    make_unpinned(DB_TYPE_SERIALIZABLE, 8);  // untracked: never offered
-    // Touch a, then b: c is now the oldest.
-    for (Db_tag touched : {a, b}) {
-        qv_db_access(touched);
-        qv_db_unpin(touched);
-    }
-    EXPECT_EQ(flush_order(), (std::vector<Db_tag>{c, a, b}));
-}
-
 TEST_F(DbFlushTest, TimewarpKeepsTheOrderAndRestartsTheClock)
 {
     qv_db_set_clock(0xFFFFFF00u);

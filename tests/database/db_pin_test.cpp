@@ -24,17 +24,6 @@ TEST_F(DbPinTest, TrackedElementStaysPinnedByItsCreatorUntilUnpinned)
     EXPECT_TRUE(offered(tag));
 }
 
-TEST_F(DbPinTest, UntrackedElementNeedsNoUnpinAndIsNeverOffered)
-{
-    Db_tag map = 0;
-    void* data = qv_db_create(&map, DB_TYPE_SERIALIZABLE, 64);
-    for (int i = 0; i < 3; ++i)
-        EXPECT_EQ(qv_db_access(map), data);
-    EXPECT_EQ(my_pins(map), 0u);
-    EXPECT_FALSE(offered(map));
-    EXPECT_EQ(qv_db_peek(map)->data, data);
-}
-
 TEST_F(DbPinTest, UnpinOfNullTagReportsErrorTwelve)
 {
     qv_db_unpin(0);

@@ -41,31 +41,6 @@ TEST_F(SceneTypesTest, RegistrationAcceptsOnlyTheFreeNumbers)
     EXPECT_EQ(qv_scene_handlers(63).unlink, nullptr);
 }
 
-TEST_F(SceneTypesTest, CreateSizesArraysAndStampsTheCaller)
-{
-    Thread_context* context = thread_context();
-    Module_scope caller(MOD_RCFG);
-    Db_tag vectors = 0;
-    ASSERT_NE(qv_scene_create(&vectors, SCENE_VECTOR, 5), nullptr);
-    Db_record* record = qv_db_peek(vectors);
-    EXPECT_EQ(record->size, 5u * 12u);
-    EXPECT_EQ(record->module, MOD_RCFG);
-    EXPECT_EQ(record->flags, 7);
-    EXPECT_EQ(record->refs, 0u);
-    EXPECT_EQ(record->priv, 0);
-    EXPECT_EQ(context->current_module, MOD_RCFG);
-    qv_db_unpin(vectors);  // a tracked type keeps its creation pin
-
-    Db_tag quosl = scene_new(SCENE_QUOSL, 1000);
-    EXPECT_EQ(qv_db_size(quosl), 32u);
-
-    Db_tag decl = 0;
-    auto* data = static_cast<Scene_funcdecl*>(qv_scene_create(&decl, SCENE_FUNCDECL, 6, 3));
-    EXPECT_EQ(qv_db_size(decl), qv_scene_funcdecl_size(6, 3));
-    EXPECT_EQ(data->result_size, 6);
-    EXPECT_EQ(data->subtag_count, 3);
-}
-
 TEST_F(SceneTypesTest, ResizeGrowsArraysAndRefusesFixedTypes)
 {
     Db_tag tags = scene_new(SCENE_TAG, 2);
@@ -166,32 +141,6 @@ TEST_F(SceneTypesTest, DeleteAndUnlinkReportWhatTheyCannotDo)
     const Db_tag custom = make_unpinned(70, 4);
     EXPECT_EQ(qv_scene_unlink(custom, 0x1234), 1);
     qv_scene_register_type(70, nullptr, nullptr, nullptr, nullptr, nullptr);
-}
-
-TEST_F(SceneTypesTest, ValuesAnswerTheReadsThatFitThem)
-{
-    float as_float = 0, two[2] = {}, four[4] = {};
-    bool as_bool = false;
-    std::string as_string;
-    int32_t as_int = 7;
-    QV::SCENE::IntValue integer(3);
-    EXPECT_TRUE(integer.get(as_float) && integer.get(as_bool));
-    EXPECT_EQ(as_float, 3.0f);
-    EXPECT_TRUE(as_bool);
-    EXPECT_FALSE(integer.get(as_string));
-
-    QV::SCENE::FloatValue spread(0.5f);
-    EXPECT_TRUE(spread.get(four));
-    EXPECT_EQ(four[3], 0.5f);
-    EXPECT_FALSE(spread.get(as_int));
-    EXPECT_EQ(as_int, 7) << "a refused read leaves the output alone";
-
-    QV::SCENE::Float3Value vector(1, 2, 3);
-    EXPECT_TRUE(vector.get(two));
-    EXPECT_EQ(two[1], 2.0f);
-    EXPECT_FALSE(vector.get(four));
-    EXPECT_TRUE(QV::SCENE::BoolValue(true).get(as_int));
-    EXPECT_EQ(as_int, 1);
 }
 
 TEST_F(SceneTypesTest, OptionsPrintOneLineEachAndRoundTrip)

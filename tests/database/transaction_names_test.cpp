@@ -68,14 +68,4 @@ TEST_F(TransactionNamesTest, NameGivenToAnotherTagMovesToIt)
     transaction_->remove(second);
 }
 
-TEST_F(TransactionNamesTest, StoreOverWritesTheNameEvenWhenItIsUnchanged)
-{
-    Db_tag tag = store_named("names.same");
-    Db_tag other = store_named("names.same");   // takes the name away
-    transaction_->store_over(tag, new Counted(), "names.same");
-    EXPECT_EQ(lookup("names.same"), tag);
-    transaction_->remove(other);
-    transaction_->remove(tag);
-}
-
 }  // namespace

@@ -13,50 +13,6 @@ using TransactionStoreTest = TransactionTest;
 
 void* as_data(Element_base* element) { return element; }
 
-TEST_F(TransactionStoreTest, StoredElementIsTheRecordDataUnderTypeSerializable)
-{
-    auto* element = new Counted(7);
-    Db_tag out = 0;
-    Db_tag tag = transaction_->store(&out, element, nullptr);
-    EXPECT_EQ(tag, out);
-    ASSERT_NE(tag, 0u);
-    Db_record* record = qv_db_peek(tag);
-    EXPECT_EQ(record->data, as_data(element));
-    EXPECT_EQ(record->type, DB_TYPE_SERIALIZABLE);
-    EXPECT_EQ(record->module, MOD_DBN);
-    EXPECT_EQ(record->size, sizeof(Counted));
-    EXPECT_EQ(record->state, DB_STATE_NORMAL);
-    EXPECT_EQ(transaction_->get_class_id(tag), Counted::CLASS_ID);
-
-    // The record size is the element's own: one byte for zero, else what it reports.
-    Db_tag small = 0, large = 0;
-    transaction_->store(&small, new Sized());
-    auto* sized = new Sized();
-    sized->storage_bytes = 123456;
-    transaction_->store(&large, sized);
-    EXPECT_EQ(qv_db_peek(small)->size, 1u);
-    EXPECT_EQ(qv_db_peek(large)->size, 123456u);
-    EXPECT_EQ(qv_db_access(large), as_data(sized));
-
-    // The database owns it now: removing the tag runs the element's destructor once.
-    for (Db_tag stored : {tag, small, large})
-        transaction_->remove(stored);
-    EXPECT_EQ(Counted::destroyed, 1);
-}
-
-TEST_F(TransactionStoreTest, ClassIdIsZeroForPlainDataAndForDataThatIsGone)
-{
-    Db_tag plain = 0, tag = 0;
-    qv_db_create(&plain, 5, 16);
-    EXPECT_EQ(transaction_->get_class_id(plain), 0u);
-    transaction_->store(&tag, new Counted());
-    qv_db_release_data(tag);
-    EXPECT_EQ(Counted::destroyed, 1);
-    EXPECT_EQ(transaction_->get_class_id(tag), 0u);
-    transaction_->remove(tag);
-    qv_db_delete(plain);
-}
-
 TEST_F(TransactionStoreTest, StoreOverDeletesTheOldDataAndTakesTheNewElement)
 {
     Db_tag tag = 0;
