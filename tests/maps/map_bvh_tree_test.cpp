@@ -28,23 +28,6 @@ protected:
     void TearDown() override { map_bvh_scratch_destroy(scratch); }
     Map_bvh_scratch* scratch = nullptr;
 
-    template <uint32_t N>
-    void check_random_tree(uint32_t count, uint32_t leaf_size)
-    {
-        SCOPED_TRACE(testing::Message() << "dimension " << N << ", " << count << " items");
-        std::mt19937 random(count * 7 + N);
-        std::uniform_real_distribution<float> where(-100.0f, 100.0f), size(0.0f, 3.0f);
-        std::vector<float> boxes(size_t(count) * 2 * N);
-        for (uint32_t i = 0; i < count; ++i)
-            for (uint32_t a = 0; a < N; ++a) {
-                boxes[size_t(i) * 2 * N + a] = where(random);
-                boxes[size_t(i) * 2 * N + N + a] = boxes[size_t(i) * 2 * N + a] + size(random);
-            }
-        std::vector<Map_bvh_node<N>> nodes;
-        std::vector<uint32_t> order;
-        map_bvh_build_tree<N>(boxes.data(), count, leaf_size, nodes, order, *scratch);
-        check_tree<N>(nodes, order, boxes.data(), count, leaf_size);
-    }
 };
 
 // A page of `per_page` slots whose first `count` elements have a 3-d position and their
@@ -79,19 +62,6 @@ Map_global_bvh<3>* global_tree(uint32_t pages, float offset)
 }
 
 } // namespace
-
-TEST_F(MapBvhTreeTest, TreesOfEveryDimensionHoldEachItemOnceInBoundingNodes)
-{
-    // Sizes that reach the sweep, the three-plane split and the collapse into wide nodes.
-    for (uint32_t count : {1u, 5u, 33u, 1000u, 4099u}) {
-        check_random_tree<1>(count, 4);
-        check_random_tree<2>(count, 8);
-        check_random_tree<3>(count, 4);
-        check_random_tree<4>(count, 12);
-        check_random_tree<5>(count, 8);
-        check_random_tree<6>(count, 64);
-    }
-}
 
 TEST_F(MapBvhTreeTest, PageTreeFitsItsRoomAndPermutesTheElementsIntoLeafOrder)
 {

@@ -57,29 +57,6 @@ TEST_F(Map_file_read, WrittenAndReadBackGivesTheSameElementsInTheSameOrder)
     EXPECT_EQ(memcmp(back.get_bounds().maximum, map.get_bounds().maximum, 12), 0);
 }
 
-TEST_F(Map_file_read, TouchingOneElementReadsOnlyItsPage)
-{
-    const uint32_t per_page = map_elements_per_page(20, 3);
-    const std::string name = path("many.map");
-    written(name, 40 * per_page - 7);
-
-    Map_impl map;
-    map.bvh_enabled = false; // a BVH build would read every page
-    ASSERT_EQ(map.read(name.c_str(), 0), MAP_SUCCESS);
-    ASSERT_EQ(map.page_store().file_count(), 1u);
-    auto* file = static_cast<Map_file*>(map.page_store().file(0));
-    EXPECT_EQ(file->pages_read(), 0u) << "a read loads no page";
-
-    const uint32_t index = 17 * per_page + 123;
-    EXPECT_TRUE(same(element_of(map, index), small_element(index)));
-    const uint32_t per_cache_page = map.page_store().file_pages_per_cache_page;
-    EXPECT_EQ(file->pages_read(), per_cache_page) << "only the touched element's page";
-    EXPECT_TRUE(same(element_of(map, index + 1), small_element(index + 1)));
-    EXPECT_EQ(file->pages_read(), per_cache_page) << "the page stays in the cache";
-    // The last page, cut short by its element count.
-    EXPECT_TRUE(same(element_of(map, 40 * per_page - 8), small_element(40 * per_page - 8)));
-}
-
 TEST_F(Map_file_read, EveryTruncationIsRefusedAndNothingIsLoaded)
 {
     const std::vector<uint8_t> bytes = written(path("good.map"), 300);

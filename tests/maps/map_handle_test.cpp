@@ -235,34 +235,6 @@ TEST_F(MapHandleTest, StoreHandsTheMapToTheDatabaseOnce)
     EXPECT_TRUE(record == nullptr || record->data == nullptr);
 }
 
-TEST_F(MapHandleTest, HandlesOwnWhatTheyMake)
-{
-    const Map_declaration_impl d = point_declaration();
-    {
-        Edit_map_dbhandle_impl edit(&d);
-        ASSERT_NE(edit.get(), nullptr);
-        EXPECT_TRUE(edit.get()->has_declaration());
-        EXPECT_EQ(edit.get()->size(), 0u);
-        EXPECT_EQ(edit.get_tag(), 0u);
-        // An owned map is deleted by release (the sanitizer build would see a leak or a
-        // double free otherwise).
-        edit.release();
-        EXPECT_EQ(edit.get(), nullptr);
-        EXPECT_EQ(edit.store(), 0u);
-    }
-    {
-        Edit_map_dbhandle_impl edit(static_cast<const Map_declaration_impl*>(nullptr));
-        ASSERT_NE(edit.get(), nullptr);
-        EXPECT_FALSE(edit.get()->has_declaration());
-    }
-    {
-        // A tag of 0 gives an empty handle.
-        Access_map_dbhandle_impl read(Db_tag{0});
-        EXPECT_EQ(read.get(), nullptr);
-        EXPECT_EQ(read.store(), 0u);
-    }
-}
-
 namespace {
 std::vector<std::string> g_info_lines;
 void keep_info(uint32_t level, const char*, const char* text, int32_t)

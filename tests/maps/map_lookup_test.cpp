@@ -374,39 +374,3 @@ TEST_F(Map_lookup_test, StatusesSortingAndTheResultWalk)
     EXPECT_TRUE(nothing.is_empty());
     EXPECT_TRUE(nothing.is_exhausted());
 }
-
-TEST_F(Map_lookup_test, CopiesAndStoredMapsKeepTheTree)
-{
-    Test_map data = make_map(4, 8, true, 41);
-    const float point[4] = {1.0f, 2.0f, 3.0f, 4.0f};
-    const std::vector<Map_lookup_entry> expected = scan(data, point, 50, 1.0e30f);
-
-    Map_impl copy(*data.map);
-    QV::DB::Db_serializer serializer;
-    data.map->serialize(&serializer);
-    QV::DB::Db_deserializer deserializer(&serializer.queue());
-    Map_impl stored;
-    stored.deserialize(&deserializer);
-    for (Map_impl* map : {&copy, &stored}) {
-        SCOPED_TRACE(map == &copy ? "copy" : "stored");
-        ASSERT_NE(map->global_bvh, nullptr);
-        EXPECT_FALSE(map->needs_build || map->needs_refit);
-        EXPECT_EQ(map->global_bvh->node_count(), data.map->global_bvh->node_count());
-        Map_lookup_impl lookup(map);
-        ASSERT_EQ(lookup.search(point, 4, 50, 1.0e30f), MAP_SUCCESS);
-        EXPECT_TRUE(same(sorted_results(lookup), expected));
-    }
-
-    // A copy of a lookup has its own results; the arrays come back to the thread's list.
-    Map_lookup_impl first(data.map.get());
-    first.search(point, 4, 50, 1.0e30f);
-    const Map_lookup_entry* array = first.entries();
-    {
-        Map_lookup_impl second(first);
-        EXPECT_NE(second.entries(), array);
-        EXPECT_TRUE(same(sorted_results(second), expected));
-        EXPECT_EQ(second.next_batch(), MAP_SUCCESS);
-        EXPECT_TRUE(same(sorted_results(second), scan(data, point, 50, 1.0e30f, &expected.back())));
-    }
-    EXPECT_TRUE(std::is_heap(first.entries(), first.entries() + first.size(), nearer)) << "untouched by the copy";
-}

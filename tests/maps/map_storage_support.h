@@ -2,12 +2,10 @@
 // of known elements.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -155,30 +153,6 @@ inline ::testing::AssertionResult holds_elements(const QV::RCMAP::Map_impl& map,
         if (!same(element_of(map, i), small_element(first + i)))
             return ::testing::AssertionFailure() << "element " << i << " differs";
     return ::testing::AssertionSuccess();
-}
-
-// Reads `reads` elements of `map` at random from each of `threads` threads at once; returns how
-// many of those reads differed from small_element.
-inline uint32_t wrong_reads_from_threads(const QV::RCMAP::Map_impl& map, uint32_t threads, uint32_t reads)
-{
-    std::atomic<uint32_t> wrong{0};
-    auto reader = [&](uint32_t seed) {
-        thread_init_current();
-        uint32_t state = seed * 7919u + 1;
-        for (uint32_t k = 0; k < reads; ++k) {
-            state = state * 1664525u + 1013904223u;
-            const uint32_t i = state % map.size();
-            if (!same(element_of(map, i), small_element(i)))
-                ++wrong;
-        }
-        thread_end_current();
-    };
-    std::vector<std::thread> pool;
-    for (uint32_t t = 0; t < threads; ++t)
-        pool.emplace_back(reader, t);
-    for (std::thread& thread : pool)
-        thread.join();
-    return wrong.load();
 }
 
 // A backing file whose page p holds the byte value (p + seed) everywhere.
