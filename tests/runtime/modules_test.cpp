@@ -154,29 +154,6 @@ TEST_F(ModulesTest, DetachFoldsMemAccountsAndHandsTheArrayOver)
     mod_attach_context(parked);
 }
 
-TEST_F(ModulesTest, ThreadWithoutContextGetsNoAreas)
-{
-    mod_register_context_area(MOD_A, nullptr, nullptr, 16);
-    std::thread foreign([] {
-        EXPECT_EQ(mod_context_area(MOD_A), nullptr);
-        EXPECT_EQ(mod_detach_context(), nullptr);
-        mod_attach_context(nullptr);
-    });
-    foreign.join();
-}
-
-TEST_F(ModulesTest, ReportListsContextAreasAtDebugUnderTrans)
-{
-    mod_register_context_area(MOD_A, nullptr, nullptr, 24);
-    msg_set_levels(0x7f);
-    Stderr_capture capture;
-    mod_report_context_areas();
-    std::string out = capture.finish();
-    EXPECT_NE(out.find("TRAN 0.0  debug: module SHDB registered for 24 byte context area\n"), std::string::npos)
-        << out;
-    EXPECT_EQ(out.find("module CFRO"), std::string::npos);
-}
-
 TEST_F(ModulesTest, GlobalAreasAreMadeInIdOrderAndTornDownByKindInExitOrder)
 {
 #define EVENT(text) [](void*) { g_events.push_back(text); }
@@ -238,19 +215,6 @@ TEST_F(ModulesTest, NestedScopesKeepTheLastTwoLevels)
         EXPECT_EQ(context->current_module, MOD_DB);
         EXPECT_EQ(context->previous_module, MOD_MSG);
     }
-}
-
-TEST_F(ModulesTest, RegistrationKeepsCallbacksThatANullDoesNotReplace)
-{
-    static int exits;
-    exits = 0;
-    mod_register_context_area(MOD_B, nullptr, [](void*) { ++exits; }, 16);
-    mod_register_context_area(MOD_B, nullptr, nullptr, 32);  // only the size changes
-    mod_context_area(MOD_B);
-    mod_attach_context(nullptr);
-    EXPECT_EQ(exits, 1);
-    mod_register_context_area(MOD_B, nullptr, nullptr, 0);
-    EXPECT_EQ(mod_context_area(MOD_B), nullptr);
 }
 
 }  // namespace

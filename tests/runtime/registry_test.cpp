@@ -41,16 +41,6 @@ protected:
 
 }  // namespace
 
-TEST(RegistryStoppedTest, LookupIsAPlainCopyAndTheRestDoesNothing)
-{
-    qv_test_init();
-    registry_exit();
-    EXPECT_EQ(lookup("{x}"), "{x}");
-    EXPECT_EQ(registry_begin("{x}"), 0);
-    EXPECT_FALSE(registry_add("{x}", "value", "v"));
-    EXPECT_EQ(take(registry_lookup(nullptr, 0)), "<null>");
-}
-
 TEST_F(RegistryTest, BracesEntriesAndEnvironmentExpand)
 {
     set_entry("{a}", "value", "A");
