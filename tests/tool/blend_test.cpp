@@ -31,23 +31,6 @@ TEST_F(BlendTest, FrameTieBetweenXAndYTakesTheXZBranchAndZeroNormalGivesZeroFram
         EXPECT_TRUE(t[k] == 0.0f && c[k] == 0.0f) << k;
 }
 
-TEST_F(BlendTest, EqualWeightsGivePlainMeansAndHalfSumGradients)
-{
-    const Fg_point a = make_point(1.0f, 2.0f, 3.0f, 0.0f, 0.0f, 1.0f, 7);
-    const Fg_point b = make_point(2.0f, 4.0f, 5.0f, 0.0f, 0.0f, 1.0f, 7);
-    Fg_point out;
-    blend_points(&out, &a, &b);
-    EXPECT_EQ(out.rays, 14u);
-    EXPECT_EQ(out.normal[2], 1.0f);
-    for (int i = 0; i < 4; ++i)
-        EXPECT_EQ(out.irrad[i], 0.5f * (a.irrad[i] + b.irrad[i]));
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(out.position[i], 0.5f * (a.position[i] + b.position[i]));
-        EXPECT_FLOAT_EQ(out.grad_t1[i], 0.5f * (a.grad_t1[i] + b.grad_t1[i]));
-        EXPECT_FLOAT_EQ(out.grad_t2[i], 0.5f * (a.grad_t2[i] + b.grad_t2[i]));
-    }
-}
-
 TEST_F(BlendTest, ZeroWeightFirstOperandGivesSecondPointWithZeroGradients)
 {
     const Fg_point a = make_point(1.0f, 2.0f, 3.0f, 0.6f, 0.0f, 0.8f, 0);

@@ -132,27 +132,6 @@ TEST_F(EndToEndTest, MissingInputAmongGoodOnesIsSkippedAndInputsAccumulate)
     EXPECT_EQ(last_err, "");
 }
 
-TEST_F(EndToEndTest, BoxKeepsFacesInsideAndNanOutside)
-{
-    std::vector<Classic_point> points = {make_point(0, 0, 0, 1, 0), make_point(1, 1, 1, 1, 1),
-                                         make_point(0.5f, 0.5f, 0.5f, 1, 2), make_point(2, 0, 0, 1, 3),
-                                         make_point(NAN, 0.5f, 0.5f, 1, 4)};
-    write_file(input, classic_bytes(points));
-
-    Classic_file in = run_legacy({"-b", "0", "0", "0", "1", "1", "1", input, output});
-    auto kept = by_id(in.points);
-    EXPECT_EQ(kept.size(), 3u);
-    EXPECT_TRUE(kept.count(0) && kept.count(1) && kept.count(2));
-
-    Classic_file outside = run_legacy({"-B", "0", "0", "0", "1", "1", "1", input, output});
-    auto dropped = by_id(outside.points);
-    EXPECT_EQ(dropped.size(), 2u);
-    EXPECT_TRUE(dropped.count(3) && dropped.count(4));
-
-    Tool_result r = run_tool({"-v", "-l", "on", "-b", "0", "0", "0", "1", "1", "1", input, output});
-    EXPECT_NE(r.err.find("MAIN 0.0  info : box selected 3 points\n"), std::string::npos) << r.err;
-}
-
 TEST_F(EndToEndTest, BadBoxIsReportedAndSelectsNothingAway)
 {
     Classic_file out = run_legacy({"-B", "1", "0", "0", "0", "1", "1", input, output});
@@ -160,41 +139,6 @@ TEST_F(EndToEndTest, BadBoxIsReportedAndSelectsNothingAway)
     EXPECT_EQ(last_err,
               "MAIN 0.0  error: bad box option: -b 1.000000 0.000000 0.000000 0.000000 1.000000 1.000000, "
               "ignoring\n");
-}
-
-TEST_F(EndToEndTest, EmptySelectionWritesAnEmptyClassicFile)
-{
-    Tool_result r = run_tool({"-v", "-l", "on", "-b", "100", "100", "100", "101", "101", "101", input, output});
-    EXPECT_EQ(r.exit_code, 0);
-    std::string bytes = read_file(output);
-    EXPECT_EQ(bytes.size(), 120u);
-    expect_classic_header(decode_classic(bytes), 0);
-    EXPECT_NE(r.err.find("0 new finalgather points saved to"), std::string::npos) << r.err;
-}
-
-TEST_F(EndToEndTest, MergeBlendsCoincidentPointsAndConservesRays)
-{
-    std::vector<Classic_point> points = {make_point(1, 1, 1, 30, 0), make_point(1, 1, 1, 10, 1),
-                                         make_point(5, 5, 5, 7, 2)};
-    write_file(input, classic_bytes(points));
-    Classic_file out = run_legacy({"-f", "0.1", input, output});
-    ASSERT_EQ(out.count, 2u);
-    uint32_t rays = 0;
-    for (const Classic_point& p : out.points)
-        rays += p.words[10];
-    EXPECT_EQ(rays, 47u);
-    bool found_blend = false;
-    for (const Classic_point& p : out.points)
-        if (p.words[10] == 40u) {
-            found_blend = true;
-            EXPECT_EQ(p.f(0), 1.0f);
-            EXPECT_EQ(p.f(4), 1.0f);  // normal stays +y
-        }
-    EXPECT_TRUE(found_blend);
-
-    // A distance of 0 (or one that is no number) does not merge; a negative one merges nothing.
-    EXPECT_EQ(run_legacy({"-f", "abc", input, output}).count, 3u);
-    EXPECT_EQ(run_legacy({"-f", "-1", input, output}).count, 3u);
 }
 
 TEST_F(EndToEndTest, OutputInAMissingDirectoryIsReportedWithExitZero)
@@ -206,14 +150,4 @@ TEST_F(EndToEndTest, OutputInAMissingDirectoryIsReportedWithExitZero)
     r = run_tool({input, output});
     EXPECT_EQ(r.exit_code, 0);
     EXPECT_NE(r.err.find("cannot open map file"), std::string::npos) << r.err;
-}
-
-TEST_F(EndToEndTest, EmptySelectionWritesAValidEmptyCurrentFile)
-{
-    std::string current = dir.file("empty.fgm");
-    Tool_result r = run_tool({"-b", "100", "100", "100", "101", "101", "101", input, current});
-    EXPECT_EQ(r.exit_code, 0) << r.err;
-    EXPECT_EQ(read_file(current).substr(0, 6), "qv=MAP");
-    // It reads back as a file with no point: the run then finds nothing to write.
-    EXPECT_EQ(run_tool({current, output}).exit_code, 1);
 }

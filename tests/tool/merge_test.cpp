@@ -114,33 +114,6 @@ protected:
     void SetUp() override { qv_test_init(); }
 };
 
-TEST_F(MergeTest, CompareOrdersByCellWithXMostSignificant)
-{
-    set_bounds(0.0f, 10.0f);
-    for (int i = 0; i < 3; ++i) {
-        merge_grid.cell_origin[i] = 0.0f;
-        merge_grid.cell_size[i] = 1.0f;
-    }
-    const float a[3] = {1.2f, 5.5f, 0.1f};
-    const struct {
-        float x_cell_size;
-        float other[3];
-        int order;  // of a against other; the reverse comparison gives the negation
-    } cases[] = {
-        {1.0f, {1.9f, 5.0f, 0.9f}, 0},
-        {1.0f, {2.1f, 0.0f, 0.0f}, -1},
-        {1.0f, {1.5f, 5.5f, 1.5f}, -1},
-        // An axis with cell size 0 takes no part.
-        {0.0f, {1.5f, 5.5f, 1.5f}, -1},
-        {0.0f, {9.5f, 5.5f, 0.1f}, 0},
-    };
-    for (const auto& c : cases) {
-        merge_grid.cell_size[0] = c.x_cell_size;
-        EXPECT_EQ(compare_points(a, c.other), c.order) << c.other[0] << " " << c.other[1] << " " << c.other[2];
-        EXPECT_EQ(compare_points(c.other, a), -c.order) << c.other[0] << " " << c.other[1] << " " << c.other[2];
-    }
-}
-
 TEST_F(MergeTest, PointsExactlyAtTheDistanceMergeAndOneFloatBeyondDoNot)
 {
     // Along x in a cube, and along a diagonal on a flat map, where the z axis has no cells.
