@@ -95,25 +95,6 @@ void expect_records_follow_positions(const Cloud& cloud, uint32_t n)
 
 }  // namespace
 
-TEST(KdtreeBuildTest, SplitsEverySubtreeOnRandomData)
-{
-    qv_test_init();
-    for (uint32_t n : {0u, 1u, 2u, 3u, 4u, 7u, 100u, 257u, 1000u, 4099u}) {
-        Cloud cloud = make_cloud(n, 11 + n);
-        std::vector<uint8_t> axes(n + 4, 0xEE);
-        build_tree(cloud.positions.data(), cloud.data, axes.data(), n);
-        expect_kd_property(cloud, axes, n);
-        expect_records_follow_positions(cloud, n);
-        // Leaves carry no axis; inner nodes carry 0, 1 or 2.
-        for (uint32_t node = 1; node <= n; ++node) {
-            if (2 * node <= n)
-                EXPECT_LE(axes[node], 2);
-            else
-                EXPECT_EQ(axes[node], 0xEE);
-        }
-    }
-}
-
 TEST(KdtreeBuildTest, ManyEqualKeysAndEqualPositions)
 {
     qv_test_init();

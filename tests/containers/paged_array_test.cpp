@@ -91,31 +91,6 @@ protected:
 
 }  // namespace
 
-TEST_F(PagedArrayTest, GrowsInBlocksWithoutMovingRecords)
-{
-    Paged_array array(sizeof(Record));
-    array.reserve(1);
-    EXPECT_EQ(array.capacity(), 256u);
-    EXPECT_EQ(array.block_count(), 1u);
-    EXPECT_EQ(array.count(), 0u);
-
-    fill(array, 256);
-    const uint8_t* first = array.at(0);
-    array.resize(257);
-    EXPECT_EQ(array.capacity(), 512u);
-    EXPECT_EQ(array.at(0), first);
-    // Record 256 opens the second block, and records inside a block are contiguous.
-    EXPECT_EQ(array.at(257) - array.at(256), ptrdiff_t(sizeof(Record)));
-    EXPECT_EQ(array.at(255) - array.at(0), ptrdiff_t(255 * sizeof(Record)));
-
-    // Shrinking and reserving less than the capacity free nothing.
-    array.resize(3);
-    array.reserve(100);
-    EXPECT_EQ(array.count(), 3u);
-    EXPECT_EQ(array.capacity(), 512u);
-    EXPECT_EQ(array.block_count(), 2u);
-}
-
 TEST_F(PagedArrayTest, SerializationRoundTripSameByteOrder)
 {
     const uint8_t extra[6] = {1, 2, 3, 4, 5, 6};
