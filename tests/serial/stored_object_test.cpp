@@ -164,33 +164,6 @@ TEST_P(StoredObjectTest, DamagedCountsEndWithTheStreamNotWithAHugeAllocation)
 INSTANTIATE_TEST_SUITE_P(Media, StoredObjectTest, testing::Values(Media::file, Media::queue),
                          media_name);
 
-TEST(FileMediaTest, ObjectReaderStopsAtEndOfFile)
-{
-    qv_test_init();
-    Deserialization_manager_impl manager;
-    manager.register_class(Probe::CLASS_ID, make_probe);
-    Writer out(Media::file);
-    Probe probes[2];
-    probes[0].value = 1;
-    probes[1].value = 2;
-    for (const Probe& probe : probes)
-        out->serialize(&probe);
-    Reader reader(Media::file, out.bytes(), &manager);
-    auto* in = static_cast<File_deserializer*>(reader.in.get());
-    std::vector<int32_t> values;
-    while (Serializable* object = in->read_object()) {
-        values.push_back(static_cast<Probe*>(object)->value);
-        EXPECT_TRUE(in->is_valid());
-        delete object;
-    }
-    EXPECT_EQ(values, (std::vector<int32_t>{1, 2}));
-    EXPECT_FALSE(in->is_valid());
-
-    File_deserializer no_file(nullptr, &manager);
-    EXPECT_EQ(no_file.read_object(), nullptr);
-    EXPECT_FALSE(no_file.is_valid());
-}
-
 TEST(FileMediaTest, ShortWriteClearsValidAndLaterWritesStillGoToTheFile)
 {
     qv_test_init();
