@@ -132,6 +132,56 @@ TEST_F(EndToEndTest, MissingInputAmongGoodOnesIsSkippedAndInputsAccumulate)
     EXPECT_EQ(last_err, "");
 }
 
+TEST_F(EndToEndTest, BoxKeepsFacesInsideAndNanOutside)
+{
+    std::vector<Classic_point> points = {make_point(0, 0, 0, 1, 0), make_point(1, 1, 1, 1, 1),
+                                         make_point(0.5f, 0.5f, 0.5f, 1, 2), make_point(2, 0, 0, 1, 3),
+                                         make_point(NAN, 0.5f, 0.5f, 1, 4)};
+    write_file(input, classic_bytes(points));
+
+    Classic_file in = run_legacy({"-b", "0", "0", "0", "1", "1", "1", input, output});
+    auto kept = by_id(in.points);
+    EXPECT_EQ(kept.size(), 3u);
+    EXPECT_TRUE(kept.count(0) && kept.count(1) && kept.count(2));
+
+    Classic_file outside = run_legacy({"-B", "0", "0", "0", "1", "1", "1", input, output});
+    auto dropped = by_id(outside.points);
+    EXPECT_EQ(dropped.size(), 2u);
+    EXPECT_TRUE(dropped.count(3) && dropped.count(4));
+
+    Tool_result r = run_tool({"-v", "-l", "on", "-b", "0", "0", "0", "1", "1", "1", input, output});
+    EXPECT_NE(r.err.find("MAIN 0.0  info : box selected 3 points\n"), std::string::npos) << r.err;
+}
+
+// An empty selection still writes a valid file of either kind; the empty current file then
+// reads back as having no point, so a run on it finds nothing to write.
+TEST_F(EndToEndTest, EmptySelectionWritesAnEmptyFileOfEitherKind)
+{
+    Tool_result r = run_tool({"-v", "-l", "on", "-b", "100", "100", "100", "101", "101", "101", input, output});
+    EXPECT_EQ(r.exit_code, 0);
+    std::string bytes = read_file(output);
+    EXPECT_EQ(bytes.size(), 120u);
+    expect_classic_header(decode_classic(bytes), 0);
+    EXPECT_NE(r.err.find("0 new finalgather points saved to"), std::string::npos) << r.err;
+
+    std::string current = dir.file("empty.fgm");
+    r = run_tool({"-b", "100", "100", "100", "101", "101", "101", input, current});
+    EXPECT_EQ(r.exit_code, 0) << r.err;
+    EXPECT_EQ(read_file(current).substr(0, 6), "qv=MAP");
+    EXPECT_EQ(run_tool({current, output}).exit_code, 1);
+}
+
+// A merge distance of 0, no number or a negative one merges nothing.
+TEST_F(EndToEndTest, MergeDistanceThatIsNoPositiveNumberMergesNothing)
+{
+    std::vector<Classic_point> points = {make_point(1, 1, 1, 30, 0), make_point(1, 1, 1, 10, 1),
+                                         make_point(5, 5, 5, 7, 2)};
+    write_file(input, classic_bytes(points));
+    EXPECT_EQ(run_legacy({"-f", "0.1", input, output}).count, 2u);
+    for (const char* distance : {"0", "abc", "-1"})
+        EXPECT_EQ(run_legacy({"-f", distance, input, output}).count, 3u) << distance;
+}
+
 TEST_F(EndToEndTest, BadBoxIsReportedAndSelectsNothingAway)
 {
     Classic_file out = run_legacy({"-B", "1", "0", "0", "0", "1", "1", input, output});
