@@ -24,6 +24,22 @@ TEST_F(DbRecordsTest, DupCopiesTheBytesAndLeavesNothingPinned)
     EXPECT_EQ(std::memcmp(record->data, bytes, 5), 0);
 }
 
+TEST_F(DbRecordsTest, ReallocKeepsTheBytesAndReplaceSwapsTheBlock)
+{
+    Db_tag tag = 0;
+    auto* bytes = static_cast<char*>(qv_db_create(&tag, 0, 4));
+    std::memcpy(bytes, "abc", 4);
+    auto* grown = static_cast<char*>(qv_db_realloc(tag, 4096));
+    EXPECT_STREQ(grown, "abc");
+    EXPECT_EQ(qv_db_size(tag), 4096u);
+    EXPECT_EQ(qv_db_statistics().reallocs, 1);
+
+    void* fresh = QV_ALLOC(8);
+    EXPECT_EQ(qv_db_replace(tag, 0, fresh), fresh);
+    EXPECT_EQ(qv_db_peek(tag)->size, 1u) << "size 0 becomes 1";
+    EXPECT_EQ(qv_db_access(tag), fresh);
+}
+
 TEST_F(DbRecordsTest, ReleasedDataKeepsTheTagAndAttachedDataBecomesOwnedAgain)
 {
     Db_tag tag = 0;

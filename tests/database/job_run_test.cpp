@@ -129,6 +129,23 @@ TEST_F(JobTest, DependenciesRunBeforeTheJobThatNamesThem)
     EXPECT_EQ(Building_job::destroyed, destroyed + 1);
 }
 
+TEST_F(JobTest, InertRunnerMakesNoJobTagAndKeepsThemAll)
+{
+    Db_tag tag = 0;
+    EXPECT_EQ(get_transaction()->store_job(&tag, job_with_word(3), "never"), 0u);
+    EXPECT_EQ(tag, 0u);
+    EXPECT_EQ(Building_job::destroyed, 1) << "the orphaned job is not kept";
+    Db_tag named = 1;
+    EXPECT_EQ(get_transaction()->name_to_tag(&named, "never"), 0u);
+
+    // A job tag made by other means cannot be deleted: the consent hook says 0.
+    Db_tag job_tag = 0;
+    qv_db_create_job_tag(&job_tag, DB_TYPE_SERIALIZABLE, MOD_DBN);
+    qv_db_delete(job_tag);
+    EXPECT_EQ(qv_db_peek(job_tag)->state, DB_STATE_NORMAL);
+    EXPECT_DEATH(qv_db_access(job_tag), "N=41037 T=database job execution failed");
+}
+
 TEST_F(JobTest, EndOfAThreadRemovesTheTagsItStored)
 {
     Db_tag stored = 0;

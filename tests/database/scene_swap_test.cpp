@@ -97,6 +97,29 @@ TEST(SceneSwapTest, EachLetterConvertsItsOwnWidthAtTheRightPlace)
     EXPECT_EQ(value, 1.5);
 }
 
+TEST(SceneSwapTest, PointerFieldsComeOutZero)
+{
+    struct {
+        void* pointer;
+        uint32_t word;
+        uint32_t pad;
+    } record{&record, big_endian_32(77), 0};
+    qv_scene_swap_layout(&record, "pic");
+    EXPECT_EQ(record.pointer, nullptr);
+    EXPECT_EQ(record.word, 77u);
+}
+
+TEST(SceneSwapTest, CountCarriesOverCharactersThatAreNoLetter)
+{
+    // '3' then 'x' (inside '0'..'s') then 'i': four integers. ' ' and 'z' are outside the range.
+    uint32_t words[5] = {big_endian_32(1), big_endian_32(2), big_endian_32(3), big_endian_32(4), 0x11223344};
+    EXPECT_EQ(qv_scene_swap_layout(words, "3x i"), 16u);
+    EXPECT_EQ(words[0], 1u);
+    EXPECT_EQ(words[3], 4u);
+    EXPECT_EQ(words[4], 0x11223344u);
+    EXPECT_EQ(qv_scene_layout_size("1zd"), 16u);
+}
+
 TEST(SceneSwapTest, FuncdeclHandlerReadsItsCountersAfterConvertingThem)
 {
     // A foreign declaration: no result declaration bytes, two subtags after the fixed head.

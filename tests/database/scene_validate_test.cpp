@@ -107,4 +107,14 @@ TEST_F(SceneValidateTest, FamilyValidatorsUseTheirPrefixAndSizeRule)
     qv_db_unpin(box);
 }
 
+TEST_F(SceneValidateTest, UnknownTypeAndTypesWithoutValidator)
+{
+    const Db_tag untyped = make_unpinned(0, 4);
+    EXPECT_EQ(qv_scene_validate(untyped), 0);
+    EXPECT_TRUE(has_line("tag %#x has unknown type 0", untyped));
+
+    Db_tag text = scene_new(SCENE_STRING, 12);
+    EXPECT_EQ(qv_scene_validate(text), 1);
+}
+
 }  // namespace

@@ -40,6 +40,17 @@ TEST_F(TransactionStoreTest, StoreOverDeletesTheOldDataAndTakesTheNewElement)
     transaction_->remove(tag);
     transaction_->remove(plain);
     EXPECT_EQ(Counted::destroyed, 3);
+
+    // The record size is the element's own: one byte for zero, else what it reports.
+    Db_tag small = 0, large = 0;
+    transaction_->store(&small, new Sized());
+    auto* sized = new Sized();
+    sized->storage_bytes = 123456;
+    transaction_->store(&large, sized);
+    EXPECT_EQ(qv_db_peek(small)->size, 1u);
+    EXPECT_EQ(qv_db_peek(large)->size, 123456u);
+    transaction_->remove(small);
+    transaction_->remove(large);
 }
 
 TEST_F(TransactionStoreTest, ElementBehindAnotherBaseIsStoredAndDeletedByItsElementAddress)
