@@ -154,6 +154,18 @@ TEST_F(ModulesTest, DetachFoldsMemAccountsAndHandsTheArrayOver)
     mod_attach_context(parked);
 }
 
+TEST_F(ModulesTest, ReportListsContextAreasAtDebugUnderTrans)
+{
+    mod_register_context_area(MOD_A, nullptr, nullptr, 24);
+    msg_set_levels(0x7f);
+    Stderr_capture capture;
+    mod_report_context_areas();
+    std::string out = capture.finish();
+    EXPECT_NE(out.find("TRAN 0.0  debug: module SHDB registered for 24 byte context area\n"), std::string::npos)
+        << out;
+    EXPECT_EQ(out.find("module CFRO"), std::string::npos);
+}
+
 TEST_F(ModulesTest, GlobalAreasAreMadeInIdOrderAndTornDownByKindInExitOrder)
 {
 #define EVENT(text) [](void*) { g_events.push_back(text); }

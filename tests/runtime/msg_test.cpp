@@ -239,6 +239,19 @@ TEST_F(MsgTest, LogFileTakesEveryLineInTheRecordFormat)
     EXPECT_EQ(info.st_mode & 0777, 0666u);
 }
 
+TEST_F(MsgTest, ColouredLinesOnlyOnACharacterDevice)
+{
+    msg_set_colors("ry");
+    Stderr_capture capture;
+    msg_error("plain");
+    msg_testing_set_console_char_device(1);
+    msg_error("coloured");
+    msg_warn("cyan");
+    EXPECT_EQ(capture.finish(), "MAIN 0.0  error: plain\n"
+                                "\033[93mMAIN 0.0  error: coloured\n\033[0m"
+                                "\033[96mMAIN 0.0  warn : cyan\n\033[0m");
+}
+
 TEST_F(MsgTest, ClassListsAddRemoveAndReportUnknownItems)
 {
     msg_defaults();
@@ -258,6 +271,39 @@ TEST_F(MsgTest, ClassListsAddRemoveAndReportUnknownItems)
               "LIB  0.0  error  291048: invalid message list, use 0..31,none,default,all,none,phase,"
               "progress,vprogress,time,scene,memory,render,vrender,resources,network,files,debug,"
               "msgcode,msgtrans,tessellate\n");
+}
+
+TEST_F(MsgTest, FatalHandlerAndCallbackAreGuarded)
+{
+    Stderr_capture capture;
+    EXPECT_EQ(msg_set_fatal_handler(nullptr), nullptr);
+    msg_set_host_number(3);
+    qv_errorhandler(recording_callback);
+    msg_set_host_number(0);
+    msg_warn("after");
+    EXPECT_EQ(capture.finish(), "MAIN 0.0  warn : The fatal-handler must be set\n"
+                                "MAIN 3.0  error: qv_errorhandler can only be used on master\n"
+                                "MAIN 0.0  warn : after\n");
+    EXPECT_TRUE(g_callback_lines.empty());
+}
+
+TEST_F(MsgTest, TimerReportNeedsTheTimeClass)
+{
+    msg_set_levels(0x1f);
+    double* timer = msg_timer_start();
+    Stderr_capture capture;
+    msg_timer_report(timer, "merge");
+    msg_set_classes(MOD_MAIN, MSG_CLASS_TIME);
+    *timer -= 3723.5;  // one hour, two minutes, three and a half seconds ago
+    msg_timer_report(timer, "merge");
+    msg_timer_report(timer, "total");
+    msg_timer_free(timer);
+    std::string out = capture.finish();
+    std::regex expected("MAIN 0\\.0  info : wallclock  1:02:03\\.[0-9]{2} for merge\n"
+                        "MAIN 0\\.0  info : allocated [0-9]+ MB, max resident [0-9]+ MB\n"
+                        "MAIN 0\\.0  info : wallclock  1:02:03\\.[0-9]{2} total\n"
+                        "MAIN 0\\.0  info : allocated [0-9]+ MB, max resident [0-9]+ MB\n");
+    EXPECT_TRUE(std::regex_match(out, expected)) << out;
 }
 
 using MsgDeathTest = MsgTest;

@@ -178,6 +178,34 @@ TEST_F(ThreadsTest, DetachedThreadMovesToTheReservedRow)
     EXPECT_FALSE(snapshot_has_row(THREAD_RESERVED_ROW));
 }
 
+TEST(CapabilityTest, NamesAreStoredWithHashesAndTheListStopsShortOf450)
+{
+    qv_test_init();
+    Stderr_capture capture;
+    capability_register("RAY39");
+    capability_register("a|b");
+    EXPECT_NE(std::strstr(capability_local_list(), "|RAY39|a#b"), nullptr);
+
+    capability_set_remote("|RAY39|a#b|X");
+    EXPECT_EQ(capability_check_remote(capability_remote_list()), 1);
+    EXPECT_TRUE(capability_has_remote("X"));
+    EXPECT_FALSE(capability_has_remote("Y"));
+    EXPECT_EQ(capability_check_remote("|RAY39"), 0);
+    std::string err = capture.finish();
+    EXPECT_NE(err.find("missing capability a#b"), std::string::npos) << err;
+
+    // Fill up to exactly 449 characters; one more character is refused.
+    size_t used = std::strlen(capability_local_list());
+    std::string filler(CAPABILITY_LIST_CHARS - 2 - used, 'f');
+    Stderr_capture overflow;
+    capability_register(filler.c_str());
+    EXPECT_EQ(std::strlen(capability_local_list()), size_t(CAPABILITY_LIST_CHARS - 1));
+    capability_register("z");
+    err = overflow.finish();
+    EXPECT_NE(err.find("capability overflow: z"), std::string::npos) << err;
+    EXPECT_EQ(std::strlen(capability_local_list()), size_t(CAPABILITY_LIST_CHARS - 1));
+}
+
 TEST(OptionTokenTest, SplitsAtBlanksAndKeepsQuotedStretches)
 {
     struct Case {
