@@ -157,23 +157,6 @@ TEST_F(Map_bvh_build_test, DisabledOrSkippedBuildLeavesTheOrderAndNotEditableRef
     EXPECT_EQ(map.build_bvh(0.6f, true, false), MAP_SUCCESS);
 }
 
-TEST_F(Map_bvh_build_test, MovedElementForcesAFullBuildThatBoundsIt)
-{
-    Map_impl map(small_declaration());
-    fill_random(map, 4000, 6);
-    map.build_bvh(0.6f, false, false);
-    Map_element_impl element(map.get_declaration());
-    ASSERT_EQ(map.get(17, &element), MAP_SUCCESS);
-    const float far[3] = {1000.0f, -1000.0f, 500.0f};
-    element.set_position(far);
-    ASSERT_EQ(map.set(17, &element), MAP_SUCCESS);
-    EXPECT_TRUE(map.needs_build);
-    map.build_bvh(0.6f, false, false);
-    check_built<3>(map);
-    EXPECT_EQ(global_of(map).nodes()[0].maximum[0], 1000.0f);
-    EXPECT_EQ(global_of(map).nodes()[0].minimum[1], -1000.0f);
-}
-
 namespace {
 
 // A backing file of `count` small elements from `first`, at `per_page` a page.

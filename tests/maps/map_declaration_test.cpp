@@ -196,6 +196,14 @@ TEST_F(MapDeclarationTest, IdentifiersAddressBothListsAndElementFieldsWinByName)
     EXPECT_EQ(d.get_field_info("missing", &type, nullptr, nullptr), MAP_NO_SUCH_FIELD);
 }
 
+TEST_F(MapDeclarationTest, SignaturesCarryLettersCountsAndTheGlobalMark)
+{
+    const Map_declaration_impl d = mixed_declaration();
+    EXPECT_EQ(d.element_signature(), "si5t");
+    EXPECT_EQ(d.global_signature(), "$8gcgs4g");
+    EXPECT_EQ(d.signature(), "si5t$8gcgs4g");
+}
+
 TEST_F(MapDeclarationTest, ThreeStrengthsOfComparison)
 {
     Map_declaration_impl a(3), b(3);
@@ -240,6 +248,28 @@ TEST_F(MapDeclarationTest, ThreeStrengthsOfComparison)
 
     EXPECT_FALSE(a.is_equivalent(nullptr, &status));
     EXPECT_EQ(status, MAP_NO_DECLARATION);
+}
+
+TEST_F(MapDeclarationTest, TextFormListsGlobalsFirst)
+{
+    std::string text;
+    mixed_declaration().write_text("decl_1", text);
+    EXPECT_EQ(text,
+              "declare map\n"
+              "\t\"decl_1\" (\n"
+              "\t\tdim 2,\n"
+              "\t\tglobal string 8 \"label\",\n"
+              "\t\tglobal color \"tint\",\n"
+              "\t\tglobal scalar array 4 \"w\",\n"
+              "\t\tscalar \"s\",\n"
+              "\t\tinteger array 5 \"ia\",\n"
+              "\t\ttransform \"t\"\n"
+              "\t)\n"
+              "end declare\n\n");
+
+    std::string bare;
+    Map_declaration_impl(4).write_text("n", bare);
+    EXPECT_EQ(bare, "declare map\n\t\"n\" (\n\t\tdim 4\n\t)\nend declare\n\n");
 }
 
 TEST_F(MapDeclarationTest, OpenBinaryFieldTextPutsTheCountBeforeTheGlobalMark)

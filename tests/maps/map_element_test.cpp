@@ -151,6 +151,31 @@ TEST_F(MapElementTest, ColourAccessorsTakeThreeFloatArrays)
     EXPECT_EQ(e.get(1, c), MAP_FIELD_TYPE_MISMATCH);
 }
 
+TEST_F(MapElementTest, PositionAccessorsFollowTheDimension)
+{
+    Map_declaration_impl d2(2);
+    d2.add_scalar("w");
+    Map_element_impl e(&d2);
+    Map_vector3 p{1, 2, 3};
+    EXPECT_EQ(e.get_position(p), MAP_WRONG_DIMENSION);
+    EXPECT_EQ(e.set_position(p), MAP_WRONG_DIMENSION);
+    const float xy[2] = {4.0f, 5.0f};
+    ASSERT_EQ(e.set_position(xy), MAP_SUCCESS);
+    ASSERT_EQ(e.set(0, 6.0f), MAP_SUCCESS);
+    float back[3] = {0, 0, -1};
+    ASSERT_EQ(e.get_position(back), MAP_SUCCESS);
+    EXPECT_EQ(back[0], 4.0f);
+    EXPECT_EQ(back[1], 5.0f);
+    EXPECT_EQ(back[2], -1.0f) << "only `dimension` floats are copied";
+
+    Map_declaration_impl d3(3);
+    Map_element_impl e3(&d3);
+    ASSERT_EQ(e3.set_position(p), MAP_SUCCESS);
+    Map_vector3 q{};
+    ASSERT_EQ(e3.get_position(q), MAP_SUCCESS);
+    EXPECT_EQ(q.z, 3.0f);
+}
+
 TEST_F(MapElementTest, MapGetRetypesAnyElementToTheMapsLayout)
 {
     Map_declaration_impl d(3);

@@ -114,6 +114,47 @@ TEST_F(Map_storage_cache, UnwritableSwapDirectoryKeepsPagesInMemory)
     EXPECT_EQ(errors, 1) << "one error for the map, not one per page";
 }
 
+TEST_F(Map_storage_cache, StatisticsAndTraceAreWrittenAtShutdown)
+{
+    Map_manager& manager = Map_manager::instance();
+    manager.set_statistics(true);
+    manager.set_trace(true);
+    char path[] = "/tmp/map_storage_traceXXXXXX";
+    const int fd = mkstemp(path);
+    ASSERT_GE(fd, 0);
+    close(fd);
+    manager.set_dump_file_name(path);
+    int32_t id;
+    {
+        Map_impl map(small_declaration());
+        id = map.page_store().map_id;
+        fill_pages(map, 3);
+    }
+    EXPECT_TRUE(saw("map " + std::to_string(id) + " stats:"));
+    EXPECT_TRUE(saw("total page accesses          : "));
+    EXPECT_TRUE(saw("page loads / global accesses : "));
+    manager.shutdown();
+    EXPECT_TRUE(saw("global map manager stats:"));
+    EXPECT_TRUE(saw("map cache: maximum "));
+    FILE* file = fopen(path, "r");
+    ASSERT_NE(file, nullptr);
+    char line[256] = {};
+    bool found = false;
+    while (fgets(line, sizeof line, file))
+        found = found || strstr(line, "unregister map") != nullptr;
+    fclose(file);
+    unlink(path);
+    EXPECT_TRUE(found);
+
+    // A trace that cannot be written is reported.
+    manager.set_trace(true);
+    manager.set_dump_file_name("/nonexistent/dir/memory_file.txt");
+    manager.shutdown();
+    EXPECT_TRUE(saw("could not dump memory file to \"/nonexistent/dir/memory_file.txt\""));
+    manager.set_statistics(false);
+    manager.set_dump_file_name("memory_file.txt");
+}
+
 TEST_F(Map_storage_cache, AgingMakesTablesGiveBackWhenTheCacheIsFull)
 {
     Map_manager& manager = Map_manager::instance();

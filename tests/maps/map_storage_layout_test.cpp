@@ -97,6 +97,25 @@ TEST_F(Map_storage_layout, PagesComeFromTheirFilesAndChangesWinOverThem)
     EXPECT_TRUE(store.has_swap_file);
 }
 
+TEST_F(Map_storage_layout, BoundsStartEmptyWithTheDescribedBits)
+{
+    Map_bounds box;
+    box.clear();
+    uint32_t low, high;
+    memcpy(&low, &box.minimum[5], 4);
+    memcpy(&high, &box.maximum[0], 4);
+    EXPECT_EQ(low, 0x7B4097CEu);
+    EXPECT_EQ(high, 0xFB4097CEu);
+    EXPECT_FALSE(box.valid);
+    float a[2] = {1.0f, -2.0f}, b[2] = {-3.0f, 4.0f};
+    box.add(a, 2);
+    box.add(b, 2);
+    EXPECT_TRUE(box.valid);
+    EXPECT_EQ(box.minimum[0], -3.0f);
+    EXPECT_EQ(box.maximum[1], 4.0f);
+    EXPECT_EQ(box.minimum[2], 1.0e36f) << "unused coordinates stay empty";
+}
+
 TEST_F(Map_storage_layout, CacheLimitFollowsSettingsWithinMemory)
 {
     // Nothing set: a quarter of memory, in whole MB; option before registry before environment;
