@@ -12,6 +12,19 @@ namespace {
 
 using Pools_test = Mem_test;
 
+TEST_F(Pools_test, CreateRefusesSizesThatDoNotFitTwicePerPage)
+{
+    Line_capture capture;
+    EXPECT_EQ(memblock_create("t", 1, 4052), nullptr);
+    ASSERT_EQ(capture.lines().size(), 1u);
+    EXPECT_EQ(capture.lines()[0].text, "requested block size larger than 4052");
+    EXPECT_EQ(capture.lines()[0].number % 1000, 7);
+    Memblock* pool = memblock_create("t", 1, 4048);
+    ASSERT_NE(pool, nullptr);
+    EXPECT_EQ(memblock_element_size(pool), 4048u);
+    memblock_destroy(pool);
+}
+
 TEST_F(Pools_test, ElementsAreZeroDistinctAndWalkedWhileInUse)
 {
     Memblock* pool;
@@ -99,6 +112,26 @@ TEST_F(Pools_test, MappedFileBlocksAreChargedAndUnmappedOnce)
     EXPECT_EQ(capture.lines()[0].level, MSG_ERROR);
     EXPECT_EQ(capture.lines()[0].text.rfind("trying to unmap not mmaped block", 0), 0u);
     close(fd);
+}
+
+TEST_F(Pools_test, BlockPoolReportsBlocksNotGivenBack)
+{
+    Line_capture capture;
+    {
+        Block_memory_pool pool(64, 0);
+        std::vector<void*> blocks;
+        for (int i = 0; i < 200; ++i)
+            blocks.push_back(pool.allocate(24));
+        EXPECT_EQ(std::set<void*>(blocks.begin(), blocks.end()).size(), 200u);
+        for (void* block : blocks)
+            pool.deallocate(block);
+        pool.clear();
+        EXPECT_TRUE(capture.lines().empty());
+        pool.allocate(24);
+    }
+    ASSERT_EQ(capture.lines().size(), 1u);
+    EXPECT_EQ(capture.lines()[0].text, "Block_memory_pool::clear(): not all blocks have been deallocated");
+    EXPECT_EQ(capture.lines()[0].number % 1000, 28);
 }
 
 }  // namespace
