@@ -293,7 +293,7 @@ Map_file::Map_file(uint32_t file_kind, uint32_t file_format, bool verbose_info, 
         const uint32_t g = declaration.global_bytes(), m = declaration.dimension();
         std::vector<uint8_t> header;
         header.reserve(size_t(map_file_data_offset(record.size(), g, m)));
-        header.insert(header.end(), MAP_FILE_MAGIC, MAP_FILE_MAGIC + sizeof MAP_FILE_MAGIC);
+        header.assign(MAP_FILE_MAGIC, MAP_FILE_MAGIC + sizeof MAP_FILE_MAGIC);
         put(header, version);
         put(header, declaration_bytes_);
         header.insert(header.end(), record.begin(), record.end());

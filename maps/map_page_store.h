@@ -7,6 +7,7 @@
 // to and returned from this class are file pages unless a name says "cache_page".
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <vector>
@@ -124,7 +125,8 @@ public:
     uint32_t elements_per_page = 0;       // E
     uint32_t page_data_bytes = 0;         // E * element_bytes
     bool memory_limit_hit = false;        // a page was taken from a thread's table for lack of memory
-    bool has_swap_file = false;
+    // Set by whichever thread swaps out first; readers of several threads may race to it.
+    std::atomic<bool> has_swap_file{false};
 
     Map_swap_file swap;
 
