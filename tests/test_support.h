@@ -4,6 +4,10 @@
 #include <cstdlib>
 
 #include "base/lib/mem/i_mem_allocatable.h"
+#include "database/db.h"
+#include "finalgather/rcfg_module.h"
+#include "maps/rcmp_module.h"
+#include "runtime/msg.h"
 #include "runtime/modules.h"
 #include "runtime/threads.h"
 
@@ -16,4 +20,22 @@ inline void qv_test_init()
     mem_set_hooks(malloc, realloc, free);
     thread_system_init();
     done = true;
+}
+
+// The start a test of maps needs beyond qv_test_init: the map cache, host 0 and the database.
+inline void qv_test_map_init()
+{
+    qv_test_init();
+    rcmp_init(true);
+    msg_set_host_number(0);
+    thread_context()->host_number = 0;
+    if (!qv_db_started())
+        qv_db_init();
+}
+
+// The same, plus the final-gather module (its declaration and context areas).
+inline void qv_test_fg_init()
+{
+    qv_test_map_init();
+    fg_module_init();
 }

@@ -20,13 +20,7 @@ namespace {
 // `count` points with distinct positions and ray counts 1..count, written as an open binary map.
 std::string write_open_binary(const Temp_dir& dir, uint32_t count, uint64_t* ray_total)
 {
-    qv_test_init();
-    rcmp_init(true);
-    msg_set_host_number(0);
-    thread_context()->host_number = 0;
-    if (!qv_db_started())
-        qv_db_init();
-    fg_module_init();
+    qv_test_fg_init();
 
     std::vector<Fg_point> points(count);
     *ray_total = 0;

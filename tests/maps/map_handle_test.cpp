@@ -28,12 +28,7 @@ class MapHandleTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        qv_test_init();
-        rcmp_init(true);
-        msg_set_host_number(0);
-        thread_context()->host_number = 0;
-        if (!qv_db_started())
-            qv_db_init();
+        qv_test_map_init();
     }
 };
 

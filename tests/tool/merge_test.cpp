@@ -364,13 +364,7 @@ class MergeMapTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        qv_test_init();
-        rcmp_init(true);
-        msg_set_host_number(0);
-        thread_context()->host_number = 0;
-        if (!qv_db_started())
-            qv_db_init();
-        fg_module_init();
+        qv_test_fg_init();
     }
 
     // Stores `points` as a committed final-gather map and gives its tag.

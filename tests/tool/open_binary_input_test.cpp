@@ -91,13 +91,7 @@ class OpenBinaryInputTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        qv_test_init();
-        rcmp_init(true);
-        msg_set_host_number(0);
-        thread_context()->host_number = 0;
-        if (!qv_db_started())
-            qv_db_init();
-        fg_module_init();
+        qv_test_fg_init();
     }
 
     // `points` as a final-gather map file of `format`, written by the library.
