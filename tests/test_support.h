@@ -1,7 +1,9 @@
 // Shared set-up for the test binaries: the process start that main() does in the tool.
 #pragma once
 
+#include <chrono>
 #include <cstdlib>
+#include <thread>
 
 #include "base/lib/mem/i_mem_allocatable.h"
 #include "database/db.h"
@@ -38,4 +40,18 @@ inline void qv_test_fg_init()
 {
     qv_test_map_init();
     fg_module_init();
+}
+
+// Polls `done` every millisecond for up to ten seconds: a thread that never comes is a failure,
+// not a hang. True when `done` held in time.
+template <class Predicate>
+bool wait_until(Predicate done)
+{
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > limit)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
 }

@@ -10,18 +10,6 @@
 
 namespace {
 
-template <class Predicate>
-bool wait_until(Predicate done)
-{
-    auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > limit)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
 int waiting(Rw_lock lock, bool writers)
 {
     int r = 0, w = 0;

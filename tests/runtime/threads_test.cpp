@@ -15,19 +15,6 @@
 
 namespace {
 
-// Every wait in this file is bounded: a thread that never comes is a failure, not a hang.
-template <class Predicate>
-bool wait_until(Predicate done)
-{
-    auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > limit)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
 struct Seen {
     std::atomic<int> row{-2};
     std::atomic<int> module{0};
