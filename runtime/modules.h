@@ -55,7 +55,8 @@ struct Thread_context {
 constexpr int THREAD_NUMBER_DETACHED = 1024;
 
 // The thread-local slot. Null on a thread the system does not know.
-extern thread_local Thread_context* qv_tls_context;
+// constinit: the slot needs no dynamic initialisation, so reads are a plain TLS load.
+extern constinit thread_local Thread_context* qv_tls_context;
 inline Thread_context* thread_context() { return qv_tls_context; }
 inline void thread_context_set(Thread_context* context) { qv_tls_context = context; }
 

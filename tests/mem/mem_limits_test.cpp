@@ -116,19 +116,6 @@ TEST_F(Limits_test, FailedAllocationAtThreeHundredTwentyLowersTheLimitOnceWithOn
     mem_free("t", 1, q);
 }
 
-TEST_F(Limits_test, UnderTwoHundredMegabytesAFailureFlushesButKeepsTheLimit)
-{
-    register_all();
-    mem_set_heap_limit(180 * MB, 6);
-    Total_at total(170);
-    fail_heap_calls(1);
-    void* p = mem_alloc("t", 1, 50000);
-    EXPECT_EQ(mem_heap_limit_bytes(), 180 * MB);
-    EXPECT_EQ(mem_heap_low_bytes(), 135 * MB);
-    EXPECT_FALSE(g_called.empty());
-    mem_free("t", 1, p);
-}
-
 TEST_F(Limits_test, TenFailedAttemptsEndInTheFatalOfMem)
 {
     static int oom_calls;
@@ -160,34 +147,13 @@ TEST_F(Limits_test, HeapPathOverTheLimitFlushesToTheLowMark)
     mem_free("t", 1, p);
 }
 
-TEST_F(Limits_test, AsynchronousFlushesAreReportedOverTenMegabytesAndCounted)
-{
-    Line_capture capture;
-    EXPECT_EQ(mem_report_async_flush(MOD_RCMP, 10 << 20), 1);  // not over 10 MB: no line
-    EXPECT_EQ(mem_report_async_flush(MOD_RCMP, 30 << 20), 1);
-    int lines = 0;
-    for (const Captured_line& line : capture.lines())
-        lines += line.text.rfind("scene cache flushed asynchronously 30 MB for module RCMP, now: ", 0) == 0;
-    EXPECT_EQ(lines, 1);
-    EXPECT_EQ(capture.lines().size(), 1u);
-}
-
 TEST_F(Limits_test, WithoutARegistryEntryTheLimitIsTheFreeMemoryAtLowestPriority)
 {
-    Line_capture capture;
     mem_set_limit_from_registry(5);
-    uint64_t free_bytes = mem_physical(2);
-    ASSERT_GT(free_bytes, 0u);
     // Free memory moves between the two readings; a few MB either way.
-    EXPECT_NEAR(double(mem_heap_limit_bytes()), double(free_bytes), double(64 * MB));
-    EXPECT_EQ(mem_heap_low_bytes(), (mem_heap_limit_bytes() / 8 * 3 >> 2) * 8);
-    bool total_line = false;
-    for (const Captured_line& line : capture.lines())
-        total_line = total_line || line.text == "total memory: " + std::to_string(mem_physical(1) >> 20) + " MB";
-    EXPECT_TRUE(total_line);
-    // It was set at priority 1: a setting at 1 or more replaces it, one at 0 does not.
+    EXPECT_NEAR(double(mem_heap_limit_bytes()), double(mem_physical(2)), double(64 * MB));
+    // It was set at priority 1: a setting at 0 does not replace it, one at 1 does.
     EXPECT_EQ(mem_set_heap_limit(100 * MB, 0), 0u);
-    EXPECT_NE(mem_heap_limit_bytes(), 100 * MB);
     EXPECT_NE(mem_set_heap_limit(100 * MB, 1), 0u);
     EXPECT_EQ(mem_heap_limit_bytes(), 100 * MB);
 }

@@ -51,6 +51,22 @@ TEST_F(Threads_test, RemoteFreeReachesTheOwnerOnlyWhenItsSlabsRunOut)
     mem_free("t", 1, first);
 }
 
+TEST_F(Threads_test, RemoteFreeIntoAFullSlabIsTakenBackBeforeANewSlab)
+{
+    // 8,152 bytes: one block per slab, so every slab is parked full at once. The owner is a
+    // fresh thread, so no slab of an earlier test has room.
+    const size_t size = 8152;
+    on_engine_thread([&] {
+        void* first = mem_alloc("t", 1, size);
+        void* second = mem_alloc("t", 1, size);
+        std::thread([&] { mem_free("t", 1, first); }).join();
+        void* again = mem_alloc("t", 1, size);
+        EXPECT_EQ(again, first);
+        mem_free("t", 1, again);
+        mem_free("t", 1, second);
+    });
+}
+
 TEST_F(Threads_test, BlocksOfAnEndedThreadStayUsableAndTheirSlabsAreAdopted)
 {
     const size_t size = 3000;

@@ -2,7 +2,7 @@
 // changes are merged into the process-wide table when the thread detaches its areas or ends.
 #include <cstring>
 
-#include "base/lib/mem/mem_internal.h"
+#include "base/lib/mem/mem_blocks.h"
 #include "runtime/msg.h"
 
 namespace qv_mem_detail {
@@ -44,6 +44,10 @@ void context_init(void* area)
 void merge(void* area)
 {
     auto* context = static_cast<Mem_context*>(area);
+    // Merging runs on the area's own thread, before the area is detached or freed; the next
+    // charge looks it up again and marks it dirty.
+    if (t_cache.area == context)
+        t_cache.area = nullptr;
     if (!context->dirty)
         return;
     std::lock_guard<std::mutex> hold(g_table_lock);
@@ -76,11 +80,27 @@ Mem_context* own_context()
 
 }  // namespace
 
+Mem_context* thread_area()
+{
+    Thread_context* thread = thread_context();
+    Thread_cache& cache = t_cache;
+    if (cache.area && cache.context == thread)
+        return cache.area;
+    Mem_context* area = own_context();
+    if (area) {
+        // The hot paths charge without marking; an area is dirty from the time it is cached.
+        area->dirty = true;
+        cache.area = area;
+        cache.context = thread;
+    }
+    return area;
+}
+
 void charge(int module, int64_t words, int64_t allocations)
 {
     if (module < 0 || module >= MODULE_TABLE_ROWS)
         module = 0;
-    Mem_context* context = g_started.load(std::memory_order_relaxed) ? own_context() : nullptr;
+    Mem_context* context = g_started.load(std::memory_order_relaxed) ? thread_area() : nullptr;
     if (!context) {
         charge_table(module, words, allocations);
         return;

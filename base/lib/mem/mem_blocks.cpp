@@ -2,20 +2,21 @@
 //
 // A thread allocates and frees its own blocks without any lock: the slab of a block is found by
 // masking its address, and the slab's owner row tells whether the caller owns it. Frees from
-// other threads go to the slab's remote list under the remote lock, and the owner takes them back
-// when its slabs run out. Slabs of ended threads wait in the orphan heap until a thread adopts
-// them.
+// other threads are pushed on the slab's remote list with a compare-exchange, and the owner takes
+// them back when its slabs run out; a slab parked as full is linked on its row's deferred list
+// by the first such free, so the owner finds it without walking its full slabs. Slabs of ended
+// threads wait in the orphan heap (under the remote lock) until a thread adopts them.
 #include <array>
 #include <cstring>
+#include <thread>
 
 #include "base/lib/mem/mem_blocks.h"
 
 namespace qv_mem_detail {
 
-constinit thread_local Thread_heap* t_heap = nullptr;
+constinit thread_local Thread_cache t_cache = {nullptr, nullptr, nullptr};
 
 namespace {
-
 
 std::mutex g_remote_lock;
 Thread_heap g_orphan;                 // thread id 0: slabs of ended threads
@@ -105,10 +106,12 @@ void move_front(Class_row& row, Slab* slab)
     row_push_front(row, slab);
 }
 
-// Moves the remote frees onto the owner's list. Caller holds the remote lock.
+// Moves the remote frees onto the owner's list; the state bits stay. Only the owner calls it
+// (or the remote lock's holder for an orphan slab).
 void drain_remote(Slab* slab)
 {
-    void* block = slab->remote_list;
+    uintptr_t taken = slab->remote_list.fetch_and(REMOTE_STATE, std::memory_order_acquire);
+    auto* block = reinterpret_cast<void*>(taken & ~REMOTE_STATE);
     while (block) {
         void* next = *static_cast<void**>(block);
         *static_cast<void**>(block) = slab->free_list;
@@ -116,17 +119,62 @@ void drain_remote(Slab* slab)
         --slab->used;
         block = next;
     }
-    slab->remote_list = nullptr;
 }
 
+// Waits out a free that is linking the slab on the deferred list, then leaves NORMAL: after
+// this no other thread reaches the owner's row through the slab.
+void disarm(Slab* slab)
+{
+    uintptr_t old = slab->remote_list.load(std::memory_order_acquire);
+    for (;;) {
+        if (old & REMOTE_NOTIFYING) {
+            std::this_thread::yield();
+            old = slab->remote_list.load(std::memory_order_acquire);
+            continue;
+        }
+        if (slab->remote_list.compare_exchange_weak(old, old & ~REMOTE_STATE, std::memory_order_acq_rel,
+                                                    std::memory_order_acquire))
+            break;
+    }
+    slab->armed = 0;
+    slab->deferred_next = nullptr;
+}
+
+// Asks to be told of the next remote free into a slab about to be parked. False when remote
+// frees came in meanwhile: they were taken back, and the slab has room again.
+bool arm(Slab* slab)
+{
+    if (slab->armed)
+        return true;
+    uintptr_t old = slab->remote_list.load(std::memory_order_acquire);
+    for (;;) {
+        if (old & ~REMOTE_STATE) {
+            drain_remote(slab);
+            return false;
+        }
+        if (old & REMOTE_NOTIFYING) {
+            // Left from the slab's previous time on the deferred list; the freer is about done.
+            std::this_thread::yield();
+            old = slab->remote_list.load(std::memory_order_acquire);
+            continue;
+        }
+        if (slab->remote_list.compare_exchange_weak(old, REMOTE_NOTIFY, std::memory_order_acq_rel,
+                                                    std::memory_order_acquire)) {
+            slab->armed = 1;
+            return true;
+        }
+    }
+}
+
+// An empty slab: no block of it is out anywhere, so no remote free can come.
 void reset_slab(Slab* slab)
 {
+    disarm(slab);
+    slab->remote_list.store(0, std::memory_order_relaxed);
     slab->bump = slab_top(slab);
     slab->free_list = nullptr;
-    slab->remote_list = nullptr;
     slab->used = 0;
     slab->full = 0;
-    slab->deferred_next = nullptr;
 }
 
 // ---- Global slab pool ----------------------------------------------------------------------
@@ -209,6 +257,8 @@ Slab* pool_take()
         slab->magic = SLAB_MAGIC;
         slab->chunk = chunk;
         slab->owner.store(nullptr, std::memory_order_relaxed);
+        slab->remote_list.store(0, std::memory_order_relaxed);
+        slab->armed = 0;
         pool_push(slab);
     }
     return pool_pop_locked();
@@ -240,7 +290,7 @@ Thread_heap* create_heap()
 {
     auto* heap = static_cast<Thread_heap*>(mem_raw_alloc("mem blocks", 0, sizeof(Thread_heap)));
     init_rows(heap, g_next_thread_id.fetch_add(1, std::memory_order_relaxed));
-    t_heap = heap;
+    t_cache.heap = heap;
     t_guard.armed = true;
     return heap;
 }
@@ -253,10 +303,10 @@ bool has_room(Slab* slab)
 // Hands every slab of the calling thread to the orphan heap or the pool, and frees the heap.
 void thread_heap_end()
 {
-    Thread_heap* heap = t_heap;
+    Thread_heap* heap = t_cache.heap;
     if (!heap)
         return;
-    t_heap = nullptr;
+    t_cache.heap = nullptr;
     Slab* to_pool = nullptr;
     {
         std::lock_guard<std::mutex> hold(g_remote_lock);
@@ -265,8 +315,9 @@ void thread_heap_end()
             Class_row& orphan = g_orphan.rows[cls];
             for (Slab* slab = row.tail; slab;) {
                 Slab* previous = slab->prev;
+                // Orphan slabs are never armed: their remote frees wait for the adopter.
+                disarm(slab);
                 drain_remote(slab);
-                slab->deferred_next = nullptr;
                 slab->full = 0;
                 slab->next = slab->prev = nullptr;
                 if (slab->used == 0) {
@@ -310,11 +361,31 @@ bool is_own(const Thread_heap* heap, const Class_row* owner)
     return heap && owner >= heap->rows && owner < heap->rows + CLASS_COUNT;
 }
 
-bool is_orphan(const Class_row* owner) { return owner >= g_orphan.rows && owner < g_orphan.rows + CLASS_COUNT; }
+// Another thread's free: a lock-free push. The free that finds the slab armed links it on the
+// owner's deferred list; the owner waits for that link before it lets the slab or its heap go.
+void remote_free(Slab* slab, void* block)
+{
+    uintptr_t old = slab->remote_list.load(std::memory_order_relaxed);
+    uintptr_t state;
+    do {
+        state = old & REMOTE_STATE;
+        *static_cast<uintptr_t*>(block) = old & ~REMOTE_STATE;
+    } while (!slab->remote_list.compare_exchange_weak(
+        old, reinterpret_cast<uintptr_t>(block) | (state == REMOTE_NOTIFY ? REMOTE_NOTIFYING : state),
+        std::memory_order_acq_rel, std::memory_order_relaxed));
+    if (state != REMOTE_NOTIFY)
+        return;
+    Class_row* row = slab->owner.load(std::memory_order_acquire);
+    Slab* head = row->deferred.load(std::memory_order_relaxed);
+    do {
+        slab->deferred_next = head;
+    } while (!row->deferred.compare_exchange_weak(head, slab, std::memory_order_release, std::memory_order_relaxed));
+    slab->remote_list.fetch_and(~REMOTE_NOTIFYING, std::memory_order_release);
+}
 
 }  // namespace
 
-uint32_t block_class_bytes(size_t bytes) { return k_class_bytes[k_class_of_words[(bytes + 7) >> 3]]; }
+uint32_t block_class_bytes(size_t bytes) { return k_class_bytes[class_of(bytes)]; }
 
 uint32_t block_capacity(const void* block) { return slab_of(block)->block_size; }
 
@@ -354,8 +425,8 @@ void blocks_exit()
 
 void* block_alloc(size_t bytes)
 {
-    int cls = k_class_of_words[(bytes + 7) >> 3];
-    Thread_heap* heap = t_heap ? t_heap : create_heap();
+    int cls = class_of(bytes);
+    Thread_heap* heap = t_cache.heap ? t_cache.heap : create_heap();
     Class_row& row = heap->rows[cls];
     uint32_t block_size = row.block_size;
     for (;;) {
@@ -375,6 +446,8 @@ void* block_alloc(size_t bytes)
                 move_front(row, slab);
                 return slab->bump;
             }
+            if (!arm(slab))
+                continue;
             slab->full = 1;
             if (slab != row.tail) {
                 row_unlink(row, slab);
@@ -382,17 +455,19 @@ void* block_alloc(size_t bytes)
             }
             slab = next;
         }
-        // Take back what other threads freed.
-        if (row.deferred.load(std::memory_order_acquire)) {
-            std::lock_guard<std::mutex> hold(g_remote_lock);
-            if (Slab* slab = row.deferred.load(std::memory_order_relaxed)) {
-                row.deferred.store(slab->deferred_next, std::memory_order_relaxed);
+        // Take back what other threads freed into parked slabs.
+        if (row.deferred.load(std::memory_order_relaxed)) {
+            Slab* slab = row.deferred.exchange(nullptr, std::memory_order_acquire);
+            while (slab) {
+                Slab* next = slab->deferred_next;
                 slab->deferred_next = nullptr;
+                slab->armed = 0;
                 drain_remote(slab);
                 slab->full = 0;
                 move_front(row, slab);
-                continue;
+                slab = next;
             }
+            continue;
         }
         // Adopt a slab of an ended thread.
         if (g_orphan_slabs[cls].load(std::memory_order_relaxed) > 0) {
@@ -422,8 +497,7 @@ void block_free(void* block)
 {
     Slab* slab = slab_of(block);
     Class_row* owner = slab->owner.load(std::memory_order_acquire);
-    Thread_heap* heap = t_heap;
-    if (is_own(heap, owner)) {
+    if (is_own(t_cache.heap, owner)) {
         *static_cast<void**>(block) = slab->free_list;
         slab->free_list = block;
         if (--slab->used != 0) {
@@ -439,23 +513,14 @@ void block_free(void* block)
         // in turn does not send a slab back and forth to the pool.
         if (slab == current || (current && slab == current->next))
             return;
-        {
-            std::lock_guard<std::mutex> hold(g_remote_lock);
-            row_unlink(*owner, slab);
-        }
+        row_unlink(*owner, slab);
         pool_give(slab);
         return;
     }
-    std::lock_guard<std::mutex> hold(g_remote_lock);
-    owner = slab->owner.load(std::memory_order_relaxed);
-    void* old = slab->remote_list;
-    *static_cast<void**>(block) = old;
-    slab->remote_list = block;
-    // Orphaned slabs are drained when adopted; only live owners keep a deferred list.
-    if (!old && owner && !is_orphan(owner)) {
-        slab->deferred_next = owner->deferred.load(std::memory_order_relaxed);
-        owner->deferred.store(slab, std::memory_order_release);
-    }
+    // A block of a slab in the pool was freed twice, or after the stop: nothing owns it.
+    if (!owner)
+        return;
+    remote_free(slab, block);
 }
 
 }  // namespace qv_mem_detail

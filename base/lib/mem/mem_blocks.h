@@ -1,5 +1,5 @@
-// The block allocator's records, and the own-thread fast paths inlined into mem_alloc and
-// mem_free. Not for use outside base/lib/mem.
+// The block allocator's records and the thread's slot, which the own-thread fast paths in
+// mem_alloc and mem_free read directly. Not for use outside base/lib/mem.
 #pragma once
 
 #include <array>
@@ -35,6 +35,15 @@ constexpr std::array<uint8_t, MAX_BLOCK_BYTES / 8 + 1> k_class_of_words = [] {
 struct Chunk;
 struct Class_row;
 
+// States kept in the low bits of Slab::remote_list (blocks are 8-byte aligned, so the bits are
+// free). NOTIFY: the owner parked the slab as full and wants to hear of the next remote free.
+// NOTIFYING: the thread whose free saw NOTIFY is linking the slab on the owner's deferred list;
+// the owner does not give the slab up, nor end, until that is done, so the row it links into
+// is alive.
+constexpr uintptr_t REMOTE_NOTIFY = 1;
+constexpr uintptr_t REMOTE_NOTIFYING = 2;
+constexpr uintptr_t REMOTE_STATE = 3;
+
 struct Slab {
     uint32_t magic;                   // SLAB_MAGIC once the chunk was cut
     uint32_t block_size;              // bytes of each block; readable by any thread
@@ -45,9 +54,10 @@ struct Slab {
     Slab* deferred_next;              // link in the owner's list of slabs with remote frees
     char* bump;                       // blocks are carved from the end downwards
     void* free_list;                  // owner's freed blocks
-    void* remote_list;                // other threads' frees; under the remote lock
+    std::atomic<uintptr_t> remote_list;  // other threads' frees, pushed without a lock; state bits
     uint32_t used;                    // blocks out, remote frees included until taken back
-    uint32_t full;                    // 1: found without room and parked at the row's tail
+    uint16_t full;                    // 1: found without room and parked at the row's tail
+    uint16_t armed;                   // 1: NOTIFY set, or the slab is on the deferred list
 };
 static_assert(sizeof(Slab) <= SLAB_HEADER_BYTES, "the slab header fits in 80 bytes");
 
@@ -64,7 +74,7 @@ struct Class_row {
     uint32_t block_size;
     uint32_t class_index;
     Slab* current_slab;               // head of the row's list
-    std::atomic<Slab*> deferred;      // slabs with remote frees; written under the remote lock
+    std::atomic<Slab*> deferred;      // slabs with remote frees: pushed by freeing threads, taken whole by the owner
     Slab* tail;                       // last of the row's list; full slabs gather behind the rest
 };
 
@@ -72,50 +82,28 @@ struct Thread_heap {
     Class_row rows[CLASS_COUNT];
 };
 
-// The calling thread's heap; null until its first block allocation.
-extern constinit thread_local Thread_heap* t_heap;
+// The thread's own slot of the manager: its heap (null until its first block allocation) and
+// its MEM context area with the Thread_context that holds it. Both hot paths reach everything
+// they need through this one initial-exec access. `area` is dropped whenever the area is merged
+// (which happens on its thread before the area is detached or freed), so it never outlives it.
+struct Thread_cache {
+    Thread_heap* heap;
+    Mem_context* area;
+    Thread_context* context;
+};
+extern constinit thread_local Thread_cache t_cache __attribute__((tls_model("initial-exec")));
+
+// True while blocks are handed out: MEM started, and not with QV_MEM_NOBLOCKS.
+extern std::atomic<bool> g_block_path;
 
 inline Slab* slab_of(const void* block)
 {
     return reinterpret_cast<Slab*>(reinterpret_cast<uintptr_t>(block) & ~(SLAB_BYTES - 1));
 }
 
-// A block from the current slab of the thread's row, without a call; the rest in block_alloc.
-inline void* block_alloc_fast(size_t bytes)
-{
-    if (Thread_heap* heap = t_heap) {
-        Class_row& row = heap->rows[k_class_of_words[(bytes + 7) >> 3]];
-        if (Slab* slab = row.current_slab) {
-            if (void* block = slab->free_list) {
-                slab->free_list = *static_cast<void**>(block);
-                ++slab->used;
-                return block;
-            }
-            char* bump = slab->bump - row.block_size;
-            if (bump >= reinterpret_cast<char*>(slab) + SLAB_HEADER_BYTES) {
-                slab->bump = bump;
-                ++slab->used;
-                return bump;
-            }
-        }
-    }
-    return block_alloc(bytes);
-}
+inline int class_of(size_t bytes) { return k_class_of_words[(bytes + 7) >> 3]; }
 
-// An own block that does not empty its slab goes straight on the free list; the rest in
-// block_free.
-inline void block_free_fast(void* block)
-{
-    Slab* slab = slab_of(block);
-    Class_row* owner = slab->owner.load(std::memory_order_acquire);
-    Thread_heap* heap = t_heap;
-    if (heap && owner >= heap->rows && owner < heap->rows + CLASS_COUNT && slab->used > 1 && !slab->full) {
-        *static_cast<void**>(block) = slab->free_list;
-        slab->free_list = block;
-        --slab->used;
-        return;
-    }
-    block_free(block);
-}
+// The MEM area of the calling thread, cached; null without a Thread_context.
+Mem_context* thread_area();
 
 }  // namespace qv_mem_detail

@@ -13,6 +13,7 @@ Mem_realloc_fn g_realloc = nullptr;
 Mem_free_fn g_free = nullptr;
 std::atomic<bool> g_started{false};
 bool g_blocks_on = false;
+std::atomic<bool> g_block_path{false};
 std::atomic<uint64_t> g_current_words{0};
 std::atomic<uint64_t> g_peak_words{0};
 
@@ -102,27 +103,30 @@ void* heap_alloc(size_t size, int module)
     return prefix + 1;
 }
 
-// Zeroes the user bytes of a block, rounded up to whole words (blocks hold them).
+// Zeroes the user bytes of a block, rounded up to whole words (blocks hold them). Up to 256
+// bytes in 16-byte stores without a call, which for these sizes costs less than memset; the
+// empty asm keeps the compiler from turning the loop back into a memset call.
 inline void zero_user_bytes(void* p, size_t size)
 {
-    auto* words = static_cast<uint64_t*>(p);
-    size_t count = (size + 7) >> 3;
-    if (count > 4) {
-        std::memset(p, 0, size);
+    size_t words = (size + 7) >> 3;
+    if (words > 32) {
+        std::memset(p, 0, words * 8);
         return;
     }
-    words[0] = 0;
-    if (count > 1)
-        words[1] = 0;
-    if (count > 2)
-        words[2] = 0;
-    if (count > 3)
-        words[3] = 0;
+    using Pair = uint64_t __attribute__((vector_size(16), aligned(8)));
+    auto* out = static_cast<char*>(p);
+    char* end = out + (words & ~size_t(1)) * 8;
+    for (; out < end; out += 16) {
+        *reinterpret_cast<Pair*>(out) = Pair{0, 0};
+        asm("" : "+r"(out));
+    }
+    if (words & 1)
+        *reinterpret_cast<uint64_t*>(out) = 0;
 }
 
 inline void charge_fast(int module, int64_t words, int64_t allocations)
 {
-    if (Mem_context* area = existing_area(thread_context()))
+    if (Mem_context* area = thread_area())
         charge_area(area, module, words, allocations);
     else
         charge(module, words, allocations);
@@ -130,7 +134,7 @@ inline void charge_fast(int module, int64_t words, int64_t allocations)
 
 inline void* block_path_alloc(size_t size, int module)
 {
-    void* block = block_alloc_fast(size + sizeof(Block_header));
+    void* block = block_alloc(size + sizeof(Block_header));
     if (!block)
         return nullptr;
     auto* header = static_cast<Block_header*>(block);
@@ -214,6 +218,7 @@ void mem_init()
     accounts_register_area();
     // Last, so that every lock and table exists before another thread sees MEM as started.
     g_started.store(true, std::memory_order_release);
+    g_block_path.store(g_blocks_on, std::memory_order_release);
 }
 
 void mem_exit()
@@ -226,6 +231,7 @@ void mem_exit()
     if (g_blocks_on)
         blocks_exit();
     pools_report_leaks();
+    g_block_path.store(false, std::memory_order_release);
     g_started.store(false, std::memory_order_release);
     g_malloc = malloc;
     g_realloc = realloc;
@@ -236,7 +242,9 @@ void mem_exit()
 bool mem_started() { return g_started.load(std::memory_order_relaxed); }
 bool mem_blocks_enabled() { return g_blocks_on && mem_started(); }
 
-void* mem_alloc(const char* file, int line, size_t size)
+namespace {
+
+[[gnu::noinline]] void* alloc_slow(const char* file, int line, size_t size)
 {
     if (size == 0)
         return nullptr;
@@ -252,20 +260,93 @@ void* mem_alloc(const char* file, int line, size_t size)
     return alloc_retrying(file, line, size, module);
 }
 
+[[gnu::noinline]] void free_slow(Block_header* header)
+{
+    if (!header->from_block) {
+        heap_free(header + 1);
+        return;
+    }
+    // Before start or after stop there is no block allocator to give it to.
+    if (!g_block_path.load(std::memory_order_relaxed))
+        return;
+    charge_fast(header->module, -int64_t(words_of(header->size)), -1);
+    block_free(header);
+}
+
+}  // namespace
+
+void* mem_alloc(const char* file, int line, size_t size)
+{
+    // The common case: a block of the current slab of the thread's row, charged to its cached
+    // area. Everything else (first use, no room, no area, the heap path) goes the long way.
+    if (size - 1 < MEM_BLOCK_MAX_USER_BYTES && g_block_path.load(std::memory_order_relaxed)) {
+        Thread_cache& cache = t_cache;
+        Thread_context* context = thread_context();
+        if (cache.heap && cache.area && cache.context == context) {
+            Class_row& row = cache.heap->rows[class_of(size + sizeof(Block_header))];
+            if (Slab* slab = row.current_slab) {
+                void* block = slab->free_list;
+                if (block) {
+                    slab->free_list = *static_cast<void**>(block);
+                } else {
+                    char* bump = slab->bump - row.block_size;
+                    if (bump >= reinterpret_cast<char*>(slab) + SLAB_HEADER_BYTES) {
+                        slab->bump = bump;
+                        block = bump;
+                    }
+                }
+                if (block) {
+                    ++slab->used;
+                    int module = context->current_module == MOD_MEM ? context->previous_module
+                                                                     : context->current_module;
+                    if (module < 0 || module >= MODULE_TABLE_ROWS)
+                        module = 0;
+                    auto* header = static_cast<Block_header*>(block);
+                    header->module = uint16_t(module);
+                    header->from_block = 1;
+                    header->size = uint32_t(size);
+                    zero_user_bytes(header + 1, size);
+                    Module_account& account = cache.area->accounts[module];
+                    int64_t words = account.words + int64_t(words_of(size));
+                    int64_t count = account.allocations + 1;
+                    account.words = words;
+                    account.allocations = count;
+                    if (words > account.peak_words)
+                        account.peak_words = words;
+                    if (count > account.peak_allocations)
+                        account.peak_allocations = count;
+                    return header + 1;
+                }
+            }
+        }
+    }
+    return alloc_slow(file, line, size);
+}
+
 void mem_free(const char*, int, void* p)
 {
     if (!p)
         return;
-    const Block_header* header = header_of(p);
-    if (header->from_block) {
-        // Before start or after stop there is no block allocator to give it to.
-        if (!g_started.load(std::memory_order_relaxed) || !g_blocks_on)
+    Block_header* header = header_of(p);
+    // An own block that does not empty its slab goes straight on the free list. The slab's
+    // owner is the row of the block's class in the caller's heap exactly when it is ours.
+    Thread_cache& cache = t_cache;
+    if (header->from_block && cache.heap && cache.area && g_block_path.load(std::memory_order_relaxed)) {
+        uint32_t size = header->size;
+        int module = header->module;
+        Slab* slab = slab_of(header);
+        if (slab->owner.load(std::memory_order_relaxed) == &cache.heap->rows[class_of(size + sizeof(Block_header))] &&
+            slab->used > 1 && !slab->full) {
+            *reinterpret_cast<void**>(header) = slab->free_list;
+            slab->free_list = header;
+            --slab->used;
+            Module_account& account = cache.area->accounts[module];
+            account.words -= int64_t(words_of(size));
+            account.allocations -= 1;
             return;
-        charge_fast(header->module, -int64_t(words_of(header->size)), -1);
-        block_free_fast(const_cast<Block_header*>(header));
-        return;
+        }
     }
-    heap_free(p);
+    free_slow(header);
 }
 
 void* mem_realloc(const char* file, int line, void* p, size_t size)

@@ -96,11 +96,6 @@ inline void charge_area(Mem_context* context, int module, int64_t words, int64_t
     context->dirty = true;
 }
 
-// The calling thread's MEM area when it exists already; null otherwise.
-inline Mem_context* existing_area(Thread_context* thread)
-{
-    return thread && thread->context_areas ? static_cast<Mem_context*>(thread->context_areas[MOD_MEM]) : nullptr;
-}
 // The module an allocation is charged to: the caller of the manager.
 inline int charged_module()
 {
