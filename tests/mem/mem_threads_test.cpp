@@ -1,5 +1,6 @@
 // The block allocator across threads: remote frees, ended threads, adoption, account merging,
 // and a stress of allocate / cross-thread free.
+#include <algorithm>
 #include <cstring>
 #include <mutex>
 #include <set>
@@ -123,22 +124,16 @@ TEST_F(Threads_test, AThreadsChargesReachTheProcessTableWhenItEnds)
 
 TEST_F(Threads_test, CrossThreadFreesUnderLoadKeepEveryBlockIntact)
 {
+    // Each thread fills blocks with its mark and hands about half to the next thread, which
+    // checks and frees them; what is left in a mailbox at the end belongs to ended threads.
     constexpr int THREADS = 4;
     constexpr int ROUNDS = 4000;
-    struct Mailbox {
-        std::mutex lock;
-        std::vector<unsigned char*> blocks;
-    };
-    Mailbox boxes[THREADS];
+    std::mutex locks[THREADS];
+    std::vector<unsigned char*> boxes[THREADS];
     std::atomic<int> broken{0};
     auto check_and_free = [&](unsigned char* p) {
         size_t size = mem_size(p);
-        unsigned char mark = p[0];
-        for (size_t i = 0; i < size; ++i)
-            if (p[i] != mark) {
-                broken.fetch_add(1);
-                break;
-            }
+        broken += std::count(p, p + size, p[0]) != std::ptrdiff_t(size);
         mem_free("t", 1, p);
     };
     auto worker = [&](int index) {
@@ -148,23 +143,20 @@ TEST_F(Threads_test, CrossThreadFreesUnderLoadKeepEveryBlockIntact)
             seed = seed * 1664525u + 1013904223u;
             size_t size = 1 + (seed >> 8) % (seed & 0x10 ? 8200 : 300);
             auto* p = static_cast<unsigned char*>(mem_alloc("t", 1, size));
-            unsigned char mark = uint8_t(index * 50 + round % 50 + 1);
-            std::memset(p, mark, size);
+            std::memset(p, index * 50 + round % 50 + 1, size);
             if (seed & 0x100) {
-                Mailbox& box = boxes[(index + 1) % THREADS];
-                std::lock_guard<std::mutex> hold(box.lock);
-                box.blocks.push_back(p);
+                std::lock_guard<std::mutex> hold(locks[(index + 1) % THREADS]);
+                boxes[(index + 1) % THREADS].push_back(p);
             } else {
                 check_and_free(p);
             }
             if (round % 16 == 0) {
                 std::vector<unsigned char*> mine;
                 {
-                    std::lock_guard<std::mutex> hold(boxes[index].lock);
-                    mine.swap(boxes[index].blocks);
+                    std::lock_guard<std::mutex> hold(locks[index]);
+                    mine.swap(boxes[index]);
                 }
-                for (unsigned char* q : mine)
-                    check_and_free(q);
+                std::for_each(mine.begin(), mine.end(), check_and_free);
             }
         }
         thread_end_current();
@@ -174,10 +166,8 @@ TEST_F(Threads_test, CrossThreadFreesUnderLoadKeepEveryBlockIntact)
         threads.emplace_back(worker, i);
     for (std::thread& thread : threads)
         thread.join();
-    // What was still in the mailboxes belongs to ended threads now.
-    for (Mailbox& box : boxes)
-        for (unsigned char* p : box.blocks)
-            check_and_free(p);
+    for (auto& box : boxes)
+        std::for_each(box.begin(), box.end(), check_and_free);
     EXPECT_EQ(broken.load(), 0);
 }
 
