@@ -114,11 +114,11 @@ inline void zero_user_bytes(void* p, size_t size)
         std::memset(p, 0, words * 8);
         return;
     }
-    using Pair = uint64_t __attribute__((vector_size(16)));
+    using Pair = uint64_t __attribute__((vector_size(16), may_alias));
     auto* out = static_cast<char*>(p);
     char* end = out + words * 8;
     if (reinterpret_cast<uintptr_t>(out) & 8) {
-        *reinterpret_cast<uint64_t*>(out) = 0;
+        __builtin_memset(out, 0, 8);
         out += 8;
     }
     for (; out + 16 <= end; out += 16) {
@@ -126,7 +126,7 @@ inline void zero_user_bytes(void* p, size_t size)
         asm("" : "+r"(out));
     }
     if (out < end)
-        *reinterpret_cast<uint64_t*>(out) = 0;
+        __builtin_memset(out, 0, 8);
 }
 
 // The header as one store (little-endian field order).
