@@ -97,16 +97,16 @@ public:
         using Floats = float __attribute__((vector_size(16)));
         using Masks = int32_t __attribute__((vector_size(16)));
         constexpr uint32_t W = 4, G = LANES / W;
-        Floats minimum[N][G] = {}, maximum[N][G] = {}, position[N][G] = {};
+        Floats minimum[N][G], maximum[N][G], position[N][G];
         Masks path[G], depth[G], active[G];
         for (uint32_t g = 0; g < G; ++g) {
-            for (uint32_t l = 0; l < W; ++l) {
-                const float* p = reinterpret_cast<const float*>(elements + (g * W + l) * stride);
-                for (uint32_t a = 0; a < N; ++a) {
-                    minimum[a][g][l] = root_minimum_[a];
-                    maximum[a][g][l] = root_maximum_[a];
-                    position[a][g][l] = p[a];
-                }
+            const float* p[W];
+            for (uint32_t l = 0; l < W; ++l)
+                p[l] = reinterpret_cast<const float*>(elements + (g * W + l) * stride);
+            for (uint32_t a = 0; a < N; ++a) {
+                minimum[a][g] = Floats{} + root_minimum_[a];
+                maximum[a][g] = Floats{} + root_maximum_[a];
+                position[a][g] = Floats{p[0][a], p[1][a], p[2][a], p[3][a]};
             }
             path[g] = Masks{};
             depth[g] = Masks{};
