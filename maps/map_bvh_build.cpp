@@ -199,6 +199,102 @@ void for_each_run(Map_page_store& store, uint32_t count, Visit visit)
     }
 }
 
+// Moves every element i of [0, dest.size()) to index dest[i] inside the store's own pages by
+// following the permutation's cycles: each element is read and written once, and one element is
+// in hand at a time. UINT32_MAX marks an element without a place (it is overwritten).
+void permute_in_place(Map_page_store& store, const std::vector<uint32_t>& dest, uint32_t per_page)
+{
+    const uint32_t element_bytes = store.element_bytes;
+    const uint32_t count = uint32_t(dest.size());
+    std::vector<uint64_t> placed((size_t(count) + 63) / 64, 0);
+    std::vector<uint8_t> hand(element_bytes), swap(element_bytes);
+    auto slot_of = [&](uint32_t index, bool read_only) {
+        return store.get_page(index / per_page, read_only) + size_t(index % per_page) * element_bytes;
+    };
+    for (uint32_t start = 0; start < count; ++start) {
+        if (placed[start >> 6] >> (start & 63) & 1)
+            continue;
+        uint32_t to = dest[start];
+        if (to == start || to == UINT32_MAX) {
+            placed[start >> 6] |= uint64_t(1) << (start & 63);
+            continue;
+        }
+        memcpy(hand.data(), slot_of(start, true), element_bytes);
+        placed[start >> 6] |= uint64_t(1) << (start & 63);
+        // The element in hand goes to `to`; the one found there is taken up next, unless `to`
+        // closes the cycle (its old element is the one taken up first).
+        while (to != UINT32_MAX && !(to != start && (placed[to >> 6] >> (to & 63) & 1))) {
+            uint8_t* slot = slot_of(to, false);
+            if (to == start) {
+                memcpy(slot, hand.data(), element_bytes);
+                break;
+            }
+            memcpy(swap.data(), slot, element_bytes);
+            memcpy(slot, hand.data(), element_bytes);
+            hand.swap(swap);
+            placed[to >> 6] |= uint64_t(1) << (to & 63);
+            to = dest[to];
+        }
+    }
+}
+
+// The reorder's writes into a second store: each element of `store` in index order to the
+// next index of its cell, as a copy into the staged page of that index.
+template <class Bvh>
+void copy_to_staged(Map_page_store& store, Map_page_store& staged, Bvh& bvh, uint32_t count,
+                    const std::vector<uint32_t>& cells, std::vector<uint32_t>& next_index,
+                    std::vector<uint64_t>& chosen, Map_bounds& bounds)
+{
+    const uint32_t element_bytes = store.element_bytes, dimension = store.dimension;
+    const uint32_t per_page = store.elements_per_page;
+    constexpr uint32_t AHEAD = 8;
+    std::vector<uint8_t> run_copy(MAP_FILE_PAGE_BYTES);
+    Map_manager& manager = Map_manager::instance();
+    for_each_run(store, count, [&](const uint8_t* data, uint32_t done, uint32_t run) {
+        // The staged writes below may push the old page out of the thread's table.
+        memcpy(run_copy.data(), data, size_t(run) * element_bytes);
+        uint32_t open_page = UINT32_MAX;
+        uint8_t* open_data = nullptr;
+        for (uint32_t i = 0; i < run; ++i) {
+            const uint8_t* element = run_copy.data() + size_t(i) * element_bytes;
+            const float* position = reinterpret_cast<const float*>(element);
+            if (done + i + AHEAD < count)
+                __builtin_prefetch(&next_index[cells[done + i + AHEAD]], 1);
+            uint32_t p = next_index[cells[done + i]]++;
+            if (p >= count) {
+                msg_warn("--- entry %u already set!", p);
+                continue;
+            }
+            uint64_t bit = uint64_t(1) << (p & 63);
+            if (chosen[p >> 6] & bit)
+                msg_warn("--- entry %u already set!", p);
+            chosen[p >> 6] |= bit;
+            uint32_t page = p / per_page;
+            // Only the most recently fetched page is sure to stay in the table.
+            if (page != open_page) {
+                open_data = staged.get_page(page, false);
+                open_page = page;
+            }
+            memcpy(open_data + size_t(p % per_page) * element_bytes, element, element_bytes);
+            bvh.add_to_box(page, position);
+            bounds.add(position, dimension);
+        }
+        // An old page that has been passed is never read again before the store is dropped:
+        // its buffer goes to the free list and serves the next staged page, so a map in
+        // roughly spatial order is not held twice while it is rewritten.
+        uint32_t page, slot;
+        store.locate(done + run - 1, &page, &slot);
+        uint32_t cache_page = page >> store.cache_page_shift;
+        if (done + run < count) {
+            uint32_t next_page, next_slot;
+            store.locate(done + run, &next_page, &next_slot);
+            if (next_page >> store.cache_page_shift == cache_page)
+                return;
+        }
+        manager.discard_page(&store, cache_page);
+    });
+}
+
 template <uint32_t N>
 bool full_build(Map_impl& map, bool verbose)
 {
@@ -258,55 +354,47 @@ bool full_build(Map_impl& map, bool verbose)
     Map_bounds bounds;
     bounds.clear();
 
-    // 5. Into staged pages, which live in a store of their own so that dropping the old pages
-    //    and their segments leaves them alone.
+    // A map whose elements all lie in one memory segment from element 0 (what appends leave)
+    // has element i at page i / E, slot i % E, the layout of the staged pages. Its elements are
+    // then permuted in place, in its own pages, instead of being copied into a second set of
+    // pages: the build holds one copy of the map, whatever the input order.
+    const std::vector<Map_segment>& segments = store.segments();
+    const bool one_memory_segment = segments.size() == 1 && segments[0].file_index < 0 &&
+                                    segments[0].first_element == 0 && segments[0].last_element + 1 == count &&
+                                    segments[0].elements_per_page == per_page;
+    const bool in_place = count > 0 && store.file_count() == 0 && (segments.empty() || one_memory_segment);
     Map_page_store staged;
-    staged.configure(element_bytes, dimension);
-    std::vector<uint8_t> run_copy(MAP_FILE_PAGE_BYTES);
-    Map_manager& manager = Map_manager::instance();
-    for_each_run(store, count, [&](const uint8_t* data, uint32_t done, uint32_t run) {
-        // The staged writes below may push the old page out of the thread's table.
-        memcpy(run_copy.data(), data, size_t(run) * element_bytes);
-        uint32_t open_page = UINT32_MAX;
-        uint8_t* open_data = nullptr;
-        for (uint32_t i = 0; i < run; ++i) {
-            const uint8_t* element = run_copy.data() + size_t(i) * element_bytes;
-            const float* position = reinterpret_cast<const float*>(element);
-            if (done + i + AHEAD < count)
-                __builtin_prefetch(&next_index[cells[done + i + AHEAD]], 1);
-            uint32_t p = next_index[cells[done + i]]++;
-            if (p >= count) {
-                msg_warn("--- entry %u already set!", p);
-                continue;
+    if (in_place) {
+        // 5. Every element's new index replaces its cell; the boxes grow as in the copy.
+        for_each_run(store, count, [&](const uint8_t* data, uint32_t done, uint32_t run) {
+            for (uint32_t i = 0; i < run; ++i) {
+                const float* position = reinterpret_cast<const float*>(data + size_t(i) * element_bytes);
+                if (done + i + AHEAD < count)
+                    __builtin_prefetch(&next_index[cells[done + i + AHEAD]], 1);
+                uint32_t p = next_index[cells[done + i]]++;
+                cells[done + i] = UINT32_MAX;
+                if (p >= count) {
+                    msg_warn("--- entry %u already set!", p);
+                    continue;
+                }
+                uint64_t bit = uint64_t(1) << (p & 63);
+                if (chosen[p >> 6] & bit) {
+                    msg_warn("--- entry %u already set!", p);
+                    continue;
+                }
+                chosen[p >> 6] |= bit;
+                cells[done + i] = p;
+                bvh->add_to_box(p / per_page, position);
+                bounds.add(position, dimension);
             }
-            uint64_t bit = uint64_t(1) << (p & 63);
-            if (chosen[p >> 6] & bit)
-                msg_warn("--- entry %u already set!", p);
-            chosen[p >> 6] |= bit;
-            uint32_t page = p / per_page;
-            // Only the most recently fetched page is sure to stay in the table.
-            if (page != open_page) {
-                open_data = staged.get_page(page, false);
-                open_page = page;
-            }
-            memcpy(open_data + size_t(p % per_page) * element_bytes, element, element_bytes);
-            bvh->add_to_box(page, position);
-            bounds.add(position, dimension);
-        }
-        // An old page that has been passed is never read again before the store is dropped:
-        // its buffer goes to the free list and serves the next staged page, so a map in
-        // roughly spatial order is not held twice while it is rewritten.
-        uint32_t page, slot;
-        store.locate(done + run - 1, &page, &slot);
-        uint32_t cache_page = page >> store.cache_page_shift;
-        if (done + run < count) {
-            uint32_t next_page, next_slot;
-            store.locate(done + run, &next_page, &next_slot);
-            if (next_page >> store.cache_page_shift == cache_page)
-                return;
-        }
-        manager.discard_page(&store, cache_page);
-    });
+        });
+        permute_in_place(store, cells, per_page);
+    } else {
+        // 5. Into staged pages, which live in a store of their own so that dropping the old
+        //    pages and their segments leaves them alone.
+        staged.configure(element_bytes, dimension);
+        copy_to_staged(store, staged, *bvh, count, cells, next_index, chosen, bounds);
+    }
     std::vector<uint32_t>().swap(cells);
     std::vector<uint32_t>().swap(next_index);
     // 6.
@@ -315,17 +403,21 @@ bool full_build(Map_impl& map, bool verbose)
             msg_warn("entry %u has not been chosen", i);
 
     // 7. The old pages go, with their segments and the files behind them.
-    store.reset();
-    store.configure(element_bytes, dimension);
+    if (!in_place) {
+        store.reset();
+        store.configure(element_bytes, dimension);
+    }
 
     // 8.
     if (pages) {
-        Map_page_bvh_job<N> job(map_bvh_thread_count(), &store, &staged, pages, 0, per_page, last_page_count);
+        Map_page_bvh_job<N> job(map_bvh_thread_count(), &store, in_place ? &store : &staged, pages, 0, per_page,
+                                last_page_count);
         job.execute(nullptr);
     }
     // 9. The staged pages go with their store; the map has one segment.
     staged.reset();
-    store.add_memory_segment(0, count);
+    if (store.segments().empty())
+        store.add_memory_segment(0, count);
     for (uint32_t i = 0; i < map.get_pending_count(); ++i)
         map.write_element(count + i, pending.data() + size_t(i) * element_bytes);
     {
