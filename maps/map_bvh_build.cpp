@@ -18,6 +18,7 @@
 #include "maps/map_impl.h"
 #include "maps/map_manager.h"
 #include "maps/map_page_store.h"
+#include "maps/map_page_table.h"
 #include "runtime/modules.h"
 #include "runtime/msg.h"
 
@@ -202,40 +203,96 @@ void for_each_run(Map_page_store& store, uint32_t count, Visit visit)
 // Moves every element i of [0, dest.size()) to index dest[i] inside the store's own pages by
 // following the permutation's cycles: each element is read and written once, and one element is
 // in hand at a time. UINT32_MAX marks an element without a place (it is overwritten).
-void permute_in_place(Map_page_store& store, const std::vector<uint32_t>& dest, uint32_t per_page)
+// `slot_of(index)` gives the bytes of an element.
+template <class Slot_of>
+void follow_cycles(const std::vector<uint32_t>& dest, uint32_t element_bytes, Slot_of slot_of)
 {
-    const uint32_t element_bytes = store.element_bytes;
+    // A cycle is a chain of dependent reads; the next steps' indices are looked up first and
+    // their slots prefetched, so that the slots' cache misses overlap instead of following each
+    // other.
+    constexpr uint32_t RUN_AHEAD = 16;
     const uint32_t count = uint32_t(dest.size());
     std::vector<uint64_t> placed((size_t(count) + 63) / 64, 0);
+    auto is_placed = [&](uint32_t index) { return placed[index >> 6] >> (index & 63) & 1; };
+    auto place = [&](uint32_t index) { placed[index >> 6] |= uint64_t(1) << (index & 63); };
     std::vector<uint8_t> hand(element_bytes), swap(element_bytes);
-    auto slot_of = [&](uint32_t index, bool read_only) {
-        return store.get_page(index / per_page, read_only) + size_t(index % per_page) * element_bytes;
-    };
     for (uint32_t start = 0; start < count; ++start) {
-        if (placed[start >> 6] >> (start & 63) & 1)
+        if (is_placed(start))
             continue;
+        place(start);
         uint32_t to = dest[start];
-        if (to == start || to == UINT32_MAX) {
-            placed[start >> 6] |= uint64_t(1) << (start & 63);
+        if (to == start || to == UINT32_MAX)
             continue;
-        }
-        memcpy(hand.data(), slot_of(start, true), element_bytes);
-        placed[start >> 6] |= uint64_t(1) << (start & 63);
+        memcpy(hand.data(), slot_of(start), element_bytes);
         // The element in hand goes to `to`; the one found there is taken up next, unless `to`
         // closes the cycle (its old element is the one taken up first).
-        while (to != UINT32_MAX && !(to != start && (placed[to >> 6] >> (to & 63) & 1))) {
-            uint8_t* slot = slot_of(to, false);
-            if (to == start) {
-                memcpy(slot, hand.data(), element_bytes);
-                break;
+        bool open = true;
+        while (open) {
+            uint32_t steps[RUN_AHEAD];
+            uint32_t batch = 0;
+            for (uint32_t at = to; batch < RUN_AHEAD;) {
+                steps[batch++] = at;
+                if (at == start || at == UINT32_MAX || is_placed(at))
+                    break;
+                at = dest[at];
             }
-            memcpy(swap.data(), slot, element_bytes);
-            memcpy(slot, hand.data(), element_bytes);
-            hand.swap(swap);
-            placed[to >> 6] |= uint64_t(1) << (to & 63);
-            to = dest[to];
+            for (uint32_t k = 0; k < batch && steps[k] != UINT32_MAX; ++k) {
+                const uint8_t* slot = slot_of(steps[k]);
+                __builtin_prefetch(slot, 1);
+                __builtin_prefetch(slot + element_bytes - 1, 1);
+            }
+            for (uint32_t k = 0; k < batch; ++k) {
+                to = steps[k];
+                if (to == UINT32_MAX || (to != start && is_placed(to))) {
+                    open = false;
+                    break;
+                }
+                uint8_t* slot = slot_of(to);
+                if (to == start) {
+                    memcpy(slot, hand.data(), element_bytes);
+                    open = false;
+                    break;
+                }
+                memcpy(swap.data(), slot, element_bytes);
+                memcpy(slot, hand.data(), element_bytes);
+                hand.swap(swap);
+                place(to);
+            }
+            if (open)
+                to = dest[to];
         }
     }
+}
+
+// The permutation of a store's elements in its own pages. When the store's pages fit in a
+// thread table, they are all taken into a table of their own, where nothing can evict them
+// (the build runs alone and allocates nothing meanwhile), and the elements are addressed
+// through the pages' bytes directly; otherwise every access goes through the page cache.
+void permute_in_place(Map_page_store& store, const std::vector<uint32_t>& dest, uint32_t pages)
+{
+    const uint32_t element_bytes = store.element_bytes, per_page = store.elements_per_page;
+    const uint32_t capacity = Map_manager::instance().thread_table_capacity();
+    const uint32_t cache_pages = (pages + store.file_pages_per_cache_page - 1) >> store.cache_page_shift;
+    if (uint64_t(cache_pages) + 4 <= capacity) {
+        Map_page_table table(capacity);
+        std::vector<uint8_t*> page_bytes(pages);
+        for (uint32_t page = 0; page < pages; ++page)
+            page_bytes[page] = store.get_page(page, false, &table);
+        // Fetching the last pages may have taken earlier ones back for lack of memory: each
+        // must still be in the table, at the same address.
+        bool pinned = true;
+        for (uint32_t page = 0; page < pages && pinned; ++page)
+            pinned = store.get_page(page, false, &table, MAP_PAGE_NO_LOAD) == page_bytes[page];
+        if (pinned) {
+            follow_cycles(dest, element_bytes, [&](uint32_t index) {
+                return page_bytes[index / per_page] + size_t(index % per_page) * element_bytes;
+            });
+            return;
+        }
+    }
+    follow_cycles(dest, element_bytes, [&](uint32_t index) {
+        return store.get_page(index / per_page, false) + size_t(index % per_page) * element_bytes;
+    });
 }
 
 // The reorder's writes into a second store: each element of `store` in index order to the
@@ -388,7 +445,7 @@ bool full_build(Map_impl& map, bool verbose)
                 bounds.add(position, dimension);
             }
         });
-        permute_in_place(store, cells, per_page);
+        permute_in_place(store, cells, pages);
     } else {
         // 5. Into staged pages, which live in a store of their own so that dropping the old
         //    pages and their segments leaves them alone.
