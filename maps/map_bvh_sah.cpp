@@ -105,23 +105,52 @@ uint32_t partition(uint32_t* order, uint32_t begin, uint32_t end, const float* c
     return low;
 }
 
-// Orders a sweep's items by centre on one axis, ties by item number: a strict total order, so
-// any correct sort gives the same sequence. The nodes are small (at most SWEEP_UP_TO items), and
-// an insertion sort over local keys beats a general sort that reaches the centres through the
-// item numbers.
-inline void sort_sweep(float* keys, uint32_t* items, uint32_t n)
+// The cost terms of a sweep's cuts 1 .. n-1: box_area of the side's box at cut k times the
+// side's item count (k on the left, n - k on the right), as box_area computes it.
+template <uint32_t N>
+inline void side_areas(const float (*side_min)[SWEEP_UP_TO], const float (*side_max)[SWEEP_UP_TO], uint32_t n,
+                       float* out, bool left)
 {
     for (uint32_t k = 1; k < n; ++k) {
+        float extent[N];
+        for (uint32_t a = 0; a < N; ++a)
+            extent[a] = std::max(0.0f, side_max[a][k] - side_min[a][k]);
+        float area;
+        if constexpr (N == 1) {
+            area = extent[0];
+        } else if constexpr (N == 2) {
+            area = extent[0] + extent[1];
+        } else {
+            area = 0.0f;
+            for (uint32_t a = 0; a < N; ++a)
+                for (uint32_t b = a + 1; b < N; ++b)
+                    area += extent[a] * extent[b];
+        }
+        out[k] = area * float(left ? k : n - k);
+    }
+}
+
+// Orders a sweep's items by centre on one axis, ties by item number: a strict total order, so
+// any correct sort gives the same sequence. The nodes are small (at most SWEEP_UP_TO items):
+// each item's place is the number of items before it, counted without branches (the compares
+// of a general sort are coin tosses for the branch predictor).
+inline void sort_sweep(float* keys, uint32_t* items, uint32_t n)
+{
+    float key_copy[SWEEP_UP_TO];
+    uint32_t item_copy[SWEEP_UP_TO], place[SWEEP_UP_TO];
+    for (uint32_t k = 0; k < n; ++k) {
         const float key = keys[k];
         const uint32_t item = items[k];
-        uint32_t j = k;
-        while (j > 0 && (key < keys[j - 1] || (key == keys[j - 1] && item < items[j - 1]))) {
-            keys[j] = keys[j - 1];
-            items[j] = items[j - 1];
-            --j;
-        }
-        keys[j] = key;
-        items[j] = item;
+        uint32_t before = 0;
+        for (uint32_t j = 0; j < n; ++j)
+            before += uint32_t(keys[j] < key) | (uint32_t(keys[j] == key) & uint32_t(items[j] < item));
+        place[k] = before;
+    }
+    std::copy(keys, keys + n, key_copy);
+    std::copy(items, items + n, item_copy);
+    for (uint32_t k = 0; k < n; ++k) {
+        keys[place[k]] = key_copy[k];
+        items[place[k]] = item_copy[k];
     }
 }
 
@@ -193,7 +222,8 @@ uint32_t split_node(Binary_node& node, const float* boxes, const float* cmin, co
         // Sweep: every cut between neighbours in centre order, on every axis.
         float keys[SWEEP_UP_TO];
         uint32_t items[SWEEP_UP_TO], best[SWEEP_UP_TO];
-        float right_area[SWEEP_UP_TO];
+        float right_area[SWEEP_UP_TO], left_area[SWEEP_UP_TO];
+        float side_min[N][SWEEP_UP_TO], side_max[N][SWEEP_UP_TO];
         float best_cost = 0.0f;
         uint32_t best_cut = 0;
         bool found = false;
@@ -214,17 +244,30 @@ uint32_t split_node(Binary_node& node, const float* boxes, const float* cmin, co
                     return cx < cy || (cx == cy && x < y);
                 });
             }
+            // The boxes of every suffix and prefix first, then their costs over all cuts at
+            // once (the same operations per cut, in loops the compiler runs in vector lanes).
             float bmin[N], bmax[N];
             box_empty<N>(bmin, bmax);
             for (uint32_t k = n; k-- > 1;) {
                 box_grow<N>(bmin, bmax, boxes + size_t(items[k]) * 2 * N);
-                right_area[k] = box_area<N>(bmin, bmax) * float(n - k);
+                for (uint32_t a2 = 0; a2 < N; ++a2) {
+                    side_min[a2][k] = bmin[a2];
+                    side_max[a2][k] = bmax[a2];
+                }
             }
+            side_areas<N>(side_min, side_max, n, right_area, false);
             box_empty<N>(bmin, bmax);
-            bool improved = false;
             for (uint32_t k = 1; k < n; ++k) {
                 box_grow<N>(bmin, bmax, boxes + size_t(items[k - 1]) * 2 * N);
-                float cost = box_area<N>(bmin, bmax) * float(k) + right_area[k];
+                for (uint32_t a2 = 0; a2 < N; ++a2) {
+                    side_min[a2][k] = bmin[a2];
+                    side_max[a2][k] = bmax[a2];
+                }
+            }
+            side_areas<N>(side_min, side_max, n, left_area, true);
+            bool improved = false;
+            for (uint32_t k = 1; k < n; ++k) {
+                float cost = left_area[k] + right_area[k];
                 if (!found || cost < best_cost) {
                     best_cost = cost;
                     best_cut = k;
