@@ -18,7 +18,8 @@
 # bytes. BASELINE=build_dir runs that build's fg_splice right after every row of this one, on the
 # same files under the same load, and prints the ratio of the two (this build / the baseline).
 # Besides wall time, every row reports the CPU time (user + system), which a shared machine's
-# load inflates far less than the wall time.
+# load inflates far less than the wall time. ROWS=regex runs only the tool rows whose names match
+# it (the dd row always runs), e.g. ROWS='copy|box' for the copies and the box.
 #
 # The merge distance follows the point density of the generated room, so that a point has about
 # NEIGHBOURS others within it whatever the count: fg_make_room spreads the points evenly over
@@ -101,6 +102,7 @@ for n in "${counts[@]}"; do
   # tool_row NAME OUTPUT ARGS...: this build's fg_splice, then the baseline's on the same files.
   tool_row() {
     local name=$1 output=$2; shift 2
+    [[ -z "${ROWS:-}" || "$name" =~ $ROWS ]] || return 0
     row "$name" "$output" "$tool" "$@"
     [ -n "$base_tool" ] || return 0
     local wall_now=$last_wall cpu_now=$last_cpu
@@ -119,7 +121,7 @@ for n in "${counts[@]}"; do
   tool_row "merge -f $distance current" "$work/out.fgm" -f "$distance" "$current" "$work/out.fgm"
   tool_row "merge classic -l on" "$work/out.fg" -l on -f "$distance" "$classic" "$work/out.fg"
   merge_wall=$last_wall
-  if [ -x "$peer" ]; then
+  if [ -x "$peer" ] && [[ -z "${ROWS:-}" || "merge" =~ $ROWS ]]; then
     row "peer nanoflann merge classic" - "$peer" "$distance" 5 "$classic" "$work/peer.out"
     awk -v a="$merge_wall" -v b="$last_wall" 'BEGIN { printf "# merge classic -l on is %.2f times faster than the peer\n", (a > 0) ? b / a : 0 }'
   fi

@@ -8,6 +8,7 @@
 // sequential reads and one write of its pages, without a general sort.
 #include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <vector>
@@ -17,6 +18,7 @@
 #include "maps/map_impl.h"
 #include "maps/map_manager.h"
 #include "maps/map_page_store.h"
+#include "maps/map_page_table.h"
 #include "runtime/modules.h"
 #include "runtime/msg.h"
 
@@ -50,8 +52,12 @@ public:
             root_minimum_[a] = bounds.minimum[a];
             root_maximum_[a] = bounds.maximum[a];
             map_extent_[a] = bounds.maximum[a] - bounds.minimum[a];
+            lanes_ok_ = lanes_ok_ && map_extent_[a] > 0.0f && map_extent_[a] < INFINITY;
+            widest_stopped_[a] = lanes_ok_ ? widest_stopping(map_extent_[a]) : 0.0f;
         }
     }
+    // Whether `codes` may be used; otherwise `code` gives every element's cell.
+    bool lanes_ok() const { return lanes_ok_; }
 
     static constexpr uint32_t CELLS = 1u << COUNT_TREE_MAX_DEPTH;
 
@@ -82,10 +88,100 @@ public:
         return path << (COUNT_TREE_MAX_DEPTH - depth);
     }
 
+    // The codes of LANES elements at once: the same operations as `code`, in lanes that go
+    // down side by side without branches, so that the dependency chain of one element's walk
+    // overlaps with the others' and the compiler can use vector registers. The smallest-cell
+    // test compares with widest_stopped_ instead of dividing. A lane that stops keeps its path.
+    static constexpr uint32_t LANES = 8;
+    void codes(const uint8_t* elements, size_t stride, uint32_t* out) const
+    {
+        using Floats = float __attribute__((vector_size(16)));
+        using Masks = int32_t __attribute__((vector_size(16)));
+        constexpr uint32_t W = 4, G = LANES / W;
+        Floats minimum[N][G], maximum[N][G], position[N][G];
+        Masks path[G], depth[G], active[G];
+        for (uint32_t g = 0; g < G; ++g) {
+            const float* p[W];
+            for (uint32_t l = 0; l < W; ++l)
+                p[l] = reinterpret_cast<const float*>(elements + (g * W + l) * stride);
+            for (uint32_t a = 0; a < N; ++a) {
+                minimum[a][g] = Floats{} + root_minimum_[a];
+                maximum[a][g] = Floats{} + root_maximum_[a];
+                position[a][g] = Floats{p[0][a], p[1][a], p[2][a], p[3][a]};
+            }
+            path[g] = Masks{};
+            depth[g] = Masks{};
+            active[g] = Masks{} - 1;
+        }
+        for (uint32_t level = 0; level < COUNT_TREE_MAX_DEPTH; ++level) {
+            Masks any = Masks{};
+            for (uint32_t g = 0; g < G; ++g) {
+                Masks axis = Masks{};
+                Floats widest = maximum[0][g] - minimum[0][g];
+                Floats low = minimum[0][g], high = maximum[0][g], at = position[0][g];
+                Floats stopped = Floats{} + widest_stopped_[0];
+                for (uint32_t a = 1; a < N; ++a) {
+                    const Floats width = maximum[a][g] - minimum[a][g];
+                    const Masks wider = width > widest;
+                    axis = wider ? Masks{} + int32_t(a) : axis;
+                    widest = wider ? width : widest;
+                    low = wider ? minimum[a][g] : low;
+                    high = wider ? maximum[a][g] : high;
+                    at = wider ? position[a][g] : at;
+                    stopped = wider ? Floats{} + widest_stopped_[a] : stopped;
+                }
+                const Masks go = active[g] & (widest > stopped);
+                active[g] = go;
+                any |= go;
+                const Floats split = 0.5f * (low + high);
+                const Masks upper = ~(split > at);
+                path[g] = go ? ((path[g] << 1) | (upper & 1)) : path[g];
+                depth[g] -= go;
+                for (uint32_t a = 0; a < N; ++a) {
+                    const Masks cut = go & (axis == int32_t(a));
+                    minimum[a][g] = (cut & upper) ? split : minimum[a][g];
+                    maximum[a][g] = (cut & ~upper) ? split : maximum[a][g];
+                }
+            }
+            bool more = false;
+            for (uint32_t l = 0; l < W; ++l)
+                more |= any[l] != 0;
+            if (!more)
+                break;
+        }
+        for (uint32_t g = 0; g < G; ++g)
+            for (uint32_t l = 0; l < W; ++l)
+                out[g * W + l] = uint32_t(path[g][l]) << (COUNT_TREE_MAX_DEPTH - uint32_t(depth[g][l]));
+    }
+
 private:
+    // The largest cell side that the smallest-cell test stops, for a map side of `extent`
+    // (positive and finite). The rounded quotient side / extent does not fall as the side grows,
+    // so "side / extent not above the limit" holds exactly for the sides up to this one (and
+    // for NaN): one comparison in place of a division per level, with the same answers. Found
+    // by bisecting the bit patterns of the non-negative floats, which order like their values.
+    static float widest_stopping(float extent)
+    {
+        auto stops = [extent](uint32_t bits) {
+            float side;
+            memcpy(&side, &bits, sizeof side);
+            return !(side / extent > COUNT_TREE_MIN_CELL);
+        };
+        uint32_t low = 0, high = 0x7F800000u;   // stops(0), not stops(infinity)
+        while (high - low > 1) {
+            const uint32_t middle = low + (high - low) / 2;
+            (stops(middle) ? low : high) = middle;
+        }
+        float side;
+        memcpy(&side, &low, sizeof side);
+        return side;
+    }
+
     float root_minimum_[N];
     float root_maximum_[N];
     float map_extent_[N];
+    float widest_stopped_[N];
+    bool lanes_ok_ = true;
 };
 
 // Walks elements [0, count) page by page in index order, handing out runs that lie in one page.
@@ -102,6 +198,158 @@ void for_each_run(Map_page_store& store, uint32_t count, Visit visit)
         visit(data + size_t(slot) * store.element_bytes, done, run);
         done += run;
     }
+}
+
+// Moves every element i of [0, dest.size()) to index dest[i] inside the store's own pages by
+// following the permutation's cycles: each element is read and written once, and one element is
+// in hand at a time. UINT32_MAX marks an element without a place (it is overwritten).
+// `slot_of(index)` gives the bytes of an element.
+template <class Slot_of>
+void follow_cycles(const std::vector<uint32_t>& dest, uint32_t element_bytes, Slot_of slot_of)
+{
+    // A cycle is a chain of dependent reads; the next steps' indices are looked up first and
+    // their slots prefetched, so that the slots' cache misses overlap instead of following each
+    // other.
+    constexpr uint32_t RUN_AHEAD = 16;
+    const uint32_t count = uint32_t(dest.size());
+    std::vector<uint64_t> placed((size_t(count) + 63) / 64, 0);
+    auto is_placed = [&](uint32_t index) { return placed[index >> 6] >> (index & 63) & 1; };
+    auto place = [&](uint32_t index) { placed[index >> 6] |= uint64_t(1) << (index & 63); };
+    std::vector<uint8_t> hand(element_bytes), swap(element_bytes);
+    for (uint32_t start = 0; start < count; ++start) {
+        if (is_placed(start))
+            continue;
+        place(start);
+        uint32_t to = dest[start];
+        if (to == start || to == UINT32_MAX)
+            continue;
+        memcpy(hand.data(), slot_of(start), element_bytes);
+        // The element in hand goes to `to`; the one found there is taken up next, unless `to`
+        // closes the cycle (its old element is the one taken up first).
+        bool open = true;
+        while (open) {
+            uint32_t steps[RUN_AHEAD];
+            uint32_t batch = 0;
+            for (uint32_t at = to; batch < RUN_AHEAD;) {
+                steps[batch++] = at;
+                if (at == start || at == UINT32_MAX || is_placed(at))
+                    break;
+                at = dest[at];
+            }
+            for (uint32_t k = 0; k < batch && steps[k] != UINT32_MAX; ++k) {
+                const uint8_t* slot = slot_of(steps[k]);
+                __builtin_prefetch(slot, 1);
+                __builtin_prefetch(slot + element_bytes - 1, 1);
+            }
+            for (uint32_t k = 0; k < batch; ++k) {
+                to = steps[k];
+                if (to == UINT32_MAX || (to != start && is_placed(to))) {
+                    open = false;
+                    break;
+                }
+                uint8_t* slot = slot_of(to);
+                if (to == start) {
+                    memcpy(slot, hand.data(), element_bytes);
+                    open = false;
+                    break;
+                }
+                memcpy(swap.data(), slot, element_bytes);
+                memcpy(slot, hand.data(), element_bytes);
+                hand.swap(swap);
+                place(to);
+            }
+            if (open)
+                to = dest[to];
+        }
+    }
+}
+
+// The permutation of a store's elements in its own pages. When the store's pages fit in a
+// thread table, they are all taken into a table of their own, where nothing can evict them
+// (the build runs alone and allocates nothing meanwhile), and the elements are addressed
+// through the pages' bytes directly; otherwise every access goes through the page cache.
+void permute_in_place(Map_page_store& store, const std::vector<uint32_t>& dest, uint32_t pages)
+{
+    const uint32_t element_bytes = store.element_bytes, per_page = store.elements_per_page;
+    const uint32_t capacity = Map_manager::instance().thread_table_capacity();
+    const uint32_t cache_pages = (pages + store.file_pages_per_cache_page - 1) >> store.cache_page_shift;
+    if (uint64_t(cache_pages) + 4 <= capacity) {
+        Map_page_table table(capacity);
+        std::vector<uint8_t*> page_bytes(pages);
+        for (uint32_t page = 0; page < pages; ++page)
+            page_bytes[page] = store.get_page(page, false, &table);
+        // Fetching the last pages may have taken earlier ones back for lack of memory: each
+        // must still be in the table, at the same address.
+        bool pinned = true;
+        for (uint32_t page = 0; page < pages && pinned; ++page)
+            pinned = store.get_page(page, false, &table, MAP_PAGE_NO_LOAD) == page_bytes[page];
+        if (pinned) {
+            follow_cycles(dest, element_bytes, [&](uint32_t index) {
+                return page_bytes[index / per_page] + size_t(index % per_page) * element_bytes;
+            });
+            return;
+        }
+    }
+    follow_cycles(dest, element_bytes, [&](uint32_t index) {
+        return store.get_page(index / per_page, false) + size_t(index % per_page) * element_bytes;
+    });
+}
+
+// The reorder's writes into a second store: each element of `store` in index order to the
+// next index of its cell, as a copy into the staged page of that index.
+template <class Bvh>
+void copy_to_staged(Map_page_store& store, Map_page_store& staged, Bvh& bvh, uint32_t count,
+                    const std::vector<uint32_t>& cells, std::vector<uint32_t>& next_index,
+                    std::vector<uint64_t>& chosen, Map_bounds& bounds)
+{
+    const uint32_t element_bytes = store.element_bytes, dimension = store.dimension;
+    const uint32_t per_page = store.elements_per_page;
+    constexpr uint32_t AHEAD = 8;
+    std::vector<uint8_t> run_copy(MAP_FILE_PAGE_BYTES);
+    Map_manager& manager = Map_manager::instance();
+    for_each_run(store, count, [&](const uint8_t* data, uint32_t done, uint32_t run) {
+        // The staged writes below may push the old page out of the thread's table.
+        memcpy(run_copy.data(), data, size_t(run) * element_bytes);
+        uint32_t open_page = UINT32_MAX;
+        uint8_t* open_data = nullptr;
+        for (uint32_t i = 0; i < run; ++i) {
+            const uint8_t* element = run_copy.data() + size_t(i) * element_bytes;
+            const float* position = reinterpret_cast<const float*>(element);
+            if (done + i + AHEAD < count)
+                __builtin_prefetch(&next_index[cells[done + i + AHEAD]], 1);
+            uint32_t p = next_index[cells[done + i]]++;
+            if (p >= count) {
+                msg_warn("--- entry %u already set!", p);
+                continue;
+            }
+            uint64_t bit = uint64_t(1) << (p & 63);
+            if (chosen[p >> 6] & bit)
+                msg_warn("--- entry %u already set!", p);
+            chosen[p >> 6] |= bit;
+            uint32_t page = p / per_page;
+            // Only the most recently fetched page is sure to stay in the table.
+            if (page != open_page) {
+                open_data = staged.get_page(page, false);
+                open_page = page;
+            }
+            memcpy(open_data + size_t(p % per_page) * element_bytes, element, element_bytes);
+            bvh.add_to_box(page, position);
+            bounds.add(position, dimension);
+        }
+        // An old page that has been passed is never read again before the store is dropped:
+        // its buffer goes to the free list and serves the next staged page, so a map in
+        // roughly spatial order is not held twice while it is rewritten.
+        uint32_t page, slot;
+        store.locate(done + run - 1, &page, &slot);
+        uint32_t cache_page = page >> store.cache_page_shift;
+        if (done + run < count) {
+            uint32_t next_page, next_slot;
+            store.locate(done + run, &next_page, &next_slot);
+            if (next_page >> store.cache_page_shift == cache_page)
+                return;
+        }
+        manager.discard_page(&store, cache_page);
+    });
 }
 
 template <uint32_t N>
@@ -137,10 +385,13 @@ bool full_build(Map_impl& map, bool verbose)
     // prefetched when its cell is known and counted a few elements later.
     constexpr uint32_t AHEAD = 8;
     for_each_run(store, count, [&](const uint8_t* data, uint32_t done, uint32_t run) {
-        for (uint32_t i = 0; i < run; ++i) {
-            const uint32_t cell = coder.code(reinterpret_cast<const float*>(data + size_t(i) * element_bytes));
-            cells[done + i] = cell;
-            __builtin_prefetch(&next_index[cell], 1);
+        uint32_t i = 0;
+        for (; coder.lanes_ok() && i + Cell_coder<N>::LANES <= run; i += Cell_coder<N>::LANES)
+            coder.codes(data + size_t(i) * element_bytes, element_bytes, &cells[done + i]);
+        for (; i < run; ++i)
+            cells[done + i] = coder.code(reinterpret_cast<const float*>(data + size_t(i) * element_bytes));
+        for (i = 0; i < run; ++i) {
+            __builtin_prefetch(&next_index[cells[done + i]], 1);
             if (done + i >= AHEAD)
                 ++next_index[cells[done + i - AHEAD]];
         }
@@ -160,55 +411,47 @@ bool full_build(Map_impl& map, bool verbose)
     Map_bounds bounds;
     bounds.clear();
 
-    // 5. Into staged pages, which live in a store of their own so that dropping the old pages
-    //    and their segments leaves them alone.
+    // A map whose elements all lie in one memory segment from element 0 (what appends leave)
+    // has element i at page i / E, slot i % E, the layout of the staged pages. Its elements are
+    // then permuted in place, in its own pages, instead of being copied into a second set of
+    // pages: the build holds one copy of the map, whatever the input order.
+    const std::vector<Map_segment>& segments = store.segments();
+    const bool one_memory_segment = segments.size() == 1 && segments[0].file_index < 0 &&
+                                    segments[0].first_element == 0 && segments[0].last_element + 1 == count &&
+                                    segments[0].elements_per_page == per_page;
+    const bool in_place = count > 0 && store.file_count() == 0 && (segments.empty() || one_memory_segment);
     Map_page_store staged;
-    staged.configure(element_bytes, dimension);
-    std::vector<uint8_t> run_copy(MAP_FILE_PAGE_BYTES);
-    Map_manager& manager = Map_manager::instance();
-    for_each_run(store, count, [&](const uint8_t* data, uint32_t done, uint32_t run) {
-        // The staged writes below may push the old page out of the thread's table.
-        memcpy(run_copy.data(), data, size_t(run) * element_bytes);
-        uint32_t open_page = UINT32_MAX;
-        uint8_t* open_data = nullptr;
-        for (uint32_t i = 0; i < run; ++i) {
-            const uint8_t* element = run_copy.data() + size_t(i) * element_bytes;
-            const float* position = reinterpret_cast<const float*>(element);
-            if (done + i + AHEAD < count)
-                __builtin_prefetch(&next_index[cells[done + i + AHEAD]], 1);
-            uint32_t p = next_index[cells[done + i]]++;
-            if (p >= count) {
-                msg_warn("--- entry %u already set!", p);
-                continue;
+    if (in_place) {
+        // 5. Every element's new index replaces its cell; the boxes grow as in the copy.
+        for_each_run(store, count, [&](const uint8_t* data, uint32_t done, uint32_t run) {
+            for (uint32_t i = 0; i < run; ++i) {
+                const float* position = reinterpret_cast<const float*>(data + size_t(i) * element_bytes);
+                if (done + i + AHEAD < count)
+                    __builtin_prefetch(&next_index[cells[done + i + AHEAD]], 1);
+                uint32_t p = next_index[cells[done + i]]++;
+                cells[done + i] = UINT32_MAX;
+                if (p >= count) {
+                    msg_warn("--- entry %u already set!", p);
+                    continue;
+                }
+                uint64_t bit = uint64_t(1) << (p & 63);
+                if (chosen[p >> 6] & bit) {
+                    msg_warn("--- entry %u already set!", p);
+                    continue;
+                }
+                chosen[p >> 6] |= bit;
+                cells[done + i] = p;
+                bvh->add_to_box(p / per_page, position);
+                bounds.add(position, dimension);
             }
-            uint64_t bit = uint64_t(1) << (p & 63);
-            if (chosen[p >> 6] & bit)
-                msg_warn("--- entry %u already set!", p);
-            chosen[p >> 6] |= bit;
-            uint32_t page = p / per_page;
-            // Only the most recently fetched page is sure to stay in the table.
-            if (page != open_page) {
-                open_data = staged.get_page(page, false);
-                open_page = page;
-            }
-            memcpy(open_data + size_t(p % per_page) * element_bytes, element, element_bytes);
-            bvh->add_to_box(page, position);
-            bounds.add(position, dimension);
-        }
-        // An old page that has been passed is never read again before the store is dropped:
-        // its buffer goes to the free list and serves the next staged page, so a map in
-        // roughly spatial order is not held twice while it is rewritten.
-        uint32_t page, slot;
-        store.locate(done + run - 1, &page, &slot);
-        uint32_t cache_page = page >> store.cache_page_shift;
-        if (done + run < count) {
-            uint32_t next_page, next_slot;
-            store.locate(done + run, &next_page, &next_slot);
-            if (next_page >> store.cache_page_shift == cache_page)
-                return;
-        }
-        manager.discard_page(&store, cache_page);
-    });
+        });
+        permute_in_place(store, cells, pages);
+    } else {
+        // 5. Into staged pages, which live in a store of their own so that dropping the old
+        //    pages and their segments leaves them alone.
+        staged.configure(element_bytes, dimension);
+        copy_to_staged(store, staged, *bvh, count, cells, next_index, chosen, bounds);
+    }
     std::vector<uint32_t>().swap(cells);
     std::vector<uint32_t>().swap(next_index);
     // 6.
@@ -217,17 +460,21 @@ bool full_build(Map_impl& map, bool verbose)
             msg_warn("entry %u has not been chosen", i);
 
     // 7. The old pages go, with their segments and the files behind them.
-    store.reset();
-    store.configure(element_bytes, dimension);
+    if (!in_place) {
+        store.reset();
+        store.configure(element_bytes, dimension);
+    }
 
     // 8.
     if (pages) {
-        Map_page_bvh_job<N> job(map_bvh_thread_count(), &store, &staged, pages, 0, per_page, last_page_count);
+        Map_page_bvh_job<N> job(map_bvh_thread_count(), &store, in_place ? &store : &staged, pages, 0, per_page,
+                                last_page_count);
         job.execute(nullptr);
     }
     // 9. The staged pages go with their store; the map has one segment.
     staged.reset();
-    store.add_memory_segment(0, count);
+    if (store.segments().empty())
+        store.add_memory_segment(0, count);
     for (uint32_t i = 0; i < map.get_pending_count(); ++i)
         map.write_element(count + i, pending.data() + size_t(i) * element_bytes);
     {

@@ -33,9 +33,6 @@ struct Map_bvh_scratch {
     std::vector<uint32_t> order;
     std::vector<Binary_node> binary;
     std::vector<uint32_t> stack;
-    std::vector<uint32_t> sweep;         // sorted copy of a node's items
-    std::vector<float> right_area;       // suffix areas of a sweep
-    std::vector<uint32_t> best_sweep;
     std::vector<uint32_t> queue;         // binary node of each stored node
     std::vector<uint8_t> page_copy;      // elements before the leaf-order permutation
 };
@@ -108,27 +105,64 @@ uint32_t partition(uint32_t* order, uint32_t begin, uint32_t end, const float* c
     return low;
 }
 
-// Chooses where node `node`'s items are cut and reorders them; returns the first item of the
-// upper child, strictly inside the range.
+// The cost terms of a sweep's cuts 1 .. n-1: box_area of the side's box at cut k times the
+// side's item count (k on the left, n - k on the right), as box_area computes it.
 template <uint32_t N>
-uint32_t split_node(Binary_node& node, const float* boxes, Map_bvh_scratch& s)
+inline void side_areas(const float (*side_min)[SWEEP_UP_TO], const float (*side_max)[SWEEP_UP_TO], uint32_t n,
+                       float* out, bool left)
+{
+    for (uint32_t k = 1; k < n; ++k) {
+        float extent[N];
+        for (uint32_t a = 0; a < N; ++a)
+            extent[a] = std::max(0.0f, side_max[a][k] - side_min[a][k]);
+        float area;
+        if constexpr (N == 1) {
+            area = extent[0];
+        } else if constexpr (N == 2) {
+            area = extent[0] + extent[1];
+        } else {
+            area = 0.0f;
+            for (uint32_t a = 0; a < N; ++a)
+                for (uint32_t b = a + 1; b < N; ++b)
+                    area += extent[a] * extent[b];
+        }
+        out[k] = area * float(left ? k : n - k);
+    }
+}
+
+// Orders a sweep's items by centre on one axis, ties by item number: a strict total order, so
+// any correct sort gives the same sequence. The nodes are small (at most SWEEP_UP_TO items):
+// each item's place is the number of items before it, counted without branches (the compares
+// of a general sort are coin tosses for the branch predictor).
+inline void sort_sweep(float* keys, uint32_t* items, uint32_t n)
+{
+    float key_copy[SWEEP_UP_TO];
+    uint32_t item_copy[SWEEP_UP_TO], place[SWEEP_UP_TO];
+    for (uint32_t k = 0; k < n; ++k) {
+        const float key = keys[k];
+        const uint32_t item = items[k];
+        uint32_t before = 0;
+        for (uint32_t j = 0; j < n; ++j)
+            before += uint32_t(keys[j] < key) | (uint32_t(keys[j] == key) & uint32_t(items[j] < item));
+        place[k] = before;
+    }
+    std::copy(keys, keys + n, key_copy);
+    std::copy(items, items + n, item_copy);
+    for (uint32_t k = 0; k < n; ++k) {
+        keys[place[k]] = key_copy[k];
+        items[place[k]] = item_copy[k];
+    }
+}
+
+// Chooses where node `node`'s items are cut and reorders them; returns the first item of the
+// upper child, strictly inside the range. `cmin`, `cmax`: the bounds of the items' centres.
+template <uint32_t N>
+uint32_t split_node(Binary_node& node, const float* boxes, const float* cmin, const float* cmax, Map_bvh_scratch& s)
 {
     uint32_t* order = s.order.data();
     const float* centres = s.centres.data();
     uint32_t begin = node.begin, end = node.end, n = end - begin;
 
-    float cmin[N], cmax[N];
-    for (uint32_t a = 0; a < N; ++a) {
-        cmin[a] = 1.0e36f;
-        cmax[a] = -1.0e36f;
-    }
-    for (uint32_t i = begin; i < end; ++i) {
-        const float* c = centres + size_t(order[i]) * N;
-        for (uint32_t a = 0; a < N; ++a) {
-            cmin[a] = std::min(cmin[a], c[a]);
-            cmax[a] = std::max(cmax[a], c[a]);
-        }
-    }
     bool any_extent = false;
     for (uint32_t a = 0; a < N; ++a)
         any_extent |= cmax[a] > cmin[a];
@@ -150,55 +184,90 @@ uint32_t split_node(Binary_node& node, const float* boxes, Map_bvh_scratch& s)
         mid = partition<N>(order, begin, end, centres, axis, 0.5f * (cmin[axis] + cmax[axis]));
     } else if (n > SWEEP_UP_TO) {
         // One plane per axis, at the centre of the centre bounds; the cheapest side split wins.
+        // All planes are tried in one pass over the items (min and max do not depend on the
+        // order in which the boxes are merged).
+        float plane[N], lmin[N][N], lmax[N][N], rmin[N][N], rmax[N][N];
+        uint32_t left[N];
+        for (uint32_t a = 0; a < N; ++a) {
+            plane[a] = 0.5f * (cmin[a] + cmax[a]);
+            box_empty<N>(lmin[a], lmax[a]);
+            box_empty<N>(rmin[a], rmax[a]);
+            left[a] = 0;
+        }
+        for (uint32_t i = begin; i < end; ++i) {
+            uint32_t item = order[i];
+            const float* box = boxes + size_t(item) * 2 * N;
+            const float* c = centres + size_t(item) * N;
+            for (uint32_t a = 0; a < N; ++a) {
+                if (c[a] <= plane[a]) {
+                    box_grow<N>(lmin[a], lmax[a], box);
+                    ++left[a];
+                } else {
+                    box_grow<N>(rmin[a], rmax[a], box);
+                }
+            }
+        }
         uint32_t best_axis = 0;
         float best_cost = 0.0f;
         for (uint32_t a = 0; a < N; ++a) {
-            float plane = 0.5f * (cmin[a] + cmax[a]);
-            float lmin[N], lmax[N], rmin[N], rmax[N];
-            box_empty<N>(lmin, lmax);
-            box_empty<N>(rmin, rmax);
-            uint32_t left = 0;
-            for (uint32_t i = begin; i < end; ++i) {
-                uint32_t item = order[i];
-                const float* box = boxes + size_t(item) * 2 * N;
-                if (centres[size_t(item) * N + a] <= plane) {
-                    box_grow<N>(lmin, lmax, box);
-                    ++left;
-                } else {
-                    box_grow<N>(rmin, rmax, box);
-                }
-            }
-            float cost = (left ? box_area<N>(lmin, lmax) * float(left) : 0.0f) +
-                         (left < n ? box_area<N>(rmin, rmax) * float(n - left) : 0.0f);
+            float cost = (left[a] ? box_area<N>(lmin[a], lmax[a]) * float(left[a]) : 0.0f) +
+                         (left[a] < n ? box_area<N>(rmin[a], rmax[a]) * float(n - left[a]) : 0.0f);
             if (a == 0 || cost < best_cost) {
                 best_cost = cost;
                 best_axis = a;
             }
         }
-        mid = partition<N>(order, begin, end, centres, best_axis, 0.5f * (cmin[best_axis] + cmax[best_axis]));
+        mid = partition<N>(order, begin, end, centres, best_axis, plane[best_axis]);
     } else {
         // Sweep: every cut between neighbours in centre order, on every axis.
-        s.sweep.assign(order + begin, order + end);
-        s.right_area.resize(n);
+        float keys[SWEEP_UP_TO];
+        uint32_t items[SWEEP_UP_TO], best[SWEEP_UP_TO];
+        float right_area[SWEEP_UP_TO], left_area[SWEEP_UP_TO];
+        float side_min[N][SWEEP_UP_TO], side_max[N][SWEEP_UP_TO];
         float best_cost = 0.0f;
         uint32_t best_cut = 0;
         bool found = false;
         for (uint32_t a = 0; a < N; ++a) {
-            std::sort(s.sweep.begin(), s.sweep.end(), [&](uint32_t x, uint32_t y) {
-                float cx = centres[size_t(x) * N + a], cy = centres[size_t(y) * N + a];
-                return cx < cy || (cx == cy && x < y);
-            });
+            bool comparable = true;
+            for (uint32_t k = 0; k < n; ++k) {
+                items[k] = order[begin + k];
+                keys[k] = centres[size_t(items[k]) * N + a];
+                comparable &= keys[k] == keys[k];
+            }
+            if (comparable) {
+                sort_sweep(keys, items, n);
+            } else {
+                // A NaN centre leaves no order; the sequence is whatever the general sort makes
+                // of it, as it always was.
+                std::sort(items, items + n, [&](uint32_t x, uint32_t y) {
+                    float cx = centres[size_t(x) * N + a], cy = centres[size_t(y) * N + a];
+                    return cx < cy || (cx == cy && x < y);
+                });
+            }
+            // The boxes of every suffix and prefix first, then their costs over all cuts at
+            // once (the same operations per cut, in loops the compiler runs in vector lanes).
             float bmin[N], bmax[N];
             box_empty<N>(bmin, bmax);
             for (uint32_t k = n; k-- > 1;) {
-                box_grow<N>(bmin, bmax, boxes + size_t(s.sweep[k]) * 2 * N);
-                s.right_area[k] = box_area<N>(bmin, bmax) * float(n - k);
+                box_grow<N>(bmin, bmax, boxes + size_t(items[k]) * 2 * N);
+                for (uint32_t a2 = 0; a2 < N; ++a2) {
+                    side_min[a2][k] = bmin[a2];
+                    side_max[a2][k] = bmax[a2];
+                }
             }
+            side_areas<N>(side_min, side_max, n, right_area, false);
             box_empty<N>(bmin, bmax);
+            for (uint32_t k = 1; k < n; ++k) {
+                box_grow<N>(bmin, bmax, boxes + size_t(items[k - 1]) * 2 * N);
+                for (uint32_t a2 = 0; a2 < N; ++a2) {
+                    side_min[a2][k] = bmin[a2];
+                    side_max[a2][k] = bmax[a2];
+                }
+            }
+            side_areas<N>(side_min, side_max, n, left_area, true);
             bool improved = false;
             for (uint32_t k = 1; k < n; ++k) {
-                box_grow<N>(bmin, bmax, boxes + size_t(s.sweep[k - 1]) * 2 * N);
-                float cost = box_area<N>(bmin, bmax) * float(k) + s.right_area[k];
+                float cost = left_area[k] + right_area[k];
                 if (!found || cost < best_cost) {
                     best_cost = cost;
                     best_cut = k;
@@ -207,9 +276,9 @@ uint32_t split_node(Binary_node& node, const float* boxes, Map_bvh_scratch& s)
                 }
             }
             if (improved)
-                s.best_sweep = s.sweep;
+                std::copy(items, items + n, best);
         }
-        std::copy(s.best_sweep.begin(), s.best_sweep.end(), order + begin);
+        std::copy(best, best + n, order + begin);
         mid = begin + best_cut;
     }
     // Everything on one side: one item goes over, so that both children hold something.
@@ -237,11 +306,28 @@ void build_binary(const float* boxes, uint32_t count, uint32_t leaf_size, Map_bv
         s.stack.pop_back();
         Binary_node node = s.binary[index];
         box_empty<N>(node.minimum, node.maximum);
-        for (uint32_t i = node.begin; i < node.end; ++i)
-            box_grow<N>(node.minimum, node.maximum, boxes + size_t(s.order[i]) * 2 * N);
+        const bool split = node.end - node.begin > leaf_size;
+        float cmin[N], cmax[N];
+        box_empty<N>(cmin, cmax);
+        if (split) {
+            // The split needs the bounds of the centres too: one pass for both.
+            const float* centres = s.centres.data();
+            for (uint32_t i = node.begin; i < node.end; ++i) {
+                const uint32_t item = s.order[i];
+                box_grow<N>(node.minimum, node.maximum, boxes + size_t(item) * 2 * N);
+                const float* c = centres + size_t(item) * N;
+                for (uint32_t a = 0; a < N; ++a) {
+                    cmin[a] = std::min(cmin[a], c[a]);
+                    cmax[a] = std::max(cmax[a], c[a]);
+                }
+            }
+        } else {
+            for (uint32_t i = node.begin; i < node.end; ++i)
+                box_grow<N>(node.minimum, node.maximum, boxes + size_t(s.order[i]) * 2 * N);
+        }
         node.left = -1;
-        if (node.end - node.begin > leaf_size) {
-            uint32_t mid = split_node<N>(node, boxes, s);
+        if (split) {
+            uint32_t mid = split_node<N>(node, boxes, cmin, cmax, s);
             node.left = int32_t(s.binary.size());
             Binary_node child = {};
             child.left = -1;

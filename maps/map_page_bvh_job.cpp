@@ -56,8 +56,9 @@ void Map_page_bvh_job<N>::run_thread(uint32_t t)
         memcpy(state.buffer, staged, MAP_FILE_PAGE_BYTES);
         // The staged page is done with: its buffer serves the target page below, so the map is
         // not held twice at the end of the build. Only a cache page of one file page is
-        // certain to belong to this thread alone.
-        if (staged_->file_pages_per_cache_page == 1)
+        // certain to belong to this thread alone. A build in place has its staged pages in the
+        // target store: the page is the one written below.
+        if (staged_ != store_ && staged_->file_pages_per_cache_page == 1)
             Map_manager::instance().discard_page(staged_, first_staged_page_ + i);
         map_page_bvh_build<N>(state.buffer, count, elements_per_page_, element_bytes, nullptr, *state.scratch);
         uint8_t* target = store_->get_page(i, false, state.table);
