@@ -1,6 +1,9 @@
 #include "tool/merge.h"
 
 #include <cmath>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 #include <cstdint>
 #include <cstring>
 #include <vector>
@@ -733,8 +736,10 @@ Tag merge_map(Tag tag, float distance, float angle_degrees)
             store.locate(i, &page, &slot);
             const uint32_t cache_page = page >> store.cache_page_shift;
             if (cache_page != open_cache_page) {
-                if (open_cache_page != UINT32_MAX)
+                if (open_cache_page != UINT32_MAX) {
                     manager.discard_page(&store, open_cache_page);
+                    manager.free_spare_buffers();
+                }
                 open_cache_page = cache_page;
             }
             map->get(i, &element);
@@ -742,6 +747,11 @@ Tag merge_map(Tag tag, float distance, float angle_degrees)
         }
         source.release();
     }
+#ifdef __GLIBC__
+    // The pages freed above lie in the heap below later allocations, where the allocator keeps
+    // them; the merge's keys come from fresh mappings, so the pages are handed to the system.
+    malloc_trim(0);
+#endif
 
     const unsigned new_count = merge_points(points, count, distance, angle_degrees, 0);
 

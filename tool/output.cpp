@@ -49,9 +49,11 @@ void save_classic(const char* path, Tag tag)
             Map_iterator_impl it(map);
             // The reserved words have no map field; they are written as zero.
             Fg_point point = {};
-            // A page that has been walked gives its buffer back unless it holds changes (those
-            // have no other copy): the map stays in the database, but its pages need not stay in
-            // memory beside the kd-tree, which takes another copy of every point.
+            // A page that has been walked goes, changes and all, and its buffer goes back to
+            // the memory manager, where the kd-tree's blocks find it: this is the last stage and
+            // nothing reads the map again, and its pages would otherwise stay in memory beside
+            // the kd-tree, which takes another copy of every point (a map read from a classic
+            // file has only changed pages, with no file behind them).
             Map_page_store& store = map->page_store();
             Map_manager& manager = Map_manager::instance();
             uint32_t open_cache_page = UINT32_MAX;
@@ -60,8 +62,10 @@ void save_classic(const char* path, Tag tag)
                 store.locate(i, &page, &slot);
                 const uint32_t cache_page = page >> store.cache_page_shift;
                 if (cache_page != open_cache_page) {
-                    if (open_cache_page != UINT32_MAX)
-                        manager.discard_page(&store, open_cache_page, true);
+                    if (open_cache_page != UINT32_MAX) {
+                        manager.discard_page(&store, open_cache_page);
+                        manager.free_spare_buffers();
+                    }
                     open_cache_page = cache_page;
                 }
                 it.get(&element);
