@@ -1,5 +1,6 @@
 #include "tool/merge.h"
 
+#include <algorithm>
 #include <cmath>
 #ifdef __GLIBC__
 #include <malloc.h>
@@ -139,15 +140,28 @@ void sort_keys(const Grid& g, Cell_key* keys, Cell_key* scratch, uint32_t n)
 }
 
 // Puts the records into key order: record i becomes the one keys[i].index named. Follows the
-// permutation's cycles, so each record moves once and no second record array is needed.
+// permutation's cycles, so each record moves once and no second record array is needed. On a
+// first pass over points in no spatial order the cycles jump all over the array, so a runner
+// goes a few steps ahead along the cycle and fetches the records before the copies reach them.
 void permute_records(Fg_point* points, Cell_key* keys, uint32_t n)
 {
+    constexpr int AHEAD = 8;
     for (uint32_t start = 0; start < n; ++start) {
         if (keys[start].index == start)
             continue;
         Fg_point held = points[start];
         uint32_t j = start;
+        uint32_t runner = start;
+        for (int k = 0; k < AHEAD && keys[runner].index != start; ++k)
+            runner = keys[runner].index;
         for (;;) {
+            if (keys[runner].index != start) {
+                runner = keys[runner].index;
+                const char* record = reinterpret_cast<const char*>(&points[runner]);
+                __builtin_prefetch(record);
+                __builtin_prefetch(record + sizeof(Fg_point) - 1);
+                __builtin_prefetch(&keys[runner]);
+            }
             uint32_t from = keys[j].index;
             keys[j].index = j;
             if (from == start) {
@@ -454,6 +468,15 @@ struct Axis_probes {
 
 bool g_exact_only = false;
 
+// Freed map pages lie in the heap below later allocations, where the allocator keeps them;
+// the merge's array and keys are mappings of their own, so the pages go back to the system.
+void give_heap_back()
+{
+#ifdef __GLIBC__
+    malloc_trim(0);
+#endif
+}
+
 void side_append(const Fg_point& record)
 {
     if (g_side.count == g_side.capacity) {
@@ -722,7 +745,6 @@ Tag merge_map(Tag tag, float distance, float angle_degrees)
         const Map_bounds& bounds = map->get_bounds();
         merge_set_bounds(bounds.minimum, bounds.maximum);
         count = map->size();
-        points = static_cast<Fg_point*>(QV_ALLOC(size_t(count) * sizeof(Fg_point)));
         declaration = new Map_declaration_impl(*map->get_declaration());
         Map_element_impl element(map->get_declaration());
         // Each page is given up once its points are in the array: the map is released below and
@@ -731,7 +753,17 @@ Tag merge_map(Tag tag, float distance, float angle_degrees)
         Map_page_store& store = map->page_store();
         Map_manager& manager = Map_manager::instance();
         uint32_t open_cache_page = UINT32_MAX;
+        // New memory comes zeroed, so the array is touched as it is allocated. It grows a
+        // sixteenth of the map at a time, each time after the pages read so far have been handed
+        // back, so that the array and the pages do not add up.
+        uint32_t capacity = 0;
+        const uint32_t step = std::max(4096u, count / 16);
         for (uint32_t i = 0; i < count; ++i) {
+            if (i == capacity) {
+                give_heap_back();
+                capacity = count - capacity > step ? capacity + step : count;
+                points = static_cast<Fg_point*>(QV_REALLOC(points, size_t(capacity) * sizeof(Fg_point)));
+            }
             uint32_t page, slot;
             store.locate(i, &page, &slot);
             const uint32_t cache_page = page >> store.cache_page_shift;
@@ -747,12 +779,8 @@ Tag merge_map(Tag tag, float distance, float angle_degrees)
         }
         source.release();
     }
-#ifdef __GLIBC__
-    // The pages freed above lie in the heap below later allocations, where the allocator keeps
-    // them; the merge's keys come from fresh mappings, so the pages are handed to the system.
-    malloc_trim(0);
-#endif
-
+    if (!points)
+        points = static_cast<Fg_point*>(QV_ALLOC(0));
     const unsigned new_count = merge_points(points, count, distance, angle_degrees, 0);
 
     // The survivors become a new map; its BVH is built once, at the commit below.
