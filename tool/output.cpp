@@ -1,6 +1,9 @@
 // Output: the map under a tag goes to a current map file, or with legacy set to a classic file
 // through the kd-tree store. Failures are reported by the writers; the caller learns nothing.
 #include <unistd.h>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 
 #include "containers/kdtree.h"
 #include "finalgather/fg_file.h"
@@ -76,6 +79,12 @@ void save_classic(const char* path, Tag tag)
     }
     if (writer)
         kdtree_close(writer);
+#ifdef __GLIBC__
+    // The pages freed in the walk that the kd-tree's blocks did not take, and the positions'
+    // blocks that closing gathered into one array, lie in the heap, where the allocator keeps
+    // them; the balancing that follows needs that memory for arrays of its own.
+    malloc_trim(0);
+#endif
     fg_map_save_legacy(kdtree, nullptr, path);
     kdtree_delete(kdtree);
 }
