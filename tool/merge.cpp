@@ -25,6 +25,8 @@ Merge_grid merge_grid;
 namespace {
 
 constexpr int MAX_DEPTH = 10;
+// Discarded pages' buffers kept for reuse before they go back to the memory manager.
+constexpr uint32_t SPARE_BUFFERS = 16;
 
 // A point's sort key: its position and its cell numbers. The cell numbers are the ones
 // compare_points would compute, taken once per point instead of twice per comparison; the
@@ -770,7 +772,10 @@ Tag merge_map(Tag tag, float distance, float angle_degrees)
             if (cache_page != open_cache_page) {
                 if (open_cache_page != UINT32_MAX) {
                     manager.discard_page(&store, open_cache_page);
-                    manager.free_spare_buffers();
+                    // A clean page's buffer serves the next page read; only buffers that pile up,
+                    // those of pages with changes and no file behind them, go back.
+                    if (manager.free_buffers() > SPARE_BUFFERS)
+                        manager.free_spare_buffers();
                 }
                 open_cache_page = cache_page;
             }

@@ -24,6 +24,8 @@ namespace {
 // Type 1 kd-tree whose records are words 3 to 25 of a point.
 constexpr int KDTREE_TYPE = 1;
 constexpr uint32_t KDTREE_PAYLOAD_BYTES = 92;
+// Discarded pages' buffers kept for reuse before they go back to the memory manager.
+constexpr uint32_t SPARE_BUFFERS = 16;
 
 void save_current(const char* path, Tag tag)
 {
@@ -67,7 +69,10 @@ void save_classic(const char* path, Tag tag)
                 if (cache_page != open_cache_page) {
                     if (open_cache_page != UINT32_MAX) {
                         manager.discard_page(&store, open_cache_page);
-                        manager.free_spare_buffers();
+                        // A clean page's buffer serves the next page read; only buffers that pile up,
+                        // those of pages with changes and no file behind them, go back.
+                        if (manager.free_buffers() > SPARE_BUFFERS)
+                            manager.free_spare_buffers();
                     }
                     open_cache_page = cache_page;
                 }
