@@ -106,7 +106,7 @@ for n in "${counts[@]}"; do
     row "$name" "$output" "$tool" "$@"
     [ -n "$base_tool" ] || return 0
     local wall_now=$last_wall cpu_now=$last_cpu
-    row "  baseline: $name" - "$base_tool" "$@"
+    row "  baseline: $name" "$output" "$base_tool" "$@"
     awk -v a="$wall_now" -v b="$last_wall" -v c="$cpu_now" -v d="$last_cpu" 'BEGIN {
       printf "#   this build / baseline: wall %.2f, cpu %.2f\n", (b > 0) ? a / b : 0, (d > 0) ? c / d : 0 }'
     last_wall=$wall_now

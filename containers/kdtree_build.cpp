@@ -8,10 +8,12 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
+#include <latch>
 #include <vector>
 
 #include "containers/kdtree_tree.h"
 #include "containers/paged_array.h"
+#include "runtime/threads.h"
 
 namespace QV::LIB::detail {
 
@@ -163,7 +165,7 @@ private:
         uint32_t source;   // record number
     };
 
-    float key(uint32_t rank) const { return keys_[rank].pos[axis_]; }
+    float key(uint32_t rank, int axis) const { return keys_[rank].pos[axis]; }
 
     void swap_keys(uint32_t a, uint32_t b)
     {
@@ -172,16 +174,29 @@ private:
     }
 
     // Slot k receives the record that was at source_[k]. Each cycle of the permutation is
-    // followed once, with one record held aside; a slot that is done points at itself.
+    // followed once, with one record held aside; a slot that is done points at itself. The
+    // records of a cycle lie at random in memory, so a runner goes a few steps ahead along the
+    // cycle and fetches their cache lines before the copies reach them.
     void permute_records()
     {
+        constexpr int AHEAD = 8;
         std::vector<uint8_t> held(record_size_);
         for (uint32_t start = 0; start < n_; ++start) {
             if (source_[start] == start)
                 continue;
             std::memcpy(held.data(), data_.at(start), record_size_);
             uint32_t slot = start;
+            uint32_t runner = start;
+            for (int k = 0; k < AHEAD && source_[runner] != start; ++k)
+                runner = source_[runner];
             while (source_[slot] != start) {
+                if (source_[runner] != start) {
+                    runner = source_[runner];
+                    const uint8_t* record = data_.at(runner);
+                    __builtin_prefetch(record);
+                    __builtin_prefetch(record + record_size_ - 1);
+                    __builtin_prefetch(&source_[runner]);
+                }
                 const uint32_t from = source_[slot];
                 std::memcpy(data_.at(slot), data_.at(from), record_size_);
                 source_[slot] = slot;
@@ -192,39 +207,39 @@ private:
         }
     }
 
-    void order(uint32_t a, uint32_t b)
+    void order(uint32_t a, uint32_t b, int axis)
     {
-        if (key(a) > key(b))
+        if (key(a, axis) > key(b, axis))
             swap_keys(a, b);
     }
 
     // Puts the record that belongs at rank `target` there, with smaller keys before it in the
     // ranks [l, r] and larger ones after.
-    void select(uint32_t l, uint32_t r, uint32_t target)
+    void select(uint32_t l, uint32_t r, uint32_t target, int axis)
     {
         for (;;) {
             if (r <= l + 1) {
                 if (r == l + 1)
-                    order(l, r);
+                    order(l, r, axis);
                 return;
             }
             // Median of three, with the middle moved next to l as the pivot.
             const uint32_t middle = l + (r - l) / 2;
             const uint32_t l1 = l + 1;
             swap_keys(middle, l1);
-            order(l, r);
-            order(l1, r);
-            order(l, l1);
-            const float pivot = key(l1);
+            order(l, r, axis);
+            order(l1, r, axis);
+            order(l, l1, axis);
+            const float pivot = key(l1, axis);
             uint32_t i = l1;
             uint32_t j = r;
             for (;;) {
                 do
                     ++i;
-                while (key(i) < pivot);
+                while (key(i, axis) < pivot);
                 do
                     --j;
-                while (key(j) > pivot);
+                while (key(j, axis) > pivot);
                 if (j < i)
                     break;
                 swap_keys(i, j);
@@ -237,7 +252,10 @@ private:
         }
     }
 
-    // `base`: the in-order rank of the first node of `node`'s subtree.
+    // `base`: the in-order rank of the first node of `node`'s subtree. The two subtrees of a
+    // node cover disjoint ranges of ranks and nodes, so below the root, when the tree is large,
+    // the left one is built on a second thread while this one builds the right: the same
+    // selections on the same ranges, so the same tree.
     void build(uint32_t node, uint32_t base, float* low, float* high)
     {
         if (2 * uint64_t(node) > n_)
@@ -253,19 +271,39 @@ private:
         else
             axis = dy > dz ? 1 : 2;
         axes_[node] = uint8_t(axis);
-        axis_ = axis;
 
         const uint32_t size = subtree_size(node, n_);
         const uint32_t left = subtree_size(2 * node, n_);
-        select(base, base + size - 1, base + left);
+        select(base, base + size - 1, base + left, axis);
 
         const float split = keys_[base + left].pos[axis];
+        const bool has_right = 2 * uint64_t(node) + 1 <= n_;
+        if (node == 1 && has_right && size >= PARALLEL_SIZE && processor_count() > 1) {
+            Subtree job{this, 2 * node, base, {low[0], low[1], low[2]}, {high[0], high[1], high[2]}};
+            job.high[axis] = split;
+            std::latch done(1);
+            const int row = thread_alloc(Subtree::run, &job, false);
+            if (row >= 0)
+                thread_notify_end(row, [](void* latch) { static_cast<std::latch*>(latch)->count_down(); }, &done);
+            const bool started = row >= 0 && thread_start(row);
+            if (!started) {
+                Subtree::run(&job);
+                done.count_down();
+            }
+            const float saved_low = low[axis];
+            low[axis] = split;
+            build(2 * node + 1, base + left + 1, low, high);
+            low[axis] = saved_low;
+            done.wait();
+            return;
+        }
+
         const float saved_high = high[axis];
         high[axis] = split;
         build(2 * node, base, low, high);
         high[axis] = saved_high;
 
-        if (2 * uint64_t(node) + 1 <= n_) {
+        if (has_right) {
             const float saved_low = low[axis];
             low[axis] = split;
             build(2 * node + 1, base + left + 1, low, high);
@@ -273,12 +311,28 @@ private:
         }
     }
 
+    // Below this many records a second thread costs more than it saves.
+    static constexpr uint32_t PARALLEL_SIZE = 1u << 16;
+
+    struct Subtree {
+        Builder* builder;
+        uint32_t node;
+        uint32_t base;
+        float low[3];
+        float high[3];
+
+        static void run(void* raw)
+        {
+            auto* job = static_cast<Subtree*>(raw);
+            job->builder->build(job->node, job->base, job->low, job->high);
+        }
+    };
+
     float* positions_;
     Paged_array& data_;
     uint8_t* axes_;
     uint32_t n_;
     uint32_t record_size_;
-    int axis_ = 0;                   // axis of the selection under way
     std::vector<Key> keys_;          // rank order while the tree is built
     std::vector<uint32_t> source_;   // heap order: record number now due at each slot
 };

@@ -67,6 +67,7 @@ struct Fg_map_writer {
     uint32_t count;             // points now, old ones included
     bool swap;                  // records go out in the foreign byte order
     bool ok;                    // no write has failed so far
+    char* io_buffer;            // owned: the stream buffer of `file`, freed after it is closed
 };
 
 // Appends the points of the file to `map` and returns how many it added (0 also on failure).

@@ -906,6 +906,14 @@ void Map_manager::discard_page(Map_page_store* store, uint32_t cache_page, bool 
         drop_node_locked(node);
 }
 
+void Map_manager::free_spare_buffers()
+{
+    std::lock_guard<std::mutex> hold(lock_);
+    for (uint8_t* data : free_buffers_)
+        QV_FREE(data);
+    free_buffers_.clear();
+}
+
 void Map_manager::give_back_map(Map_page_store* store)
 {
     std::lock_guard<std::mutex> hold(lock_);

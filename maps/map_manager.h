@@ -122,6 +122,9 @@ public:
     // transit is left alone. With `clean_only`, a page with changes is kept: a clean page can
     // always be read again from the map's files, so that form is safe on a map that lives on.
     void discard_page(Map_page_store* store, uint32_t cache_page, bool clean_only = false);
+    // Gives the buffers of the free list back to the memory manager, for a pass whose discarded
+    // pages are not wanted as cache buffers again but whose memory the pass itself needs.
+    void free_spare_buffers();
     // Takes the map's entries out of every thread table, so that its pages are idle and can be
     // evicted like any other; nothing is written or freed, and the pages stay cached.
     void give_back_map(Map_page_store* store);

@@ -29,7 +29,7 @@ ASAN_OPTIONS=detect_leaks=0 UBSAN_OPTIONS=print_stacktrace=1 \
 
 # The suites with lock-free and multi-thread code, whole, under ThreadSanitizer.
 cmake -S . -B build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQV_TSAN=ON -DQV_BENCH=OFF >/dev/null
-tsan_suites=(test_runtime test_maps test_database test_hostmsg test_mem)
+tsan_suites=(test_runtime test_maps test_database test_hostmsg test_mem test_containers)
 cmake --build build/tsan -j "$jobs" --target "${tsan_suites[@]}"
 for suite in "${tsan_suites[@]}"; do
   echo "thread sanitizer: $suite"

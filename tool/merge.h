@@ -38,6 +38,11 @@ int compare_points(const void* a, const void* b);
 // call passes depth 0. Never fails; allocation failures follow the memory manager's rules.
 unsigned merge_points(Fg_point* points, unsigned count, float distance, float angle_degrees, int depth);
 
+// With `on`, every pass sorts and searches by compare_points' own comparisons instead of integer
+// cell keys. Both give the same result; the switch lets tests hold the fast path against the
+// plain one.
+void merge_set_exact_only(bool on);
+
 // merge_map (declared in tool/stages.h) is the pipeline stage around merge_points: it takes the
 // grid bounds from the map's committed bounds, copies the points out, releases the map under
 // `tag` (which removes that tag), merges, and stores the survivors as a new map of the same

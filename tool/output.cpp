@@ -1,6 +1,9 @@
 // Output: the map under a tag goes to a current map file, or with legacy set to a classic file
 // through the kd-tree store. Failures are reported by the writers; the caller learns nothing.
 #include <unistd.h>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 
 #include "containers/kdtree.h"
 #include "finalgather/fg_file.h"
@@ -21,6 +24,8 @@ namespace {
 // Type 1 kd-tree whose records are words 3 to 25 of a point.
 constexpr int KDTREE_TYPE = 1;
 constexpr uint32_t KDTREE_PAYLOAD_BYTES = 92;
+// Discarded pages' buffers kept for reuse before they go back to the memory manager.
+constexpr uint32_t SPARE_BUFFERS = 16;
 
 void save_current(const char* path, Tag tag)
 {
@@ -49,9 +54,11 @@ void save_classic(const char* path, Tag tag)
             Map_iterator_impl it(map);
             // The reserved words have no map field; they are written as zero.
             Fg_point point = {};
-            // A page that has been walked gives its buffer back unless it holds changes (those
-            // have no other copy): the map stays in the database, but its pages need not stay in
-            // memory beside the kd-tree, which takes another copy of every point.
+            // A page that has been walked goes, changes and all, and its buffer goes back to
+            // the memory manager, where the kd-tree's blocks find it: this is the last stage and
+            // nothing reads the map again, and its pages would otherwise stay in memory beside
+            // the kd-tree, which takes another copy of every point (a map read from a classic
+            // file has only changed pages, with no file behind them).
             Map_page_store& store = map->page_store();
             Map_manager& manager = Map_manager::instance();
             uint32_t open_cache_page = UINT32_MAX;
@@ -60,8 +67,13 @@ void save_classic(const char* path, Tag tag)
                 store.locate(i, &page, &slot);
                 const uint32_t cache_page = page >> store.cache_page_shift;
                 if (cache_page != open_cache_page) {
-                    if (open_cache_page != UINT32_MAX)
-                        manager.discard_page(&store, open_cache_page, true);
+                    if (open_cache_page != UINT32_MAX) {
+                        manager.discard_page(&store, open_cache_page);
+                        // A clean page's buffer serves the next page read; only buffers that pile up,
+                        // those of pages with changes and no file behind them, go back.
+                        if (manager.free_buffers() > SPARE_BUFFERS)
+                            manager.free_spare_buffers();
+                    }
                     open_cache_page = cache_page;
                 }
                 it.get(&element);
@@ -72,6 +84,12 @@ void save_classic(const char* path, Tag tag)
     }
     if (writer)
         kdtree_close(writer);
+#ifdef __GLIBC__
+    // The pages freed in the walk that the kd-tree's blocks did not take, and the positions'
+    // blocks that closing gathered into one array, lie in the heap, where the allocator keeps
+    // them; the balancing that follows needs that memory for arrays of its own.
+    malloc_trim(0);
+#endif
     fg_map_save_legacy(kdtree, nullptr, path);
     kdtree_delete(kdtree);
 }

@@ -18,5 +18,6 @@ Tag select_box(Tag tag, const float box[6], int inside);
 // Merges points within `distance` whose normals differ by at most `max_angle_degrees`.
 Tag merge_map(Tag tag, float distance, float max_angle_degrees);
 // Removes an existing output file, then writes the map in the current format, or in the classic
-// one when `legacy` is set. Failures are reported by the writers only.
+// one when `legacy` is set. Failures are reported by the writers only. The classic write gives
+// the map's pages up as it walks them, so the map under `tag` is not to be read afterwards.
 void save_map(const char* name, Tag tag, int legacy);

@@ -4,6 +4,7 @@
 #include <bit>
 #include <cstring>
 #include <random>
+#include <utility>
 #include <vector>
 
 #include "containers/kdtree_tree.h"
@@ -98,12 +99,15 @@ void expect_records_follow_positions(const Cloud& cloud, uint32_t n)
 TEST(KdtreeBuildTest, ManyEqualKeysAndEqualPositions)
 {
     qv_test_init();
-    // Coarse grid: long runs of equal keys on every axis.
-    Cloud grid = make_cloud(3000, 5, 4.0f);
-    std::vector<uint8_t> axes(3004, 0);
-    build_tree(grid.positions.data(), grid.data, axes.data(), 3000);
-    expect_kd_property(grid, axes, 3000);
-    expect_records_follow_positions(grid, 3000);
+    // Coarse grid: long runs of equal keys on every axis. The large cloud is built on two
+    // threads below the root.
+    for (auto [n, grid_step] : {std::pair{3000u, 4.0f}, std::pair{70000u, 0.5f}}) {
+        Cloud grid = make_cloud(n, 5, grid_step);
+        std::vector<uint8_t> axes(n + 4, 0);
+        build_tree(grid.positions.data(), grid.data, axes.data(), n);
+        expect_kd_property(grid, axes, n);
+        expect_records_follow_positions(grid, n);
+    }
 
     // All positions equal: every extent is 0, and the tie goes to z.
     Cloud same = make_cloud(500, 6);

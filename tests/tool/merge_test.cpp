@@ -318,28 +318,58 @@ TEST_F(MergeTest, CrowdedGridMergesAtHalfTheDistanceFirst)
     EXPECT_EQ(lines.at(9), "trying merging with distance 0.003906 first");
 }
 
+// With the grid at 0.1 and cells of 0.01, the float below 0.23f and 0.24f share cell 13 although
+// their difference rounds to more than 0.01f: a gap test then disagrees with the cell numbers.
+// Points at both make the pass sort by the comparisons; without 0.24f only the probe from 0.25f
+// to cell 13 searches by them. Around each x, points spread over a few cells in y and z.
+std::vector<Fg_point> border_points(bool both)
+{
+    std::mt19937 rng(3);
+    std::uniform_real_distribution<float> u(0.1f, 0.13f);
+    std::vector<Fg_point> points;
+    for (float x : {0.21f, std::nextafter(0.23f, 0.0f), both ? 0.24f : 0.25f, 0.26f})
+        for (int i = 0; i < 40; ++i)
+            points.push_back(make_point(x, u(rng), u(rng), 0.0f, 0.0f, 1.0f, 1 + rng() % 9));
+    const float min[3] = {0.1f, 0.1f, 0.1f}, max[3] = {0.3f, 0.13f, 0.13f};
+    merge_set_bounds(min, max);
+    return points;
+}
+
 // On any realistic set the merge conserves rays and leaves no pair that its own test would
 // still merge: sparse, crowded (half-distance recursion first), and a floor alone, whose flat
-// z axis has no cells, so that probes of different offsets land in the same cell.
+// z axis has no cells, so that probes of different offsets land in the same cell. The integer
+// cell keys must give the result of the plain comparisons to the byte, on these sets and where
+// the two disagree on a cell border.
 TEST_F(MergeTest, MergeConservesRaysAndLeavesNoMergeablePair)
 {
     struct Case {
         unsigned points;
         float distance;
         bool floor_only;
+        bool borders;
     };
-    for (Case c : {Case{3000, 0.3f, false}, Case{3000, 2.5f, false}, Case{1500, 20.0f, false}, Case{3000, 0.2f, true}}) {
-        std::vector<Fg_point> pts = room_points(c.points, 11 + c.points);
+    for (Case c : {Case{3000, 0.3f, false, false}, Case{3000, 2.5f, false, false}, Case{1500, 20.0f, false, false},
+                   Case{3000, 0.2f, true, false}, Case{1, 0.01f, false, true}, Case{0, 0.01f, false, true}}) {
+        std::vector<Fg_point> pts = c.borders ? border_points(c.points != 0) : room_points(c.points, 11 + c.points);
         if (c.floor_only) {
             std::erase_if(pts, [](const Fg_point& p) { return p.position[2] != 0.0f; });
             const float min[3] = {0.0f, 0.0f, 0.0f}, max[3] = {10.0f, 8.0f, 0.0f};
             merge_set_bounds(min, max);
         }
+        std::vector<Fg_point> plain = pts;
         const uint64_t before = total_rays(pts, unsigned(pts.size()));
         unsigned n = merge_points(pts.data(), unsigned(pts.size()), c.distance, FIVE_DEGREES, 0);
+        merge_set_exact_only(true);
+        unsigned plain_n = merge_points(plain.data(), unsigned(plain.size()), c.distance, FIVE_DEGREES, 0);
+        merge_set_exact_only(false);
+        ASSERT_EQ(n, plain_n) << "distance " << c.distance;
+        EXPECT_EQ(std::memcmp(pts.data(), plain.data(), n * sizeof(Fg_point)), 0) << "distance " << c.distance;
         EXPECT_LT(n, pts.size()) << "distance " << c.distance;
         EXPECT_EQ(total_rays(pts, n), before) << "distance " << c.distance;
-        EXPECT_FALSE(has_mergeable_pair(pts, n, c.distance, FIVE_DEGREES)) << "distance " << c.distance;
+        // On the borders the plain comparisons themselves can leave a pair within reach.
+        if (!c.borders) {
+            EXPECT_FALSE(has_mergeable_pair(pts, n, c.distance, FIVE_DEGREES)) << "distance " << c.distance;
+        }
         for (unsigned i = 0; i < n; ++i)
             ASSERT_NE(pts[i].rays, FG_POINT_DEAD);
     }
