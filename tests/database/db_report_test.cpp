@@ -1,6 +1,5 @@
 // Reports: dump rows, the two summaries with their listing thresholds, statistics, host tags.
 #include <cstdlib>
-#include <sstream>
 
 #include "tests/database/db_test_support.h"
 
@@ -20,17 +19,7 @@ std::vector<std::string> info_lines()
     return lines;
 }
 
-int word_count(const std::string& line)
-{
-    std::istringstream words(line);
-    std::string word;
-    int count = 0;
-    while (words >> word)
-        ++count;
-    return count;
-}
-
-TEST_F(DbReportTest, DumpRowsFollowTheirFormatAndHaveFewerColumnsThanTheHeading)
+TEST_F(DbReportTest, DumpRowsFollowTheirFormatAndTheModuleFilter)
 {
     qv_db_set_type_name_hook(name_types);
     qv_db_set_tag_name_hook(name_tags);
@@ -52,15 +41,12 @@ TEST_F(DbReportTest, DumpRowsFollowTheirFormatAndHaveFewerColumnsThanTheHeading)
     qv_db_dump(0);
     std::vector<std::string> lines = info_lines();
     ASSERT_EQ(lines.size(), 4u);
-    const std::string heading =
-        "host  mod        tag                addr   ctrans    size pidx fj v priv refs    type          qv name";
-    EXPECT_EQ(lines[0], heading);
+    EXPECT_EQ(lines[0],
+              "host  mod        tag                addr   ctrans    size pidx fj v priv refs    type          qv name");
     EXPECT_EQ(lines[1].rfind("   0  MAIN  00000400  ", 0), 0u) << lines[1];
     const std::string polygon_tail = "       16    0 -- 1    0   14=polygon     probe";
-    ASSERT_GE(lines[1].size(), polygon_tail.size());
-    EXPECT_EQ(lines[1].substr(lines[1].size() - polygon_tail.size()), polygon_tail) << lines[1];
+    EXPECT_TRUE(lines[1].ends_with(polygon_tail)) << lines[1];
     EXPECT_NE(lines[2].find(" F- 1    0   63==MAP        "), std::string::npos) << lines[2];
-    EXPECT_LT(word_count(lines[1]), word_count(heading));
 
     db_messages().clear();
     qv_db_dump(MOD_RCFG);
