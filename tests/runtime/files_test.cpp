@@ -8,17 +8,17 @@
 #include <vector>
 
 #include "runtime/files.h"
+#include "tests/run_support.h"
 #include "tests/runtime/msg_collect.h"
 #include "tests/test_support.h"
 
 TEST(FilesTest, DirectoryPatternsAndOpenFailuresAreLogged)
 {
     qv_test_init();
-    char dir_template[] = "/tmp/qv_files_XXXXXX";
-    ASSERT_NE(mkdtemp(dir_template), nullptr);
-    std::string dir = dir_template;
+    Temp_dir temp;
+    const std::string dir = temp.path();
     for (const char* name : {"a.fg", "b.fg", "c.txt"})
-        fclose(fopen((dir + "/" + name).c_str(), "w"));
+        write_file(temp.file(name), "");
 
     auto list = [](const std::string& path) {
         Directory directory;
@@ -53,8 +53,4 @@ TEST(FilesTest, DirectoryPatternsAndOpenFailuresAreLogged)
     file_services_set_verbose(false);
     EXPECT_EQ(messages.count(MSG_INFO, "b.fg\", mode rb, ok"), 1);
     file.close();
-
-    for (const char* name : {"a.fg", "b.fg", "c.txt"})
-        unlink((dir + "/" + name).c_str());
-    rmdir(dir.c_str());
 }

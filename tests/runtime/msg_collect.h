@@ -6,7 +6,16 @@
 #include <string>
 #include <vector>
 
+#include "base/lib/mem/i_mem_allocatable.h"
 #include "runtime/msg.h"
+
+// A string the library allocated, as a std::string ("<null>" for none), freed.
+inline std::string take(char* text)
+{
+    std::string result = text ? text : "<null>";
+    mem_free(__FILE__, __LINE__, text);
+    return result;
+}
 
 struct Collected_line {
     uint32_t level;

@@ -111,13 +111,7 @@ TEST_F(OpenBinaryInputTest, EveryPointLoadsBitForBitAmongOtherInputsInAnyOrder)
     write_map(open, open_points, MAP_FORMAT_OPEN_BINARY);
     ASSERT_EQ(read_file(open).substr(0, 9), "qv=MAPob1");
     write_map(binary, binary_points, MAP_FORMAT_BINARY);
-    std::vector<Classic_point> records;
-    for (const Fg_point& p : classic_points) {
-        Classic_point record;
-        std::memcpy(record.words, &p, sizeof record.words);
-        records.push_back(record);
-    }
-    write_file(classic, classic_bytes(records));
+    write_file(classic, classic_bytes(classic_points));
 
     std::vector<Fg_point> all = open_points;
     all.insert(all.end(), binary_points.begin(), binary_points.end());
