@@ -10,14 +10,7 @@ using DbReportTest = DbTest;
 const char* name_types(int type) { return type == 14 ? "polygon" : type == 15 ? "index" : nullptr; }
 const char* name_tags(Db_tag tag) { return tag == 0x400 ? "probe" : nullptr; }
 
-std::vector<std::string> info_lines()
-{
-    std::vector<std::string> lines;
-    for (const Db_message& message : db_messages())
-        if (message.level == MSG_INFO)
-            lines.push_back(message.text);
-    return lines;
-}
+std::vector<std::string> info_lines() { return Msg_collect::texts(MSG_INFO); }
 
 TEST_F(DbReportTest, DumpRowsFollowTheirFormatAndTheModuleFilter)
 {

@@ -9,7 +9,6 @@
 #include "runtime/paths.h"
 #include "runtime/registry.h"
 #include "tests/run_support.h"
-#include "tests/runtime/msg_collect.h"
 #include "tests/test_support.h"
 
 namespace {

@@ -6,7 +6,6 @@
 #include <thread>
 
 #include "runtime/registry.h"
-#include "tests/runtime/msg_collect.h"
 #include "tests/test_support.h"
 
 namespace {

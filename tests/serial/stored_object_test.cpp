@@ -1,6 +1,7 @@
 // Stored objects: the framing, the manager that turns ids into objects, and what happens when
 // the stream lies (unknown ids, truncation, damaged counts).
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -34,23 +35,15 @@ public:
 };
 
 Serializable* make_probe() { return new Probe(); }
-std::vector<std::string> g_errors;
-void record_errors(uint32_t level, const char*, const char* text, int32_t)
-{
-    if (level == MSG_ERROR)
-        g_errors.push_back(text);
-}
-
 class StoredObjectTest : public testing::TestWithParam<Media> {
 protected:
     void SetUp() override
     {
         qv_test_init();
         manager_.register_class(Probe::CLASS_ID, make_probe);
-        g_errors.clear();
-        qv_errorhandler(record_errors);
+        messages_.emplace();
     }
-    void TearDown() override { qv_errorhandler(nullptr); }
+    void TearDown() override { messages_.reset(); }
 
     std::vector<uint8_t> stored_probe()
     {
@@ -64,6 +57,7 @@ protected:
     }
 
     Deserialization_manager_impl manager_;
+    std::optional<Msg_collect> messages_;
 };
 
 TEST_P(StoredObjectTest, FramingIsIdThenReferencesThenPayload)
@@ -80,13 +74,13 @@ TEST_P(StoredObjectTest, FramingIsIdThenReferencesThenPayload)
     EXPECT_EQ(probe->label, "point cloud");
     EXPECT_EQ(probe->references, (std::vector<Db_tag>{0x400, 0x40000000}));
     EXPECT_TRUE(in->is_valid());
-    EXPECT_TRUE(g_errors.empty());
+    EXPECT_TRUE(Msg_collect::lines().empty());
 
     // An id the manager does not know is an error and no object.
     manager_.unregister(Probe::CLASS_ID);
     Reader unknown(GetParam(), bytes, &manager_);
     EXPECT_EQ(unknown->deserialize(), nullptr);
-    EXPECT_EQ(g_errors, std::vector<std::string>{"cannot construct serializable class id 0x3d505242"});
+    EXPECT_EQ(Msg_collect::texts(MSG_ERROR), std::vector<std::string>{"cannot construct serializable class id 0x3d505242"});
 }
 
 TEST_P(StoredObjectTest, EveryTruncationIsReportedAndNeverCrashes)

@@ -91,25 +91,12 @@ std::vector<Fg_point> room_points(unsigned n, uint32_t seed)
     return points;
 }
 
-std::vector<std::string> g_lines;
-
-void keep_line(uint32_t level, const char*, const char* text, int32_t)
-{
-    if (level == MSG_DEBUG)
-        g_lines.push_back(text);
-}
-
 // Runs a merge with the debug level on and gives the debug lines it printed.
 std::vector<std::string> merge_debug_lines(std::vector<Fg_point>& pts, float distance, unsigned* count)
 {
-    const uint32_t mask = msg_level_mask();
-    g_lines.clear();
-    qv_errorhandler(keep_line);
-    msg_set_levels(mask | MSG_DEBUG);
+    Msg_collect messages;
     *count = merge_points(pts.data(), unsigned(pts.size()), distance, FIVE_DEGREES, 0);
-    msg_set_levels(mask);
-    qv_errorhandler(nullptr);
-    return g_lines;
+    return Msg_collect::texts(MSG_DEBUG);
 }
 
 class MergeTest : public ::testing::Test {
