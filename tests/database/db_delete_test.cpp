@@ -32,6 +32,8 @@ TEST_F(DbDeleteTest, DeletingTwiceReportsErrorThirtyEightOnce)
     qv_db_delete(tag);
     EXPECT_EQ(count_messages(41038), 1);
     EXPECT_TRUE(has_text("attempt to delete invalid tag 0x400, ignoring"));
+    qv_db_delete(0);  // no record ever lives under the null tag
+    EXPECT_EQ(count_messages(41038), 2);
     EXPECT_EQ(qv_db_statistics().tags, 0);
 
     // The slot was given back once only: the next two creates get 0x400 and 0x401.

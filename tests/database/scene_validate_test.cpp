@@ -43,6 +43,7 @@ TEST_F(SceneValidateTest, EveryFaultOfARecordHasItsLine)
         {"three faults",
          [&] { return make_funcdecl(qv_scene_funcdecl_size(0, 1) + 4, 2, 0, 1, std::string(80, 'n')); },
          {"wrong db item size", "too long", "has unexpected subtags"}},
+        {"name that just fits", [&] { return make_funcdecl(plain, 0, 0, 0, std::string(79, 'n')); }, {}},
         {"language", [&] { return make_funcdecl(plain, 9, 0, 0, "odd"); }, {"decl %#x (odd): bad language type"}},
         // A composite of class 'm' takes a material root; any other class a shader root or none.
         {"function root", [&] { return make_funcdecl(composite, 1, 4, 0, "mix", 'm', function); },
