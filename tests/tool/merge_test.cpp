@@ -269,9 +269,7 @@ TEST_F(MergeTest, CrowdedGridMergesAtHalfTheDistanceFirst)
     EXPECT_EQ(lines[0], "trying merging with distance 2.000000 first");
     EXPECT_EQ(lines[1], "trying merging with distance 1.000000 first");
     EXPECT_EQ(lines[2], "trying merging with distance 0.500000 first");
-    EXPECT_TRUE(starts(lines[3], "merged ")) << lines[3];
     EXPECT_EQ(lines[lines.size() - 2], "merging 1 fg point with distance 4.000000");
-    EXPECT_EQ(lines.back(), "merged 0 fg points, 0 in place");
 
     // Bounds of a single point never give more cells: the recursion stops at depth 10.
     set_bounds(0.0f, 0.0f);
