@@ -63,19 +63,6 @@ TEST_F(DbDeleteTest, DestructorDeletesRunAfterTheLockIsLeft)
     EXPECT_EQ(count_messages(41038), 0);
 }
 
-TEST_F(DbDeleteTest, DelayBracketQueuesDeletesUntilItCloses)
-{
-    const Db_tag first = make_unpinned(0, 8), second = make_unpinned(0, 8);
-    qv_db_delay_deletes();
-    qv_db_delete(first);
-    qv_db_delete(second);
-    EXPECT_EQ(qv_db_peek(first)->state, DB_STATE_NORMAL);
-    EXPECT_EQ(qv_db_peek(second)->state, DB_STATE_NORMAL);
-    qv_db_run_delayed_deletes();
-    EXPECT_EQ(qv_db_peek(first)->state, DB_STATE_FREE);
-    EXPECT_EQ(qv_db_peek(second)->state, DB_STATE_FREE);
-}
-
 TEST_F(DbDeleteTest, JobTagStaysWithoutTheJobModulesConsent)
 {
     Db_tag job = 0;

@@ -255,21 +255,6 @@ TEST_F(MsgTest, LogFileTakesEveryLineInTheRecordFormat)
     EXPECT_EQ(info.st_mode & 0777, 0666u);
 }
 
-TEST_F(MsgTest, ClassListsAddAndRemoveItems)
-{
-    // Each list starts from an empty mask; "d" takes the first matching row, default.
-    for (const auto& [list, expected] : {std::pair<const char*, uint32_t>{"", 0u}, {",,msgc,ti", 0x1008u},
-                                         {"all,-time,!0,~net", 0xffffffffu & ~0x8u & ~0x1u & ~0x200u},
-                                         {"31,4", 0x80000010u}, {"d", MSG_CLASS_DEFAULT}}) {
-        uint32_t mask = 123;
-        EXPECT_EQ(msg_parse_class_list(&mask, list), 1) << list;
-        EXPECT_EQ(mask, expected) << list;
-    }
-    Stderr_capture quiet;
-    uint32_t mask = 0;
-    EXPECT_EQ(msg_parse_class_list(&mask, "phase,bogus"), 0);
-}
-
 TEST_F(MsgTest, TimerReportNeedsTheTimeClass)
 {
     msg_set_levels(0x1f);
