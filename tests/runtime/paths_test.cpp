@@ -1,14 +1,10 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
-#include "runtime/files.h"
 #include "runtime/paths.h"
 #include "runtime/registry.h"
 #include "tests/run_support.h"
@@ -151,47 +147,4 @@ TEST_F(PathsTest, RegistryStepExpandsEntriesAndCanEmptyThePath)
     EXPECT_STREQ(path_substitute_raw(out, "{root}/a", sizeof out, false), "{root}/a");
     EXPECT_STREQ(path_substitute(out, "{_QV_unset}", sizeof out), "");
     registry_exit();
-}
-
-TEST(FilesTest, DirectoryPatternsAndOpenFailuresAreLogged)
-{
-    qv_test_init();
-    Temp_dir temp;
-    const std::string dir = temp.path();
-    for (const char* name : {"a.fg", "b.fg", "c.txt"})
-        write_file(temp.file(name), "");
-
-    auto list = [](const std::string& path) {
-        Directory directory;
-        std::vector<std::string> names;
-        if (!directory.open(path.c_str()))
-            return std::vector<std::string>{"<not found>"};
-        while (const char* name = directory.read())
-            if (name[0] != '.')
-                names.push_back(name);
-        std::sort(names.begin(), names.end());
-        return names;
-    };
-    Msg_collect messages;
-    EXPECT_EQ(list(dir), (std::vector<std::string>{"a.fg", "b.fg", "c.txt"}));
-    EXPECT_EQ(list(dir + "/"), (std::vector<std::string>{"a.fg", "b.fg", "c.txt"}));
-    EXPECT_EQ(list(dir + "/*.fg"), (std::vector<std::string>{"a.fg", "b.fg"}));
-    EXPECT_EQ(list(dir + "/none"), std::vector<std::string>{"<not found>"});
-    EXPECT_EQ(messages.count(MSG_INFO, "open directory \"" + dir + "/*\", ok"), 2);
-    EXPECT_EQ(messages.count(MSG_INFO, "open directory \"" + dir + "/none/*\", not found"), 1);
-
-    File file;
-    EXPECT_FALSE(file.open((dir + "/none/x").c_str()));
-    EXPECT_FALSE(file.is_open());
-    EXPECT_NE(file.error(), 0);
-    EXPECT_EQ(messages.count(MSG_INFO, "open file \"" + dir + "/none/x\", mode r: "), 1);
-    // A quiet object logs nothing unless the global switch is on.
-    file.set_quiet(true);
-    ASSERT_TRUE(file.open((dir + "/a.fg").c_str(), "rb"));
-    EXPECT_EQ(messages.count(MSG_INFO, "a.fg\", mode rb, ok"), 0);
-    file_services_set_verbose(true);
-    ASSERT_TRUE(file.open((dir + "/b.fg").c_str(), "rb"));
-    file_services_set_verbose(false);
-    EXPECT_EQ(messages.count(MSG_INFO, "b.fg\", mode rb, ok"), 1);
-    file.close();
 }
