@@ -1,9 +1,14 @@
 // Shared set-up for the test binaries: the process start that main() does in the tool.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
+#include <mutex>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "base/lib/mem/i_mem_allocatable.h"
 #include "database/db.h"
@@ -55,3 +60,91 @@ bool wait_until(Predicate done)
     }
     return true;
 }
+
+// A string the library allocated, as a std::string ("<null>" for none), freed.
+inline std::string take(char* text)
+{
+    std::string result = text ? text : "<null>";
+    mem_free(__FILE__, __LINE__, text);
+    return result;
+}
+
+struct Collected_line {
+    uint32_t level;
+    int32_t number;  // as the message layer numbers it, e.g. 241012
+    std::string text;
+};
+
+// Collects the lines the message layer gives while it lives, instead of letting them reach the
+// console; the levels in `levels` are switched on meanwhile. A fatal is also written to stderr
+// with its number, so that death tests match number and text together.
+class Msg_collect {
+public:
+    explicit Msg_collect(uint32_t levels = MSG_FATAL | MSG_ERROR | MSG_WARN | MSG_INFO | MSG_DEBUG)
+        : saved_levels_(msg_level_mask())
+    {
+        clear();
+        msg_set_levels(levels);
+        qv_errorhandler(&Msg_collect::keep);
+    }
+    ~Msg_collect()
+    {
+        qv_errorhandler(nullptr);
+        msg_set_levels(saved_levels_);
+    }
+    Msg_collect(const Msg_collect&) = delete;
+    Msg_collect& operator=(const Msg_collect&) = delete;
+
+    static std::vector<Collected_line>& lines()
+    {
+        static std::vector<Collected_line> all;
+        return all;
+    }
+    static void clear()
+    {
+        std::lock_guard<std::mutex> hold(mutex());
+        lines().clear();
+    }
+    // Lines of `level` (any level with 0) whose text contains `part`.
+    static int count(uint32_t level, const std::string& part)
+    {
+        std::lock_guard<std::mutex> hold(mutex());
+        return int(std::count_if(lines().begin(), lines().end(), [&](const Collected_line& line) {
+            return (level == 0 || line.level == level) && line.text.find(part) != std::string::npos;
+        }));
+    }
+    // The caller's numbers (the last three digits) of the lines at `level`, in order.
+    static std::vector<int> numbers(uint32_t level)
+    {
+        std::lock_guard<std::mutex> hold(mutex());
+        std::vector<int> result;
+        for (const Collected_line& line : lines())
+            if (line.level == level)
+                result.push_back(int(line.number % 1000));
+        return result;
+    }
+    static std::vector<std::string> texts(uint32_t level)
+    {
+        std::lock_guard<std::mutex> hold(mutex());
+        std::vector<std::string> result;
+        for (const Collected_line& line : lines())
+            if (line.level == level)
+                result.push_back(line.text);
+        return result;
+    }
+
+private:
+    static std::mutex& mutex()
+    {
+        static std::mutex m;
+        return m;
+    }
+    static void keep(uint32_t level, const char*, const char* text, int32_t number)
+    {
+        std::lock_guard<std::mutex> hold(mutex());
+        lines().push_back({level, number, text});
+        if (level == MSG_FATAL)
+            std::fprintf(stderr, "N=%d T=%s\n", number, text);
+    }
+    uint32_t saved_levels_;
+};

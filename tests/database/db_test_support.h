@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,26 +16,7 @@
 #include "runtime/msg.h"
 #include "tests/test_support.h"
 
-struct Db_message {
-    uint32_t level;
-    int32_t number;
-    std::string text;
-};
-
-inline std::vector<Db_message>& db_messages()
-{
-    static std::vector<Db_message> messages;
-    return messages;
-}
-
-// Keeps every line; a fatal is also written to stderr with its number, so death tests can
-// match number and text together.
-inline void db_capture(uint32_t level, const char*, const char* text, int32_t number)
-{
-    db_messages().push_back({level, number, text});
-    if (level == MSG_FATAL)
-        std::fprintf(stderr, "N=%d T=%s\n", number, text);
-}
+inline std::vector<Collected_line>& db_messages() { return Msg_collect::lines(); }
 
 constexpr int POLYGON = 14;   // a tracked geometry type
 
@@ -90,10 +72,7 @@ protected:
         qv_db_set_job_hooks({});
         qv_db_set_remote_hooks({});
         qv_db_set_type_handler(DB_TYPE_SERIALIZABLE, {});
-        db_messages().clear();
-        saved_levels_ = msg_level_mask();
-        msg_set_levels(saved_levels_ | MSG_INFO | MSG_DEBUG);
-        qv_errorhandler(db_capture);
+        messages_.emplace();
     }
 
     void TearDown() override
@@ -102,8 +81,7 @@ protected:
         // suite would free this test's plain records as elements in the next start.
         if (qv_db_started())
             qv_db_exit();
-        qv_errorhandler(nullptr);
-        msg_set_levels(saved_levels_);
+        messages_.reset();
         qv_db_set_job_hooks(saved_job_hooks_);
         qv_db_set_remote_hooks(saved_remote_hooks_);
         qv_db_set_type_handler(DB_TYPE_SERIALIZABLE, saved_serial_handler_);
@@ -117,13 +95,7 @@ protected:
     static int count_messages(int32_t number)
     {
         return int(std::count_if(db_messages().begin(), db_messages().end(),
-                                 [&](const Db_message& message) { return message.number == number; }));
-    }
-
-    static bool has_text(const std::string& text)
-    {
-        return std::any_of(db_messages().begin(), db_messages().end(),
-                           [&](const Db_message& message) { return message.text == text; });
+                                 [&](const Collected_line& line) { return line.number == number; }));
     }
 
     // True when some captured line is exactly the formatted text.
@@ -132,16 +104,13 @@ protected:
     {
         char line[256];
         std::snprintf(line, sizeof line, format, args...);
-        return has_text(line);
+        return std::any_of(db_messages().begin(), db_messages().end(),
+                           [&](const Collected_line& message) { return message.text == line; });
     }
+    static bool has_text(const std::string& text) { return has_line("%s", text.c_str()); }
 
     // Count of captured errors whose text contains `fragment`; "" counts every error.
-    static int errors_with(const std::string& fragment)
-    {
-        return int(std::count_if(db_messages().begin(), db_messages().end(), [&](const Db_message& message) {
-            return message.level == MSG_ERROR && message.text.find(fragment) != std::string::npos;
-        }));
-    }
+    static int errors_with(const std::string& fragment) { return Msg_collect::count(MSG_ERROR, fragment); }
 
     static uint32_t my_pins(Db_tag tag)
     {
@@ -149,7 +118,7 @@ protected:
         return context->db_pins ? context->db_pins[qv_db_peek(tag)->pidx] : 0;
     }
 
-    uint32_t saved_levels_ = 0;
+    std::optional<Msg_collect> messages_;
     Db_job_hooks saved_job_hooks_{};
     Db_remote_hooks saved_remote_hooks_{};
     Db_type_handler saved_serial_handler_{};

@@ -1,5 +1,7 @@
-// Validators report every fault of a record, not only the first.
+// Validators report every fault of a record, not only the first: each row below makes one
+// record and lists every line its validation must give.
 #include <cstring>
+#include <functional>
 
 #include "database/scene_validate.h"
 #include "tests/database/scene_test_support.h"
@@ -9,112 +11,71 @@ namespace {
 class SceneValidateTest : public SceneTest {
 protected:
     // A declaration record under a new tag; `bytes` may differ from what its counters ask for.
-    Db_tag make_funcdecl(uint32_t bytes, int32_t language, int32_t result_size, int32_t subtags,
-                         const char* name)
+    static Db_tag make_funcdecl(uint32_t bytes, int32_t language, int32_t result_size, int32_t subtags,
+                                const std::string& name, char result_class = 0, Db_tag root = 0)
     {
         Db_tag tag = 0;
         auto* decl = static_cast<Scene_funcdecl*>(qv_db_create(&tag, SCENE_FUNCDECL, bytes));
-        if (bytes >= SCENE_FUNCDECL_FIXED) {
-            decl->language = language;
-            decl->result_size = result_size;
-            decl->subtag_count = subtags;
-            std::memcpy(decl->name, name, std::min<size_t>(std::strlen(name), SCENE_FUNCDECL_NAME_BYTES));
-        }
+        decl->language = language;
+        decl->result_size = result_size;
+        decl->subtag_count = subtags;
+        std::memcpy(decl->name, name.data(), std::min<size_t>(name.size(), SCENE_FUNCDECL_NAME_BYTES));
+        if (result_size > 0)
+            decl->result[0] = result_class;
+        decl->root = root;
         return tag;
     }
-
-    static Scene_funcdecl* decl_of(Db_tag tag) { return static_cast<Scene_funcdecl*>(qv_db_access(tag)); }
 };
 
-TEST_F(SceneValidateTest, WrongSizeAndMissingNameAreBothReported)
+TEST_F(SceneValidateTest, EveryFaultOfARecordHasItsLine)
 {
-    const uint32_t wanted = qv_scene_funcdecl_size(0, 0);
-    Db_tag tag = make_funcdecl(wanted + 8, 0, 0, 0, "");
-    EXPECT_EQ(qv_scene_validate(tag), 0);
-    EXPECT_TRUE(has_line("decl %#x: wrong db item size %d, expected %d", tag, int(wanted + 8), int(wanted)));
-    EXPECT_TRUE(has_line("decl %#x: missing function name", tag));
-    EXPECT_EQ(errors_with(""), 2);
-}
-
-TEST_F(SceneValidateTest, EveryFaultOfADeclarationIsCounted)
-{
-    // Subtags on a plain declaration, a name that fills its field, and a size that matches
-    // neither counter: three faults, three lines.
-    std::string long_name(SCENE_FUNCDECL_NAME_BYTES, 'n');
-    Db_tag tag = make_funcdecl(qv_scene_funcdecl_size(0, 1) + 4, 2, 0, 1, long_name.c_str());
-    EXPECT_EQ(qv_scene_validate(tag), 0);
-    EXPECT_EQ(errors_with("wrong db item size"), 1);
-    EXPECT_EQ(errors_with("too long"), 1);
-    EXPECT_EQ(errors_with("has unexpected subtags"), 1);
-    EXPECT_EQ(errors_with(""), 3);
-
-    db_messages().clear();
-    Db_tag bad_language = make_funcdecl(qv_scene_funcdecl_size(0, 0), 9, 0, 0, "odd");
-    EXPECT_EQ(qv_scene_validate(bad_language), 0);
-    EXPECT_TRUE(has_line("decl %#x (odd): bad language type", bad_language));
-}
-
-TEST_F(SceneValidateTest, CompositeRootMustMatchTheResultClass)
-{
-    Db_tag function = scene_new(SCENE_FUNC);
-    Db_tag material = scene_new(SCENE_MATERIAL);
-
-    // Class 'm' with a function as root: wrong type. Class 'm' with no root: null tag.
-    Db_tag decl = make_funcdecl(qv_scene_funcdecl_size(4, 0), 1, 4, 0, "mix");
-    decl_of(decl)->result[0] = 'm';
-    decl_of(decl)->root = function;
-    EXPECT_EQ(qv_scene_validate(decl), 0);
-    EXPECT_EQ(errors_with("cannot put reference to func"), 1);
-
-    decl_of(decl)->root = 0;
-    db_messages().clear();
-    EXPECT_EQ(qv_scene_validate(decl), 0);
-    EXPECT_TRUE(has_line("decl %#x: null root material tag", decl));
-
-    decl_of(decl)->root = material;
-    EXPECT_EQ(qv_scene_validate(decl), 1);
-
-    // Any other class takes a shader root, and no root at all.
-    decl_of(decl)->result[0] = 's';
-    decl_of(decl)->root = 0;
-    db_messages().clear();
-    EXPECT_EQ(qv_scene_validate(decl), 1);
-    decl_of(decl)->root = material;
-    EXPECT_EQ(qv_scene_validate(decl), 0);
-    EXPECT_EQ(errors_with("root shader"), 1);
-}
-
-TEST_F(SceneValidateTest, FamilyValidatorsUseTheirPrefixAndSizeRule)
-{
-    const Db_tag polygons = make_unpinned(SCENE_POLYGON, 30);
-    EXPECT_EQ(qv_scene_validate(polygons), 0);
-    EXPECT_TRUE(has_line("poly %#x: wrong db item size 30, not multiple of 20", polygons));
-
-    const Db_tag approx = make_unpinned(SCENE_APPROXLIST, 57);
-    EXPECT_EQ(qv_scene_validate(approx), 0);
-    EXPECT_TRUE(has_line("approx_list %#x: wrong db item size 57, expected multiple of 56", approx));
-
-    // An instance of the wrong size that also lacks its item: both faults.
-    const Db_tag instance = make_unpinned(SCENE_INSTANCE, SCENE_INSTANCE_SIZE + 4);
-    db_messages().clear();
-    EXPECT_EQ(qv_scene_validate(instance), 0);
-    EXPECT_EQ(errors_with("wrong db item size"), 1);
-    EXPECT_TRUE(has_line("instance %#x: null item tag", instance));
-
-    Db_tag box = scene_new(SCENE_BOX, 3);
-    EXPECT_EQ(qv_db_size(box), SCENE_BOX_FIXED + 3 * SCENE_BOX_ITEM_SIZE);
-    EXPECT_EQ(qv_scene_validate(box), 1);
-    qv_db_unpin(box);
-}
-
-TEST_F(SceneValidateTest, UnknownTypeAndTypesWithoutValidator)
-{
-    const Db_tag untyped = make_unpinned(0, 4);
-    EXPECT_EQ(qv_scene_validate(untyped), 0);
-    EXPECT_TRUE(has_line("tag %#x has unknown type 0", untyped));
-
-    Db_tag text = scene_new(SCENE_STRING, 12);
-    EXPECT_EQ(qv_scene_validate(text), 1);
+    const Db_tag function = scene_new(SCENE_FUNC), material = scene_new(SCENE_MATERIAL);
+    const uint32_t plain = qv_scene_funcdecl_size(0, 0), composite = qv_scene_funcdecl_size(4, 0);
+    struct Case {
+        const char* what;
+        std::function<Db_tag()> make;
+        std::vector<std::string> lines;  // %#x is the record's tag; "" when the record is valid
+    } cases[] = {
+        {"size and name", [&] { return make_funcdecl(plain + 8, 0, 0, 0, ""); },
+         {"decl %#x: wrong db item size " + std::to_string(plain + 8) + ", expected " + std::to_string(plain),
+          "decl %#x: missing function name"}},
+        // Subtags on a plain declaration, a name that fills its field, a size matching neither.
+        {"three faults",
+         [&] { return make_funcdecl(qv_scene_funcdecl_size(0, 1) + 4, 2, 0, 1, std::string(80, 'n')); },
+         {"wrong db item size", "too long", "has unexpected subtags"}},
+        {"name that just fits", [&] { return make_funcdecl(plain, 0, 0, 0, std::string(79, 'n')); }, {}},
+        {"language", [&] { return make_funcdecl(plain, 9, 0, 0, "odd"); }, {"decl %#x (odd): bad language type"}},
+        // A composite of class 'm' takes a material root; any other class a shader root or none.
+        {"function root", [&] { return make_funcdecl(composite, 1, 4, 0, "mix", 'm', function); },
+         {"cannot put reference to func"}},
+        {"no root", [&] { return make_funcdecl(composite, 1, 4, 0, "mix", 'm'); },
+         {"decl %#x: null root material tag"}},
+        {"material root", [&] { return make_funcdecl(composite, 1, 4, 0, "mix", 'm', material); }, {}},
+        {"shader without root", [&] { return make_funcdecl(composite, 1, 4, 0, "mix", 's'); }, {}},
+        {"shader with material", [&] { return make_funcdecl(composite, 1, 4, 0, "mix", 's', material); },
+         {"root shader"}},
+        {"polygons", [] { return make_unpinned(SCENE_POLYGON, 30); },
+         {"poly %#x: wrong db item size 30, not multiple of 20"}},
+        {"approximations", [] { return make_unpinned(SCENE_APPROXLIST, 57); },
+         {"approx_list %#x: wrong db item size 57, expected multiple of 56"}},
+        {"instance", [] { return make_unpinned(SCENE_INSTANCE, SCENE_INSTANCE_SIZE + 4); },
+         {"wrong db item size", "instance %#x: null item tag"}},
+        {"box", [this] { return scene_new(SCENE_BOX, 3); }, {}},
+        {"untyped", [] { return make_unpinned(0, 4); }, {"tag %#x has unknown type 0"}},
+        {"string, no validator", [this] { return scene_new(SCENE_STRING, 12); }, {}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        const Db_tag tag = c.make();
+        db_messages().clear();
+        EXPECT_EQ(qv_scene_validate(tag), c.lines.empty() ? 1 : 0);
+        EXPECT_EQ(errors_with(""), int(c.lines.size()));
+        for (const std::string& line : c.lines) {
+            char text[256];
+            std::snprintf(text, sizeof text, line.c_str(), tag);
+            EXPECT_EQ(errors_with(text), 1) << text;
+        }
+    }
 }
 
 }  // namespace

@@ -1,15 +1,13 @@
-// Elements for the transaction and element tests, and the database start they share.
+// Elements for the transaction and element tests, and their fixture.
 #pragma once
 
 #include <string>
 
 #include <gtest/gtest.h>
 
-#include "database/db.h"
 #include "database/element.h"
 #include "database/transaction.h"
-#include "runtime/msg.h"
-#include "tests/test_support.h"
+#include "tests/database/scene_test_support.h"
 
 namespace transaction_test {
 
@@ -67,24 +65,12 @@ public:
     void* deserialize(QV::SERIAL::Deserializer*) override { return this + 1; }
 };
 
-// The host layer is not started in the tests: this process is made the master. Other suites
-// in the binary may have put their own type-63 handler in; ours goes back in each time.
-inline void start_database()
-{
-    qv_test_init();
-    msg_set_host_number(0);
-    thread_context()->host_number = 0;
-    if (!qv_db_started())
-        qv_db_init();
-    QV::DB::get_transaction();
-    QV::DB::element_install_db_handler();
-}
-
-class TransactionTest : public testing::Test {
+// A fresh database per test, with the element handler in and the messages captured (SceneTest).
+class TransactionTest : public SceneTest {
 protected:
     void SetUp() override
     {
-        start_database();
+        SceneTest::SetUp();
         transaction_ = get_transaction();
         Counted::destroyed = 0;
     }

@@ -1,5 +1,6 @@
 // fg_info run as a user runs it: its summary, PLY and picture checked against values computed
-// here from the points that were written, and its answers to damaged files and bad words.
+// here from the points that were written (classic files built here, binary and open binary maps
+// written by the library), and its answers to damaged files and bad words.
 #include <png.h>
 
 #include <gtest/gtest.h>
@@ -11,9 +12,50 @@
 #include <map>
 #include <sstream>
 
-#include "tests/info/info_run.h"
+#include "finalgather/fg_map.h"
+#include "maps/map_impl.h"
+#include "tests/run_support.h"
+#include "tests/tool/classic_file.h"
+#include "tests/test_support.h"
 
 namespace {
+
+// One classic record, words 0..25.
+struct Record {
+    float position[3];
+    float normal[3];
+    float irrad[4];
+    uint32_t rays;
+    float rest[15];  // words 11..25, never looked at by fg_info's numbers
+};
+static_assert(sizeof(Record) == 104);
+
+// `count` records with distinct positions in [0, 10) x [0, 4) x [0, 8), irradiance in [0, 2),
+// rays in [1, 1000], from a fixed seed.
+std::vector<Record> make_records(uint32_t count, uint32_t seed)
+{
+    uint32_t state = seed * 2654435761u + 1;
+    auto next = [&state](float range) {
+        state = state * 1664525u + 1013904223u;
+        return float(state >> 8) / float(1u << 24) * range;
+    };
+    std::vector<Record> records(count);
+    for (uint32_t i = 0; i < count; ++i) {
+        Record& r = records[i];
+        r = Record{};
+        r.position[0] = next(10.0f);
+        r.position[1] = next(4.0f);
+        r.position[2] = next(8.0f);
+        r.normal[1] = 1.0f;
+        for (int c = 0; c < 4; ++c)
+            r.irrad[c] = next(2.0f);
+        r.rays = 1 + uint32_t(next(1000.0f)) % 1000;
+        for (int w = 0; w < 15; ++w)
+            r.rest[w] = 0.01f * float(w + 1);
+    }
+    return records;
+}
+
 
 Run_result run_info(const std::vector<std::string>& args)
 {
@@ -66,11 +108,27 @@ double exposure_of(const std::vector<Record>& records)
     return 0.18 / (0.2126 * mean[0] + 0.7152 * mean[1] + 0.0722 * mean[2]);
 }
 
+// `records` written by the library as an open binary map.
+void write_open_binary(const std::string& path, const std::vector<Record>& records)
+{
+    qv_test_fg_init();
+    std::vector<Fg_point> points(records.size());
+    for (size_t i = 0; i < records.size(); ++i)
+        std::memcpy(&points[i], &records[i], sizeof(Record));
+    QV::RCMAP::Map_impl* map = fg_map_new();
+    EXPECT_EQ(fg_map_add_points(map, points.data(), uint32_t(points.size())), qv::shader_v3::MAP_SUCCESS);
+    map->commit();
+    EXPECT_EQ(map->write(path.c_str(), qv::shader_v3::MAP_FORMAT_OPEN_BINARY, false), qv::shader_v3::MAP_SUCCESS);
+    delete map;
+}
+
+enum Form { CLASSIC, BINARY, OPEN_BINARY };  // binary: converted by fg_splice; open: by the library
+
 struct Map_case {
     const char* name;
     uint32_t version;
     bool foreign;
-    bool binary;  // converted to a binary map by fg_splice first
+    Form form;
 };
 
 class InfoSummaryTest : public testing::TestWithParam<Map_case> {};
@@ -81,18 +139,24 @@ TEST_P(InfoSummaryTest, NumbersEqualThoseOfTheWrittenPoints)
     Temp_dir dir;
     const std::vector<Record> records = make_records(300, 7);
     std::string path = dir.file("map.fg");
-    write_file(path, classic_file(records, c.version, c.foreign));
-    if (c.binary) {
+    write_file(path, classic_bytes(records, c.version, c.foreign));
+    if (c.form == BINARY) {
         ASSERT_EQ(run_binary(QV_TEST_TOOL_PATH, {path, dir.file("map.fgm")}).exit_code, 0);
         path = dir.file("map.fgm");
+    } else if (c.form == OPEN_BINARY) {
+        path = dir.file("map.ob");
+        write_open_binary(path, records);
     }
     const Run_result r = run_info({"-n", "2", path});
     ASSERT_EQ(r.exit_code, 0) << r.err;
     auto fields = summary_fields(r.out);
 
-    EXPECT_EQ(fields["kind"], c.binary ? "binary map" : "classic final-gather map");
-    EXPECT_EQ(fields["byte order"], c.foreign && !c.binary ? "big-endian" : "little-endian");
-    if (c.binary) {
+    const char* kinds[] = {"classic final-gather map", "binary map", "open binary map"};
+    EXPECT_EQ(fields["kind"], kinds[c.form]) << r.out;
+    EXPECT_EQ(fields["byte order"], c.foreign ? "big-endian" : "little-endian");
+    if (c.form == OPEN_BINARY) {
+        EXPECT_EQ(fields["version"], "1");
+    } else if (c.form == BINARY) {
         EXPECT_EQ(fields["version"], "2");
         EXPECT_EQ(fields["page size"], "32768 bytes");
         EXPECT_EQ(fields["pages"], "1");
@@ -111,42 +175,37 @@ TEST_P(InfoSummaryTest, NumbersEqualThoseOfTheWrittenPoints)
     EXPECT_NE(r.out.find("  declare map"), std::string::npos);
     EXPECT_EQ(fields["elements"], "300");
 
-    float low[3], high[3];
-    float irrad_low[4], irrad_high[4];
-    double irrad_sum[4] = {};
-    uint64_t rays = 0;
-    for (int a = 0; a < 4; ++a) {
-        irrad_low[a] = low[a % 3] = std::numeric_limits<float>::max();
-        irrad_high[a] = high[a % 3] = -std::numeric_limits<float>::max();
-    }
-    for (const Record& rec : records) {
-        for (int a = 0; a < 3; ++a) {
-            low[a] = std::min(low[a], rec.position[a]);
-            high[a] = std::max(high[a], rec.position[a]);
+    // Every number against the same number taken from the written records: bounds, irradiance
+    // channels (min mean max) and the ray total.
+    auto range = [&](auto field) {
+        double low = std::numeric_limits<double>::max(), high = -low, sum = 0.0;
+        for (const Record& rec : records) {
+            low = std::min(low, double(field(rec)));
+            high = std::max(high, double(field(rec)));
+            sum += field(rec);
         }
-        for (int ch = 0; ch < 4; ++ch) {
-            irrad_low[ch] = std::min(irrad_low[ch], rec.irrad[ch]);
-            irrad_high[ch] = std::max(irrad_high[ch], rec.irrad[ch]);
-            irrad_sum[ch] += rec.irrad[ch];
-        }
-        rays += rec.rays;
-    }
-    const std::vector<double> bounds_min = numbers(fields["bounds min"]);
-    const std::vector<double> bounds_max = numbers(fields["bounds max"]);
+        return std::vector<double>{low, sum / double(records.size()), high};
+    };
+    const std::vector<double> bounds_min = numbers(fields["bounds min"]), bounds_max = numbers(fields["bounds max"]);
     ASSERT_EQ(bounds_min.size(), 3u);
     ASSERT_EQ(bounds_max.size(), 3u);
     for (int a = 0; a < 3; ++a) {
-        EXPECT_EQ(float(bounds_min[a]), low[a]);
-        EXPECT_EQ(float(bounds_max[a]), high[a]);
+        const std::vector<double> axis = range([a](const Record& rec) { return rec.position[a]; });
+        EXPECT_EQ(float(bounds_min[a]), float(axis[0]));
+        EXPECT_EQ(float(bounds_max[a]), float(axis[2]));
     }
+    uint64_t rays = 0;
+    for (const Record& rec : records)
+        rays += rec.rays;
     EXPECT_EQ(fields["rays"], std::to_string(rays));
     const char* channels[4] = {"red", "green", "blue", "alpha"};
     for (int ch = 0; ch < 4; ++ch) {
         const std::vector<double> v = numbers(fields[std::string("irradiance ") + channels[ch]]);
+        const std::vector<double> expected = range([ch](const Record& rec) { return rec.irrad[ch]; });
         ASSERT_EQ(v.size(), 3u) << channels[ch];
-        EXPECT_EQ(float(v[0]), irrad_low[ch]);
-        EXPECT_NEAR(v[1], irrad_sum[ch] / 300.0, 1e-6);
-        EXPECT_EQ(float(v[2]), irrad_high[ch]);
+        EXPECT_EQ(float(v[0]), float(expected[0]));
+        EXPECT_NEAR(v[1], expected[1], 1e-6);
+        EXPECT_EQ(float(v[2]), float(expected[2]));
     }
 
     // Fewer points than the sample size: every point is sampled.
@@ -172,18 +231,19 @@ TEST_P(InfoSummaryTest, NumbersEqualThoseOfTheWrittenPoints)
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, InfoSummaryTest,
-                         testing::Values(Map_case{"ClassicNative", 1, false, false},
-                                         Map_case{"ClassicForeign", 1, true, false},
-                                         Map_case{"ClassicVersion0Native", 0, false, false},
-                                         Map_case{"ClassicVersion0Foreign", 0, true, false},
-                                         Map_case{"Binary", 1, false, true}),
+                         testing::Values(Map_case{"ClassicNative", 1, false, CLASSIC},
+                                         Map_case{"ClassicForeign", 1, true, CLASSIC},
+                                         Map_case{"ClassicVersion0Native", 0, false, CLASSIC},
+                                         Map_case{"ClassicVersion0Foreign", 0, true, CLASSIC},
+                                         Map_case{"Binary", 1, false, BINARY},
+                                         Map_case{"OpenBinary", 1, false, OPEN_BINARY}),
                          [](const auto& info) { return std::string(info.param.name); });
 
 TEST(InfoExportTest, PlyAndAsciiHoldEveryPoint)
 {
     Temp_dir dir;
     const std::vector<Record> records = make_records(50, 3);
-    write_file(dir.file("map.fg"), classic_file(records, 1, false));
+    write_file(dir.file("map.fg"), classic_bytes(records, 1, false));
     const Run_result r = run_info({"--ply", dir.file("out.ply"), "--ascii", dir.file("out.txt"), dir.file("map.fg")});
     ASSERT_EQ(r.exit_code, 0) << r.err;
     EXPECT_EQ(r.out, "");  // output options alone print no summary
@@ -262,7 +322,7 @@ TEST(InfoExportTest, PictureShowsEachPointWhereItProjectsInAllThreeViews)
         }
         records[k].irrad[0] = 0.05f + 0.2f * float(k);
     }
-    write_file(dir.file("map.fg"), classic_file(records, 1, false));
+    write_file(dir.file("map.fg"), classic_bytes(records, 1, false));
 
     const Run_result standard = run_info({"--png", dir.file("default.png"), dir.file("map.fg")});
     ASSERT_EQ(standard.exit_code, 0) << standard.err;
@@ -302,10 +362,14 @@ TEST(InfoErrorTest, DamagedInputOfEachKindExitsOneWithTheReadersLine)
 {
     Temp_dir dir;
     const std::vector<Record> records = make_records(20, 5);
-    const std::string classic = classic_file(records, 1, false);
+    const std::string classic = classic_bytes(records, 1, false);
     write_file(dir.file("good.fg"), classic);
     ASSERT_EQ(run_binary(QV_TEST_TOOL_PATH, {dir.file("good.fg"), dir.file("good.fgm")}).exit_code, 0);
     const std::string binary = read_file(dir.file("good.fgm"));
+    write_open_binary(dir.file("good.ob"), records);
+    const std::string open = read_file(dir.file("good.ob"));
+    std::string bad_open_version = open;
+    bad_open_version[8] = '2';
 
     std::string bad_magic = classic;
     bad_magic[33] = 'X';
@@ -316,7 +380,7 @@ TEST(InfoErrorTest, DamagedInputOfEachKindExitsOneWithTheReadersLine)
     struct Case {
         const char* name;
         std::string bytes;
-        const char* line;
+        std::string line;
     } cases[] = {
         {"missing.fg", "", "cannot load finalgather map file"},
         {"magic.fg", bad_magic, "wrong finalgather map header magic"},
@@ -325,6 +389,9 @@ TEST(InfoErrorTest, DamagedInputOfEachKindExitsOneWithTheReadersLine)
         {"header.fg", classic.substr(0, 20), "cannot read finalgather map file header"},
         {"version.fgm", bad_binary_version, "is 9, unsupported"},
         {"short.fgm", binary.substr(0, 100), "is damaged"},
+        {"version.ob", bad_open_version, "version of open binary map file \"" + dir.file("version.ob") +
+                                             "\" is 2, unsupported"},
+        {"partial.ob", open.substr(0, open.size() - 7), "reading from open binary map file"},
     };
     for (const Case& c : cases) {
         if (std::string(c.name) != "missing.fg")
@@ -348,7 +415,7 @@ TEST(InfoErrorTest, BadWordsAreUsageWithExitTwo)
     }
     // An output that names the input would destroy it.
     Temp_dir dir;
-    const std::string map = classic_file(make_records(10, 1), 1, false);
+    const std::string map = classic_bytes(make_records(10, 1), 1, false);
     write_file(dir.file("map.fg"), map);
     EXPECT_EQ(run_info({"--ascii", dir.file("map.fg"), dir.file("map.fg")}).exit_code, 2);
     EXPECT_EQ(read_file(dir.file("map.fg")), map);

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <optional>
 #include <regex>
 #include <sstream>
@@ -18,6 +19,7 @@
 #include "runtime/msg.h"
 #include "runtime/msg_testing.h"
 #include "tests/runtime/stderr_capture.h"
+#include "tests/run_support.h"
 #include "tests/test_support.h"
 
 namespace {
@@ -26,14 +28,6 @@ struct Fatal_called {
     int code;
 };
 void throwing_fatal_handler(int code) { throw Fatal_called{code}; }
-
-std::string read_file(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 struct Callback_line {
     uint32_t level;
@@ -53,11 +47,8 @@ protected:
     void SetUp() override
     {
         qv_test_init();
-        char pattern[] = "/tmp/qv_msg_test_XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        dir_ = pattern;
         // Fatal lines always go to a log file: keep it in our own directory.
-        setenv("temp", dir_.c_str(), 1);
+        setenv("temp", dir_.path().c_str(), 1);
         unsetenv("QV_LOGFILE");
         unsetenv("QV_KEEP_FB");
         msg_testing_reset_all();
@@ -75,117 +66,142 @@ protected:
         unsetenv("QV_LOGFILE");
         msg_testing_reset_all();
         msg_set_host_number(0);
-        std::string command = "rm -rf '" + dir_ + "'";
-        ASSERT_EQ(system(command.c_str()), 0);
     }
 
-    std::string dir_;
+    Temp_dir dir_;
     Thread_context* context_ = nullptr;
     int32_t saved_thread_number_ = 0;
     std::optional<Module_scope> main_scope_;
 };
 
-TEST_F(MsgTest, ExampleLinesBeforeAndAfterTheHostLayerStartsComeOutExactly)
-{
-    msg_set_levels(0x1f);
-    Stderr_capture capture;
-    msg_set_host_number(255);
-    msg_info("version %s, %s", "3.9.4.14", "May 12 2011");
-    msg_set_host_number(0);
-    msg_info("version %s, %s", "3.9.4.14", "May 12 2011");
-    msg_defaults();
-    msg_warn_n(18, "unknown color '%c', expected [.rgbcmyk]", 'x');
-    EXPECT_EQ(capture.finish(),
-              "MAIN  .0  info : version 3.9.4.14, May 12 2011\n"
-              "MAIN 0.0  info : version 3.9.4.14, May 12 2011\n"
-              "MAIN 0.0  warn   242018: unknown color 'x', expected [.rgbcmyk]\n");
-}
-
-TEST_F(MsgTest, PrefixCutsLongNamesAndMarksDetachedThreads)
-{
-    Module_scope scope(MOD_PARTICLEMAP);
-    Stderr_capture capture;
-    context_->thread_number = 12;
-    msg_error("a");
-    context_->thread_number = THREAD_NUMBER_DETACHED;
-    msg_error("b");
-    msg_set_host_number(7);
-    msg_warn("c");
-    // The module name cut to four letters.
-    const std::string part = "PART";
-    EXPECT_EQ(capture.finish(), part + " 0.12 error: a\n" + part + " 0.n  error: b\n" + part + " 7.n  warn : c\n");
-}
-
-TEST_F(MsgTest, NumbersUseLastThreeDigitsAndRemapTheGapGeoFamily)
-{
-    msg_defaults();
-    qv_errorhandler(recording_callback);
-    msg_warn_n(1018, "main");
-    {
-        Module_scope scope(MOD_GEOCO);
-        msg_error_n(5, "geo");
-        msg_set_fatal_handler(throwing_fatal_handler);
-        Stderr_capture capture;
-        EXPECT_THROW(msg_fatal_n(7, "boom"), Fatal_called);
-        EXPECT_EQ(capture.finish(), "GEOC 0.0  fatal  091007: boom\n") << "a fatal reaches the console despite a callback";
-    }
-    {
-        Module_scope scope(MOD_GEOQV);
-        msg_warn_n(3, "geoqv");
-    }
-    ASSERT_EQ(g_callback_lines.size(), 4u);
-    EXPECT_EQ(g_callback_lines[0].number, 242018);
-    EXPECT_EQ(g_callback_lines[0].line, "MAIN 0.0  warn   242018: main");
-    EXPECT_EQ(g_callback_lines[1].line, "GEOC 0.0  error  091005: geo");
-    EXPECT_EQ(g_callback_lines[2].line, "GEOC 0.0  fatal  091007: boom");
-    EXPECT_EQ(g_callback_lines[2].level, uint32_t(MSG_FATAL));
-    EXPECT_EQ(g_callback_lines[3].number, 92003);
-    EXPECT_EQ(g_callback_lines[3].text, "geoqv");
-}
-
-TEST_F(MsgTest, MessageCodeIsShownOnlyWithTheMsgcodeClass)
-{
-    msg_set_classes(MOD_MAIN, MSG_CLASS_DEFAULT & ~MSG_CLASS_MSGCODE);
-    qv_errorhandler(recording_callback);
-    msg_error_n(12, "no code");
-    msg_set_classes(0, MSG_CLASS_MSGCODE);
-    msg_error_n(12, "code");
-    msg_error("unnumbered");
-    ASSERT_EQ(g_callback_lines.size(), 3u);
-    EXPECT_EQ(g_callback_lines[0].line, "MAIN 0.0  error: no code");
-    EXPECT_EQ(g_callback_lines[0].number, 241012);
-    EXPECT_EQ(g_callback_lines[1].line, "MAIN 0.0  error  241012: code");
-    EXPECT_EQ(g_callback_lines[2].line, "MAIN 0.0  error: unnumbered");
-    EXPECT_EQ(g_callback_lines[2].number, 241000);
-}
-
-TEST_F(MsgTest, LongTextsSplitAt1313CharactersWithDotsAtEveryCut)
+// Every console form, once: each row starts from the state of a fresh process in module MAIN on
+// the main thread and gives exactly what reaches stderr.
+TEST_F(MsgTest, EachLineFormReachesTheConsoleExactly)
 {
     const std::string exact(1313, 'a'), b_run(1313, 'b');
-    Stderr_capture capture;
-    msg_error("%s", exact.c_str());
-    msg_error("%s", (b_run + "z").c_str());
-    EXPECT_EQ(capture.finish(), "MAIN 0.0  error: " + exact + "\n" + "MAIN 0.0  error: " + b_run + "...\n" +
-                                    "MAIN 0.0  error: ...z\n");
-
-    // Three pieces: the middle one carries dots on both sides.
-    qv_errorhandler(recording_callback);
-    msg_warn("%s", (exact + b_run + "c").c_str());
-    ASSERT_EQ(g_callback_lines.size(), 3u);
-    EXPECT_EQ(g_callback_lines[1].text, "..." + b_run + "...");
-    EXPECT_EQ(g_callback_lines[2].text, "...c");
+    const struct {
+        const char* what;
+        std::function<void()> run;
+        std::string err;
+    } cases[] = {
+        {"before and after the host layer starts",
+         [] {
+             msg_set_levels(0x1f);
+             msg_set_host_number(255);
+             msg_info("version %s, %s", "3.9.4.14", "May 12 2011");
+             msg_set_host_number(0);
+             msg_info("version %s, %s", "3.9.4.14", "May 12 2011");
+             msg_defaults();
+             msg_warn_n(18, "unknown color '%c', expected [.rgbcmyk]", 'x');
+         },
+         "MAIN  .0  info : version 3.9.4.14, May 12 2011\n"
+         "MAIN 0.0  info : version 3.9.4.14, May 12 2011\n"
+         "MAIN 0.0  warn   242018: unknown color 'x', expected [.rgbcmyk]\n"},
+        // The module name cut to four letters; thread 12, then a detached thread, on host 7.
+        {"prefix",
+         [this] {
+             Module_scope scope(MOD_PARTICLEMAP);
+             context_->thread_number = 12;
+             msg_error("a");
+             context_->thread_number = THREAD_NUMBER_DETACHED;
+             msg_error("b");
+             msg_set_host_number(7);
+             msg_warn("c");
+         },
+         "PART 0.12 error: a\nPART 0.n  error: b\nPART 7.n  warn : c\n"},
+        // The caller's number keeps its last three digits; GEOCO and GEOQV number as modules 9, 9.
+        {"numbers",
+         [] {
+             msg_defaults();
+             msg_warn_n(1018, "main");
+             Module_scope geo(MOD_GEOCO);
+             msg_error_n(5, "geo");
+             Module_scope geoqv(MOD_GEOQV);
+             msg_warn_n(3, "geoqv");
+         },
+         "MAIN 0.0  warn   242018: main\nGEOC 0.0  error  091005: geo\nGEOQ 0.0  warn   092003: geoqv\n"},
+        {"message code only with its class",
+         [] {
+             msg_set_classes(MOD_MAIN, MSG_CLASS_DEFAULT & ~MSG_CLASS_MSGCODE);
+             msg_error_n(12, "no code");
+             msg_set_classes(0, MSG_CLASS_MSGCODE);
+             msg_error_n(12, "code");
+             msg_error("unnumbered");
+         },
+         "MAIN 0.0  error: no code\nMAIN 0.0  error  241012: code\nMAIN 0.0  error: unnumbered\n"},
+        // 1,313 characters fit; longer texts are cut with dots on each side of every cut.
+        {"long texts",
+         [&] {
+             msg_error("%s", exact.c_str());
+             msg_warn("%s", (exact + b_run + "c").c_str());
+         },
+         "MAIN 0.0  error: " + exact + "\nMAIN 0.0  warn : " + exact + "...\nMAIN 0.0  warn : ..." + b_run +
+             "...\nMAIN 0.0  warn : ...c\n"},
+        {"newlines, empty and filtered texts",
+         [] {
+             msg_set_levels(0x1f);
+             msg_info("one\ntwo\n%s", "three\n");
+             msg_info("%s", "");
+             msg_debug("filtered");
+             msg_set_levels(MSG_FATAL);
+             msg_error("filtered too");
+         },
+         "MAIN 0.0  info : one two three \n"},
+        {"colours only on a character device",
+         [] {
+             msg_set_colors("ry");
+             msg_error("plain");
+             msg_testing_set_console_char_device(1);
+             msg_error("coloured");
+             msg_warn("cyan");
+         },
+         "MAIN 0.0  error: plain\n\033[93mMAIN 0.0  error: coloured\n\033[0m\033[96mMAIN 0.0  warn : cyan\n\033[0m"},
+        {"guarded handler and callback",
+         [] {
+             msg_set_fatal_handler(nullptr);
+             msg_set_host_number(3);
+             qv_errorhandler(recording_callback);
+             msg_set_host_number(0);
+             msg_warn("after");
+         },
+         "MAIN 0.0  warn : The fatal-handler must be set\n"
+         "MAIN 3.0  error: qv_errorhandler can only be used on master\nMAIN 0.0  warn : after\n"},
+        {"bad class list",
+         [] {
+             msg_defaults();
+             uint32_t mask = 0;
+             msg_parse_class_list(&mask, "phase,bogus");
+         },
+         "LIB  0.0  error  291048: invalid message list, use 0..31,none,default,all,none,phase,"
+         "progress,vprogress,time,scene,memory,render,vrender,resources,network,files,debug,"
+         "msgcode,msgtrans,tessellate\n"},
+    };
+    for (const auto& c : cases) {
+        msg_testing_reset_all();
+        msg_set_host_number(0);
+        context_->thread_number = saved_thread_number_;
+        Stderr_capture capture;
+        c.run();
+        EXPECT_EQ(capture.finish(), c.err) << c.what;
+    }
+    EXPECT_TRUE(g_callback_lines.empty()) << "the callback refused off the master got nothing";
 }
 
-TEST_F(MsgTest, NewlinesBecomeBlanksAndEmptyTextsPrintNothing)
+// With a callback the lines go to it, numbered in full, and only a fatal reaches the console too.
+TEST_F(MsgTest, CallbackTakesTheLinesAndTheirFullNumbers)
 {
-    msg_set_levels(0x1f);
+    msg_defaults();
+    qv_errorhandler(recording_callback);
+    msg_set_fatal_handler(throwing_fatal_handler);
+    msg_warn("unnumbered");
     Stderr_capture capture;
-    msg_info("one\ntwo\n%s", "three\n");
-    msg_info("%s", "");
-    msg_debug("filtered");
-    msg_set_levels(MSG_FATAL);
-    msg_error("filtered too");
-    EXPECT_EQ(capture.finish(), "MAIN 0.0  info : one two three \n");
+    EXPECT_THROW(msg_fatal_n(7, "boom"), Fatal_called);
+    EXPECT_EQ(capture.finish(), "MAIN 0.0  fatal  241007: boom\n");
+    ASSERT_EQ(g_callback_lines.size(), 2u);
+    EXPECT_EQ(g_callback_lines[0].number, 242000);
+    EXPECT_EQ(g_callback_lines[0].text, "unnumbered");
+    EXPECT_EQ(g_callback_lines[1].line, "MAIN 0.0  fatal  241007: boom");
+    EXPECT_EQ(g_callback_lines[1].level, uint32_t(MSG_FATAL));
 }
 
 TEST_F(MsgTest, FatalPrintsRunsTheSequenceAndLogsTheShortForm)
@@ -211,7 +227,7 @@ TEST_F(MsgTest, FatalPrintsRunsTheSequenceAndLogsTheShortForm)
     EXPECT_EQ(abort_calls, 1);
     EXPECT_EQ(abort_value, 5);
 
-    std::string log = read_file(dir_ + "/quovlib.log");
+    std::string log = read_file(dir_.file("quovlib.log"));
     EXPECT_NE(log.find("] MAIN fatal: disk c gone\n"), std::string::npos) << log;
     EXPECT_NE(log.find("] MAIN fatal: \n"), std::string::npos) << log;
     EXPECT_EQ(log.find("0.0  fatal"), std::string::npos) << "console form must not be logged";
@@ -219,7 +235,7 @@ TEST_F(MsgTest, FatalPrintsRunsTheSequenceAndLogsTheShortForm)
 
 TEST_F(MsgTest, LogFileTakesEveryLineInTheRecordFormat)
 {
-    std::string path = dir_ + "/run.log";
+    std::string path = dir_.file("run.log");
     setenv("QV_LOGFILE", path.c_str(), 1);
     msg_testing_reset_output();
     msg_set_fatal_handler(throwing_fatal_handler);
@@ -237,54 +253,6 @@ TEST_F(MsgTest, LogFileTakesEveryLineInTheRecordFormat)
     struct stat info;
     ASSERT_EQ(stat(path.c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777, 0666u);
-}
-
-TEST_F(MsgTest, ColouredLinesOnlyOnACharacterDevice)
-{
-    msg_set_colors("ry");
-    Stderr_capture capture;
-    msg_error("plain");
-    msg_testing_set_console_char_device(1);
-    msg_error("coloured");
-    msg_warn("cyan");
-    EXPECT_EQ(capture.finish(), "MAIN 0.0  error: plain\n"
-                                "\033[93mMAIN 0.0  error: coloured\n\033[0m"
-                                "\033[96mMAIN 0.0  warn : cyan\n\033[0m");
-}
-
-TEST_F(MsgTest, ClassListsAddRemoveAndReportUnknownItems)
-{
-    msg_defaults();
-    // Each list starts from an empty mask; "d" takes the first matching row, default.
-    for (const auto& [list, expected] : {std::pair<const char*, uint32_t>{"", 0u}, {",,msgc,ti", 0x1008u},
-                                         {"all,-time,!0,~net", 0xffffffffu & ~0x8u & ~0x1u & ~0x200u},
-                                         {"31,4", 0x80000010u}, {"d", MSG_CLASS_DEFAULT}}) {
-        uint32_t mask = 123;
-        EXPECT_EQ(msg_parse_class_list(&mask, list), 1) << list;
-        EXPECT_EQ(mask, expected) << list;
-    }
-    uint32_t mask = 0;
-
-    Stderr_capture capture;
-    EXPECT_EQ(msg_parse_class_list(&mask, "phase,bogus"), 0);
-    EXPECT_EQ(capture.finish(),
-              "LIB  0.0  error  291048: invalid message list, use 0..31,none,default,all,none,phase,"
-              "progress,vprogress,time,scene,memory,render,vrender,resources,network,files,debug,"
-              "msgcode,msgtrans,tessellate\n");
-}
-
-TEST_F(MsgTest, FatalHandlerAndCallbackAreGuarded)
-{
-    Stderr_capture capture;
-    EXPECT_EQ(msg_set_fatal_handler(nullptr), nullptr);
-    msg_set_host_number(3);
-    qv_errorhandler(recording_callback);
-    msg_set_host_number(0);
-    msg_warn("after");
-    EXPECT_EQ(capture.finish(), "MAIN 0.0  warn : The fatal-handler must be set\n"
-                                "MAIN 3.0  error: qv_errorhandler can only be used on master\n"
-                                "MAIN 0.0  warn : after\n");
-    EXPECT_TRUE(g_callback_lines.empty());
 }
 
 TEST_F(MsgTest, TimerReportNeedsTheTimeClass)

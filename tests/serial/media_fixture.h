@@ -18,10 +18,7 @@ namespace serial_test {
 
 enum class Media { file, queue };
 
-inline std::string media_name(const testing::TestParamInfo<Media>& info)
-{
-    return info.param == Media::file ? "File" : "Queue";
-}
+inline std::string media_name(const testing::TestParamInfo<Media>& info) { return info.param == Media::file ? "File" : "Queue"; }
 
 using File_ptr = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
 
@@ -94,20 +91,16 @@ std::vector<uint8_t> raw_bytes(const T&... values)
     return all;
 }
 
-inline std::vector<uint8_t> le64(uint64_t value)
+// `width` bytes of `value`, little-endian as on the wire.
+inline std::vector<uint8_t> le_bytes(uint64_t value, int width)
 {
-    std::vector<uint8_t> bytes;
-    for (int i = 0; i < 8; ++i)
-        bytes.push_back(uint8_t(value >> (8 * i)));
+    std::vector<uint8_t> bytes(size_t(width), 0);
+    for (int i = 0; i < width; ++i)
+        bytes[size_t(i)] = uint8_t(value >> (8 * i));
     return bytes;
 }
-
-inline std::vector<uint8_t> le32(uint32_t value)
-{
-    std::vector<uint8_t> bytes = le64(value);
-    bytes.resize(4);
-    return bytes;
-}
+inline std::vector<uint8_t> le64(uint64_t value) { return le_bytes(value, 8); }
+inline std::vector<uint8_t> le32(uint32_t value) { return le_bytes(value, 4); }
 
 inline std::vector<uint8_t> concat(std::initializer_list<std::vector<uint8_t>> parts)
 {

@@ -169,25 +169,4 @@ TEST_P(SerializerRowsTest, AnyNonZeroByteReadsAsTrue)
 INSTANTIATE_TEST_SUITE_P(Media, SerializerRowsTest, testing::Values(Media::file, Media::queue),
                          media_name);
 
-// A medium that overrides one primitive changes every composite built on it: a serializer
-// that doubles each f32 into an f64 doubles the width of the float arrays, and a deserializer
-// that mirrors it reads them back.
-class Widening_serializer : public QV::DB::Db_serializer {
-public:
-    using Db_serializer::write;
-    void write(float value) override { Db_serializer::write(static_cast<double>(value)); }
-};
-
-class Widening_deserializer : public QV::DB::Db_deserializer {
-public:
-    using Db_deserializer::Db_deserializer;
-    using Db_deserializer::read;
-    void read(float* value) override
-    {
-        double wide = 0;
-        Db_deserializer::read(&wide);
-        *value = static_cast<float>(wide);
-    }
-};
-
 }  // namespace

@@ -1,6 +1,7 @@
 // Stored objects: the framing, the manager that turns ids into objects, and what happens when
 // the stream lies (unknown ids, truncation, damaged counts).
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -34,34 +35,15 @@ public:
 };
 
 Serializable* make_probe() { return new Probe(); }
-struct Counting_factory : Class_factory {
-    int calls = 0;
-    uint32_t last_id = 0;
-    Serializable* construct(uint32_t class_id) override
-    {
-        ++calls;
-        last_id = class_id;
-        return new Probe();
-    }
-};
-
-std::vector<std::string> g_errors;
-void record_errors(uint32_t level, const char*, const char* text, int32_t)
-{
-    if (level == MSG_ERROR)
-        g_errors.push_back(text);
-}
-
 class StoredObjectTest : public testing::TestWithParam<Media> {
 protected:
     void SetUp() override
     {
         qv_test_init();
         manager_.register_class(Probe::CLASS_ID, make_probe);
-        g_errors.clear();
-        qv_errorhandler(record_errors);
+        messages_.emplace();
     }
-    void TearDown() override { qv_errorhandler(nullptr); }
+    void TearDown() override { messages_.reset(); }
 
     std::vector<uint8_t> stored_probe()
     {
@@ -75,6 +57,7 @@ protected:
     }
 
     Deserialization_manager_impl manager_;
+    std::optional<Msg_collect> messages_;
 };
 
 TEST_P(StoredObjectTest, FramingIsIdThenReferencesThenPayload)
@@ -91,17 +74,13 @@ TEST_P(StoredObjectTest, FramingIsIdThenReferencesThenPayload)
     EXPECT_EQ(probe->label, "point cloud");
     EXPECT_EQ(probe->references, (std::vector<Db_tag>{0x400, 0x40000000}));
     EXPECT_TRUE(in->is_valid());
-    EXPECT_TRUE(g_errors.empty());
-}
+    EXPECT_TRUE(Msg_collect::lines().empty());
 
-TEST_P(StoredObjectTest, UnknownClassIdIsAnErrorAndNoObject)
-{
-    std::vector<uint8_t> bytes = stored_probe();
+    // An id the manager does not know is an error and no object.
     manager_.unregister(Probe::CLASS_ID);
-    Reader in(GetParam(), bytes, &manager_);
-    EXPECT_EQ(in->deserialize(), nullptr);
-    ASSERT_EQ(g_errors.size(), 1u);
-    EXPECT_EQ(g_errors[0], "cannot construct serializable class id 0x3d505242");
+    Reader unknown(GetParam(), bytes, &manager_);
+    EXPECT_EQ(unknown->deserialize(), nullptr);
+    EXPECT_EQ(Msg_collect::texts(MSG_ERROR), std::vector<std::string>{"cannot construct serializable class id 0x3d505242"});
 }
 
 TEST_P(StoredObjectTest, EveryTruncationIsReportedAndNeverCrashes)
@@ -124,35 +103,26 @@ TEST_P(StoredObjectTest, DamagedCountsEndWithTheStreamNotWithAHugeAllocation)
 {
     const std::vector<uint8_t> tail = text_bytes("xyz");
     const std::vector<uint8_t> huge_text = concat({le32(0xFFFFFFFFu), tail});
-    {
-        Reader in(GetParam(), huge_text, &manager_);
-        char* text = reinterpret_cast<char*>(1);
-        in->read(&text);
-        EXPECT_EQ(text, nullptr);
+    // Reads one value from `bytes`; the stream must end up invalid.
+    auto read_damaged = [&](const std::vector<uint8_t>& bytes, auto* value) {
+        Reader in(GetParam(), bytes, &manager_);
+        in->read(value);
         EXPECT_FALSE(in->is_valid());
-    }
-    {
-        Reader in(GetParam(), huge_text, &manager_);
-        std::string text = "old";
-        in->read(&text);
-        EXPECT_LE(text.size(), 4096u);
-        EXPECT_EQ(text.substr(0, 3), "xyz");
-        EXPECT_FALSE(in->is_valid());
-    }
-    {
-        Reader in(GetParam(), concat({le64(uint64_t(1) << 62), le32(2), tail}), &manager_);
-        String_map map;
-        in->read(&map);
-        EXPECT_TRUE(map.empty());
-        EXPECT_FALSE(in->is_valid());
-    }
-    {
-        Reader in(GetParam(), concat({le64(uint64_t(1) << 60), le64(uint64_t(1) << 60), tail}), &manager_);
-        Byte_block block;
-        in->read(&block);
-        EXPECT_LE(block.capacity(), 4096u);
-        EXPECT_FALSE(in->is_valid());
-    }
+    };
+    char* c_text = reinterpret_cast<char*>(1);
+    read_damaged(huge_text, &c_text);
+    EXPECT_EQ(c_text, nullptr);
+    std::string text = "old";
+    read_damaged(huge_text, &text);
+    EXPECT_LE(text.size(), 4096u);
+    EXPECT_EQ(text.substr(0, 3), "xyz");
+    String_map map;
+    read_damaged(concat({le64(uint64_t(1) << 62), le32(2), tail}), &map);
+    EXPECT_TRUE(map.empty());
+    Byte_block block;
+    read_damaged(concat({le64(uint64_t(1) << 60), le64(uint64_t(1) << 60), tail}), &block);
+    EXPECT_LE(block.capacity(), 4096u);
+
     // An element whose reference count is damaged.
     Reader in(GetParam(), concat({le32(Probe::CLASS_ID), le32(0xFFFFFFF0u), le32(7)}), &manager_);
     std::unique_ptr<Serializable> object(in->deserialize());

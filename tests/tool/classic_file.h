@@ -32,11 +32,13 @@ inline Classic_point make_point(float x, float y, float z, uint32_t rays, int32_
 
 inline uint32_t swap32(uint32_t u) { return __builtin_bswap32(u); }
 
-// The 120-byte header followed by the records; `foreign` writes big-endian, `stored_count`
-// overrides the count word (for files that lie about it).
-inline std::string classic_bytes(const std::vector<Classic_point>& points, uint32_t version = 1,
-                                 bool foreign = false, int64_t stored_count = -1)
+// The 120-byte header followed by the records (any type whose first 104 bytes are a record);
+// `foreign` writes big-endian, `stored_count` overrides the count word (for files that lie about it).
+template <class Point>
+std::string classic_bytes(const std::vector<Point>& points, uint32_t version = 1, bool foreign = false,
+                          int64_t stored_count = -1)
 {
+    static_assert(sizeof(Point) >= 104);
     auto word = [foreign](uint32_t u) { return foreign ? swap32(u) : u; };
     std::string out(120, '\0');
     std::memcpy(&out[0], "qvFG    3.9.4.14", 16);
@@ -45,13 +47,18 @@ inline std::string classic_bytes(const std::vector<Classic_point>& points, uint3
     std::memcpy(&out[36], head, 8);
     uint32_t count = word(stored_count < 0 ? uint32_t(points.size()) : uint32_t(stored_count));
     std::memcpy(&out[96], &count, 4);
-    for (const Classic_point& p : points)
-        for (uint32_t w : p.words) {
+    for (const Point& p : points) {
+        uint32_t words[26];
+        std::memcpy(words, &p, sizeof words);
+        for (uint32_t w : words) {
             uint32_t v = word(w);
             out.append(reinterpret_cast<const char*>(&v), 4);
         }
+    }
     return out;
 }
+
+inline std::string classic_bytes(const std::vector<Classic_point>& points) { return classic_bytes<Classic_point>(points); }
 
 struct Classic_file {
     bool ok = false;
