@@ -110,19 +110,6 @@ struct Function_distance {
     float element(const uint8_t* bytes) const { return function.distance(bytes); }
 };
 
-// The search's queues, kept per thread so that a search allocates nothing in its steady state.
-struct Search_queues {
-    std::vector<Queued> nodes;
-    std::vector<Queued> pages;
-    std::vector<Queued> page_nodes;
-};
-
-Search_queues& thread_queues()
-{
-    static thread_local Search_queues queues;
-    return queues;
-}
-
 // Binary heaps with `before(a, b)` true when b belongs nearer the top: the layout of
 // std::push_heap, with the comparison inlined and the top replaced by one sift.
 template <class T, class Before>
@@ -157,23 +144,44 @@ template <class T, class Before>
     heap[at] = value;
 }
 
-// Queues grow by half their size rather than double: a thread keeps them for good.
-[[gnu::always_inline]] inline void push_queued(std::vector<Queued>& queue, Queued item)
+// A heap of Queued, nearest on top, on storage that the thread keeps for good, so that a search
+// allocates nothing in its steady state; the storage grows by half its size.
+struct Queue {
+    std::vector<Queued> storage;
+    size_t size = 0;
+    void clear() { size = 0; }
+    bool empty() const { return size == 0; }
+    const Queued& front() const { return storage.data()[0]; }
+    [[gnu::noinline]] void grow() { storage.resize(storage.size() + storage.size() / 2 + 16); }
+};
+
+[[gnu::always_inline]] inline void push_queued(Queue& queue, Queued item)
 {
-    if (queue.size() == queue.capacity())
-        queue.reserve(queue.size() + queue.size() / 2 + 16);
-    queue.push_back(item);
-    sift_up(queue.data(), queue.size() - 1, Farther());
+    if (queue.size == queue.storage.size())
+        queue.grow();
+    queue.storage.data()[queue.size] = item;
+    sift_up(queue.storage.data(), queue.size++, Farther());
 }
 
-[[gnu::always_inline]] inline Queued pop_queued(std::vector<Queued>& queue)
+[[gnu::always_inline]] inline Queued pop_queued(Queue& queue)
 {
-    const Queued next = queue.front();
-    const Queued last = queue.back();
-    queue.pop_back();
-    if (!queue.empty())
-        sift_down(queue.data(), queue.size(), last, Farther());
+    Queued* const heap = queue.storage.data();
+    const Queued next = heap[0];
+    if (--queue.size)
+        sift_down(heap, queue.size, heap[queue.size], Farther());
     return next;
+}
+
+// The search's queues, kept per thread.
+struct Search_queues {
+    Queue nodes;
+    Queue page_nodes;
+};
+
+Search_queues& thread_queues()
+{
+    static thread_local Search_queues queues;
+    return queues;
 }
 
 // Element range the search may report: all, or a subset.
@@ -231,7 +239,9 @@ struct Map_search_index {
 template <uint32_t N>
 void Map_search_index_slot<N>::drop()
 {
-    delete ready_.exchange(nullptr, std::memory_order_acq_rel);
+    // Called for every element a build adds to a page box: most often there is nothing to drop.
+    if (ready_.load(std::memory_order_relaxed))
+        delete ready_.exchange(nullptr, std::memory_order_acq_rel);
 }
 
 template <uint32_t N>
@@ -328,7 +338,7 @@ void run_search(Map_page_store* store, const Map_search_index<N>& index, const D
     const uint32_t element_bytes = store->element_bytes;
     const uint32_t tree_offset = store->elements_per_page * element_bytes;
 
-    auto offer = [&](uint32_t element, float d) {
+    auto offer = [&](uint32_t element, float d) __attribute__((always_inline)) {
         if (d > limit)
             return;
         if constexpr (Filtered) {
@@ -362,7 +372,7 @@ void run_search(Map_page_store* store, const Map_search_index<N>& index, const D
     const uint8_t* data = nullptr;   // null: nothing of the page may be reported
     const Node* page_nodes = nullptr;
     uint32_t node_count = 0, first_element = 0, held = 0;
-    auto enter = [&](uint32_t page) {
+    auto enter = [&](uint32_t page) __attribute__((always_inline)) {
         if (page == page_now)
             return data != nullptr;
         page_now = page;
@@ -374,7 +384,7 @@ void run_search(Map_page_store* store, const Map_search_index<N>& index, const D
         page_nodes = page_tree<N>(data, tree_offset, &node_count);
         return true;
     };
-    auto scan = [&](uint32_t first_slot, uint32_t end_slot) {
+    auto scan = [&](uint32_t first_slot, uint32_t end_slot) __attribute__((always_inline)) {
         end_slot = std::min(end_slot, held);
         const uint8_t* bytes = data + size_t(first_slot) * element_bytes;
         for (uint32_t slot = first_slot; slot < end_slot; ++slot, bytes += element_bytes)
@@ -384,7 +394,7 @@ void run_search(Map_page_store* store, const Map_search_index<N>& index, const D
     // taken next without a trip through the queue when nothing queued comes before it: the
     // order is the queue's all the same.
     auto walk_page = [&](Queued next) {
-        std::vector<Queued>& queue = queues.page_nodes;
+        Queue& queue = queues.page_nodes;
         queue.clear();
         for (;;) {
             if (next.distance > limit)
@@ -455,7 +465,7 @@ void run_search(Map_page_store* store, const Map_search_index<N>& index, const D
         return item.page_node == NO_PAGE_TREE ? distance.box(item.node.minimum, item.node.maximum)
                                               : distance.node(item.node);
     };
-    std::vector<Queued>& queue = queues.nodes;
+    Queue& queue = queues.nodes;
     queue.clear();
     Queued next = {root, 0};
     for (;;) {
