@@ -496,8 +496,21 @@ void run_search(Map_page_store* store, const Map_search_index<N>& index, const D
                 }
             };
             if (node.first_item == MAP_BVH_INNER) {
-                for (uint32_t child = node.first_child; child < node.first_child + node.count; ++child)
-                    consider({distance.box(index_nodes[child].minimum, index_nodes[child].maximum), child});
+                for (uint32_t child = node.first_child; child < node.first_child + node.count; ++child) {
+                    const Node& below = index_nodes[child];
+                    const float d = distance.box(below.minimum, below.maximum);
+                    if (d > limit)
+                        continue;
+                    // As in a page: what a child within reach leads to starts loading now.
+                    if (below.first_item == MAP_BVH_INNER) {
+                        __builtin_prefetch(index_nodes + below.first_child);
+                        __builtin_prefetch(reinterpret_cast<const char*>(index_nodes + below.first_child) + 64);
+                    } else {
+                        __builtin_prefetch(items + below.first_item);
+                        __builtin_prefetch(reinterpret_cast<const char*>(items + below.first_item) + 64);
+                    }
+                    consider({d, child});
+                }
             } else {
                 for (uint32_t i = node.first_item; i < node.first_item + node.count; ++i) {
                     const Item& item = items[i];
