@@ -1,10 +1,11 @@
 // Nearest-first searches over a map's two tree levels, under a point, a segment or a caller's
 // distance function.
 //
-// Global nodes come off a queue in order of distance; the pages of a leaf go on a second queue
-// and are searched nearest first, each through its own page tree (or element by element when it
-// has none). Results collect in a max-heap of the wanted size, whose top bounds the search as
-// soon as it is full, so far pages are never fetched. One template serves every distance; the
+// The walk goes over the search index (Map_search_index below): one in-memory tree over the
+// leaves of all page trees. Its nodes and leaves come off one queue in order of distance; a page
+// is fetched when one of its leaves comes off, and only the page's elements under that leaf are
+// tested. Results collect in a max-heap of the wanted size, whose top bounds the search as soon
+// as it is full, so far pages are never fetched. One template serves every distance; the
 // built-in ones are inlined, so only a caller's function costs a virtual call per test.
 #include <algorithm>
 #include <cmath>
@@ -78,6 +79,10 @@ struct Point_distance {
     const float* point;
     float box(const float* minimum, const float* maximum) const { return box_distance<N>(minimum, maximum, point); }
     float node(const Map_bvh_node<N>& node) const { return box_distance<N>(node.minimum, node.maximum, point); }
+    float leaf(const Map_bvh_box<N>& box, uint32_t, uint32_t) const
+    {
+        return box_distance<N>(box.minimum, box.maximum, point);
+    }
     float element(const uint8_t* bytes) const
     {
         return point_distance<N>(reinterpret_cast<const float*>(bytes), point);
@@ -93,6 +98,7 @@ struct Segment_distance {
         return map_segment_box_distance(origin, direction, length, minimum, maximum);
     }
     float node(const Map_bvh_node<3>& node) const { return box(node.minimum, node.maximum); }
+    float leaf(const Map_bvh_box<3>& box, uint32_t, uint32_t) const { return this->box(box.minimum, box.maximum); }
     float element(const uint8_t* bytes) const
     {
         return map_segment_point_distance(origin, direction, length, reinterpret_cast<const float*>(bytes));
@@ -106,6 +112,17 @@ struct Function_distance {
     float node(const Map_bvh_node<N>& node) const
     {
         return function.node_distance(reinterpret_cast<const float*>(&node));
+    }
+    // A page tree's leaf kept by the search index: the function sees it in its stored form.
+    float leaf(const Map_bvh_box<N>& box, uint32_t count, uint32_t first_item) const
+    {
+        Map_bvh_node<N> stored;
+        memcpy(stored.minimum, box.minimum, sizeof box.minimum);
+        memcpy(stored.maximum, box.maximum, sizeof box.maximum);
+        stored.count = count;
+        stored.first_item = first_item;
+        stored.first_child = 0;
+        return node(stored);
     }
     float element(const uint8_t* bytes) const { return function.distance(bytes); }
 };
@@ -190,9 +207,6 @@ struct Element_range {
     uint32_t last = UINT32_MAX;
 };
 
-// An item's page_node when the page has no tree: the item is the page's box, and the page is
-// scanned.
-constexpr uint32_t NO_PAGE_TREE = UINT32_MAX;
 // Queue entries of the index walk: items carry this bit, the index's own nodes do not.
 constexpr uint32_t ITEM_BIT = 0x80000000u;
 // Items under one leaf of the index.
@@ -228,9 +242,10 @@ const Map_bvh_node<N>* page_tree(const uint8_t* data, uint32_t tree_offset, uint
 template <uint32_t N>
 struct Map_search_index {
     struct Item {
-        Map_bvh_node<N> node;   // the page tree's leaf as stored, or the page box (no tree)
+        Map_bvh_box<N> box;     // the page tree's leaf, or the page's box when it has no tree
         uint32_t page;
-        uint32_t page_node;     // its index in the page tree, or NO_PAGE_TREE
+        uint16_t first_slot;    // the leaf's slots in the page (E is below 2^16)
+        uint16_t count;         // 0: the page has no tree and is scanned whole
     };
     std::vector<Map_bvh_node<N>> nodes;   // leaves cover items[first_item .. first_item + count)
     std::vector<Item> items;
@@ -267,37 +282,37 @@ const Map_search_index<N>& Map_search_index_slot<N>::get(const Map_global_bvh<N>
             uint32_t node_count = 0;
             const Map_bvh_node<N>* nodes = page_tree<N>(data, tree_offset, &node_count);
             if (!nodes) {
-                Item item = {};
-                memcpy(item.node.minimum, tree.boxes()[page].minimum, sizeof item.node.minimum);
-                memcpy(item.node.maximum, tree.boxes()[page].maximum, sizeof item.node.maximum);
-                item.page = page;
-                item.page_node = NO_PAGE_TREE;
-                index->items.push_back(item);
+                index->items.push_back(Item{tree.boxes()[page], page, 0, 0});
                 continue;
             }
+            // Children lie after their parents; a child that does not is a damaged page's, which
+            // the walk does not follow either.
             stack.assign(1, 0);
             while (!stack.empty()) {
                 const uint32_t at = stack.back();
                 stack.pop_back();
                 const Map_bvh_node<N>& node = nodes[at];
-                if (node.first_item == MAP_BVH_INNER) {
-                    // Children lie after their parents; anything else is a damaged page, whose
-                    // rest the search would not reach either.
-                    for (uint32_t child = node.first_child; child < std::min(node.first_child + node.count, node_count);
-                         ++child)
-                        if (child > at)
-                            stack.push_back(child);
-                } else {
-                    index->items.push_back(Item{node, page, at});
+                if (node.first_item != MAP_BVH_INNER) {
+                    // Slots beyond the page are never reported; an empty leaf has nothing to give.
+                    const uint32_t end = std::min(node.first_item + node.count, store->elements_per_page);
+                    if (node.first_item < end) {
+                        Item item = {{}, page, uint16_t(node.first_item), uint16_t(end - node.first_item)};
+                        memcpy(&item.box, node.minimum, sizeof item.box);
+                        index->items.push_back(item);
+                    }
+                    continue;
                 }
+                for (uint32_t child = node.first_child; child < std::min(node.first_child + node.count, node_count);
+                     ++child)
+                    if (child > at)
+                        stack.push_back(child);
             }
         }
     }
     if (!index->items.empty()) {
         std::vector<float> boxes(index->items.size() * 2 * N);
         for (size_t i = 0; i < index->items.size(); ++i) {
-            memcpy(&boxes[i * 2 * N], index->items[i].node.minimum, N * sizeof(float));
-            memcpy(&boxes[i * 2 * N + N], index->items[i].node.maximum, N * sizeof(float));
+            memcpy(&boxes[i * 2 * N], &index->items[i].box, 2 * N * sizeof(float));
         }
         std::vector<uint32_t> order;
         std::unique_ptr<Map_bvh_scratch, void (*)(Map_bvh_scratch*)> scratch(map_bvh_scratch_create(),
@@ -318,9 +333,9 @@ namespace {
 
 // `Filtered`: a resume pair or a subset leaves elements out; the plain search has no such test.
 template <uint32_t N, bool Filtered, class Distance>
-void run_search(Map_page_store* store, const Map_search_index<N>& index, const Distance& distance,
-                uint32_t max_count, float max_distance, uint32_t resume_index, float resume_distance,
-                Element_range range, std::vector<Map_lookup_entry>& results)
+void run_search(Map_page_store* store, const Map_search_index<N>& index, const std::vector<Map_bvh_box<N>>& boxes,
+                const Distance& distance, uint32_t max_count, float max_distance, uint32_t resume_index,
+                float resume_distance, Element_range range, std::vector<Map_lookup_entry>& results)
 {
     using Node = Map_bvh_node<N>;
     using Item = typename Map_search_index<N>::Item;
@@ -453,7 +468,8 @@ void run_search(Map_page_store* store, const Map_search_index<N>& index, const D
     if (resuming) {
         uint32_t slot;
         store->locate(resume_index, &hint_page, &slot);
-        if (enter(hint_page)) {
+        if (hint_page < boxes.size() && distance.box(boxes[hint_page].minimum, boxes[hint_page].maximum) <= limit &&
+            enter(hint_page)) {
             if (page_nodes)
                 walk_page({distance.node(page_nodes[0]), 0});
             else
@@ -462,8 +478,8 @@ void run_search(Map_page_store* store, const Map_search_index<N>& index, const D
     }
 
     auto item_distance = [&](const Item& item) {
-        return item.page_node == NO_PAGE_TREE ? distance.box(item.node.minimum, item.node.maximum)
-                                              : distance.node(item.node);
+        return item.count == 0 ? distance.box(item.box.minimum, item.box.maximum)
+                               : distance.leaf(item.box, item.count, item.first_slot);
     };
     Queue& queue = queues.nodes;
     queue.clear();
@@ -475,10 +491,10 @@ void run_search(Map_page_store* store, const Map_search_index<N>& index, const D
         if (next.index & ITEM_BIT) {
             const Item& item = items[next.index & ~ITEM_BIT];
             if (item.page != hint_page && enter(item.page)) {
-                if (item.page_node == NO_PAGE_TREE || !page_nodes)
+                if (item.count == 0)
                     scan(0, held);
                 else
-                    scan(item.node.first_item, item.node.first_item + item.node.count);
+                    scan(item.first_slot, uint32_t(item.first_slot) + item.count);
             }
         } else {
             const Node& node = index_nodes[next.index];
@@ -516,7 +532,7 @@ void run_search(Map_page_store* store, const Map_search_index<N>& index, const D
                     const Item& item = items[i];
                     // Its elements, when they are in the page at hand, can start loading now.
                     if (item.page == page_now && data)
-                        __builtin_prefetch(data + size_t(item.node.first_item) * element_bytes);
+                        __builtin_prefetch(data + size_t(item.first_slot) * element_bytes);
                     consider({item_distance(item), i | ITEM_BIT});
                 }
             }
@@ -536,16 +552,16 @@ void run_search(Map_page_store* store, const Map_search_index<N>& index, const D
 }
 
 template <uint32_t N, class Distance>
-void run_search(Map_page_store* store, const Map_search_index<N>& index, const Distance& distance,
-                uint32_t max_count, float max_distance, uint32_t resume_index, float resume_distance,
-                Element_range range, std::vector<Map_lookup_entry>& results)
+void run_search(Map_page_store* store, const Map_search_index<N>& index, const std::vector<Map_bvh_box<N>>& boxes,
+                const Distance& distance, uint32_t max_count, float max_distance, uint32_t resume_index,
+                float resume_distance, Element_range range, std::vector<Map_lookup_entry>& results)
 {
     if (resume_index == UINT32_MAX && range.first == 0 && range.last == UINT32_MAX)
-        run_search<N, false>(store, index, distance, max_count, max_distance, resume_index, resume_distance, range,
-                             results);
+        run_search<N, false>(store, index, boxes, distance, max_count, max_distance, resume_index, resume_distance,
+                             range, results);
     else
-        run_search<N, true>(store, index, distance, max_count, max_distance, resume_index, resume_distance, range,
-                            results);
+        run_search<N, true>(store, index, boxes, distance, max_count, max_distance, resume_index, resume_distance,
+                            range, results);
 }
 } // namespace
 
@@ -611,7 +627,7 @@ void Map_global_bvh<N>::search_point(const float* point, uint32_t max_count, flo
                                      std::vector<Map_lookup_entry>& results)
 {
     Module_scope scope(MOD_RCMP);
-    run_search<N>(store_, index_.get(*this), Point_distance<N>{point}, max_count, max_distance, resume_index,
+    run_search<N>(store_, index_.get(*this), boxes_, Point_distance<N>{point}, max_count, max_distance, resume_index,
                   resume_distance, Element_range(), results);
 }
 
@@ -624,7 +640,7 @@ void Map_global_bvh<N>::search_function(const Map_distance_base_internal& distan
     results.clear();
     if (distance.get_dimension() != N)
         return;
-    run_search<N>(store_, index_.get(*this), Function_distance<N>{distance}, max_count, max_distance,
+    run_search<N>(store_, index_.get(*this), boxes_, Function_distance<N>{distance}, max_count, max_distance,
                   resume_index, resume_distance, Element_range(), results);
 }
 
@@ -636,7 +652,7 @@ void Map_global_bvh<N>::search_segment(const float* origin, const float* directi
     Module_scope scope(MOD_RCMP);
     results.clear();
     if constexpr (N == 3) {
-        run_search<3>(store_, index_.get(*this), Segment_distance{origin, direction, length}, max_count,
+        run_search<3>(store_, index_.get(*this), boxes_, Segment_distance{origin, direction, length}, max_count,
                       max_distance, resume_index, resume_distance, Element_range(), results);
     } else {
         (void)origin, (void)direction, (void)length, (void)max_count, (void)max_distance, (void)resume_index,
@@ -653,7 +669,7 @@ void Map_global_bvh<N>::search_subset(const float* point, uint32_t first_element
     results.clear();
     if (first_element > last_element)
         return;
-    run_search<N>(store_, index_.get(*this), Point_distance<N>{point}, max_count, max_distance, resume_index,
+    run_search<N>(store_, index_.get(*this), boxes_, Point_distance<N>{point}, max_count, max_distance, resume_index,
                   resume_distance, Element_range{first_element, last_element}, results);
 }
 

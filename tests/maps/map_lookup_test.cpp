@@ -280,10 +280,8 @@ TEST_F(Map_lookup_test, CallerDistanceSegmentAndSubsetEqualAFullScan)
     const float origin[3] = {-200.0f, 1.0f, 2.0f}, direction[3] = {1.0f, 0.0f, 0.0f};
     ASSERT_EQ(segment.search(Map_vector3{-200.0f, 1.0f, 2.0f}, Map_vector3{1.0f, 0.0f, 0.0f}, 400.0f, 30, 1.0e30f),
               MAP_SUCCESS);
-    const std::vector<Map_lookup_entry> along = ranked(
-        solid.size(), [&](uint32_t i) { return map_segment_point_distance(origin, direction, 400.0f, solid.position(i)); },
-        30);
-    EXPECT_TRUE(same(sorted_results(segment), along));
+    auto along = [&](uint32_t i) { return map_segment_point_distance(origin, direction, 400.0f, solid.position(i)); };
+    EXPECT_TRUE(same(sorted_results(segment), ranked(solid.size(), along, 30)));
 
     // A subset: the nearest among elements 5000 .. 8999 only.
     std::vector<Map_lookup_entry> found;
