@@ -189,6 +189,36 @@ struct Queue {
     return next;
 }
 
+// The children of an expanded node: the nearest is kept aside and taken next without a trip
+// through the queue when nothing queued comes before it (the order is the queue's all the same);
+// the others are queued.
+struct Nearest_aside {
+    Queued best = {0.0f, UINT32_MAX};
+    [[gnu::always_inline]] void add(Queue& queue, Queued candidate)
+    {
+        if (best.index == UINT32_MAX) {
+            best = candidate;
+        } else if (Farther()(best, candidate)) {
+            push_queued(queue, best);
+            best = candidate;
+        } else {
+            push_queued(queue, candidate);
+        }
+    }
+    // True, with `next` the kept child, when it goes next; otherwise it joins the queue.
+    [[gnu::always_inline]] bool take(Queue& queue, Queued& next)
+    {
+        if (best.index == UINT32_MAX)
+            return false;
+        if (queue.empty() || !Farther()(best, queue.front())) {
+            next = best;
+            return true;
+        }
+        push_queued(queue, best);
+        return false;
+    }
+};
+
 // The search's queues, kept per thread.
 struct Search_queues {
     Queue nodes;
@@ -405,9 +435,7 @@ void run_search(Map_page_store* store, const Map_search_index<N>& index, const s
         for (uint32_t slot = first_slot; slot < end_slot; ++slot, bytes += element_bytes)
             offer(first_element + slot, distance.element(bytes));
     };
-    // Best first down the entered page's tree from `start`. An expanded node's nearest child is
-    // taken next without a trip through the queue when nothing queued comes before it: the
-    // order is the queue's all the same.
+    // Best first down the entered page's tree from `next`.
     auto walk_page = [&](Queued next) {
         Queue& queue = queues.page_nodes;
         queue.clear();
@@ -415,9 +443,8 @@ void run_search(Map_page_store* store, const Map_search_index<N>& index, const s
             if (next.distance > limit)
                 break;
             const Node& node = page_nodes[next.index];
-            bool descend = false;
+            Nearest_aside aside;
             if (node.first_item == MAP_BVH_INNER) {
-                Queued best = {0.0f, UINT32_MAX};
                 const uint32_t end = std::min(node.first_child + node.count, node_count);
                 for (uint32_t child = node.first_child; child < end; ++child) {
                     const Node& below = page_nodes[child];
@@ -429,26 +456,12 @@ void run_search(Map_page_store* store, const Map_search_index<N>& index, const s
                     __builtin_prefetch(below.first_item == MAP_BVH_INNER
                                            ? static_cast<const void*>(page_nodes + below.first_child)
                                            : static_cast<const void*>(data + size_t(below.first_item) * element_bytes));
-                    const Queued candidate = {d, child};
-                    if (best.index == UINT32_MAX) {
-                        best = candidate;
-                    } else if (Farther()(best, candidate)) {
-                        push_queued(queue, best);
-                        best = candidate;
-                    } else {
-                        push_queued(queue, candidate);
-                    }
-                }
-                if (best.index != UINT32_MAX && (queue.empty() || !Farther()(best, queue.front()))) {
-                    next = best;
-                    descend = true;
-                } else if (best.index != UINT32_MAX) {
-                    push_queued(queue, best);
+                    aside.add(queue, {d, child});
                 }
             } else {
                 scan(node.first_item, node.first_item + node.count);
             }
-            if (descend)
+            if (aside.take(queue, next))
                 continue;
             if (queue.empty())
                 break;
@@ -487,7 +500,7 @@ void run_search(Map_page_store* store, const Map_search_index<N>& index, const s
     for (;;) {
         if (next.distance > limit)
             break;
-        bool descend = false;
+        Nearest_aside aside;
         if (next.index & ITEM_BIT) {
             const Item& item = items[next.index & ~ITEM_BIT];
             if (item.page != hint_page && enter(item.page)) {
@@ -498,19 +511,6 @@ void run_search(Map_page_store* store, const Map_search_index<N>& index, const s
             }
         } else {
             const Node& node = index_nodes[next.index];
-            Queued best = {0.0f, UINT32_MAX};
-            auto consider = [&](Queued candidate) {
-                if (candidate.distance > limit)
-                    return;
-                if (best.index == UINT32_MAX) {
-                    best = candidate;
-                } else if (Farther()(best, candidate)) {
-                    push_queued(queue, best);
-                    best = candidate;
-                } else {
-                    push_queued(queue, candidate);
-                }
-            };
             if (node.first_item == MAP_BVH_INNER) {
                 for (uint32_t child = node.first_child; child < node.first_child + node.count; ++child) {
                     const Node& below = index_nodes[child];
@@ -518,32 +518,27 @@ void run_search(Map_page_store* store, const Map_search_index<N>& index, const s
                     if (d > limit)
                         continue;
                     // As in a page: what a child within reach leads to starts loading now.
-                    if (below.first_item == MAP_BVH_INNER) {
-                        __builtin_prefetch(index_nodes + below.first_child);
-                        __builtin_prefetch(reinterpret_cast<const char*>(index_nodes + below.first_child) + 64);
-                    } else {
-                        __builtin_prefetch(items + below.first_item);
-                        __builtin_prefetch(reinterpret_cast<const char*>(items + below.first_item) + 64);
-                    }
-                    consider({d, child});
+                    const char* ahead = below.first_item == MAP_BVH_INNER
+                                            ? reinterpret_cast<const char*>(index_nodes + below.first_child)
+                                            : reinterpret_cast<const char*>(items + below.first_item);
+                    __builtin_prefetch(ahead);
+                    __builtin_prefetch(ahead + 64);
+                    aside.add(queue, {d, child});
                 }
             } else {
                 for (uint32_t i = node.first_item; i < node.first_item + node.count; ++i) {
                     const Item& item = items[i];
+                    const float d = item_distance(item);
+                    if (d > limit)
+                        continue;
                     // Its elements, when they are in the page at hand, can start loading now.
                     if (item.page == page_now && data)
                         __builtin_prefetch(data + size_t(item.first_slot) * element_bytes);
-                    consider({item_distance(item), i | ITEM_BIT});
+                    aside.add(queue, {d, i | ITEM_BIT});
                 }
             }
-            if (best.index != UINT32_MAX && (queue.empty() || !Farther()(best, queue.front()))) {
-                next = best;
-                descend = true;
-            } else if (best.index != UINT32_MAX) {
-                push_queued(queue, best);
-            }
         }
-        if (descend)
+        if (aside.take(queue, next))
             continue;
         if (queue.empty())
             break;
