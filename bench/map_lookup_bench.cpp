@@ -5,8 +5,10 @@
 // its BVH; the kd-tree is built over the same points. Two query streams of the same points:
 // "random" (anywhere, in no order) and "coherent" (a walk through the box with small steps, as
 // a renderer's neighbouring shading points come). Each rate is the median of `repeats` timed
-// runs of at least `seconds` each; each search also sorts its results, since the kd-tree gives
-// them sorted. Rates are per second of the thread's CPU time. The out-of-core rows lower the cache limit to a tenth of the map's pages and let
+// runs of at least `seconds` each, taken in rounds that run every measurement of a k once, so
+// that the ratios do not follow the machine's load; each search also sorts its results, since
+// the kd-tree gives them sorted. Rates are per second of the thread's CPU time. The out-of-core
+// rows lower the cache limit to a tenth of the map's pages and let
 // the map's pages go, so that they come back through the swap file. Before timing, the lookup's
 // distances are checked against the kd-tree's for a sample of queries; the program exits
 // non-zero when they differ.
@@ -19,6 +21,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -110,29 +113,39 @@ double thread_seconds()
     return double(now.tv_sec) + double(now.tv_nsec) * 1e-9;
 }
 
-// Median of `repeats` rates, each a run over the queries (wrapping) for at least `seconds` of
-// the thread's CPU time.
+// One rate: a run over the queries (wrapping on from `next`) for at least `seconds` of the
+// thread's CPU time.
 template <class Query>
-double queries_per_second(const std::vector<float>& queries, double seconds, int repeats, Query query)
+double queries_per_second(const std::vector<float>& queries, double seconds, uint32_t& next, Query query)
 {
     const uint32_t count = uint32_t(queries.size() / 3);
-    std::vector<double> rates;
-    uint32_t next = 0;
-    for (int r = 0; r < repeats; ++r) {
-        uint64_t done = 0;
-        const double start = thread_seconds();
-        double elapsed = 0.0;
-        do {
-            for (int burst = 0; burst < 64; ++burst, ++done) {
-                query(&queries[size_t(next) * 3]);
-                next = next + 1 == count ? 0 : next + 1;
-            }
-            elapsed = thread_seconds() - start;
-        } while (elapsed < seconds);
-        rates.push_back(double(done) / elapsed);
+    uint64_t done = 0;
+    const double start = thread_seconds();
+    double elapsed = 0.0;
+    do {
+        for (int burst = 0; burst < 64; ++burst, ++done) {
+            query(&queries[size_t(next) * 3]);
+            next = next + 1 == count ? 0 : next + 1;
+        }
+        elapsed = thread_seconds() - start;
+    } while (elapsed < seconds);
+    return double(done) / elapsed;
+}
+
+// Medians of `repeats` rounds in which every measurement runs once, one after the other: on a
+// shared machine the load drifts, and a ratio of rates taken minutes apart measures the drift.
+std::vector<double> interleaved_medians(int repeats, const std::vector<std::function<double()>>& measurements)
+{
+    std::vector<std::vector<double>> rates(measurements.size());
+    for (int r = 0; r < repeats; ++r)
+        for (size_t m = 0; m < measurements.size(); ++m)
+            rates[m].push_back(measurements[m]());
+    std::vector<double> medians;
+    for (std::vector<double>& list : rates) {
+        std::sort(list.begin(), list.end());
+        medians.push_back(list[list.size() / 2]);
     }
-    std::sort(rates.begin(), rates.end());
-    return rates[rates.size() / 2];
+    return medians;
 }
 
 double since(Clock::time_point start)
@@ -219,6 +232,7 @@ int main(int argc, char** argv)
 
         // kd-tree random, lookup random, lookup walk, out-of-core random, out-of-core walk, kd-tree walk
         double rates[3][6] = {};
+        uint32_t next[6] = {};
         for (int k = 0; k < 3; ++k) {
             const uint32_t kk = ks[k];
             auto kd = [&](const float* p) { tree.knnSearch(p, kk, indices.data(), distances.data()); };
@@ -226,10 +240,12 @@ int main(int argc, char** argv)
                 lookup.search(Map_vector3{p[0], p[1], p[2]}, kk, 1.0e30f);
                 lookup.sort();
             };
-            rates[k][0] = queries_per_second(scattered, seconds, repeats, kd);
-            rates[k][1] = queries_per_second(scattered, seconds, repeats, ours);
-            rates[k][2] = queries_per_second(walk, seconds, repeats, ours);
-            rates[k][5] = queries_per_second(walk, seconds, repeats, kd);
+            const std::vector<double> medians = interleaved_medians(
+                repeats, {[&] { return queries_per_second(scattered, seconds, next[0], kd); },
+                          [&] { return queries_per_second(scattered, seconds, next[1], ours); },
+                          [&] { return queries_per_second(walk, seconds, next[2], ours); },
+                          [&] { return queries_per_second(walk, seconds, next[5], kd); }});
+            rates[k][0] = medians[0], rates[k][1] = medians[1], rates[k][2] = medians[2], rates[k][5] = medians[3];
         }
         // Out of core: a cache of a tenth of the map's pages; every page goes to the swap file.
         Map_manager::instance().set_size_limit_mb(float(pages) * MAP_FILE_PAGE_BYTES / 10.0f / 1048576.0f);
@@ -240,8 +256,10 @@ int main(int argc, char** argv)
                 lookup.search(Map_vector3{p[0], p[1], p[2]}, kk, 1.0e30f);
                 lookup.sort();
             };
-            rates[k][3] = queries_per_second(scattered, seconds, repeats, ours);
-            rates[k][4] = queries_per_second(walk, seconds, repeats, ours);
+            const std::vector<double> medians = interleaved_medians(
+                repeats, {[&] { return queries_per_second(scattered, seconds, next[3], ours); },
+                          [&] { return queries_per_second(walk, seconds, next[4], ours); }});
+            rates[k][3] = medians[0], rates[k][4] = medians[1];
         }
         printf("cache limit for the out-of-core rows: %.1f MB; swap file in use: %s\n",
                Map_manager::instance().size_limit(), map.page_store().has_swap_file ? "yes" : "no");

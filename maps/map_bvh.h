@@ -17,8 +17,10 @@
 // global tree and the page trees from many threads once the build is done.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <mutex>
 #include <vector>
 
 #include "database/job.h"
@@ -67,6 +69,32 @@ struct Map_bvh_box {
 };
 
 constexpr uint32_t map_bvh_node_bytes(uint32_t dimension) { return 12 + 8 * dimension; }
+
+// What the searches walk in memory (map_bvh_search.cpp): the leaves of every page tree, with
+// their pages, under one tree of their own. Made from the two stored levels on the first search
+// after they change and never stored: a copy of the tree starts without one, and every change
+// to the tree drops it.
+template <uint32_t N>
+struct Map_search_index;
+template <uint32_t N>
+class Map_global_bvh;
+
+template <uint32_t N>
+class Map_search_index_slot {
+public:
+    Map_search_index_slot() = default;
+    Map_search_index_slot(const Map_search_index_slot&) {}
+    Map_search_index_slot& operator=(const Map_search_index_slot&) = delete;
+    ~Map_search_index_slot() { drop(); }
+    // Needs the tree to itself, as every change to it does.
+    void drop();
+    // The index, made now under the lock when there is none; any number of searching threads.
+    const Map_search_index<N>& get(const Map_global_bvh<N>& tree);
+
+private:
+    std::atomic<Map_search_index<N>*> ready_{nullptr};
+    std::mutex lock_;
+};
 
 // The map's global tree, independent of the dimension. Owned by the map (Map_impl::global_bvh).
 class Map_global_bvh_base {
@@ -189,10 +217,15 @@ public:
     const std::vector<uint32_t>& items() const { return items_; }   // page numbers
     const std::vector<Box>& boxes() const { return boxes_; }        // by page
     Map_page_store* store() const { return store_; }
-    void set_store(Map_page_store* store) { store_ = store; }
+    void set_store(Map_page_store* store)
+    {
+        index_.drop();
+        store_ = store;
+    }
 
 private:
     Map_page_store* store_;
+    Map_search_index_slot<N> index_;
     std::vector<Box> boxes_;
     std::vector<Node> nodes_;
     std::vector<uint32_t> items_;

@@ -1,14 +1,16 @@
 // Nearest-first searches over a map's two tree levels, under a point, a segment or a caller's
 // distance function.
 //
-// Global nodes come off a queue in order of distance; the pages of a leaf go on a second queue
-// and are searched nearest first, each through its own page tree (or element by element when it
-// has none). Results collect in a max-heap of the wanted size, whose top bounds the search as
-// soon as it is full, so far pages are never fetched. One template serves every distance; the
+// The walk goes over the search index (Map_search_index below): one in-memory tree over the
+// leaves of all page trees. Its nodes and leaves come off one queue in order of distance; a page
+// is fetched when one of its leaves comes off, and only the page's elements under that leaf are
+// tested. Results collect in a max-heap of the wanted size, whose top bounds the search as soon
+// as it is full, so far pages are never fetched. One template serves every distance; the
 // built-in ones are inlined, so only a caller's function costs a virtual call per test.
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <memory>
 #include <vector>
 
 #include "maps/map_bvh.h"
@@ -24,8 +26,6 @@ namespace {
 
 constexpr float MAX_SEARCH_DISTANCE = 5.0e35f;
 constexpr float BEHIND_DISTANCE = 1.0e36f;
-// The node count, the root and its children, as far as they reach.
-constexpr uint32_t PREFETCH_TREE_BYTES = 4 + 9 * 60;
 
 struct Queued {
     float distance;
@@ -79,6 +79,10 @@ struct Point_distance {
     const float* point;
     float box(const float* minimum, const float* maximum) const { return box_distance<N>(minimum, maximum, point); }
     float node(const Map_bvh_node<N>& node) const { return box_distance<N>(node.minimum, node.maximum, point); }
+    float leaf(const Map_bvh_box<N>& box, uint32_t, uint32_t) const
+    {
+        return box_distance<N>(box.minimum, box.maximum, point);
+    }
     float element(const uint8_t* bytes) const
     {
         return point_distance<N>(reinterpret_cast<const float*>(bytes), point);
@@ -94,6 +98,7 @@ struct Segment_distance {
         return map_segment_box_distance(origin, direction, length, minimum, maximum);
     }
     float node(const Map_bvh_node<3>& node) const { return box(node.minimum, node.maximum); }
+    float leaf(const Map_bvh_box<3>& box, uint32_t, uint32_t) const { return this->box(box.minimum, box.maximum); }
     float element(const uint8_t* bytes) const
     {
         return map_segment_point_distance(origin, direction, length, reinterpret_cast<const float*>(bytes));
@@ -108,21 +113,19 @@ struct Function_distance {
     {
         return function.node_distance(reinterpret_cast<const float*>(&node));
     }
+    // A page tree's leaf kept by the search index: the function sees it in its stored form.
+    float leaf(const Map_bvh_box<N>& box, uint32_t count, uint32_t first_item) const
+    {
+        Map_bvh_node<N> stored;
+        memcpy(stored.minimum, box.minimum, sizeof box.minimum);
+        memcpy(stored.maximum, box.maximum, sizeof box.maximum);
+        stored.count = count;
+        stored.first_item = first_item;
+        stored.first_child = 0;
+        return node(stored);
+    }
     float element(const uint8_t* bytes) const { return function.distance(bytes); }
 };
-
-// The search's queues, kept per thread so that a search allocates nothing in its steady state.
-struct Search_queues {
-    std::vector<Queued> nodes;
-    std::vector<Queued> pages;
-    std::vector<Queued> page_nodes;
-};
-
-Search_queues& thread_queues()
-{
-    static thread_local Search_queues queues;
-    return queues;
-}
 
 // Binary heaps with `before(a, b)` true when b belongs nearer the top: the layout of
 // std::push_heap, with the comparison inlined and the top replaced by one sift.
@@ -158,23 +161,74 @@ template <class T, class Before>
     heap[at] = value;
 }
 
-// Queues grow by half their size rather than double: a thread keeps them for good.
-[[gnu::always_inline]] inline void push_queued(std::vector<Queued>& queue, Queued item)
+// A heap of Queued, nearest on top, on storage that the thread keeps for good, so that a search
+// allocates nothing in its steady state; the storage grows by half its size.
+struct Queue {
+    std::vector<Queued> storage;
+    size_t size = 0;
+    void clear() { size = 0; }
+    bool empty() const { return size == 0; }
+    const Queued& front() const { return storage.data()[0]; }
+    [[gnu::noinline]] void grow() { storage.resize(storage.size() + storage.size() / 2 + 16); }
+};
+
+[[gnu::always_inline]] inline void push_queued(Queue& queue, Queued item)
 {
-    if (queue.size() == queue.capacity())
-        queue.reserve(queue.size() + queue.size() / 2 + 16);
-    queue.push_back(item);
-    sift_up(queue.data(), queue.size() - 1, Farther());
+    if (queue.size == queue.storage.size())
+        queue.grow();
+    queue.storage.data()[queue.size] = item;
+    sift_up(queue.storage.data(), queue.size++, Farther());
 }
 
-[[gnu::always_inline]] inline Queued pop_queued(std::vector<Queued>& queue)
+[[gnu::always_inline]] inline Queued pop_queued(Queue& queue)
 {
-    const Queued next = queue.front();
-    const Queued last = queue.back();
-    queue.pop_back();
-    if (!queue.empty())
-        sift_down(queue.data(), queue.size(), last, Farther());
+    Queued* const heap = queue.storage.data();
+    const Queued next = heap[0];
+    if (--queue.size)
+        sift_down(heap, queue.size, heap[queue.size], Farther());
     return next;
+}
+
+// The children of an expanded node: the nearest is kept aside and taken next without a trip
+// through the queue when nothing queued comes before it (the order is the queue's all the same);
+// the others are queued.
+struct Nearest_aside {
+    Queued best = {0.0f, UINT32_MAX};
+    [[gnu::always_inline]] void add(Queue& queue, Queued candidate)
+    {
+        if (best.index == UINT32_MAX) {
+            best = candidate;
+        } else if (Farther()(best, candidate)) {
+            push_queued(queue, best);
+            best = candidate;
+        } else {
+            push_queued(queue, candidate);
+        }
+    }
+    // True, with `next` the kept child, when it goes next; otherwise it joins the queue.
+    [[gnu::always_inline]] bool take(Queue& queue, Queued& next)
+    {
+        if (best.index == UINT32_MAX)
+            return false;
+        if (queue.empty() || !Farther()(best, queue.front())) {
+            next = best;
+            return true;
+        }
+        push_queued(queue, best);
+        return false;
+    }
+};
+
+// The search's queues, kept per thread.
+struct Search_queues {
+    Queue nodes;
+    Queue page_nodes;
+};
+
+Search_queues& thread_queues()
+{
+    static thread_local Search_queues queues;
+    return queues;
 }
 
 // Element range the search may report: all, or a subset.
@@ -183,16 +237,140 @@ struct Element_range {
     uint32_t last = UINT32_MAX;
 };
 
+// Queue entries of the index walk: items carry this bit, the index's own nodes do not.
+constexpr uint32_t ITEM_BIT = 0x80000000u;
+// Items under one leaf of the index.
+constexpr uint32_t INDEX_LEAF_SIZE = 4;
+
+// First element of a page and the number it holds, from the segment that holds it (0: none).
+uint32_t page_span(const Map_page_store& store, uint32_t page, uint32_t* first_element)
+{
+    for (const Map_segment& segment : store.segments()) {
+        if (page >= segment.first_page && page <= segment.last_page) {
+            *first_element = segment.first_element + (page - segment.first_page) * segment.elements_per_page;
+            return page == segment.last_page ? segment.last_page_count : segment.elements_per_page;
+        }
+    }
+    return 0;
+}
+
+// The node count and nodes of a page's tree; null when the page has none (or none that fits).
+template <uint32_t N>
+const Map_bvh_node<N>* page_tree(const uint8_t* data, uint32_t tree_offset, uint32_t* node_count)
+{
+    memcpy(node_count, data + tree_offset, 4);
+    if (*node_count == 0 || tree_offset + 4 + size_t(*node_count) * sizeof(Map_bvh_node<N>) > MAP_FILE_PAGE_BYTES)
+        return nullptr;
+    return reinterpret_cast<const Map_bvh_node<N>*>(data + tree_offset + 4);
+}
+
+} // namespace
+
+// The page-tree leaves are far tighter than the page boxes, which overlap a lot (a page is a run
+// of the build's fixed element order and often spans two places): searched through their own
+// tree, a query enters only the pages where a leaf can still hold something nearer.
+template <uint32_t N>
+struct Map_search_index {
+    struct Item {
+        Map_bvh_box<N> box;     // the page tree's leaf, or the page's box when it has no tree
+        uint32_t page;
+        uint16_t first_slot;    // the leaf's slots in the page (E is below 2^16)
+        uint16_t count;         // 0: the page has no tree and is scanned whole
+    };
+    std::vector<Map_bvh_node<N>> nodes;   // leaves cover items[first_item .. first_item + count)
+    std::vector<Item> items;
+};
+
+template <uint32_t N>
+void Map_search_index_slot<N>::drop()
+{
+    // Called for every element a build adds to a page box: most often there is nothing to drop.
+    if (ready_.load(std::memory_order_relaxed))
+        delete ready_.exchange(nullptr, std::memory_order_acq_rel);
+}
+
+template <uint32_t N>
+const Map_search_index<N>& Map_search_index_slot<N>::get(const Map_global_bvh<N>& tree)
+{
+    if (const Map_search_index<N>* index = ready_.load(std::memory_order_acquire))
+        return *index;
+    std::lock_guard<std::mutex> hold(lock_);
+    if (const Map_search_index<N>* index = ready_.load(std::memory_order_relaxed))
+        return *index;
+    using Item = typename Map_search_index<N>::Item;
+    auto* index = new Map_search_index<N>;
+    Map_page_store* store = tree.store();
+    // Only the pages the global tree reaches, as a search through it would.
+    if (store && !tree.nodes().empty() && store->elements_per_page) {
+        const uint32_t tree_offset = store->elements_per_page * store->element_bytes;
+        std::vector<uint32_t> stack;
+        for (uint32_t page : tree.items()) {
+            uint32_t first_element = 0;
+            if (page >= tree.boxes().size() || !page_span(*store, page, &first_element))
+                continue;
+            const uint8_t* data = store->get_page(page, true);
+            uint32_t node_count = 0;
+            const Map_bvh_node<N>* nodes = page_tree<N>(data, tree_offset, &node_count);
+            if (!nodes) {
+                index->items.push_back(Item{tree.boxes()[page], page, 0, 0});
+                continue;
+            }
+            // Children lie after their parents; a child that does not is a damaged page's, which
+            // the walk does not follow either.
+            stack.assign(1, 0);
+            while (!stack.empty()) {
+                const uint32_t at = stack.back();
+                stack.pop_back();
+                const Map_bvh_node<N>& node = nodes[at];
+                if (node.first_item != MAP_BVH_INNER) {
+                    // Slots beyond the page are never reported; an empty leaf has nothing to give.
+                    const uint32_t end = std::min(node.first_item + node.count, store->elements_per_page);
+                    if (node.first_item < end) {
+                        Item item = {{}, page, uint16_t(node.first_item), uint16_t(end - node.first_item)};
+                        memcpy(&item.box, node.minimum, sizeof item.box);
+                        index->items.push_back(item);
+                    }
+                    continue;
+                }
+                for (uint32_t child = node.first_child; child < std::min(node.first_child + node.count, node_count);
+                     ++child)
+                    if (child > at)
+                        stack.push_back(child);
+            }
+        }
+    }
+    if (!index->items.empty()) {
+        std::vector<float> boxes(index->items.size() * 2 * N);
+        for (size_t i = 0; i < index->items.size(); ++i) {
+            memcpy(&boxes[i * 2 * N], &index->items[i].box, 2 * N * sizeof(float));
+        }
+        std::vector<uint32_t> order;
+        std::unique_ptr<Map_bvh_scratch, void (*)(Map_bvh_scratch*)> scratch(map_bvh_scratch_create(),
+                                                                             map_bvh_scratch_destroy);
+        map_bvh_build_tree<N>(boxes.data(), uint32_t(index->items.size()), INDEX_LEAF_SIZE, index->nodes, order,
+                              *scratch);
+        // Items in leaf order, so that a leaf's items lie together.
+        std::vector<Item> ordered(order.size());
+        for (size_t i = 0; i < order.size(); ++i)
+            ordered[i] = index->items[order[i]];
+        index->items.swap(ordered);
+    }
+    ready_.store(index, std::memory_order_release);
+    return *index;
+}
+
+namespace {
+
 // `Filtered`: a resume pair or a subset leaves elements out; the plain search has no such test.
 template <uint32_t N, bool Filtered, class Distance>
-void run_search(Map_page_store* store, const std::vector<Map_bvh_node<N>>& global_nodes,
-                const std::vector<uint32_t>& items, const std::vector<Map_bvh_box<N>>& boxes, const Distance& distance,
-                uint32_t max_count, float max_distance, uint32_t resume_index, float resume_distance,
-                Element_range range, std::vector<Map_lookup_entry>& results)
+void run_search(Map_page_store* store, const Map_search_index<N>& index, const std::vector<Map_bvh_box<N>>& boxes,
+                const Distance& distance, uint32_t max_count, float max_distance, uint32_t resume_index,
+                float resume_distance, Element_range range, std::vector<Map_lookup_entry>& results)
 {
     using Node = Map_bvh_node<N>;
+    using Item = typename Map_search_index<N>::Item;
     results.clear();
-    if (global_nodes.empty() || max_count == 0 || !store || store->segments().empty())
+    if (index.nodes.empty() || max_count == 0 || !store || store->segments().empty())
         return;
     // The heap lives in the caller's array, sized once: never more than the map holds.
     const uint32_t capacity = std::min(max_count, store->segments().back().last_element + 1);
@@ -205,16 +383,16 @@ void run_search(Map_page_store* store, const std::vector<Map_bvh_node<N>>& globa
     const uint32_t element_bytes = store->element_bytes;
     const uint32_t tree_offset = store->elements_per_page * element_bytes;
 
-    auto offer = [&](uint32_t index, float d) {
+    auto offer = [&](uint32_t element, float d) __attribute__((always_inline)) {
         if (d > limit)
             return;
         if constexpr (Filtered) {
-            if (resuming && (d < resume_distance || (d == resume_distance && index <= resume_index)))
+            if (resuming && (d < resume_distance || (d == resume_distance && element <= resume_index)))
                 return;
-            if (index < range.first || index > range.last)
+            if (element < range.first || element > range.last)
                 return;
         }
-        const Map_lookup_entry entry = {index, d};
+        const Map_lookup_entry entry = {element, d};
         if (held_results < capacity) {
             heap[held_results] = entry;
             sift_up(heap, held_results++, Nearer());
@@ -233,76 +411,57 @@ void run_search(Map_page_store* store, const std::vector<Map_bvh_node<N>>& globa
         ~Trim() { results.resize(held); }
     } trim{results, held_results};
 
-    // First element of a page and the number it holds, from the segment that holds it.
-    auto page_span = [&](uint32_t page, uint32_t* first_element) -> uint32_t {
-        for (const Map_segment& segment : store->segments()) {
-            if (page >= segment.first_page && page <= segment.last_page) {
-                *first_element = segment.first_element + (page - segment.first_page) * segment.elements_per_page;
-                return page == segment.last_page ? segment.last_page_count : segment.elements_per_page;
-            }
-        }
-        return 0;
-    };
-
-    auto search_page = [&](uint32_t page) {
-        uint32_t first_element = 0;
-        const uint32_t held = page_span(page, &first_element);
+    // The page being searched. Its bytes are fetched once each time the walk moves to it; the
+    // pointer holds until the next fetch, and only this page's items use it.
+    uint32_t page_now = UINT32_MAX;
+    const uint8_t* data = nullptr;   // null: nothing of the page may be reported
+    const Node* page_nodes = nullptr;
+    uint32_t node_count = 0, first_element = 0, held = 0;
+    auto enter = [&](uint32_t page) __attribute__((always_inline)) {
+        if (page == page_now)
+            return data != nullptr;
+        page_now = page;
+        data = nullptr;
+        held = page_span(*store, page, &first_element);
         if (!held || first_element > range.last || uint64_t(first_element) + held <= range.first)
-            return;
-        const uint8_t* data = store->get_page(page, true);
-        uint32_t node_count = 0;
-        memcpy(&node_count, data + tree_offset, 4);
-        if (node_count == 0 || tree_offset + 4 + size_t(node_count) * sizeof(Node) > MAP_FILE_PAGE_BYTES) {
-            for (uint32_t slot = 0; slot < held; ++slot)
-                offer(first_element + slot, distance.element(data + size_t(slot) * element_bytes));
-            return;
-        }
-        const Node* nodes = reinterpret_cast<const Node*>(data + tree_offset + 4);
-        std::vector<Queued>& queue = queues.page_nodes;
+            return false;
+        data = store->get_page(page, true);
+        page_nodes = page_tree<N>(data, tree_offset, &node_count);
+        return true;
+    };
+    auto scan = [&](uint32_t first_slot, uint32_t end_slot) __attribute__((always_inline)) {
+        end_slot = std::min(end_slot, held);
+        const uint8_t* bytes = data + size_t(first_slot) * element_bytes;
+        for (uint32_t slot = first_slot; slot < end_slot; ++slot, bytes += element_bytes)
+            offer(first_element + slot, distance.element(bytes));
+    };
+    // Best first down the entered page's tree from `next`.
+    auto walk_page = [&](Queued next) {
+        Queue& queue = queues.page_nodes;
         queue.clear();
-        // Best first. An expanded node's nearest child is taken next without a trip through
-        // the queue when nothing queued comes before it: the order is the queue's all the same.
-        Queued next = {distance.node(nodes[0]), 0};
         for (;;) {
             if (next.distance > limit)
                 break;
-            const Node& node = nodes[next.index];
-            bool descend = false;
+            const Node& node = page_nodes[next.index];
+            Nearest_aside aside;
             if (node.first_item == MAP_BVH_INNER) {
-                Queued best = {0.0f, UINT32_MAX};
                 const uint32_t end = std::min(node.first_child + node.count, node_count);
                 for (uint32_t child = node.first_child; child < end; ++child) {
-                    const Node& below = nodes[child];
+                    const Node& below = page_nodes[child];
                     const float d = distance.node(below);
                     if (d > limit)
                         continue;
                     // What the child leads to is somewhere else in the page: start its load
                     // now, so that the misses of the children overlap.
                     __builtin_prefetch(below.first_item == MAP_BVH_INNER
-                                           ? static_cast<const void*>(nodes + below.first_child)
+                                           ? static_cast<const void*>(page_nodes + below.first_child)
                                            : static_cast<const void*>(data + size_t(below.first_item) * element_bytes));
-                    const Queued candidate = {d, child};
-                    if (best.index == UINT32_MAX) {
-                        best = candidate;
-                    } else if (Farther()(best, candidate)) {
-                        push_queued(queue, best);
-                        best = candidate;
-                    } else {
-                        push_queued(queue, candidate);
-                    }
-                }
-                if (best.index != UINT32_MAX && (queue.empty() || !Farther()(best, queue.front()))) {
-                    next = best;
-                    descend = true;
-                } else if (best.index != UINT32_MAX) {
-                    push_queued(queue, best);
+                    aside.add(queue, {d, child});
                 }
             } else {
-                const uint32_t end = std::min(node.first_item + node.count, held);
-                for (uint32_t slot = node.first_item; slot < end; ++slot)
-                    offer(first_element + slot, distance.element(data + size_t(slot) * element_bytes));
+                scan(node.first_item, node.first_item + node.count);
             }
-            if (descend)
+            if (aside.take(queue, next))
                 continue;
             if (queue.empty())
                 break;
@@ -310,81 +469,95 @@ void run_search(Map_page_store* store, const std::vector<Map_bvh_node<N>>& globa
         }
     };
 
-    float root = distance.box(global_nodes[0].minimum, global_nodes[0].maximum);
+    const Node* const index_nodes = index.nodes.data();
+    const Item* const items = index.items.data();
+    const float root = distance.box(index_nodes[0].minimum, index_nodes[0].maximum);
     if (root > limit)
         return;
 
     // A resumed search starts in the page of the last element it gave, where the next nearest
-    // ones most likely are.
+    // ones most likely are; its items are passed over afterwards.
     uint32_t hint_page = UINT32_MAX;
     if (resuming) {
         uint32_t slot;
         store->locate(resume_index, &hint_page, &slot);
-        if (hint_page < boxes.size() && distance.box(boxes[hint_page].minimum, boxes[hint_page].maximum) <= limit)
-            search_page(hint_page);
+        if (hint_page < boxes.size() && distance.box(boxes[hint_page].minimum, boxes[hint_page].maximum) <= limit &&
+            enter(hint_page)) {
+            if (page_nodes)
+                walk_page({distance.node(page_nodes[0]), 0});
+            else
+                scan(0, held);
+        }
     }
 
-    std::vector<Queued>& queue = queues.nodes;
+    auto item_distance = [&](const Item& item) {
+        return item.count == 0 ? distance.box(item.box.minimum, item.box.maximum)
+                               : distance.leaf(item.box, item.count, item.first_slot);
+    };
+    Queue& queue = queues.nodes;
     queue.clear();
-    push_queued(queue, {root, 0});
-    while (!queue.empty()) {
-        Queued next = pop_queued(queue);
+    Queued next = {root, 0};
+    for (;;) {
         if (next.distance > limit)
             break;
-        const Node& node = global_nodes[next.index];
-        if (node.first_item == MAP_BVH_INNER) {
-            for (uint32_t c = 0; c < node.count; ++c) {
-                const Node& child = global_nodes[node.first_child + c];
-                float d = distance.box(child.minimum, child.maximum);
-                if (d <= limit)
-                    push_queued(queue, {d, node.first_child + c});
+        Nearest_aside aside;
+        if (next.index & ITEM_BIT) {
+            const Item& item = items[next.index & ~ITEM_BIT];
+            if (item.page != hint_page && enter(item.page)) {
+                if (item.count == 0)
+                    scan(0, held);
+                else
+                    scan(item.first_slot, uint32_t(item.first_slot) + item.count);
             }
+        } else {
+            const Node& node = index_nodes[next.index];
+            if (node.first_item == MAP_BVH_INNER) {
+                for (uint32_t child = node.first_child; child < node.first_child + node.count; ++child) {
+                    const Node& below = index_nodes[child];
+                    const float d = distance.box(below.minimum, below.maximum);
+                    if (d > limit)
+                        continue;
+                    // As in a page: what a child within reach leads to starts loading now.
+                    const char* ahead = below.first_item == MAP_BVH_INNER
+                                            ? reinterpret_cast<const char*>(index_nodes + below.first_child)
+                                            : reinterpret_cast<const char*>(items + below.first_item);
+                    __builtin_prefetch(ahead);
+                    __builtin_prefetch(ahead + 64);
+                    aside.add(queue, {d, child});
+                }
+            } else {
+                for (uint32_t i = node.first_item; i < node.first_item + node.count; ++i) {
+                    const Item& item = items[i];
+                    const float d = item_distance(item);
+                    if (d > limit)
+                        continue;
+                    // Its elements, when they are in the page at hand, can start loading now.
+                    if (item.page == page_now && data)
+                        __builtin_prefetch(data + size_t(item.first_slot) * element_bytes);
+                    aside.add(queue, {d, i | ITEM_BIT});
+                }
+            }
+        }
+        if (aside.take(queue, next))
             continue;
-        }
-        std::vector<Queued>& pages = queues.pages;
-        pages.clear();
-        for (uint32_t k = node.first_item; k < node.first_item + node.count; ++k) {
-            uint32_t page = items[k];
-            if (page == hint_page)
-                continue;
-            float d = distance.box(boxes[page].minimum, boxes[page].maximum);
-            if (d <= limit)
-                push_queued(pages, {d, page});
-        }
-        // The pages of a leaf are searched one after the other, and each starts with a miss on
-        // its tree's first nodes: start those loads together for the pages already in the
-        // thread's table (none is loaded for this).
-        if (pages.size() > 1) {
-            for (const Queued& queued : pages) {
-                const uint8_t* data = store->get_page(queued.index, true, nullptr, MAP_PAGE_NO_LOAD);
-                if (data)
-                    for (uint32_t line = 0; line < PREFETCH_TREE_BYTES; line += 64)
-                        __builtin_prefetch(data + tree_offset + line);
-            }
-        }
-        while (!pages.empty()) {
-            Queued page = pop_queued(pages);
-            if (page.distance > limit)
-                break;
-            search_page(page.index);
-        }
+        if (queue.empty())
+            break;
+        next = pop_queued(queue);
     }
 }
 
 template <uint32_t N, class Distance>
-void run_search(Map_page_store* store, const std::vector<Map_bvh_node<N>>& global_nodes,
-                const std::vector<uint32_t>& items, const std::vector<Map_bvh_box<N>>& boxes, const Distance& distance,
-                uint32_t max_count, float max_distance, uint32_t resume_index, float resume_distance,
-                Element_range range, std::vector<Map_lookup_entry>& results)
+void run_search(Map_page_store* store, const Map_search_index<N>& index, const std::vector<Map_bvh_box<N>>& boxes,
+                const Distance& distance, uint32_t max_count, float max_distance, uint32_t resume_index,
+                float resume_distance, Element_range range, std::vector<Map_lookup_entry>& results)
 {
     if (resume_index == UINT32_MAX && range.first == 0 && range.last == UINT32_MAX)
-        run_search<N, false>(store, global_nodes, items, boxes, distance, max_count, max_distance, resume_index,
-                             resume_distance, range, results);
+        run_search<N, false>(store, index, boxes, distance, max_count, max_distance, resume_index, resume_distance,
+                             range, results);
     else
-        run_search<N, true>(store, global_nodes, items, boxes, distance, max_count, max_distance, resume_index,
-                            resume_distance, range, results);
+        run_search<N, true>(store, index, boxes, distance, max_count, max_distance, resume_index, resume_distance,
+                            range, results);
 }
-
 } // namespace
 
 // The sphere around the box's centre through its corners stands for the box: one square root
@@ -449,7 +622,7 @@ void Map_global_bvh<N>::search_point(const float* point, uint32_t max_count, flo
                                      std::vector<Map_lookup_entry>& results)
 {
     Module_scope scope(MOD_RCMP);
-    run_search<N>(store_, nodes_, items_, boxes_, Point_distance<N>{point}, max_count, max_distance, resume_index,
+    run_search<N>(store_, index_.get(*this), boxes_, Point_distance<N>{point}, max_count, max_distance, resume_index,
                   resume_distance, Element_range(), results);
 }
 
@@ -462,7 +635,7 @@ void Map_global_bvh<N>::search_function(const Map_distance_base_internal& distan
     results.clear();
     if (distance.get_dimension() != N)
         return;
-    run_search<N>(store_, nodes_, items_, boxes_, Function_distance<N>{distance}, max_count, max_distance,
+    run_search<N>(store_, index_.get(*this), boxes_, Function_distance<N>{distance}, max_count, max_distance,
                   resume_index, resume_distance, Element_range(), results);
 }
 
@@ -474,7 +647,7 @@ void Map_global_bvh<N>::search_segment(const float* origin, const float* directi
     Module_scope scope(MOD_RCMP);
     results.clear();
     if constexpr (N == 3) {
-        run_search<3>(store_, nodes_, items_, boxes_, Segment_distance{origin, direction, length}, max_count,
+        run_search<3>(store_, index_.get(*this), boxes_, Segment_distance{origin, direction, length}, max_count,
                       max_distance, resume_index, resume_distance, Element_range(), results);
     } else {
         (void)origin, (void)direction, (void)length, (void)max_count, (void)max_distance, (void)resume_index,
@@ -491,11 +664,12 @@ void Map_global_bvh<N>::search_subset(const float* point, uint32_t first_element
     results.clear();
     if (first_element > last_element)
         return;
-    run_search<N>(store_, nodes_, items_, boxes_, Point_distance<N>{point}, max_count, max_distance, resume_index,
+    run_search<N>(store_, index_.get(*this), boxes_, Point_distance<N>{point}, max_count, max_distance, resume_index,
                   resume_distance, Element_range{first_element, last_element}, results);
 }
 
 #define QV_MAP_BVH_SEARCH_INSTANCES(N)                                                                          \
+    template class Map_search_index_slot<N>;                                                                      \
     template void Map_global_bvh<N>::find_nearest(const float*, uint32_t, float, uint32_t, float,                \
                                                   std::vector<Map_lookup_entry>&);                                \
     template void Map_global_bvh<N>::search_point(const float*, uint32_t, float, uint32_t, float,                \

@@ -94,6 +94,7 @@ uint32_t map_bvh_page_elements(const Map_page_store& store, uint32_t size, uint3
 template <uint32_t N>
 void Map_global_bvh<N>::reset(uint32_t pages)
 {
+    index_.drop();
     nodes_.clear();
     items_.clear();
     boxes_.resize(pages);
@@ -105,6 +106,7 @@ void Map_global_bvh<N>::reset(uint32_t pages)
 template <uint32_t N>
 void Map_global_bvh<N>::add_to_box(uint32_t page, const float* position)
 {
+    index_.drop();
     grow<N>(boxes_[page], position, position);
 }
 
@@ -112,6 +114,7 @@ template <uint32_t N>
 bool Map_global_bvh<N>::build()
 {
     Module_scope scope(MOD_RCMP);
+    index_.drop();
     nodes_.clear();
     items_.clear();
     valid_ = false;
@@ -139,6 +142,7 @@ bool Map_global_bvh<N>::add_subtrees(const Map_global_bvh_base* const* others, c
                                      uint32_t count)
 {
     Module_scope scope(MOD_RCMP);
+    index_.drop();
     for (uint32_t i = 0; i < count; ++i)
         if (!others[i] || others[i]->dimension() != N)
             return false;
@@ -324,6 +328,7 @@ template <uint32_t N>
 void Map_global_bvh<N>::refit(Map_impl& map)
 {
     Module_scope scope(MOD_RCMP);
+    index_.drop();
     Map_page_store& store = map.page_store();
     uint32_t element_bytes = store.element_bytes;
     uint32_t tree_offset = store.elements_per_page * element_bytes;

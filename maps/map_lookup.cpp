@@ -37,10 +37,13 @@ Results_free_list& free_list()
     return list;
 }
 
-inline bool nearer(const Map_lookup_entry& a, const Map_lookup_entry& b)
-{
-    return a.distance < b.distance || (a.distance == b.distance && a.index < b.index);
-}
+// A function object rather than a function, so that the sorts inline it.
+struct Nearer {
+    bool operator()(const Map_lookup_entry& a, const Map_lookup_entry& b) const
+    {
+        return a.distance < b.distance || (a.distance == b.distance && a.index < b.index);
+    }
+};
 
 } // namespace
 
@@ -159,14 +162,14 @@ const Map_lookup_entry* Map_lookup_impl::entries() const
 void Map_lookup_impl::sort()
 {
     if (results)
-        std::sort(results->entries.begin(), results->entries.end(), nearer);
+        std::sort(results->entries.begin(), results->entries.end(), Nearer());
 }
 
 void Map_lookup_impl::sort_descending()
 {
     if (results)
         std::sort(results->entries.begin(), results->entries.end(),
-                  [](const Map_lookup_entry& a, const Map_lookup_entry& b) { return nearer(b, a); });
+                  [](const Map_lookup_entry& a, const Map_lookup_entry& b) { return Nearer()(b, a); });
 }
 
 // ---- The current result -------------------------------------------------------------------

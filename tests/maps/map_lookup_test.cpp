@@ -1,7 +1,7 @@
 // Map lookups against a full scan: k nearest by (distance, index) in every dimension, on uniform
 // and clustered maps, in memory and through a cache a tenth of the map, from four threads at once;
-// resumed batches; caller distance functions, segments and subsets; statuses; the tree going
-// with a copy and a stored map.
+// resumed batches; caller distance functions, segments and subsets; searches after the tree
+// changes and in a copy; statuses.
 #include <algorithm>
 #include <atomic>
 #include <cstring>
@@ -39,6 +39,13 @@ struct Test_map {
     uint32_t size() const { return uint32_t(positions.size() / dimension); }
 };
 
+void read_positions(Test_map& data)
+{
+    data.positions.resize(size_t(data.map->committed_size()) * data.dimension);
+    for (uint32_t i = 0; i < data.size(); ++i)
+        data.map->read_field(i, 0, 4 * data.dimension, &data.positions[size_t(i) * data.dimension]);
+}
+
 // `pages` pages of elements, uniform in [-50, 50]^N or around 12 centres, every 40th element
 // on the position of the one before (ties for the index rule).
 Test_map make_map(uint32_t dimension, uint32_t pages, bool clustered, uint32_t seed)
@@ -68,31 +75,39 @@ Test_map make_map(uint32_t dimension, uint32_t pages, bool clustered, uint32_t s
         EXPECT_EQ(map.append_raw(element.data()), MAP_SUCCESS);
     }
     EXPECT_EQ(map.build_bvh(0.6f, false, false), MAP_SUCCESS);
-    result.positions.resize(size_t(count) * dimension);
-    for (uint32_t i = 0; i < count; ++i)
-        map.read_field(i, 0, 4 * dimension, &result.positions[size_t(i) * dimension]);
+    read_positions(result);
     return result;
 }
 
-// The `count` nearest of a full scan to `point`, after the pair (resume_distance, resume_index)
-// when one is given, none beyond `max_distance`.
-std::vector<Map_lookup_entry> scan(const Test_map& data, const float* point, uint32_t count, float max_distance,
-                                   const Map_lookup_entry* after = nullptr)
+// The `count` nearest of a full scan by `distance` (of an element index), none beyond
+// `max_distance`.
+template <class Distance>
+std::vector<Map_lookup_entry> ranked(uint32_t size, Distance distance, uint32_t count, float max_distance = 1.0e30f)
 {
     std::vector<Map_lookup_entry> all;
-    for (uint32_t i = 0; i < data.size(); ++i) {
-        const float* p = data.position(i);
-        float d = 0.0f;
-        for (uint32_t a = 0; a < data.dimension; ++a)
-            d += (p[a] - point[a]) * (p[a] - point[a]);
-        const Map_lookup_entry entry{i, d};
-        if (d <= max_distance && (!after || nearer(*after, entry)))
+    for (uint32_t i = 0; i < size; ++i) {
+        const Map_lookup_entry entry{i, distance(i)};
+        if (entry.distance <= max_distance)
             all.push_back(entry);
     }
     const size_t keep = std::min<size_t>(count, all.size());
     std::partial_sort(all.begin(), all.begin() + keep, all.end(), nearer);
     all.resize(keep);
     return all;
+}
+
+// The same by squared distance to `point`.
+std::vector<Map_lookup_entry> scan(const Test_map& data, const float* point, uint32_t count, float max_distance)
+{
+    return ranked(
+        data.size(),
+        [&](uint32_t i) {
+            float d = 0.0f;
+            for (uint32_t a = 0; a < data.dimension; ++a)
+                d += (data.position(i)[a] - point[a]) * (data.position(i)[a] - point[a]);
+            return d;
+        },
+        count, max_distance);
 }
 
 std::vector<Map_lookup_entry> sorted_results(Map_lookup_impl& lookup)
@@ -123,12 +138,6 @@ std::vector<float> queries(const Test_map& data, uint32_t count, uint32_t seed)
 
 class Map_lookup_test : public Map_storage_test {};
 
-// A cache of a tenth of a map of `pages` pages.
-void tenth_of(uint32_t pages)
-{
-    Map_manager::instance().set_size_limit_mb(float(pages) * MAP_FILE_PAGE_BYTES / 10.0f / (1024.0f * 1024.0f));
-}
-
 } // namespace
 
 TEST_F(Map_lookup_test, NearestEqualAFullScanInEveryDimensionInMemoryAndOutOfCore)
@@ -139,13 +148,12 @@ TEST_F(Map_lookup_test, NearestEqualAFullScanInEveryDimensionInMemoryAndOutOfCor
             for (uint32_t dimension = 1; dimension <= 6; ++dimension) {
                 SCOPED_TRACE(testing::Message() << "dimension " << dimension << (clustered ? " clustered" : " uniform")
                                                 << (out_of_core ? " out of core" : " in memory"));
+                // Out of core: a cache of a tenth of the map, and every page in the swap file, so
+                // that the searches fetch them back through the small cache.
                 const uint32_t pages = out_of_core ? 30 : 10;
-                Map_manager::instance().set_size_limit_mb(64.0f);
-                if (out_of_core)
-                    tenth_of(pages);
+                Map_manager::instance().set_size_limit_mb(out_of_core ? pages * MAP_FILE_PAGE_BYTES / 10.0f / 1048576.0f
+                                                                      : 64.0f);
                 Test_map data = make_map(dimension, pages, clustered, dimension * 10 + clustered);
-                // Every page goes to the swap file, and the searches fetch them back through the
-                // small cache.
                 if (out_of_core)
                     data.map->flush();
                 // Four threads search the one map (and share its cache), three queries each.
@@ -174,9 +182,7 @@ TEST_F(Map_lookup_test, NearestEqualAFullScanInEveryDimensionInMemoryAndOutOfCor
                 for (std::thread& thread : pool)
                     thread.join();
                 EXPECT_EQ(wrong.load(), 0u) << "query " << last_wrong.load() << " among others";
-                if (out_of_core) {
-                    EXPECT_TRUE(data.map->page_store().has_swap_file) << "the map never left memory";
-                }
+                EXPECT_EQ(data.map->page_store().has_swap_file, out_of_core);
             }
 }
 
@@ -251,19 +257,12 @@ TEST_F(Map_lookup_test, CallerDistanceSegmentAndSubsetEqualAFullScan)
     Weighted_distance weighted(point, weights);
     Map_lookup_impl lookup(flat.map.get());
     ASSERT_EQ(lookup.search(&weighted, 40, 1.0e30f), MAP_SUCCESS);
-    std::vector<Map_lookup_entry> expected;
-    for (uint32_t i = 0; i < flat.size(); ++i)
-        expected.push_back({i, weighted.weight(flat.position(i))});
-    std::sort(expected.begin(), expected.end(), nearer);
-    expected.resize(40);
-    EXPECT_TRUE(same(sorted_results(lookup), expected));
+    const std::vector<Map_lookup_entry> expected =
+        ranked(flat.size(), [&](uint32_t i) { return weighted.weight(flat.position(i)); }, 80);
+    EXPECT_TRUE(same(sorted_results(lookup), std::vector<Map_lookup_entry>(expected.begin(), expected.begin() + 40)));
     // Resumed, the function's answer goes on where it stopped.
     ASSERT_EQ(lookup.next_batch(), MAP_SUCCESS);
-    std::vector<Map_lookup_entry> more;
-    for (uint32_t i = 0; i < flat.size(); ++i)
-        more.push_back({i, weighted.weight(flat.position(i))});
-    std::sort(more.begin(), more.end(), nearer);
-    EXPECT_TRUE(same(sorted_results(lookup), std::vector<Map_lookup_entry>(more.begin() + 40, more.begin() + 80)));
+    EXPECT_TRUE(same(sorted_results(lookup), std::vector<Map_lookup_entry>(expected.begin() + 40, expected.end())));
 
     // A segment through the whole map, from well before it to well beyond: every element by its
     // squared distance to the segment.
@@ -272,23 +271,52 @@ TEST_F(Map_lookup_test, CallerDistanceSegmentAndSubsetEqualAFullScan)
     const float origin[3] = {-200.0f, 1.0f, 2.0f}, direction[3] = {1.0f, 0.0f, 0.0f};
     ASSERT_EQ(segment.search(Map_vector3{-200.0f, 1.0f, 2.0f}, Map_vector3{1.0f, 0.0f, 0.0f}, 400.0f, 30, 1.0e30f),
               MAP_SUCCESS);
-    std::vector<Map_lookup_entry> along;
-    for (uint32_t i = 0; i < solid.size(); ++i)
-        along.push_back({i, map_segment_point_distance(origin, direction, 400.0f, solid.position(i))});
-    std::sort(along.begin(), along.end(), nearer);
-    along.resize(30);
-    EXPECT_TRUE(same(sorted_results(segment), along));
+    auto along = [&](uint32_t i) { return map_segment_point_distance(origin, direction, 400.0f, solid.position(i)); };
+    EXPECT_TRUE(same(sorted_results(segment), ranked(solid.size(), along, 30)));
 
     // A subset: the nearest among elements 5000 .. 8999 only.
     std::vector<Map_lookup_entry> found;
     const float centre[3] = {0.0f, 0.0f, 0.0f};
     solid.map->global_bvh->search_subset(centre, 5000, 8999, 25, 1.0e30f, UINT32_MAX, -1.0f, found);
     std::sort(found.begin(), found.end(), nearer);
-    std::vector<Map_lookup_entry> within;
-    for (const Map_lookup_entry& entry : scan(solid, centre, UINT32_MAX, 1.0e30f))
-        if (entry.index >= 5000 && entry.index <= 8999 && within.size() < 25)
-            within.push_back(entry);
+    const std::vector<Map_lookup_entry> within = ranked(
+        solid.size(),
+        [&](uint32_t i) {
+            const float* p = solid.position(i);
+            return i >= 5000 && i <= 8999 ? p[0] * p[0] + p[1] * p[1] + p[2] * p[2] : 2.0e30f;
+        },
+        25);
     EXPECT_TRUE(same(found, within));
+}
+
+TEST_F(Map_lookup_test, SearchesFollowARefitARebuildAndACopy)
+{
+    Test_map data = make_map(3, 6, false, 41);
+    Map_lookup_impl lookup(data.map.get());
+    const float out[3] = {90.0f, 90.0f, 90.0f};
+    auto agrees = [&](Map_lookup_impl& search, const float* point, uint32_t k) {
+        return search.search(point, 3, k, 1.0e30f) == MAP_SUCCESS &&
+               same(sorted_results(search), scan(data, point, k, 1.0e30f));
+    };
+    ASSERT_TRUE(agrees(lookup, out, 3));
+    // An element moved out there is found there once the boxes are refitted.
+    data.map->write_field(17, 0, 12, out);
+    refit(*data.map, false);
+    read_positions(data);
+    EXPECT_TRUE(agrees(lookup, out, 3));
+    // A full build after appending puts the elements in a new order.
+    const float more[4] = {-90.0f, -90.0f, -90.0f, 0.0f};
+    for (int i = 0; i < 3000; ++i)
+        ASSERT_EQ(data.map->append_raw(more), MAP_SUCCESS);
+    ASSERT_EQ(data.map->build_bvh(0.6f, false, false), MAP_SUCCESS);
+    read_positions(data);
+    EXPECT_TRUE(agrees(lookup, more, 5));
+    EXPECT_TRUE(agrees(lookup, out, 5));
+    // A copy searches its own pages.
+    Map_impl copy(*data.map);
+    Map_lookup_impl in_copy(&copy);
+    EXPECT_TRUE(agrees(in_copy, out, 8));
+    EXPECT_TRUE(agrees(in_copy, data.position(40), 8));
 }
 
 TEST_F(Map_lookup_test, StatusesSortingAndTheResultWalk)
