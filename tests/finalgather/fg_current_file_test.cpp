@@ -64,7 +64,7 @@ TEST_F(CurrentFileTest, NewFileIsWrittenOnClosingAndReplacedThroughATemporaryNam
     EXPECT_EQ(find_line("writing map file"), nullptr);
     EXPECT_EQ(find_line("reading map file"), nullptr);
     EXPECT_EQ(numbers_in("grow.fgm"), range(0, 15));
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir_), {}), 1);  // no temporary left
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(scratch_.directory), {}), 1);  // no temporary left
 
     // Without new points nothing is written, and the line still reports them.
     const std::vector<uint8_t> before = read_bytes(path("grow.fgm"));
