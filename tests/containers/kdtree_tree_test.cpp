@@ -1,4 +1,4 @@
-// The implicit tree on plain arrays: the in-order iterator and the in-place build.
+// The implicit tree on plain arrays: the in-place build.
 #include <gtest/gtest.h>
 
 #include <bit>
@@ -11,10 +11,7 @@
 #include "tests/test_support.h"
 
 using QV::LIB::Paged_array;
-using QV::LIB::detail::Inorder_iterator;
 using QV::LIB::detail::build_tree;
-using QV::LIB::detail::inorder_before;
-using QV::LIB::detail::subtree_size;
 
 namespace {
 
