@@ -33,7 +33,27 @@ inline Map_declaration_impl declaration_with_globals()
 // Every test runs in a scratch directory of its own, with the map module up and messages captured.
 class Map_file_test : public Map_storage_test {
 protected:
+    void SetUp() override
+    {
+        Map_storage_test::SetUp();
+        fill(holder, 100, 3);
+    }
     std::string path(const char* name) const { return scratch.path(name); }
+
+    // Small elements [first, first + count) with globals scale 0.75 and label "abcd", written in
+    // append order; returns the file's bytes.
+    std::vector<uint8_t> written(const std::string& name, uint32_t count, uint32_t format = MAP_FORMAT_BINARY,
+                                 uint32_t first = 0)
+    {
+        Map_declaration_impl declaration = declaration_with_globals();
+        Map_impl map(declaration);
+        map.bvh_enabled = false;
+        fill(map, first, count);
+        map.set(declaration.get_field_id("scale", nullptr), 0.75f);
+        map.set(declaration.get_field_id("label", nullptr), "abcd", -1);
+        EXPECT_EQ(map.write(name.c_str(), Map_file_format(format), false), MAP_SUCCESS);
+        return file_bytes(name);
+    }
 
     // Writes small elements [first, first + count) as a binary map file, in append order unless
     // `built` (then with a BVH and in its order).
@@ -50,6 +70,8 @@ protected:
     }
 
     Scratch_dir scratch;
+    // Three elements of its own, to show that a refused file leaves a map alone.
+    Map_impl holder{small_declaration()};
 };
 
 } // namespace map_file_test
