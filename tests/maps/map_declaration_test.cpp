@@ -164,48 +164,43 @@ TEST_F(MapDeclarationTest, IdentifiersAddressBothListsAndElementFieldsWinByName)
     EXPECT_EQ(count, 0u);
 }
 
+// Layout equivalence (dimension and element types) lets maps merge; equivalence adds the global
+// types; equality the names too.
 TEST_F(MapDeclarationTest, ThreeStrengthsOfComparison)
 {
-    Map_declaration_impl a(3), b(3);
-    a.add_scalar("first");
-    a.add_vector("second");
-    b.add_scalar("other");
-    b.add_vector("names");
-    Map_status status = MAP_NO_DECLARATION;
-    // Same types, other names.
-    EXPECT_TRUE(a.is_layout_equivalent(b));
-    EXPECT_TRUE(a.is_equivalent(&b, &status));
-    EXPECT_EQ(status, MAP_SUCCESS);
-    EXPECT_FALSE(a.is_equal(&b, &status));
-    Map_declaration_impl a_copy(a);
-    EXPECT_TRUE(a.is_equal(&a_copy, nullptr));
-
-    // Other global fields: still mergeable, no longer equivalent.
-    b.add_global_integer("count");
-    EXPECT_TRUE(a.is_layout_equivalent(b));
-    EXPECT_FALSE(a.is_equivalent(&b, nullptr));
-    EXPECT_FALSE(a.is_equal(&b, nullptr));
-
-    // A global name differs only: equivalent, not equal.
-    Map_declaration_impl c(a), e(a);
-    c.add_global_integer("x");
-    e.add_global_integer("y");
-    EXPECT_TRUE(c.is_equivalent(&e, nullptr));
-    EXPECT_FALSE(c.is_equal(&e, nullptr));
-
-    // The dimension separates all three.
-    Map_declaration_impl d2(2);
-    d2.add_scalar("first");
-    d2.add_vector("second");
-    EXPECT_FALSE(a.is_layout_equivalent(d2));
-    EXPECT_FALSE(a.is_equivalent(&d2, nullptr));
-
-    // A scalar array of 1 is not a scalar.
-    Map_declaration_impl s(3), s1(3);
-    s.add_scalar("v");
-    s1.add_scalar_array("v", 1);
-    EXPECT_FALSE(s.is_layout_equivalent(s1));
-
+    auto make = [](uint32_t dimension, const char* scalar, const char* global) {
+        Map_declaration_impl d(dimension);
+        d.add_scalar(scalar);
+        d.add_vector("v");
+        if (global)
+            d.add_global_integer(global);
+        return d;
+    };
+    Map_declaration_impl array(3);
+    array.add_scalar_array("s", 1); // an array of 1 is not a scalar
+    array.add_vector("v");
+    const Map_declaration_impl a = make(3, "s", nullptr);
+    const struct {
+        Map_declaration_impl other;
+        bool layout, equivalent, equal;
+    } rows[] = {
+        {make(3, "s", nullptr), true, true, true},
+        {make(3, "other", nullptr), true, true, false},
+        {make(3, "s", "count"), true, false, false},
+        {make(2, "s", nullptr), false, false, false},
+        {array, false, false, false},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(&row - rows);
+        EXPECT_EQ(a.is_layout_equivalent(row.other), row.layout);
+        EXPECT_EQ(a.is_equivalent(&row.other, nullptr), row.equivalent);
+        EXPECT_EQ(a.is_equal(&row.other, nullptr), row.equal);
+    }
+    // Global names alone differ: equivalent, not equal.
+    const Map_declaration_impl x = make(3, "s", "x"), y = make(3, "s", "y");
+    EXPECT_TRUE(x.is_equivalent(&y, nullptr));
+    EXPECT_FALSE(x.is_equal(&y, nullptr));
+    Map_status status = MAP_SUCCESS;
     EXPECT_FALSE(a.is_equivalent(nullptr, &status));
     EXPECT_EQ(status, MAP_NO_DECLARATION);
 }
