@@ -38,20 +38,14 @@ inline const Line* find_line(const std::string& fragment)
     return nullptr;
 }
 
-// Numbers arrive as (module * 10 + level class) * 1000 + code; module RCFG is 54.
-inline int32_t code_of(const Line* line)
-{
-    return line->number / 10000 == MOD_RCFG ? line->number % 1000 : -1;
-}
-
 // Expects a captured line reading exactly `text`, at `level`, under RCFG code `code` (plain
-// lines have code 0).
+// lines have code 0). Numbers arrive as (module * 10 + level class) * 1000 + code.
 inline void expect_line(const std::string& text, uint32_t level, int32_t code = 0)
 {
     const auto line = std::find_if(lines().begin(), lines().end(), [&](const Line& l) { return l.text == text; });
     ASSERT_NE(line, lines().end()) << "no line \"" << text << "\"";
     EXPECT_EQ(line->level, level) << text;
-    EXPECT_EQ(code_of(&*line), code) << text;
+    EXPECT_EQ(line->number / 10000 == MOD_RCFG ? line->number % 1000 : -1, code) << text;
 }
 
 class Fg_test : public ::testing::Test {
@@ -141,10 +135,6 @@ struct Classic_file {
         return out;
     }
 };
-
-inline void write_bytes(const std::string& path, const std::vector<uint8_t>& bytes) { put_file(path, bytes); }
-
-inline std::vector<uint8_t> read_bytes(const std::string& path) { return file_bytes(path); }
 
 inline Fg_point record_at(const std::vector<uint8_t>& bytes, uint32_t index)
 {
