@@ -157,13 +157,9 @@ TEST_F(Map_file_append, AppendToFileRefusals)
 
 TEST_F(Map_file_append, FileElementsFollowTheMapsOwn)
 {
-    Map_declaration_impl declaration = declaration_with_globals();
-    Map_impl source(declaration);
-    source.bvh_enabled = false;
-    fill(source, 50, 30);
-    source.set(declaration.get_field_id("scale", nullptr), 4.0f);
+    const Map_declaration_impl declaration = declaration_with_globals();
     const std::string name = path("source.map");
-    ASSERT_EQ(source.write(name.c_str(), MAP_FORMAT_BINARY, false), MAP_SUCCESS);
+    written(name, 30, MAP_FORMAT_BINARY, 50);
 
     // An empty map takes the file's declaration and global values.
     Map_impl empty;
@@ -175,7 +171,7 @@ TEST_F(Map_file_append, FileElementsFollowTheMapsOwn)
     ASSERT_EQ(empty.size(), 30u);
     float scale = 0;
     empty.get(declaration.get_field_id("scale", nullptr), scale);
-    EXPECT_EQ(scale, 4.0f);
+    EXPECT_EQ(scale, 0.75f);
 
     // An empty map of the same elements but other global fields keeps its own globals.
     Map_declaration_impl other_globals = small_declaration();
