@@ -2,6 +2,7 @@
 // access or edit handle.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -49,41 +50,35 @@ Map_impl* filled_map(uint32_t count)
 
 } // namespace
 
+// previous at 0 and skip past the last element keep the index; skip(n) moves n + 1; next steps
+// onto the end, where only set_to and reset move again.
 TEST_F(MapHandleTest, WalkingRulesOfNextPreviousAndSkip)
 {
     std::unique_ptr<Map_impl> map(filled_map(5));
     Map_iterator_impl it(map.get());
-    Map_status status;
-
-    // previous at 0 keeps the index.
-    EXPECT_EQ(it.previous(), MAP_ITERATOR_OUT_OF_RANGE);
-    EXPECT_EQ(it.current(nullptr), 0u);
-
-    // skip(n) moves n + 1, and never onto the end.
-    EXPECT_EQ(it.skip(0), MAP_SUCCESS);
-    EXPECT_EQ(it.current(nullptr), 1u);
-    EXPECT_EQ(it.skip(2), MAP_SUCCESS);
-    EXPECT_EQ(it.current(nullptr), 4u);
-    EXPECT_EQ(it.skip(0), MAP_ITERATOR_OUT_OF_RANGE);
-    EXPECT_EQ(it.current(nullptr), 4u);
-    EXPECT_EQ(it.skip(0xFFFFFFFFu), MAP_ITERATOR_OUT_OF_RANGE);
-
-    // next steps onto the end; there previous is refused and the index kept.
-    EXPECT_EQ(it.next(), MAP_SUCCESS);
-    EXPECT_TRUE(it.at_end(nullptr));
-    EXPECT_EQ(it.current(&status), 6u);
-    EXPECT_EQ(status, MAP_ITERATOR_AT_END);
-    EXPECT_EQ(it.previous(), MAP_ITERATOR_AT_END);
-    EXPECT_EQ(it.skip(0), MAP_ITERATOR_AT_END);
-    EXPECT_EQ(it.next(), MAP_ITERATOR_AT_END);
-    EXPECT_TRUE(it.at_end(nullptr));
-
-    EXPECT_EQ(it.set_to(5), MAP_ITERATOR_OUT_OF_RANGE);
-    EXPECT_EQ(it.set_to(2), MAP_SUCCESS);
-    EXPECT_EQ(it.previous(), MAP_SUCCESS);
-    EXPECT_EQ(it.current(nullptr), 1u);
-    EXPECT_EQ(it.reset(), MAP_SUCCESS);
-    EXPECT_EQ(it.current(nullptr), 0u);
+    constexpr uint32_t ANY = 99;
+    const struct {
+        std::function<Map_status()> step;
+        Map_status status;
+        uint32_t index;
+    } steps[] = {
+        {[&] { return it.previous(); }, MAP_ITERATOR_OUT_OF_RANGE, 0}, {[&] { return it.skip(0); }, MAP_SUCCESS, 1},
+        {[&] { return it.skip(2); }, MAP_SUCCESS, 4},           {[&] { return it.skip(0); }, MAP_ITERATOR_OUT_OF_RANGE, 4},
+        {[&] { return it.skip(0xFFFFFFFFu); }, MAP_ITERATOR_OUT_OF_RANGE, 4},
+        {[&] { return it.next(); }, MAP_SUCCESS, 6},             {[&] { return it.previous(); }, MAP_ITERATOR_AT_END, 6},
+        {[&] { return it.skip(0); }, MAP_ITERATOR_AT_END, 6},    {[&] { return it.next(); }, MAP_ITERATOR_AT_END, 6},
+        {[&] { return it.set_to(5); }, MAP_ITERATOR_OUT_OF_RANGE, ANY}, {[&] { return it.set_to(2); }, MAP_SUCCESS, 2},
+        {[&] { return it.previous(); }, MAP_SUCCESS, 1},         {[&] { return it.reset(); }, MAP_SUCCESS, 0},
+    };
+    for (const auto& step : steps) {
+        SCOPED_TRACE(&step - steps);
+        EXPECT_EQ(step.step(), step.status);
+        Map_status status = MAP_SUCCESS;
+        const uint32_t index = it.current(&status);
+        EXPECT_TRUE(step.index == ANY || index == step.index) << index;
+        EXPECT_EQ(status, index == 6 ? MAP_ITERATOR_AT_END : MAP_SUCCESS);
+        EXPECT_EQ(it.at_end(nullptr), index == 6);
+    }
 }
 
 TEST_F(MapHandleTest, IteratorReadsAndWritesInPlaceAndAMovedPositionMakesTheBvhStale)
