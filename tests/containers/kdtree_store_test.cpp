@@ -36,13 +36,15 @@ std::string hex_tag(uint32_t tag)
     return hex;
 }
 
-std::vector<Point> random_points(uint32_t n, uint32_t seed, float spread = 10.0f)
+// With a grid, coordinates snap to it: long runs of equal keys on every axis for the build.
+std::vector<Point> random_points(uint32_t n, uint32_t seed, float spread = 10.0f, float grid = 0.0f)
 {
     std::mt19937 random(seed);
     std::uniform_real_distribution<float> coordinate(-spread, spread);
+    auto next = [&] { return grid > 0 ? float(int(coordinate(random) / grid)) * grid : coordinate(random); };
     std::vector<Point> points(n);
     for (uint32_t i = 0; i < n; ++i)
-        points[i] = {{coordinate(random), coordinate(random), coordinate(random)}, i};
+        points[i] = {{next(), next(), next()}, i};
     return points;
 }
 
@@ -132,9 +134,11 @@ TEST_F(KdtreeStoreTest, LookupsMatchBruteForceAcrossChunks)
 {
     const uint32_t counts[] = {1, 2, 5, 17, 64, 300};
     const float radii[] = {0.5f, 2.0f, 6.0f, 100.0f};
-    // Three chunks (one of a single record); and a tree deep enough to need long descents.
-    for (const auto& [n, spread, queries] : {std::tuple{5000u, 10.0f, 200}, std::tuple{200000u, 100.0f, 20}}) {
-        const std::vector<Point> points = random_points(n, 42 + n, spread);
+    // Three chunks (one of a single record); a tree deep enough to need long descents; and one
+    // of many equal keys, where the build's splits must still keep each side on its side.
+    for (const auto& [n, spread, grid, queries] : {std::tuple{5000u, 10.0f, 0.0f, 200}, std::tuple{200000u, 100.0f, 0.0f, 20},
+                                                   std::tuple{3000u, 10.0f, 4.0f, 100}}) {
+        const std::vector<Point> points = random_points(n, 42 + n, spread, grid);
         const uint32_t tag = make_tree();
         add_points(tag, points, 0, 1000);
         add_points(tag, points, 1000, 1001);
