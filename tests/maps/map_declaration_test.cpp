@@ -42,20 +42,6 @@ std::string long_name(size_t length)
 
 } // namespace
 
-// Element packing is pinned by the final-gather declaration's test.
-TEST_F(MapDeclarationTest, GlobalsArePackedApartFromTheElement)
-{
-    // The global block starts at 0, and a one-byte string shifts what follows.
-    Map_declaration_impl g(3);
-    g.add_global_string("tag", 1);
-    g.add_global_scalar("scale");
-    g.add_global_vector("axis");
-    EXPECT_EQ(g.global_field_offset(1), 1u);
-    EXPECT_EQ(g.global_field_offset(2), 5u);
-    EXPECT_EQ(g.global_bytes(), 17u);
-    EXPECT_EQ(g.element_bytes(), 12u);
-}
-
 TEST_F(MapDeclarationTest, FieldSizesAreKeptIn16BitArithmetic)
 {
     // (count * 4) & 0xFFFF: an array of 16384 takes no bytes at all, one more takes 4.
