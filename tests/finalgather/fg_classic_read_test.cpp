@@ -142,20 +142,13 @@ TEST_F(ClassicReadTest, ListsLoadTheirNamedFilesAndCombineClassicOnlyAlone)
     fg_set_progressive_query(nullptr);
     delete map;
 
-    // The kd-tree form has no limit on classic files; the tree keeps the reserved words.
+    // The kd-tree form has no limit on classic files. (What a tree of them writes is the
+    // end-to-end suite's legacy copy.)
     const uint32_t tree = kdtree_create(1, FG_POINT_PAYLOAD_WORDS * 4);
     Kdtree_handle* writer = kdtree_open_for_writing(tree, nullptr, 0);
     EXPECT_EQ(fg_kdtree_load_list(writer, list, false), 5u);
     kdtree_close(writer);
-    ASSERT_EQ(fg_map_save_legacy(tree, nullptr, path("out.fg").c_str()), 1);
     kdtree_delete(tree);
-    const std::vector<uint8_t> out = file_bytes(path("out.fg"));
-    ASSERT_EQ(out.size(), 120u + 5 * 104);
-    for (uint32_t n = 0; n < 5; ++n) {
-        const Fg_point point = record_at(out, n);
-        const Fg_point expected = make_point(point_number(point));
-        EXPECT_EQ(std::memcmp(&point, &expected, 104), 0) << n;
-    }
     for (uint32_t tag : {a, b, list})
         qv_db_delete(tag);
 }

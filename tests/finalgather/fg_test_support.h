@@ -136,13 +136,6 @@ struct Classic_file {
     }
 };
 
-inline Fg_point record_at(const std::vector<uint8_t>& bytes, uint32_t index)
-{
-    Fg_point point{};
-    std::memcpy(&point, bytes.data() + 120 + 104 * size_t(index), 104);
-    return point;
-}
-
 // Adds make_point(first) .. make_point(first + count - 1) through `writer` and closes it.
 inline int write_points(Fg_map_writer* writer, uint32_t first, uint32_t count)
 {
