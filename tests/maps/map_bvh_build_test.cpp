@@ -149,66 +149,6 @@ TEST_F(Map_bvh_build_test, DisabledOrSkippedBuildLeavesTheOrderAndNotEditableRef
     EXPECT_EQ(map.build_bvh(0.6f, true, false), MAP_SUCCESS);
 }
 
-namespace {
-
-// A backing file of `count` small elements from `first`, at `per_page` a page.
-class Element_source : public Map_page_source {
-public:
-    Element_source(uint32_t first, uint32_t count, uint32_t per_page) : first_(first), count_(count), per_page_(per_page) {}
-    bool read_pages(uint32_t page, uint32_t pages, void* buffer) override
-    {
-        memset(buffer, 0, size_t(pages) * MAP_FILE_PAGE_BYTES);
-        for (uint32_t p = 0; p < pages; ++p)
-            for (uint32_t slot = 0; slot < per_page_ && (page + p) * per_page_ + slot < count_; ++slot) {
-                Small_element element = small_element(first_ + (page + p) * per_page_ + slot);
-                memcpy(static_cast<uint8_t*>(buffer) + size_t(p) * MAP_FILE_PAGE_BYTES + slot * sizeof element,
-                       &element, sizeof element);
-            }
-        return true;
-    }
-
-private:
-    uint32_t first_, count_, per_page_;
-};
-
-std::string bytes_of(const Small_element& element)
-{
-    return std::string(reinterpret_cast<const char*>(&element), sizeof element);
-}
-
-} // namespace
-
-TEST_F(Map_bvh_build_test, SegmentsOfFilesAndMemoryBecomeOneSegment)
-{
-    Map_impl map(small_declaration());
-    const uint32_t per_page = map.page_store().elements_per_page;
-    const uint32_t file_count = 2 * per_page - 3;
-    std::vector<std::string> expected;
-    auto append = [&](uint32_t first, uint32_t count) {
-        for (uint32_t i = first; i < first + count; ++i) {
-            const Small_element element = small_element(i);
-            map.append_raw(&element);
-            expected.push_back(bytes_of(element));
-        }
-    };
-    append(0, 10);
-    Map_bounds file_bounds;
-    file_bounds.clear();
-    for (uint32_t k = 0; k < file_count; ++k) {
-        Small_element element = small_element(1000 + k);
-        file_bounds.add(element.position, 3);
-        expected.push_back(bytes_of(element));
-    }
-    map.attach_file(new Element_source(1000, file_count, per_page), file_count, per_page, &file_bounds);
-    append(5000, 7);
-    map.commit();
-    ASSERT_GE(map.page_store().segments().size(), 2u);
-    ASSERT_EQ(sorted(all_elements(map)), sorted(expected));
-    map.build_bvh(0.6f, false, false);
-    check_built<3>(map);
-    EXPECT_EQ(sorted(all_elements(map)), sorted(expected));
-}
-
 TEST_F(Map_bvh_build_test, RefitFollowsElementsMovedInsideTheirPages)
 {
     Map_impl map(small_declaration());

@@ -72,7 +72,6 @@ TEST_F(Map_file_read, DamagedFieldsGiveTheirStatusAndMessage)
     const Damage cases[] = {
         {"magic", 0, 0x4d3d7670, MAP_FILE_NOT_A_MAP, "is not a map file"},
         {"version 1", 6, 1, MAP_FILE_BAD_VERSION, "is 1, unsupported"},
-        {"version 3", 6, 3, MAP_FILE_BAD_VERSION, "is 3, unsupported"},
         {"record size past the end", 10, 0xFFFFFFF0u, MAP_FILE_MALFORMED, "is damaged"},
         {"record size short of its fields", 10, d - 1, MAP_FILE_MALFORMED, "is damaged"},
         {"field count past the record", 14, 60000, MAP_FILE_MALFORMED, "is damaged"},
