@@ -6,18 +6,13 @@
 #include <cmath>
 #include <cstring>
 #include <random>
-#include <string>
 #include <thread>
 #include <tuple>
 #include <vector>
 
 #include "containers/kdtree.h"
-#include "containers/paged_array.h"
-#include "database/db.h"
-#include "database/scene_types.h"
 #include "database/transaction.h"
-#include "runtime/msg.h"
-#include "runtime/threads.h"
+#include "tests/maps_support.h"
 #include "tests/test_support.h"
 
 namespace {
@@ -34,15 +29,6 @@ struct Point {
     uint32_t id;
 };
 
-struct Captured {
-    uint32_t level;
-    int32_t number;
-    std::string text;
-};
-std::vector<Captured> g_messages;
-
-void capture(uint32_t level, const char*, const char* text, int32_t number) { g_messages.push_back({level, number, text}); }
-
 std::string hex_tag(uint32_t tag)
 {
     char hex[16];
@@ -50,13 +36,15 @@ std::string hex_tag(uint32_t tag)
     return hex;
 }
 
-std::vector<Point> random_points(uint32_t n, uint32_t seed, float spread = 10.0f)
+// With a grid, coordinates snap to it: long runs of equal keys on every axis for the build.
+std::vector<Point> random_points(uint32_t n, uint32_t seed, float spread = 10.0f, float grid = 0.0f)
 {
     std::mt19937 random(seed);
     std::uniform_real_distribution<float> coordinate(-spread, spread);
+    auto next = [&] { return grid > 0 ? float(int(coordinate(random) / grid)) * grid : coordinate(random); };
     std::vector<Point> points(n);
     for (uint32_t i = 0; i < n; ++i)
-        points[i] = {{coordinate(random), coordinate(random), coordinate(random)}, i};
+        points[i] = {{next(), next(), next()}, i};
     return points;
 }
 
@@ -108,19 +96,14 @@ class KdtreeStoreTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        qv_test_init();
-        // No host layer in this binary: this process is the master.
-        msg_set_host_number(0);
-        thread_context()->host_number = 0;
+        qv_test_map_init(); // this process is the master: no host layer in this binary
         static bool started = false;
         if (!started) {
-            qv_db_init();
             kdtree_register();
             started = true;
         }
-        g_messages.clear();
-        qv_errorhandler(capture);
         saved_levels_ = msg_level_mask();
+        qv_test::capture_messages(saved_levels_);
     }
     void TearDown() override
     {
@@ -151,9 +134,11 @@ TEST_F(KdtreeStoreTest, LookupsMatchBruteForceAcrossChunks)
 {
     const uint32_t counts[] = {1, 2, 5, 17, 64, 300};
     const float radii[] = {0.5f, 2.0f, 6.0f, 100.0f};
-    // Three chunks (one of a single record); and a tree deep enough to need long descents.
-    for (const auto& [n, spread, queries] : {std::tuple{5000u, 10.0f, 200}, std::tuple{200000u, 100.0f, 20}}) {
-        const std::vector<Point> points = random_points(n, 42 + n, spread);
+    // Three chunks (one of a single record); a tree deep enough to need long descents; and one
+    // of many equal keys, where the build's splits must still keep each side on its side.
+    for (const auto& [n, spread, grid, queries] : {std::tuple{5000u, 10.0f, 0.0f, 200}, std::tuple{200000u, 100.0f, 0.0f, 20},
+                                                   std::tuple{3000u, 10.0f, 4.0f, 100}}) {
+        const std::vector<Point> points = random_points(n, 42 + n, spread, grid);
         const uint32_t tag = make_tree();
         add_points(tag, points, 0, 1000);
         add_points(tag, points, 1000, 1001);
@@ -356,21 +341,18 @@ TEST_F(KdtreeStoreTest, WrongModeCallsReportTheirCodesAndTexts)
     kdtree_close(reader);
 
     // Printed numbers are (module LIB 29 * 10 + error class 1) * 1000 + the code.
-    const std::vector<Captured> expected = {
-        {MSG_ERROR, 291041, "Cannot create kdtree of unknown type 2"},
-        {MSG_ERROR, 291052, "Cannot lookup kdtree " + t + ": not opened for reading"},
-        {MSG_ERROR, 291054, "cannot add elements to kdtree " + t + ": it is not opened for writing"},
-        {MSG_ERROR, 291055, "cannot get number elements to kdtree " + t + "while it is opened for writing"},
-        {MSG_ERROR, 291053, "cannot add elements to kdtree " + t + ": it is not opened for writing"},
+    const std::pair<int32_t, std::string> expected[] = {
+        {291041, "Cannot create kdtree of unknown type 2"},
+        {291052, "Cannot lookup kdtree " + t + ": not opened for reading"},
+        {291054, "cannot add elements to kdtree " + t + ": it is not opened for writing"},
+        {291055, "cannot get number elements to kdtree " + t + "while it is opened for writing"},
+        {291053, "cannot add elements to kdtree " + t + ": it is not opened for writing"},
     };
-    std::vector<Captured> errors;
-    std::copy_if(g_messages.begin(), g_messages.end(), std::back_inserter(errors),
-                 [](const Captured& m) { return m.level == MSG_ERROR; });
-    ASSERT_EQ(errors.size(), expected.size());
-    for (size_t i = 0; i < expected.size(); ++i) {
-        EXPECT_EQ(errors[i].number, expected[i].number) << i;
-        EXPECT_EQ(errors[i].text, expected[i].text) << i;
-    }
+    std::vector<std::pair<int32_t, std::string>> errors;
+    for (const qv_test::Captured_line& line : qv_test::captured())
+        if (line.level == MSG_ERROR)
+            errors.push_back({line.number, line.text});
+    EXPECT_EQ(errors, std::vector(std::begin(expected), std::end(expected)));
 }
 
 TEST_F(KdtreeStoreTest, ShutdownClosesOpenHandlesAndWritesTheirChunks)

@@ -22,7 +22,7 @@ TEST_F(ClassicReadTest, NativeAndForeignFilesLoadEveryWholeRecord)
             file.big_endian = big_endian;
             std::vector<uint8_t> bytes = file.bytes();
             bytes.resize(c.bytes);
-            write_bytes(path("in.fg"), bytes);
+            put_file(path("in.fg"), bytes);
             uint32_t loaded = 0;
             const std::vector<Fg_point> points = load_points(path("in.fg"), true, &loaded);
             EXPECT_EQ(loaded, c.expected);
@@ -51,7 +51,7 @@ TEST_F(ClassicReadTest, VersionZeroGradientsTurnIntoTheNormalsFrame)
         std::memcpy(file.records[k].normal, normals[k], sizeof(normals[k]));
         std::memcpy(file.records[k].grad_t1, rows, sizeof(rows));  // record bytes 44 to 79
     }
-    write_bytes(path("in.fg"), file.bytes());
+    put_file(path("in.fg"), file.bytes());
     std::vector<Fg_point> points = load_points(path("in.fg"), true);
     ASSERT_EQ(points.size(), 2u);
     std::sort(points.begin(), points.end(), [](const Fg_point& a, const Fg_point& b) { return a.normal[0] < b.normal[0]; });
@@ -104,7 +104,7 @@ TEST_F(ClassicReadTest, UnusableFilesLoadNothingAndSayWhy)
         lines().clear();
         std::filesystem::remove(in);
         if (!c.bytes.empty())
-            write_bytes(in, c.bytes);
+            put_file(in, c.bytes);
         uint32_t loaded = 0;
         EXPECT_TRUE(load_points(in, c.allow_classic, &loaded).empty());
         EXPECT_EQ(loaded, 0u);
@@ -116,8 +116,8 @@ TEST_F(ClassicReadTest, UnusableFilesLoadNothingAndSayWhy)
 
 TEST_F(ClassicReadTest, ListsLoadTheirNamedFilesAndCombineClassicOnlyAlone)
 {
-    write_bytes(path("a.fg"), Classic_file::of(2).bytes());
-    write_bytes(path("b.fg"), Classic_file::of(3).bytes());
+    put_file(path("a.fg"), Classic_file::of(2).bytes());
+    put_file(path("b.fg"), Classic_file::of(3).bytes());
     auto name_tag = [](const std::string& name) {
         uint32_t tag = 0;
         std::memcpy(qv_db_create(&tag, SCENE_STRING, uint32_t(name.size() + 1)), name.c_str(), name.size() + 1);
@@ -142,20 +142,13 @@ TEST_F(ClassicReadTest, ListsLoadTheirNamedFilesAndCombineClassicOnlyAlone)
     fg_set_progressive_query(nullptr);
     delete map;
 
-    // The kd-tree form has no limit on classic files; the tree keeps the reserved words.
+    // The kd-tree form has no limit on classic files. (What a tree of them writes is the
+    // end-to-end suite's legacy copy.)
     const uint32_t tree = kdtree_create(1, FG_POINT_PAYLOAD_WORDS * 4);
     Kdtree_handle* writer = kdtree_open_for_writing(tree, nullptr, 0);
     EXPECT_EQ(fg_kdtree_load_list(writer, list, false), 5u);
     kdtree_close(writer);
-    ASSERT_EQ(fg_map_save_legacy(tree, nullptr, path("out.fg").c_str()), 1);
     kdtree_delete(tree);
-    const std::vector<uint8_t> out = read_bytes(path("out.fg"));
-    ASSERT_EQ(out.size(), 120u + 5 * 104);
-    for (uint32_t n = 0; n < 5; ++n) {
-        const Fg_point point = record_at(out, n);
-        const Fg_point expected = make_point(point_number(point));
-        EXPECT_EQ(std::memcmp(&point, &expected, 104), 0) << n;
-    }
     for (uint32_t tag : {a, b, list})
         qv_db_delete(tag);
 }

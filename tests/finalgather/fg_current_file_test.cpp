@@ -64,16 +64,16 @@ TEST_F(CurrentFileTest, NewFileIsWrittenOnClosingAndReplacedThroughATemporaryNam
     EXPECT_EQ(find_line("writing map file"), nullptr);
     EXPECT_EQ(find_line("reading map file"), nullptr);
     EXPECT_EQ(numbers_in("grow.fgm"), range(0, 15));
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir_), {}), 1);  // no temporary left
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(scratch_.directory), {}), 1);  // no temporary left
 
     // Without new points nothing is written, and the line still reports them.
-    const std::vector<uint8_t> before = read_bytes(path("grow.fgm"));
+    const std::vector<uint8_t> before = file_bytes(path("grow.fgm"));
     ASSERT_EQ(write_points(open("grow.fgm", FG_WRITER_EXISTING_MAP), 0, 0), 1);
-    EXPECT_EQ(read_bytes(path("grow.fgm")), before);
+    EXPECT_EQ(file_bytes(path("grow.fgm")), before);
     expect_line("0 new finalgather points added to 15 old ones in " + quoted, MSG_PROGRESS);
 
     // After pending classic points the count includes them: the read commits them first.
-    write_bytes(path("old.fg"), Classic_file::of(3).bytes());
+    put_file(path("old.fg"), Classic_file::of(3).bytes());
     QV::RCMAP::Map_impl* map = fg_map_new();
     EXPECT_EQ(fg_map_load(map, path("old.fg").c_str(), true), 3u);
     EXPECT_EQ(fg_map_load(map, path("grow.fgm").c_str(), true), 18u);
@@ -105,14 +105,14 @@ TEST_F(CurrentFileTest, MapFileOfAnotherLayoutIsNoFinalGatherMap)
 
     // Nor is it one to write to: every point would be refused while closing reported success.
     lines().clear();
-    const std::vector<uint8_t> bytes = read_bytes(path("other.map"));
+    const std::vector<uint8_t> bytes = file_bytes(path("other.map"));
     EXPECT_EQ(fg_map_open_write(nullptr, path("other.map").c_str(), false), nullptr);
     expect_line("'%' is not a valid finalgather map file", MSG_ERROR, 20);
-    EXPECT_EQ(read_bytes(path("other.map")), bytes);
+    EXPECT_EQ(file_bytes(path("other.map")), bytes);
 
     // Classic points that a map of another layout refuses are not counted as loaded.
     lines().clear();
-    write_bytes(path("c.fg"), Classic_file::of(2).bytes());
+    put_file(path("c.fg"), Classic_file::of(2).bytes());
     QV::RCMAP::Map_declaration_impl third(3);
     map = other_layout_map(third);
     EXPECT_EQ(fg_map_load(map, path("c.fg").c_str(), true), 0u);
@@ -143,10 +143,10 @@ TEST_F(CurrentFileTest, AppendKeepsOnlyWhatItsMapHolds)
 
     // A classic file is refused and left as it was.
     const std::vector<uint8_t> classic = Classic_file::of(1).bytes();
-    write_bytes(path("c.fg"), classic);
+    put_file(path("c.fg"), classic);
     EXPECT_EQ(fg_map_open_append(nullptr, path("c.fg").c_str(), nullptr), nullptr);
     expect_line(path("c.fg") + ": classic finalgather map file, cannot append", MSG_WARN, 10);
-    EXPECT_EQ(read_bytes(path("c.fg")), classic);
+    EXPECT_EQ(file_bytes(path("c.fg")), classic);
 }
 
 }  // namespace

@@ -5,13 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdint>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string>
-#include <vector>
 
 #include "containers/kdtree.h"
 #include "database/db.h"
@@ -26,17 +19,15 @@
 #include "maps/map_manager.h"
 #include "maps/rcmp_module.h"
 #include "runtime/msg.h"
+#include "tests/maps_support.h"
 #include "tests/test_support.h"
 
 namespace fg_test {
 
-struct Line { uint32_t level; int32_t number; std::string text; };
+using namespace qv_test;
+using Line = Captured_line;
 
-inline std::vector<Line>& lines()
-{
-    static std::vector<Line> captured;
-    return captured;
-}
+inline std::vector<Line>& lines() { return captured(); }
 
 // The first captured line containing `fragment`, or null.
 inline const Line* find_line(const std::string& fragment)
@@ -47,64 +38,41 @@ inline const Line* find_line(const std::string& fragment)
     return nullptr;
 }
 
-// Numbers arrive as (module * 10 + level class) * 1000 + code; module RCFG is 54.
-inline int32_t code_of(const Line* line)
-{
-    return line->number / 10000 == MOD_RCFG ? line->number % 1000 : -1;
-}
-
 // Expects a captured line reading exactly `text`, at `level`, under RCFG code `code` (plain
-// lines have code 0).
+// lines have code 0). Numbers arrive as (module * 10 + level class) * 1000 + code.
 inline void expect_line(const std::string& text, uint32_t level, int32_t code = 0)
 {
     const auto line = std::find_if(lines().begin(), lines().end(), [&](const Line& l) { return l.text == text; });
     ASSERT_NE(line, lines().end()) << "no line \"" << text << "\"";
     EXPECT_EQ(line->level, level) << text;
-    EXPECT_EQ(code_of(&*line), code) << text;
+    EXPECT_EQ(line->number / 10000 == MOD_RCFG ? line->number % 1000 : -1, code) << text;
 }
 
 class Fg_test : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        qv_test_init();
-        // No host layer here: this process is the master, as the database tests make it.
-        msg_set_host_number(0);
-        thread_context()->host_number = 0;
+        qv_test_fg_init();
         static bool started = false;
         if (!started) {
-            if (!qv_db_started())
-                qv_db_init();
             QV::DB::get_transaction();
             kdtree_register();
-            rcmp_init(true);
-            fg_module_init();
             started = true;
         }
         QV::DB::element_install_db_handler();
         QV::RCMAP::Map_manager::instance().set_size_limit_mb(64.0f);
         saved_levels_ = msg_level_mask();
-        msg_set_levels(MSG_FATAL | MSG_ERROR | MSG_WARN | MSG_INFO | MSG_PROGRESS);
-        lines().clear();
-        qv_errorhandler([](uint32_t level, const char*, const char* text, int32_t number) {
-            lines().push_back({level, number, text});
-        });
-        char pattern[] = "/tmp/fg_test_XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        dir_ = pattern;
+        capture_messages(MSG_FATAL | MSG_ERROR | MSG_WARN | MSG_INFO | MSG_PROGRESS);
     }
-
     void TearDown() override
     {
         qv_errorhandler(nullptr);
         msg_set_levels(saved_levels_);
-        std::error_code ignored;
-        std::filesystem::remove_all(dir_, ignored);
     }
 
-    std::string path(const char* name) const { return dir_ + "/" + name; }
+    std::string path(const char* name) const { return scratch_.path(name); }
 
-    std::string dir_;
+    Scratch_dir scratch_;
     uint32_t saved_levels_ = 0;
 };
 
@@ -167,36 +135,6 @@ struct Classic_file {
         return out;
     }
 };
-
-inline void write_bytes(const std::string& path, const std::vector<uint8_t>& bytes)
-{
-    std::ofstream out(path, std::ios::binary);
-    if (!bytes.empty())
-        out.write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
-    out.close();
-    ASSERT_FALSE(out.fail()) << path;
-}
-
-// The whole file; empty when it is missing.
-inline std::vector<uint8_t> read_bytes(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
-}
-
-inline uint32_t word_at(const std::vector<uint8_t>& bytes, size_t offset)
-{
-    uint32_t value = 0;
-    std::memcpy(&value, bytes.data() + offset, 4);
-    return value;
-}
-
-inline Fg_point record_at(const std::vector<uint8_t>& bytes, uint32_t index)
-{
-    Fg_point point{};
-    std::memcpy(&point, bytes.data() + 120 + 104 * size_t(index), 104);
-    return point;
-}
 
 // Adds make_point(first) .. make_point(first + count - 1) through `writer` and closes it.
 inline int write_points(Fg_map_writer* writer, uint32_t first, uint32_t count)

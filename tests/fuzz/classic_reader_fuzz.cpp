@@ -2,14 +2,6 @@
 // the loader into a map, the loader into a kd-tree and the writer's open (which reads the headers
 // to decide between appending and replacing). Whatever the bytes, nothing may crash, hang or
 // read outside its buffers. Built and run by scripts/fuzz_classic.sh, not by the test build.
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <string>
-#include <unistd.h>
-
-#include "base/lib/mem/i_mem_allocatable.h"
 #include "containers/kdtree.h"
 #include "database/db.h"
 #include "database/element.h"
@@ -18,8 +10,7 @@
 #include "finalgather/rcfg_module.h"
 #include "maps/map_impl.h"
 #include "maps/rcmp_module.h"
-#include "runtime/msg.h"
-#include "runtime/threads.h"
+#include "tests/fuzz/fuzz_support.h"
 
 namespace {
 
@@ -28,31 +19,15 @@ std::string g_output;
 
 void start()
 {
-    mem_set_hooks(malloc, realloc, free);
-    thread_system_init();
-    msg_set_host_number(0);
-    thread_context()->host_number = 0;
-    // Every damaged input is reported; the reports are not what is tested here.
-    msg_set_levels(MSG_FATAL);
+    fuzz_start(MSG_FATAL);
     qv_db_init();
     QV::DB::get_transaction();
     QV::DB::element_install_db_handler();
     kdtree_register();
     rcmp_init(true);
     fg_module_init();
-    const std::string base = "/tmp/fg_classic_fuzz_" + std::to_string(getpid());
-    g_input = base + ".in";
-    g_output = base + ".out";
-}
-
-bool write_file(const std::string& path, const uint8_t* data, size_t size)
-{
-    FILE* file = std::fopen(path.c_str(), "wb");
-    if (!file)
-        return false;
-    const bool ok = size == 0 || std::fwrite(data, 1, size, file) == size;
-    std::fclose(file);
-    return ok;
+    g_input = fuzz_scratch("fg_classic_fuzz", ".in");
+    g_output = fuzz_scratch("fg_classic_fuzz", ".out");
 }
 
 }  // namespace
@@ -67,8 +42,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (bytes.size() < 4)
         bytes.resize(4, ' ');
     std::memcpy(bytes.data(), "qvFG", 4);
-    const auto* classic = reinterpret_cast<const uint8_t*>(bytes.data());
-    if (!write_file(g_input, classic, bytes.size()))
+    if (!fuzz_put_file(g_input, bytes.data(), bytes.size()))
         return 0;
 
     QV::RCMAP::Map_impl* map = fg_map_new();
@@ -85,7 +59,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     // The writer's open reads the same headers and decides between appending and replacing.
     // One point is appended where the file is short enough that its end lies near: an absurd
     // count would only make a huge sparse file.
-    if (write_file(g_output, classic, bytes.size())) {
+    if (fuzz_put_file(g_output, bytes.data(), bytes.size())) {
         if (Fg_map_writer* out = fg_map_open_write(nullptr, g_output.c_str(), true)) {
             if (out->count < 1000) {
                 const Fg_point point{};

@@ -6,20 +6,12 @@
 // a message that is short, has a bad opcode or a payload length that does not match is reported.
 // Built and run by scripts/fuzz_hostmsg.sh, not by the test build.
 #include <algorithm>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <string>
-#include <vector>
 
-#include "base/lib/mem/i_mem_allocatable.h"
 #include "database/db.h"
 #include "database/element.h"
 #include "database/host_db_protocol.h"
 #include "database/host_messaging.h"
-#include "runtime/msg.h"
-#include "runtime/threads.h"
+#include "tests/fuzz/fuzz_support.h"
 
 namespace {
 
@@ -33,12 +25,7 @@ void count_errors(uint32_t level, const char*, const char*, int32_t)
 
 void start()
 {
-    mem_set_hooks(malloc, realloc, free);
-    thread_system_init();
-    msg_set_host_number(0);
-    thread_context()->host_number = 0;
-    msg_set_levels(MSG_FATAL | MSG_ERROR);
-    qv_errorhandler(count_errors);
+    fuzz_start(MSG_FATAL | MSG_ERROR, count_errors);
     qv_db_init();
     QV::DB::element_install_db_handler();
 }
@@ -62,11 +49,7 @@ bool malformed(const uint8_t* bytes, size_t length, bool swap)
 void write_seeds(const char* directory)
 {
     auto save = [directory](const char* name, const std::vector<uint8_t>& bytes) {
-        std::string path = std::string(directory) + "/" + name;
-        if (FILE* file = std::fopen(path.c_str(), "wb")) {
-            std::fwrite(bytes.data(), 1, bytes.size(), file);
-            std::fclose(file);
-        }
+        fuzz_put_file(std::string(directory) + "/" + name, bytes.data(), bytes.size());
     };
     std::vector<uint8_t> welcome(1 + QV_MSG_WELCOME_BYTES, 0);
     msg_welcome_make(welcome.data() + 1, 0, 3);

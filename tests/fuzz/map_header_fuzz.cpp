@@ -4,22 +4,12 @@
 // buffers. Built and run by scripts/fuzz.sh, not by the test build.
 //
 // With QV_MAP_FUZZ_SEEDS set to a directory, the target writes its seed files there and exits.
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <string>
-#include <unistd.h>
-#include <vector>
-
-#include "base/lib/mem/i_mem_allocatable.h"
 #include "maps/map_declaration.h"
 #include "maps/map_file.h"
 #include "maps/map_impl.h"
 #include "maps/map_manager.h"
 #include "maps/rcmp_module.h"
-#include "runtime/msg.h"
-#include "runtime/threads.h"
+#include "tests/fuzz/fuzz_support.h"
 
 using namespace QV::RCMAP;
 using namespace qv::shader_v3;
@@ -39,18 +29,6 @@ Map_declaration_impl fuzz_declaration()
     return declaration;
 }
 
-void fill(Map_impl& map, uint32_t count)
-{
-    std::vector<uint8_t> element(map.get_declaration()->element_bytes());
-    for (uint32_t i = 0; i < count; ++i) {
-        float position[3] = {float(i), float(i % 7), -float(i % 3)};
-        memcpy(element.data(), position, sizeof position);
-        element[12] = uint8_t(i);
-        map.append_raw(element.data());
-    }
-    map.commit();
-}
-
 void write_seeds(const char* directory)
 {
     const std::string base = directory;
@@ -58,12 +36,12 @@ void write_seeds(const char* directory)
     {
         Map_impl map(declaration);
         map.bvh_enabled = false;
-        fill(map, 5);
+        fuzz_fill(map, 5);
         map.write((base + "/small.map").c_str(), MAP_FORMAT_BINARY, false);
     }
     {
         Map_impl map(declaration);
-        fill(map, 40);
+        fuzz_fill(map, 40);
         map.write((base + "/built.map").c_str(), MAP_FORMAT_BINARY, false);
     }
     {
@@ -71,60 +49,36 @@ void write_seeds(const char* directory)
         map.write((base + "/empty.map").c_str(), MAP_FORMAT_BINARY, false);
     }
     // The small file cut right behind its last element: short last pages read as zeros.
-    if (FILE* f = fopen((base + "/small.map").c_str(), "rb")) {
-        std::vector<uint8_t> bytes(4096);
-        bytes.resize(fread(bytes.data(), 1, bytes.size(), f));
-        fclose(f);
+    const std::vector<uint8_t> bytes = fuzz_get_file(base + "/small.map");
+    if (bytes.size() >= 14) {
         uint32_t d;
         memcpy(&d, bytes.data() + 10, 4);
         const size_t end = size_t(d) + 9 + 42 + 24 + 5 * 20;
-        if (FILE* out = fopen((base + "/small_cut.map").c_str(), "wb")) {
-            fwrite(bytes.data(), 1, end < bytes.size() ? end : bytes.size(), out);
-            fclose(out);
-        }
+        fuzz_put_file(base + "/small_cut.map", bytes.data(), end < bytes.size() ? end : bytes.size());
     }
-    if (FILE* f = fopen((base + "/text.map").c_str(), "wb")) {
-        fputs("# comment\n declare map\n", f);
-        fclose(f);
-    }
-    if (FILE* f = fopen((base + "/open.map").c_str(), "wb")) {
-        fputs("qv=MAPob1dim3s\"w\"", f);
-        fclose(f);
-    }
-}
-
-bool put_file(const std::string& path, const uint8_t* data, size_t size)
-{
-    FILE* file = fopen(path.c_str(), "wb");
-    if (!file)
-        return false;
-    bool ok = fwrite(data, 1, size, file) == size;
-    return fclose(file) == 0 && ok;
+    fuzz_put_file(base + "/text.map", "# comment\n declare map\n", 23);
+    fuzz_put_file(base + "/open.map", "qv=MAPob1dim3s\"w\"", 17);
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    mem_set_hooks(malloc, realloc, free);
-    thread_system_init();
-    // Every damaged input is reported; the reports are not what is tested here.
-    msg_set_levels(MSG_FATAL);
+    fuzz_start(MSG_FATAL);
     rcmp_init(true);
     Map_manager::instance().set_size_limit_mb(64.0f);
     if (const char* seeds = getenv("QV_MAP_FUZZ_SEEDS")) {
         write_seeds(seeds);
         exit(0);
     }
-    const std::string base = "/tmp/qv_map_fuzz_" + std::to_string(getpid());
-    g_input = base + ".map";
-    g_target = base + ".target.map";
+    g_input = fuzz_scratch("qv_map_fuzz", ".map");
+    g_target = fuzz_scratch("qv_map_fuzz", ".target.map");
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    if (!put_file(g_input, data, size))
+    if (!fuzz_put_file(g_input, data, size))
         return 0;
 
     // The header alone.
@@ -151,7 +105,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     // Onto a filled map, keeping its tree where the file has one.
     {
         Map_impl map(fuzz_declaration());
-        fill(map, 3);
+        fuzz_fill(map, 3);
         map.build_bvh(2.0f, false, false);
         uint32_t format = 0;
         map.append_from_file(g_input.c_str(), true, false, &format);
@@ -159,10 +113,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
 
     // A map appended onto the input, then the result read back.
-    if (put_file(g_target, data, size)) {
+    if (fuzz_put_file(g_target, data, size)) {
         Map_impl map(fuzz_declaration());
         map.bvh_enabled = false;
-        fill(map, 9);
+        fuzz_fill(map, 9);
         if (map.append_to_file(g_target.c_str(), true) == MAP_SUCCESS) {
             Map_impl back;
             back.bvh_enabled = false;

@@ -7,22 +7,12 @@
 // size explains. Built and run by scripts/fuzz_open.sh, not by the test build.
 //
 // With QV_OPEN_FUZZ_SEEDS set to a directory, the target writes its seed files there and exits.
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <string>
-#include <unistd.h>
-#include <vector>
-
-#include "base/lib/mem/i_mem_allocatable.h"
 #include "maps/map_declaration.h"
 #include "maps/map_file.h"
 #include "maps/map_impl.h"
 #include "maps/map_manager.h"
 #include "maps/rcmp_module.h"
-#include "runtime/msg.h"
-#include "runtime/threads.h"
+#include "tests/fuzz/fuzz_support.h"
 
 using namespace QV::RCMAP;
 using namespace qv::shader_v3;
@@ -42,36 +32,15 @@ Map_declaration_impl small_declaration()
     return declaration;
 }
 
-void fill(Map_impl& map, uint32_t count)
-{
-    std::vector<uint8_t> element(map.get_declaration()->element_bytes());
-    for (uint32_t i = 0; i < count; ++i) {
-        const float position[3] = {float(i), float(i % 7), -float(i % 3)};
-        memcpy(element.data(), position, sizeof position);
-        element[12] = uint8_t(i);
-        map.append_raw(element.data());
-    }
-    map.commit();
-}
-
 // `map` written as open binary, without the prefix the target puts back.
 void write_seed(Map_impl& map, const std::string& directory, const char* name, size_t cut = 0)
 {
     const std::string scratch = directory + "/scratch.tmp";
     map.write(scratch.c_str(), MAP_FORMAT_OPEN_BINARY, false);
-    std::vector<uint8_t> bytes(1 << 16);
-    FILE* in = fopen(scratch.c_str(), "rb");
-    if (!in)
-        return;
-    bytes.resize(fread(bytes.data(), 1, bytes.size(), in));
-    fclose(in);
+    const std::vector<uint8_t> bytes = fuzz_get_file(scratch);
     remove(scratch.c_str());
-    if (bytes.size() < PREFIX_BYTES + cut)
-        return;
-    if (FILE* out = fopen((directory + "/" + name).c_str(), "wb")) {
-        fwrite(bytes.data() + PREFIX_BYTES, 1, bytes.size() - PREFIX_BYTES - cut, out);
-        fclose(out);
-    }
+    if (bytes.size() >= PREFIX_BYTES + cut)
+        fuzz_put_file(directory + "/" + name, bytes.data() + PREFIX_BYTES, bytes.size() - PREFIX_BYTES - cut);
 }
 
 void write_seeds(const char* directory)
@@ -79,7 +48,7 @@ void write_seeds(const char* directory)
     const std::string base = directory;
     {
         Map_impl map(small_declaration());
-        fill(map, 6);
+        fuzz_fill(map, 6);
         write_seed(map, base, "small.ob");
         write_seed(map, base, "small_cut.ob", 7);
     }
@@ -94,44 +63,29 @@ void write_seeds(const char* directory)
         declaration.add_scalar_array("w", 4);
         declaration.add_integer_array("n", 2);
         Map_impl map(declaration);
-        fill(map, 3);
+        fuzz_fill(map, 3);
         write_seed(map, base, "every_type.ob");
     }
     {
         Map_impl map{Map_declaration_impl(6)};
         write_seed(map, base, "empty6.ob");
     }
-    if (FILE* out = fopen((base + "/bad_item.ob").c_str(), "wb")) {
-        fputs("1dim3s4g\"w\"i0\"n\"$0g\"x\"", out);
-        fputc('\0', out);
-        fclose(out);
-    }
-}
-
-bool put_file(const std::string& path, const uint8_t* data, size_t size)
-{
-    FILE* file = fopen(path.c_str(), "wb");
-    if (!file)
-        return false;
-    bool ok = fwrite(PREFIX, 1, PREFIX_BYTES, file) == PREFIX_BYTES && fwrite(data, 1, size, file) == size;
-    return fclose(file) == 0 && ok;
+    const char bad_item[] = "1dim3s4g\"w\"i0\"n\"$0g\"x\"";
+    fuzz_put_file(base + "/bad_item.ob", bad_item, sizeof bad_item);  // with its terminating zero
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    mem_set_hooks(malloc, realloc, free);
-    thread_system_init();
-    // Every faulty input is reported; the reports are not what is tested here.
-    msg_set_levels(MSG_FATAL);
+    fuzz_start(MSG_FATAL);
     rcmp_init(true);
     Map_manager::instance().set_size_limit_mb(64.0f);
     if (const char* seeds = getenv("QV_OPEN_FUZZ_SEEDS")) {
         write_seeds(seeds);
         exit(0);
     }
-    g_input = "/tmp/qv_open_fuzz_" + std::to_string(getpid()) + ".ob";
+    g_input = fuzz_scratch("qv_open_fuzz", ".ob");
     return 0;
 }
 
@@ -143,7 +97,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         map_open_binary_parse_fields(reinterpret_cast<const char*>(data), size, declaration, "fuzz", true);
     }
 
-    if (!put_file(g_input, data, size))
+    if (!fuzz_put_file(g_input, data, size, PREFIX))
         return 0;
 
     // A read, touching every element and global value.
@@ -165,7 +119,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     // Onto a filled map of a fixed layout, and onto a map without declaration.
     {
         Map_impl map(small_declaration());
-        fill(map, 3);
+        fuzz_fill(map, 3);
         uint32_t format = 0;
         map.append_from_file(g_input.c_str(), true, false, &format);
         map.build_bvh(2.0f, false, false);
@@ -176,7 +130,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     // An append to the file is refused whatever its header holds.
     {
         Map_impl map(small_declaration());
-        fill(map, 2);
+        fuzz_fill(map, 2);
         if (map.append_to_file(g_input.c_str(), true) == MAP_SUCCESS)
             abort();
     }

@@ -2,21 +2,12 @@
 // whole rewrite (lazy start with QV_RAY_SUBSTITUTE, variables, rules, registry step) into a heap
 // buffer of exactly the size the input asks for, so any write past it is caught. Built and run
 // by scripts/fuzz_paths.sh, not by the test build.
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
-#include <string>
-#include <vector>
-
-#include "base/lib/mem/i_mem_allocatable.h"
 #include "runtime/msg.h"
 #include "runtime/paths.h"
 #include "runtime/registry.h"
-#include "runtime/threads.h"
+#include "tests/fuzz/fuzz_support.h"
 
 namespace {
-
-void drop_line(uint32_t, const char*, const char*, int32_t) {}
 
 void start()
 {
@@ -24,10 +15,7 @@ void start()
     if (done)
         return;
     done = true;
-    mem_set_hooks(malloc, realloc, free);
-    thread_system_init();
-    qv_errorhandler(drop_line);  // lines go nowhere, not to the console
-    msg_set_levels(MSG_FATAL | MSG_ERROR | MSG_WARN | MSG_INFO | MSG_DEBUG);
+    fuzz_start(MSG_FATAL | MSG_ERROR | MSG_WARN | MSG_INFO | MSG_DEBUG);  // every line, and none shown
     registry_init();
     registry_begin("{r}");
     registry_add("{r}", "value", "/reg/{_QV_missing}");

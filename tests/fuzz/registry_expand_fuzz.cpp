@@ -2,19 +2,11 @@
 // text from the input is expanded in every mode. Only keys without outside effects are used
 // ("value", "echo", "link" with no linker, "spdl"), so mode 1 runs echo actions, which expand
 // again. Nothing may crash, overrun or hang. Built and run by scripts/fuzz_paths.sh.
-#include <cstdint>
-#include <cstdlib>
-#include <string>
-#include <vector>
-
-#include "base/lib/mem/i_mem_allocatable.h"
 #include "runtime/msg.h"
 #include "runtime/registry.h"
-#include "runtime/threads.h"
+#include "tests/fuzz/fuzz_support.h"
 
 namespace {
-
-void drop_line(uint32_t, const char*, const char*, int32_t) {}
 
 void start()
 {
@@ -22,10 +14,7 @@ void start()
     if (done)
         return;
     done = true;
-    mem_set_hooks(malloc, realloc, free);
-    thread_system_init();
-    qv_errorhandler(drop_line);
-    msg_set_levels(MSG_FATAL | MSG_ERROR | MSG_WARN | MSG_INFO | MSG_DEBUG);
+    fuzz_start(MSG_FATAL | MSG_ERROR | MSG_WARN | MSG_INFO | MSG_DEBUG);  // every line, and none shown
     setenv("QVF_E", "{env}", 1);
 }
 

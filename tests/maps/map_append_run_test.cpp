@@ -52,15 +52,4 @@ TEST_F(Map_append_run_test, BatchesOfAnySizeMatchSingleAppendsAcrossPages)
     }
 }
 
-TEST_F(Map_append_run_test, RefusedLikeSingleAppends)
-{
-    Map_impl empty;
-    const Small_element e = small_element(1);
-    EXPECT_EQ(empty.append_raw_run(&e, 1), empty.append_raw(&e));
-    Map_impl locked(small_declaration());
-    locked.editable = false;
-    EXPECT_EQ(locked.append_raw_run(&e, 1), qv::shader_v3::MAP_NOT_EDITABLE);
-    EXPECT_EQ(locked.get_pending_count(), 0u);
-}
-
 }  // namespace

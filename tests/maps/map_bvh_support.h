@@ -79,8 +79,7 @@ uint32_t check_tree(const std::vector<Map_bvh_node<N>>& nodes, const std::vector
 // The tree a page carries behind its `per_page` element slots, checked against its room and
 // against the first `held` elements (leaves cover slots in order). Returns the largest leaf.
 template <uint32_t N>
-uint32_t check_page_tree(const uint8_t* page, uint32_t per_page, uint32_t element_bytes, uint32_t held,
-                         std::vector<Map_bvh_node<N>>* nodes_out = nullptr)
+uint32_t check_page_tree(const uint8_t* page, uint32_t per_page, uint32_t element_bytes, uint32_t held)
 {
     const uint8_t* tree = page + size_t(per_page) * element_bytes;
     uint32_t node_count;
@@ -98,8 +97,6 @@ uint32_t check_page_tree(const uint8_t* page, uint32_t per_page, uint32_t elemen
         memcpy(&boxes[size_t(k) * 2 * N + N], page + size_t(k) * element_bytes, 4 * N);
         slots[k] = k;
     }
-    if (nodes_out)
-        *nodes_out = nodes;
     return check_tree<N>(nodes, slots, boxes.data(), held, MAP_BVH_PAGE_LEAF_SIZE_LAST);
 }
 

@@ -30,22 +30,6 @@ protected:
 
 };
 
-// A page of `per_page` slots whose first `count` elements have a 3-d position and their
-// number in the last word.
-std::vector<uint8_t> make_page(uint32_t element_bytes, uint32_t count, uint32_t seed)
-{
-    std::vector<uint8_t> page(MAP_FILE_PAGE_BYTES, 0);
-    std::mt19937 random(seed);
-    std::uniform_real_distribution<float> where(0.0f, 10.0f);
-    for (uint32_t i = 0; i < count; ++i) {
-        uint8_t* element = page.data() + size_t(i) * element_bytes;
-        float p[3] = {where(random), where(random), where(random)};
-        memcpy(element, p, sizeof p);
-        memcpy(element + element_bytes - 4, &i, 4);
-    }
-    return page;
-}
-
 // A global tree over `pages` boxes along x, built.
 Map_global_bvh<3>* global_tree(uint32_t pages, float offset)
 {
@@ -62,38 +46,6 @@ Map_global_bvh<3>* global_tree(uint32_t pages, float offset)
 }
 
 } // namespace
-
-TEST_F(MapBvhTreeTest, PageTreeFitsItsRoomAndPermutesTheElementsIntoLeafOrder)
-{
-    for (uint32_t element_bytes : {12u, 16u, 40u}) {
-        const uint32_t per_page = map_elements_per_page(element_bytes, 3);
-        for (uint32_t count : {1u, 9u, per_page / 2 + 1, per_page}) {
-            SCOPED_TRACE(testing::Message() << "element bytes " << element_bytes << " count " << count);
-            std::vector<uint8_t> page = make_page(element_bytes, count, count + element_bytes);
-            const std::vector<uint8_t> before = page;
-            float page_box[6];
-            const uint32_t node_count =
-                map_page_bvh_build<3>(page.data(), count, per_page, element_bytes, page_box, *scratch);
-            uint32_t stored = 0;
-            memcpy(&stored, page.data() + size_t(per_page) * element_bytes, 4);
-            ASSERT_EQ(stored, node_count);
-            std::vector<Map_bvh_node<3>> nodes;
-            EXPECT_GE(check_page_tree<3>(page.data(), per_page, element_bytes, count, &nodes), 1u);
-            ASSERT_FALSE(nodes.empty());
-            EXPECT_EQ(memcmp(page_box, nodes[0].minimum, 24), 0) << "the page box is the root's";
-            // Every element moved whole, and each one is there once.
-            std::vector<int> numbers(count, 0);
-            for (uint32_t k = 0; k < count; ++k) {
-                const uint8_t* element = page.data() + size_t(k) * element_bytes;
-                uint32_t number;
-                memcpy(&number, element + element_bytes - 4, 4);
-                ASSERT_LT(number, count);
-                ASSERT_EQ(0, memcmp(element, before.data() + size_t(number) * element_bytes, element_bytes));
-                ASSERT_EQ(++numbers[number], 1);
-            }
-        }
-    }
-}
 
 TEST_F(MapBvhTreeTest, GlobalTreeNeedsABoxForEveryPage)
 {

@@ -1,14 +1,7 @@
-// Shared set-up of the map file tests: a scratch directory, raw file bytes and little-endian
-// field access.
+// Shared set-up of the map file tests: a scratch directory and elements as files hold them.
 #pragma once
 
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <string>
 #include <unistd.h>
-#include <vector>
 
 #include "maps/map_bvh.h"
 #include "maps/map_file.h"
@@ -19,48 +12,6 @@ namespace map_file_test {
 using namespace QV::RCMAP;
 using namespace qv::shader_v3;
 using namespace map_storage_test;
-
-inline std::vector<uint8_t> file_bytes(const std::string& path)
-{
-    std::vector<uint8_t> bytes;
-    if (FILE* f = fopen(path.c_str(), "rb")) {
-        uint8_t chunk[65536];
-        size_t n;
-        while ((n = fread(chunk, 1, sizeof chunk, f)) > 0)
-            bytes.insert(bytes.end(), chunk, chunk + n);
-        fclose(f);
-    }
-    return bytes;
-}
-
-inline void put_file(const std::string& path, const void* data, size_t size)
-{
-    FILE* f = fopen(path.c_str(), "wb");
-    ASSERT_NE(f, nullptr);
-    if (size) {
-        ASSERT_EQ(fwrite(data, 1, size, f), size);
-    }
-    fclose(f);
-}
-
-inline void put_file(const std::string& path, const std::vector<uint8_t>& bytes)
-{
-    put_file(path, bytes.data(), bytes.size());
-}
-
-template <class T>
-T field_at(const std::vector<uint8_t>& bytes, size_t offset)
-{
-    T value;
-    memcpy(&value, bytes.data() + offset, sizeof value);
-    return value;
-}
-
-template <class T>
-void set_field_at(std::vector<uint8_t>& bytes, size_t offset, T value)
-{
-    memcpy(bytes.data() + offset, &value, sizeof value);
-}
 
 // Element i of a written file, at page i / E, slot i % E behind the header.
 inline Small_element stored_element(const std::vector<uint8_t>& bytes, size_t data, uint32_t per_page, uint32_t i)
@@ -85,17 +36,24 @@ protected:
     void SetUp() override
     {
         Map_storage_test::SetUp();
-        char pattern[] = "/tmp/qv_map_file_XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        directory = pattern;
+        fill(holder, 100, 3);
     }
-    void TearDown() override
+    std::string path(const char* name) const { return scratch.path(name); }
+
+    // Small elements [first, first + count) with globals scale 0.75 and label "abcd", written in
+    // append order; returns the file's bytes.
+    std::vector<uint8_t> written(const std::string& name, uint32_t count, uint32_t format = MAP_FORMAT_BINARY,
+                                 uint32_t first = 0)
     {
-        std::string command = "rm -rf '" + directory + "'";
-        EXPECT_EQ(system(command.c_str()), 0);
-        Map_storage_test::TearDown();
+        Map_declaration_impl declaration = declaration_with_globals();
+        Map_impl map(declaration);
+        map.bvh_enabled = false;
+        fill(map, first, count);
+        map.set(declaration.get_field_id("scale", nullptr), 0.75f);
+        map.set(declaration.get_field_id("label", nullptr), "abcd", -1);
+        EXPECT_EQ(map.write(name.c_str(), Map_file_format(format), false), MAP_SUCCESS);
+        return file_bytes(name);
     }
-    std::string path(const char* name) const { return directory + "/" + name; }
 
     // Writes small elements [first, first + count) as a binary map file, in append order unless
     // `built` (then with a BVH and in its order).
@@ -111,7 +69,9 @@ protected:
         }
     }
 
-    std::string directory;
+    Scratch_dir scratch;
+    // Three elements of its own, to show that a refused file leaves a map alone.
+    Map_impl holder{small_declaration()};
 };
 
 } // namespace map_file_test

@@ -1,22 +1,17 @@
-// Map iterators and handles: walking by index, in-place access and its status values, and the
-// life of a map behind an access or edit handle.
-
+// Map iterators and handles: walking by index, in-place access, and the life of a map behind an
+// access or edit handle.
 #include <gtest/gtest.h>
 
-#include <iterator>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "database/db.h"
 #include "database/transaction.h"
 #include "maps/map_dbhandle.h"
-#include "maps/map_declaration.h"
 #include "maps/map_element.h"
 #include "maps/map_impl.h"
 #include "maps/map_iterator.h"
-#include "maps/rcmp_module.h"
-#include "runtime/msg.h"
 #include "tests/test_support.h"
 
 using namespace QV::RCMAP;
@@ -26,18 +21,14 @@ namespace {
 
 class MapHandleTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        qv_test_map_init();
-    }
+    void SetUp() override { qv_test_map_init(); }
 };
 
 Map_declaration_impl point_declaration()
 {
     Map_declaration_impl d(3);
-    d.add_scalar("w");         // 0
-    d.add_integer("id");       // 1
-    d.add_scalar_array("rgb", 3); // 2
+    d.add_scalar("w");   // 0
+    d.add_integer("id"); // 1
     return d;
 }
 
@@ -59,58 +50,35 @@ Map_impl* filled_map(uint32_t count)
 
 } // namespace
 
-TEST_F(MapHandleTest, IteratorWithoutMapAnswers48Everywhere)
-{
-    Map_iterator_impl it(static_cast<Map_impl*>(nullptr), true);
-    Map_status status = MAP_SUCCESS;
-    EXPECT_TRUE(it.at_end(&status));
-    EXPECT_EQ(status, MAP_ITERATOR_NO_MAP);
-    EXPECT_EQ(it.current(&status), 0u);
-    EXPECT_EQ(status, MAP_ITERATOR_NO_MAP);
-    float s;
-    Map_element_impl e;
-    const Map_vector3 p{};
-    const Map_status statuses[] = {it.reset(),     it.next(),       it.previous(), it.skip(0),         it.set_to(0),
-                                   it.get(0, s),   it.set(0, 1.0f), it.get(&e),    it.set_position(p)};
-    for (size_t k = 0; k < std::size(statuses); ++k)
-        EXPECT_EQ(statuses[k], MAP_ITERATOR_NO_MAP) << "call " << k;
-}
-
+// previous at 0 and skip past the last element keep the index; skip(n) moves n + 1; next steps
+// onto the end, where only set_to and reset move again.
 TEST_F(MapHandleTest, WalkingRulesOfNextPreviousAndSkip)
 {
     std::unique_ptr<Map_impl> map(filled_map(5));
     Map_iterator_impl it(map.get());
-    Map_status status;
-
-    // previous at 0 keeps the index.
-    EXPECT_EQ(it.previous(), MAP_ITERATOR_OUT_OF_RANGE);
-    EXPECT_EQ(it.current(nullptr), 0u);
-
-    // skip(n) moves n + 1, and never onto the end.
-    EXPECT_EQ(it.skip(0), MAP_SUCCESS);
-    EXPECT_EQ(it.current(nullptr), 1u);
-    EXPECT_EQ(it.skip(2), MAP_SUCCESS);
-    EXPECT_EQ(it.current(nullptr), 4u);
-    EXPECT_EQ(it.skip(0), MAP_ITERATOR_OUT_OF_RANGE);
-    EXPECT_EQ(it.current(nullptr), 4u);
-    EXPECT_EQ(it.skip(0xFFFFFFFFu), MAP_ITERATOR_OUT_OF_RANGE);
-
-    // next steps onto the end; there previous is refused and the index kept.
-    EXPECT_EQ(it.next(), MAP_SUCCESS);
-    EXPECT_TRUE(it.at_end(nullptr));
-    EXPECT_EQ(it.current(&status), 6u);
-    EXPECT_EQ(status, MAP_ITERATOR_AT_END);
-    EXPECT_EQ(it.previous(), MAP_ITERATOR_AT_END);
-    EXPECT_EQ(it.skip(0), MAP_ITERATOR_AT_END);
-    EXPECT_EQ(it.next(), MAP_ITERATOR_AT_END);
-    EXPECT_TRUE(it.at_end(nullptr));
-
-    EXPECT_EQ(it.set_to(5), MAP_ITERATOR_OUT_OF_RANGE);
-    EXPECT_EQ(it.set_to(2), MAP_SUCCESS);
-    EXPECT_EQ(it.previous(), MAP_SUCCESS);
-    EXPECT_EQ(it.current(nullptr), 1u);
-    EXPECT_EQ(it.reset(), MAP_SUCCESS);
-    EXPECT_EQ(it.current(nullptr), 0u);
+    constexpr uint32_t ANY = 99;
+    const struct {
+        std::function<Map_status()> step;
+        Map_status status;
+        uint32_t index;
+    } steps[] = {
+        {[&] { return it.previous(); }, MAP_ITERATOR_OUT_OF_RANGE, 0}, {[&] { return it.skip(0); }, MAP_SUCCESS, 1},
+        {[&] { return it.skip(2); }, MAP_SUCCESS, 4},           {[&] { return it.skip(0); }, MAP_ITERATOR_OUT_OF_RANGE, 4},
+        {[&] { return it.skip(0xFFFFFFFFu); }, MAP_ITERATOR_OUT_OF_RANGE, 4},
+        {[&] { return it.next(); }, MAP_SUCCESS, 6},             {[&] { return it.previous(); }, MAP_ITERATOR_AT_END, 6},
+        {[&] { return it.skip(0); }, MAP_ITERATOR_AT_END, 6},    {[&] { return it.next(); }, MAP_ITERATOR_AT_END, 6},
+        {[&] { return it.set_to(5); }, MAP_ITERATOR_OUT_OF_RANGE, ANY}, {[&] { return it.set_to(2); }, MAP_SUCCESS, 2},
+        {[&] { return it.previous(); }, MAP_SUCCESS, 1},         {[&] { return it.reset(); }, MAP_SUCCESS, 0},
+    };
+    for (const auto& step : steps) {
+        SCOPED_TRACE(&step - steps);
+        EXPECT_EQ(step.step(), step.status);
+        Map_status status = MAP_SUCCESS;
+        const uint32_t index = it.current(&status);
+        EXPECT_TRUE(step.index == ANY || index == step.index) << index;
+        EXPECT_EQ(status, index == 6 ? MAP_ITERATOR_AT_END : MAP_SUCCESS);
+        EXPECT_EQ(it.at_end(nullptr), index == 6);
+    }
 }
 
 TEST_F(MapHandleTest, IteratorReadsAndWritesInPlaceAndAMovedPositionMakesTheBvhStale)
@@ -130,28 +98,19 @@ TEST_F(MapHandleTest, IteratorReadsAndWritesInPlaceAndAMovedPositionMakesTheBvhS
     }
     EXPECT_EQ(visited, 40u);
 
-    // The writes reached the map; the colour accessor reads the three-float field.
+    // The writes reached the map; whole elements go through the iterator too.
     ASSERT_EQ(it.set_to(9), MAP_SUCCESS);
-    const Map_color tint{0.1f, 0.2f, 0.3f, 0.9f};
-    ASSERT_EQ(it.set(2, &tint), MAP_SUCCESS);
     Map_element_impl e;
     ASSERT_EQ(map->get(9, &e), MAP_SUCCESS);
     float w = 0;
     e.get(0, w);
     EXPECT_EQ(w, 4.5f);
-    Map_color back{};
-    ASSERT_EQ(it.get(2, back), MAP_SUCCESS);
-    EXPECT_EQ(back.b, 0.3f);
-    EXPECT_EQ(back.a, 1.0f);
-
-    // Whole elements through the iterator.
     e.set(1, int32_t{1000});
     ASSERT_EQ(it.set(&e), MAP_SUCCESS);
     int32_t id = 0;
     ASSERT_EQ(map->get(9, &e), MAP_SUCCESS);
     e.get(1, id);
     EXPECT_EQ(id, 1000);
-    ASSERT_EQ(it.get(&e), MAP_SUCCESS);
 
     // Moving a position makes the BVH stale; writing a field does not.
     map->needs_build = map->needs_refit = false;
@@ -163,45 +122,16 @@ TEST_F(MapHandleTest, IteratorReadsAndWritesInPlaceAndAMovedPositionMakesTheBvhS
     EXPECT_GE(map->get_bounds().maximum[2], 300.0f);
 }
 
-// The field checks themselves are the element accessors' (see the element suite); the iterator
-// puts its own two in front of them.
-TEST_F(MapHandleTest, IteratorAccessStatusValues)
-{
-    std::unique_ptr<Map_impl> map(filled_map(3));
-    Map_iterator_impl it(map.get(), true);
-    float s;
-    Map_vector3 p{};
-
-    // A map that may not be changed refuses setters before looking at the field.
-    map->editable = false;
-    EXPECT_EQ(it.set(99, 1.0f), MAP_NOT_EDITABLE);
-    EXPECT_EQ(it.set_position(p), MAP_NOT_EDITABLE);
-    EXPECT_EQ(it.get(0, s), MAP_SUCCESS);
-    map->editable = true;
-
-    // With check_end, the end position stops every access first.
-    it.set_to(2);
-    it.next();
-    EXPECT_EQ(it.get(99, s), MAP_ITERATOR_AT_END);
-    EXPECT_EQ(it.set(0, 1.0f), MAP_ITERATOR_AT_END);
-    EXPECT_EQ(it.get_position(p), MAP_ITERATOR_AT_END);
-    Map_element_impl e;
-    EXPECT_EQ(it.get(&e), MAP_ITERATOR_AT_END);
-}
-
 TEST_F(MapHandleTest, StoreHandsTheMapToTheDatabaseOnce)
 {
     Db_tag tag = 0;
     {
         Edit_map_dbhandle_impl edit(filled_map(6));
-        EXPECT_EQ(edit.get_tag(), 0u);
         EXPECT_FALSE(edit.is_in_database());
         Map_impl* before = edit.get_map();
         tag = edit.store();
         ASSERT_NE(tag, 0u);
         EXPECT_EQ(edit.store(), tag);
-        EXPECT_EQ(edit.get_tag(), tag);
-        EXPECT_TRUE(edit.is_in_database());
         // The same object, now reached through the database.
         EXPECT_EQ(edit.get_map(), before);
     }
@@ -210,8 +140,6 @@ TEST_F(MapHandleTest, StoreHandsTheMapToTheDatabaseOnce)
     {
         Access_map_dbhandle_impl read(tag);
         ASSERT_NE(read.get(), nullptr);
-        EXPECT_EQ(read.get_tag(), tag);
-        EXPECT_EQ(read.store(), tag);
         EXPECT_EQ(read.get()->size(), 6u);
         Map_iterator_impl it(read.get());
         it.set_to(5);

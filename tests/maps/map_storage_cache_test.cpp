@@ -130,21 +130,14 @@ TEST_F(Map_storage_cache, StatisticsAndTraceAreWrittenAtShutdown)
         id = map.page_store().map_id;
         fill_pages(map, 3);
     }
-    EXPECT_TRUE(saw("map " + std::to_string(id) + " stats:"));
-    EXPECT_TRUE(saw("total page accesses          : "));
-    EXPECT_TRUE(saw("page loads / global accesses : "));
     manager.shutdown();
-    EXPECT_TRUE(saw("global map manager stats:"));
-    EXPECT_TRUE(saw("map cache: maximum "));
-    FILE* file = fopen(path, "r");
-    ASSERT_NE(file, nullptr);
-    char line[256] = {};
-    bool found = false;
-    while (fgets(line, sizeof line, file))
-        found = found || strstr(line, "unregister map") != nullptr;
-    fclose(file);
+    for (const std::string& text : {"map " + std::to_string(id) + " stats:", std::string("total page accesses          : "),
+                                   std::string("page loads / global accesses : "),
+                                   std::string("global map manager stats:"), std::string("map cache: maximum ")})
+        EXPECT_TRUE(saw(text)) << text;
+    const std::vector<uint8_t> trace = file_bytes(path);
     unlink(path);
-    EXPECT_TRUE(found);
+    EXPECT_NE(std::string(trace.begin(), trace.end()).find("unregister map"), std::string::npos);
 
     // A trace that cannot be written is reported.
     manager.set_trace(true);

@@ -1,5 +1,4 @@
-// Shared set-up of the map tests: module start, message capture, small declarations and maps
-// of known elements.
+// Shared set-up of the map tests: module start, small declarations and maps of known elements.
 #pragma once
 
 #include <cstdint>
@@ -16,42 +15,12 @@
 #include "maps/rcmp_module.h"
 #include "runtime/msg.h"
 #include "runtime/threads.h"
+#include "tests/maps_support.h"
 #include "tests/test_support.h"
 
 namespace map_storage_test {
 
-struct Captured_line {
-    uint32_t level;
-    int32_t number;
-    std::string text;
-    std::string line;  // the whole line, module name first
-};
-
-inline std::vector<Captured_line>& captured()
-{
-    static std::vector<Captured_line> lines;
-    return lines;
-}
-
-inline void capture(uint32_t level, const char* line, const char* text, int32_t number)
-{
-    captured().push_back({level, number, text, line});
-}
-
-// Captured lines that contain `fragment`, of one level or (level 0) of any.
-inline int count_lines(uint32_t level, const std::string& fragment)
-{
-    int n = 0;
-    for (const Captured_line& line : captured())
-        if ((level == 0 || line.level == level) && line.text.find(fragment) != std::string::npos)
-            ++n;
-    return n;
-}
-
-inline bool saw(const std::string& fragment)
-{
-    return count_lines(0, fragment) > 0;
-}
+using namespace qv_test;
 
 // Every test starts with the module up, all levels captured and a generous cache limit.
 class Map_storage_test : public ::testing::Test {
@@ -60,9 +29,7 @@ protected:
     {
         qv_test_init();
         rcmp_init(true);
-        msg_set_levels(MSG_FATAL | MSG_ERROR | MSG_WARN | MSG_INFO);
-        captured().clear();
-        qv_errorhandler(capture);
+        capture_messages(MSG_FATAL | MSG_ERROR | MSG_WARN | MSG_INFO);
         QV::RCMAP::Map_manager::instance().set_size_limit_mb(64.0f);
     }
     void TearDown() override
@@ -70,30 +37,6 @@ protected:
         qv_errorhandler(nullptr);
         QV::RCMAP::Map_manager::instance().set_size_limit_mb(64.0f);
     }
-};
-
-// Sets an environment variable for one scope and puts the old value back.
-class Scoped_env {
-public:
-    Scoped_env(const char* name, const char* value) : name_(name)
-    {
-        const char* old = getenv(name);
-        had_ = old != nullptr;
-        saved_ = old ? old : "";
-        setenv(name, value, 1);
-    }
-    ~Scoped_env()
-    {
-        if (had_)
-            setenv(name_, saved_.c_str(), 1);
-        else
-            unsetenv(name_);
-    }
-
-private:
-    const char* name_;
-    bool had_;
-    std::string saved_;
 };
 
 // Dimension 3 with a scalar "weight" and an integer "id": 20 bytes per element.
