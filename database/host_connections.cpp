@@ -116,19 +116,28 @@ bool write_all(Connection* connection, iovec* parts, int count)
 }
 
 constexpr int MAX_BATCH = 32;
+const uint8_t ZERO_PAD[8] = {};
+
+inline size_t padded(size_t length) { return (length + 7) & ~size_t(7); }
 
 // Writes `count` (at most MAX_BATCH) framed messages in one go under the connection's lock.
-bool send_frames(Connection* connection, uint32_t word, const void* const* buffers, const size_t* lengths, int count)
+bool send_frames(Connection* connection, uint32_t word, const Qv_msg_part* messages, int count)
 {
     uint32_t frames[MAX_BATCH][2];
-    iovec parts[2 * MAX_BATCH];
+    iovec parts[4 * MAX_BATCH];
     int used = 0;
     for (int i = 0; i < count; ++i) {
-        frames[i][0] = uint32_t(lengths[i]);
+        const Qv_msg_part& message = messages[i];
+        const size_t length = message.head_bytes + message.body_bytes;
+        frames[i][0] = uint32_t(length);
         frames[i][1] = word;
         parts[used++] = {frames[i], FRAME_BYTES};
-        if (lengths[i])
-            parts[used++] = {const_cast<void*>(buffers[i]), lengths[i]};
+        if (message.head_bytes)
+            parts[used++] = {const_cast<void*>(message.head), message.head_bytes};
+        if (message.body_bytes)
+            parts[used++] = {const_cast<void*>(message.body), message.body_bytes};
+        if (padded(length) != length)
+            parts[used++] = {const_cast<uint8_t*>(ZERO_PAD), padded(length) - length};
     }
     std::lock_guard<std::mutex> hold(connection->write_lock);
     if (!connection->up.load() || connection->socket < 0) {
@@ -143,7 +152,8 @@ bool send_frames(Connection* connection, uint32_t word, const void* const* buffe
 
 bool send_frame(Connection* connection, uint32_t word, const void* buffer, size_t length)
 {
-    return send_frames(connection, word, &buffer, &length, 1);
+    Qv_msg_part message{buffer, length, nullptr, 0};
+    return send_frames(connection, word, &message, 1);
 }
 
 // Reads exactly `length` bytes within the socket's receive timeout; returns the bytes read.
@@ -228,7 +238,7 @@ void connection_ended(Connection* connection)
         qv_db_host_event(connection->host, false);
 }
 
-void dispatch(Connection* source, uint32_t word, uint8_t* payload, size_t length, std::vector<uint64_t>& scratch)
+void dispatch(Connection* source, uint32_t word, uint8_t* payload, size_t length)
 {
     uint32_t module = word & 0xFFu;
     // A slave's broadcast reaches the other slaves through the master.
@@ -242,14 +252,13 @@ void dispatch(Connection* source, uint32_t word, uint8_t* payload, size_t length
         msg_error("message for module %u without handler from host %d", module, int(source->host));
         return;
     }
-    // Handlers get an 8-byte aligned copy they may change.
-    scratch.resize(length / 8 + 1);
-    std::memcpy(scratch.data(), payload, length);
-    handler(thread_context(), scratch.data(), length, source->swap);
+    // The payload lies 8-byte aligned in the receive buffer (frames are padded), and the handler
+    // may change it there: no copy per message.
+    handler(thread_context(), payload, length, source->swap);
 }
 
 // Reads what the socket has and dispatches every whole message. False when the connection ended.
-bool serve(Connection* connection, std::vector<uint64_t>& scratch)
+bool serve(Connection* connection)
 {
     if (connection->in.size() - connection->filled < 4096)
         connection->in.resize(std::max<size_t>(connection->in.size() * 2, 65536));
@@ -275,7 +284,7 @@ bool serve(Connection* connection, std::vector<uint64_t>& scratch)
                       int(connection->host), QV_MSG_MAX_PAYLOAD);
             return false;
         }
-        size_t whole = FRAME_BYTES + frame[0];
+        size_t whole = FRAME_BYTES + padded(frame[0]);
         if (connection->filled - at < whole) {
             if (connection->in.size() < whole)
                 connection->in.resize(whole);
@@ -284,7 +293,7 @@ bool serve(Connection* connection, std::vector<uint64_t>& scratch)
         ++connection->messages_read;
         if (carried && at == 0)
             ++connection->messages_split;
-        dispatch(connection, frame[1], connection->in.data() + at + FRAME_BYTES, frame[0], scratch);
+        dispatch(connection, frame[1], connection->in.data() + at + FRAME_BYTES, frame[0]);
         if (!connection->up.load())
             return false;
         at += whole;
@@ -300,7 +309,6 @@ void reader_loop()
 {
     std::vector<pollfd> watched;
     std::vector<Connection*> owners;
-    std::vector<uint64_t> scratch;
     while (!g_stop.load()) {
         watched.assign(1, pollfd{g_wake[0], POLLIN, 0});
         owners.assign(1, nullptr);
@@ -330,7 +338,7 @@ void reader_loop()
         for (size_t i = 1; i < watched.size() && !g_stop.load(); ++i) {
             if (!watched[i].revents)
                 continue;
-            if (!serve(owners[i], scratch))
+            if (!serve(owners[i]))
                 connection_ended(owners[i]);
         }
     }
@@ -550,7 +558,7 @@ int qv_msg_send(uint32_t host, int module, const void* buffer, size_t length)
     return send_frame(connection, word, buffer, length) ? 1 : 0;
 }
 
-int qv_msg_send_batch(uint32_t host, int module, const void* const* buffers, const size_t* lengths, int count)
+int qv_msg_send_batch(uint32_t host, int module, const Qv_msg_part* messages, int count)
 {
     if (!g_cluster.load(std::memory_order_acquire))
         return 1;
@@ -560,17 +568,16 @@ int qv_msg_send_batch(uint32_t host, int module, const void* const* buffers, con
         msg_error_n(310, "no connection to %d", int(host));
         return 0;
     }
-    for (int first = 0; first < count; first += MAX_BATCH) {
-        int n = std::min(MAX_BATCH, count - first);
-        for (int i = first; i < first + n; ++i) {
-            if (lengths[i] > QV_MSG_MAX_PAYLOAD) {
-                msg_error("message of %zu bytes is longer than %zu", lengths[i], QV_MSG_MAX_PAYLOAD);
-                return 0;
-            }
-        }
-        if (!send_frames(connection, uint32_t(module) & 0xFFu, buffers + first, lengths + first, n))
+    for (int i = 0; i < count; ++i) {
+        if (messages[i].head_bytes + messages[i].body_bytes > QV_MSG_MAX_PAYLOAD) {
+            msg_error("message of %zu bytes is longer than %zu", messages[i].head_bytes + messages[i].body_bytes,
+                      QV_MSG_MAX_PAYLOAD);
             return 0;
+        }
     }
+    for (int first = 0; first < count; first += MAX_BATCH)
+        if (!send_frames(connection, uint32_t(module) & 0xFFu, messages + first, std::min(MAX_BATCH, count - first)))
+            return 0;
     return 1;
 }
 

@@ -10,7 +10,8 @@
 // host_db_protocol.h). Senders block on the connection's lock only.
 //
 // On the socket every message is framed by 8 bytes in the sender's byte order: the payload length
-// and a word that holds the module number (bits 0..7) and a broadcast bit (bit 8). The master
+// and a word that holds the module number (bits 0..7) and a broadcast bit (bit 8); the payload is
+// padded with zeros to a multiple of 8 bytes, so handlers get it 8-byte aligned in place. The master
 // passes a broadcast frame from one slave on to the others before its own handler runs.
 #pragma once
 
@@ -37,12 +38,20 @@ constexpr size_t QV_MSG_MAX_PAYLOAD = 1 << 20;
 // not up and succeeds when every up host took the message.
 int qv_msg_send(uint32_t host, int module, const void* buffer, size_t length);
 
-// `buffer` is writable and valid for the call only; `swap` is true when the sender's byte order
-// differs from ours.
+// One message of a batch: `head_bytes` of `head` followed by `body_bytes` of `body`, so a header
+// and the data it describes go out without being copied together first.
+struct Qv_msg_part {
+    const void* head;
+    size_t head_bytes;
+    const void* body;   // may be null when body_bytes is 0
+    size_t body_bytes;
+};
 // Sends `count` messages to one host (not a broadcast) in one write under the connection's lock,
 // in order. Returns non-zero when all went out; as qv_msg_send otherwise.
-int qv_msg_send_batch(uint32_t host, int module, const void* const* buffers, const size_t* lengths, int count);
+int qv_msg_send_batch(uint32_t host, int module, const Qv_msg_part* messages, int count);
 
+// `buffer` is writable and valid for the call only; `swap` is true when the sender's byte order
+// differs from ours.
 using Qv_msg_handler = void (*)(Thread_context* context, void* buffer, size_t length, bool swap);
 void qv_msg_register(int module, Qv_msg_handler handler);
 
