@@ -14,6 +14,7 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <condition_variable>
+#include <deque>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -305,8 +306,79 @@ bool serve(Connection* connection)
     return true;
 }
 
+thread_local bool t_on_reader = false;
+
+// Messages this host sends to itself are handled in order on the local server thread, never on
+// the reader: what they ask for (running a job) may take long and may itself wait for answers
+// that only the reader can take in.
+struct Local_message {
+    uint32_t module;
+    std::vector<uint64_t> bytes;   // 8-byte aligned, as handlers get a received payload
+    size_t length;
+};
+std::mutex g_local_mutex;
+std::condition_variable g_local_ready;
+std::deque<Local_message> g_local_queue;   // under g_local_mutex, as the two flags
+bool g_local_stop = false;
+bool g_local_running = false;
+
+void local_loop()
+{
+    for (;;) {
+        Local_message message;
+        {
+            std::unique_lock<std::mutex> hold(g_local_mutex);
+            g_local_ready.wait(hold, [] { return g_local_stop || !g_local_queue.empty(); });
+            if (g_local_stop)
+                return;
+            message = std::move(g_local_queue.front());
+            g_local_queue.pop_front();
+        }
+        if (Qv_msg_handler handler = g_handlers[message.module].load())
+            handler(thread_context(), message.bytes.data(), message.length, false);
+        else
+            msg_error("message for module %u without handler from host %d", message.module, int(g_self.load()));
+    }
+}
+
+bool send_local(int module, const void* buffer, size_t length)
+{
+    Local_message message{uint32_t(module) & 0xFFu, std::vector<uint64_t>(length / 8 + 1), length};
+    if (length)
+        std::memcpy(message.bytes.data(), buffer, length);
+    std::lock_guard<std::mutex> hold(g_local_mutex);
+    if (g_local_stop)
+        return false;
+    if (!g_local_running)
+        g_local_running = qv_msg_detail::msg_start_thread(qv_msg_detail::LAYER_LOCAL, local_loop);
+    if (!g_local_running)
+        return false;
+    g_local_queue.push_back(std::move(message));
+    g_local_ready.notify_one();
+    return true;
+}
+
+// Stops the local server after the message it handles now; what is still queued is dropped.
+void stop_local()
+{
+    bool running;
+    {
+        std::lock_guard<std::mutex> hold(g_local_mutex);
+        g_local_stop = true;
+        running = g_local_running;
+        g_local_ready.notify_all();
+    }
+    if (running)
+        qv_msg_detail::msg_join_thread(qv_msg_detail::LAYER_LOCAL);
+    std::lock_guard<std::mutex> hold(g_local_mutex);
+    g_local_queue.clear();
+    g_local_running = false;
+    g_local_stop = false;
+}
+
 void reader_loop()
 {
+    t_on_reader = true;
     std::vector<pollfd> watched;
     std::vector<Connection*> owners;
     while (!g_stop.load()) {
@@ -353,7 +425,7 @@ void ensure_reader()
         return;
     }
     g_stop.store(false);
-    g_reader_running.store(qv_msg_detail::msg_start_reader_thread(reader_loop));
+    g_reader_running.store(qv_msg_detail::msg_start_thread(qv_msg_detail::LAYER_READER, reader_loop));
 }
 
 // Puts an up connection in the table and switches the process to cluster mode.
@@ -394,60 +466,61 @@ namespace qv_msg_detail {
 
 namespace {
 
-// The reader enters through the thread table like every engine thread and is not joinable; its
-// last act (after its context is gone) tells a waiting qv_msg_exit that it touches nothing more.
-struct Reader_start {
+// The layer's threads enter through the thread table like every engine thread and are not
+// joinable; the last act of each (after its context is gone) tells a waiting qv_msg_exit that it
+// touches nothing more.
+struct Layer_start {
     void (*body)();
     uint32_t host;
 };
-Reader_start g_reader_start;
-std::mutex g_reader_end_mutex;
-std::condition_variable g_reader_end;
-bool g_reader_active = false;
+Layer_start g_layer_start[LAYER_THREADS];
+std::mutex g_layer_end_mutex;
+std::condition_variable g_layer_end;
+bool g_layer_active[LAYER_THREADS];
 
-void reader_trampoline(void* argument)
+void layer_trampoline(void* argument)
 {
-    const auto* start = static_cast<const Reader_start*>(argument);
+    const auto* start = static_cast<const Layer_start*>(argument);
     if (Thread_context* context = thread_context())
         context->host_number = start->host;
     start->body();
 }
 
-void reader_ended(void*)
+void layer_ended(void* argument)
 {
-    std::lock_guard<std::mutex> hold(g_reader_end_mutex);
-    g_reader_active = false;
-    g_reader_end.notify_all();
+    std::lock_guard<std::mutex> hold(g_layer_end_mutex);
+    g_layer_active[reinterpret_cast<intptr_t>(argument)] = false;
+    g_layer_end.notify_all();
 }
 
 }  // namespace
 
-bool msg_start_reader_thread(void (*body)())
+bool msg_start_thread(Layer_thread which, void (*body)())
 {
-    g_reader_start = {body, g_self.load()};
-    const int row = thread_alloc(reader_trampoline, &g_reader_start, false);
+    g_layer_start[which] = {body, g_self.load()};
+    const int row = thread_alloc(layer_trampoline, &g_layer_start[which], false);
     if (row < 0) {
-        msg_error("cannot start the network reader thread");
+        msg_error("cannot start a network thread");
         return false;
     }
-    thread_notify_end(row, reader_ended, nullptr);
+    thread_notify_end(row, layer_ended, reinterpret_cast<void*>(intptr_t(which)));
     {
-        std::lock_guard<std::mutex> hold(g_reader_end_mutex);
-        g_reader_active = true;
+        std::lock_guard<std::mutex> hold(g_layer_end_mutex);
+        g_layer_active[which] = true;
     }
     if (!thread_start(row)) {
-        std::lock_guard<std::mutex> hold(g_reader_end_mutex);
-        g_reader_active = false;
-        msg_error("cannot start the network reader thread");
+        std::lock_guard<std::mutex> hold(g_layer_end_mutex);
+        g_layer_active[which] = false;
+        msg_error("cannot start a network thread");
         return false;
     }
     return true;
 }
 
-void msg_join_reader_thread()
+void msg_join_thread(Layer_thread which)
 {
-    std::unique_lock<std::mutex> hold(g_reader_end_mutex);
-    g_reader_end.wait(hold, [] { return !g_reader_active; });
+    std::unique_lock<std::mutex> hold(g_layer_end_mutex);
+    g_layer_end.wait(hold, [which] { return !g_layer_active[which]; });
 }
 
 }  // namespace qv_msg_detail
@@ -550,6 +623,8 @@ int qv_msg_send(uint32_t host, int module, const void* buffer, size_t length)
                 good = send_frame(connection, word | FRAME_BROADCAST, buffer, length) && good;
         return good ? 1 : 0;
     }
+    if (host == g_self.load())
+        return send_local(module, buffer, length) ? 1 : 0;
     Connection* connection = host < QV_MSG_MAX_HOSTS ? g_connections[host].load() : nullptr;
     if (!connection) {
         msg_error_n(310, "no connection to %d", int(host));
@@ -596,6 +671,8 @@ bool qv_msg_host_live(uint32_t host)
 }
 
 uint32_t qv_msg_self() { return g_self.load(); }
+
+bool qv_msg_on_reader_thread() { return t_on_reader; }
 
 int qv_msg_connections()
 {
@@ -729,11 +806,13 @@ void qv_msg_exit()
         msg_warn_n(4, "msg_exit without msg_init.");
         return;
     }
-    // The reader ends first, so the counters printed at the close are final.
+    // The local server ends first (it may still send), then the reader, so the counters printed
+    // at the close are final.
+    stop_local();
     if (g_reader_running.load()) {
         g_stop.store(true);
         wake_reader();
-        qv_msg_detail::msg_join_reader_thread();
+        qv_msg_detail::msg_join_thread(qv_msg_detail::LAYER_READER);
         g_reader_running.store(false);
     }
     for (uint32_t host = 0; host < QV_MSG_MAX_HOSTS; ++host)

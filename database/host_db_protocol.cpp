@@ -74,6 +74,22 @@ bool send_data(const Db_net_header& request)
     const Db_tag tag = request.tag;
     const uint32_t to = request.host;
     Db_record* record = record_peek(tag);
+    // A job result that the master does not hold is made here first. The reader must not run
+    // the job (all traffic would wait, and the job may wait for other hosts), so it passes the
+    // request on to host 0, whose local server comes back here off the reader thread.
+    bool produced = false;
+    if (self() == 0 && qv_db_is_job(tag) &&
+        (!record || !record->data || __atomic_load_n(&record->state, __ATOMIC_ACQUIRE) == DB_STATE_ARRIVING)) {
+        if (qv_msg_on_reader_thread()) {
+            Db_net_header forward = request;
+            if (!send(0, forward))
+                msg_error_n(32, "can't forward tag request to host %d", 0);
+            return true;
+        }
+        qv_db_access(tag);
+        record = record_peek(tag);
+        produced = true;
+    }
     Db_net_header header{};
     header.opcode = DB_NET_DATA_PIECE;
     header.tag = tag;
@@ -83,6 +99,8 @@ bool send_data(const Db_net_header& request)
     if (!valid) {
         // Zeros tell the requester that nothing is known here.
         msg_error_n(29, "could not send data of db item");
+        if (produced)
+            qv_db_unpin(tag);
         return send(to, header);
     }
     fill_from_record(header, record);
@@ -140,6 +158,8 @@ bool send_data(const Db_net_header& request)
         any = true;
         sent += window_bytes;
     }
+    if (produced)
+        qv_db_unpin(tag);
     // A flush push is confirmed once its last piece went out.
     if (last && __atomic_load_n(&record->shared, __ATOMIC_ACQUIRE) == 2)
         __atomic_store_n(&record->shared, uint8_t(0), __ATOMIC_RELEASE);

@@ -34,7 +34,8 @@ constexpr uint32_t QV_MSG_MAX_HOSTS = 127;
 constexpr size_t QV_MSG_MAX_PAYLOAD = 1 << 20;
 
 // Sends `length` bytes to `host` for `module`'s handler. Returns non-zero on success. Without any
-// connection (a single host) it returns 1 and sends nothing. A broadcast skips hosts that are
+// connection (a single host) it returns 1 and sends nothing. A message to this host's own number
+// is handled on the layer's local server thread, in order, never on the reader thread. A broadcast skips hosts that are
 // not up and succeeds when every up host took the message.
 int qv_msg_send(uint32_t host, int module, const void* buffer, size_t length);
 
@@ -87,6 +88,8 @@ void qv_msg_exit();
 bool qv_msg_host_live(uint32_t host);
 // This process's host number.
 uint32_t qv_msg_self();
+// True on the reader thread, which must not wait for what only it can take in.
+bool qv_msg_on_reader_thread();
 // Number of up connections. Takes the table's lock, which the reader thread takes before it
 // handles what a poll brought, so what the caller did before is ordered before those handlers.
 int qv_msg_connections();

@@ -6,7 +6,9 @@
 #include <memory>
 #include <set>
 
+#include "database/dbn.h"
 #include "database/host_db_protocol.h"
+#include "database/job.h"
 #include "database/transaction.h"
 #include "tests/hostmsg/hostmsg_test_support.h"
 #include "tests/hostmsg/peer/record_probe.h"
@@ -40,6 +42,23 @@ std::string expected_fetch(const void* data, uint32_t size)
 {
     return "ok " + std::to_string(size) + " " + hex(blob_hash(data, size));
 }
+
+// A job whose result is a blob of word() bytes. Run on the reader thread, it would hold up all
+// traffic (and hang for good on a tag of another host).
+class Blob_job : public QV::SCHED::Job_template<Blob_job, QV::SERIAL::qv_class_id("*TBB")> {
+public:
+    static inline std::atomic<int> runs{0};
+    static inline std::atomic<int> runs_on_reader{0};
+    QV::DB::Element_base* execute(QV::SCHED::Job_execution_context*) override
+    {
+        ++runs;
+        runs_on_reader += qv_msg_on_reader_thread();
+        auto* blob = new Blob_element();
+        blob->bytes.resize(word());
+        blob_fill(blob->bytes.data(), blob->bytes.size(), 77);
+        return blob;
+    }
+};
 
 bool offered_for_flush(Db_tag tag)
 {
@@ -118,6 +137,26 @@ TEST_F(ClusterTest, SlavesFetchPlainAndSerializedElementsByteForByte)
     EXPECT_EQ(slave(1).ask("type " + hex(tag)), "ok 63");
     for (int host : {1, 2})
         EXPECT_EQ(slave(host).ask("fetch " + hex(tag)), "ok63 5000 " + hex(hash));
+}
+
+TEST_F(ClusterTest, MasterRunsTheJobOfAJobTagThatASlaveAsksForOnce)
+{
+    qv_dbn_init();
+    QV::SCHED::qv_job_use_local_runner();
+    auto* job = new Blob_job;
+    job->set_word(5000);
+    Db_tag tag = 0;
+    QV::DB::get_transaction()->store_job(&tag, job, nullptr);
+    ASSERT_TRUE(qv_db_is_job(tag));
+    publish();
+    std::vector<uint8_t> expected(5000);
+    blob_fill(expected.data(), expected.size(), 77);
+    // The first request is passed on to the master's local server, which runs the job; the
+    // second finds the result on the master.
+    for (int host : {1, 2})
+        EXPECT_EQ(slave(host).ask("fetch " + hex(tag)), "ok63 5000 " + hex(blob_hash(expected.data(), 5000)));
+    EXPECT_EQ(Blob_job::runs.load(), 1);
+    EXPECT_EQ(Blob_job::runs_on_reader.load(), 0);
 }
 
 TEST_F(ClusterTest, ReceiverAsksForEachWindowAfterItsEighthPiece)
