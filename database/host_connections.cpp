@@ -121,6 +121,15 @@ const uint8_t ZERO_PAD[8] = {};
 
 inline size_t padded(size_t length) { return (length + 7) & ~size_t(7); }
 
+// Set while this thread holds a connection's lock: a line reported then must not be forwarded
+// through the same lock; the message layer writes it to its log file instead.
+thread_local bool t_writing = false;
+
+struct Writing {
+    Writing() { t_writing = true; }
+    ~Writing() { t_writing = false; }
+};
+
 // Writes `count` (at most MAX_BATCH) framed messages in one go under the connection's lock.
 bool send_frames(Connection* connection, uint32_t word, const Qv_msg_part* messages, int count)
 {
@@ -141,6 +150,7 @@ bool send_frames(Connection* connection, uint32_t word, const Qv_msg_part* messa
             parts[used++] = {const_cast<uint8_t*>(ZERO_PAD), padded(length) - length};
     }
     std::lock_guard<std::mutex> hold(connection->write_lock);
+    Writing writing;
     if (!connection->up.load() || connection->socket < 0) {
         msg_error_n(311, "message send for non-up connection to host %i", int(connection->host));
         return false;
@@ -229,6 +239,7 @@ void connection_ended(Connection* connection)
     if (wanted || g_stop.load())
         return;
     if (g_self.load() != 0 && connection->host == 0) {
+        msg_set_forwarding(false);
         msg_error("connection to master broken. goodbye.");
         // No stdio flush: another thread may hold a stream's lock for good (a read of stdin).
         _exit(1);
@@ -428,6 +439,20 @@ void ensure_reader()
     g_reader_running.store(qv_msg_detail::msg_start_thread(qv_msg_detail::LAYER_READER, reader_loop));
 }
 
+// The message layer's send hook: a slave's lines and the master's settings travel as module LIB
+// messages.
+int send_log_record(uint32_t host, const void* record, size_t length)
+{
+    if (t_writing)
+        return 0;
+    return qv_msg_send(host, MOD_LIB, record, length);
+}
+
+void log_record_arrived(Thread_context*, void* buffer, size_t length, bool swap)
+{
+    msg_handle_remote_bytes(buffer, length, swap);
+}
+
 // Puts an up connection in the table and switches the process to cluster mode.
 void connection_add(int socket, uint32_t host, bool swap)
 {
@@ -445,8 +470,13 @@ void connection_add(int socket, uint32_t host, bool swap)
             g_retired.push_back(old);
         first = !g_cluster.exchange(true);
     }
-    if (first)
+    if (first) {
         qv_db_net::install_hooks();
+        // The library start registers the receiving end; a process without it gets this one.
+        Qv_msg_handler none = nullptr;
+        g_handlers[MOD_LIB].compare_exchange_strong(none, log_record_arrived);
+        msg_set_send_hook(send_log_record);
+    }
     ensure_reader();
     wake_reader();
     if (qv_db_debug_slave_tags())
@@ -772,6 +802,8 @@ int qv_msg_join(int socket)
         return 0;
     }
     connection_add(socket, 0, info.swap);
+    // From now on this slave's lines are printed by the master.
+    msg_set_forwarding(true);
     return 1;
 }
 
@@ -781,6 +813,8 @@ void qv_msg_close(uint32_t host)
     Connection* connection = host < QV_MSG_MAX_HOSTS ? g_connections[host].load() : nullptr;
     if (!connection || connection->closing.exchange(true))
         return;
+    if (host == 0 && g_self.load() != 0)
+        msg_set_forwarding(false);
     print_counters(connection);
     if (qv_db_debug_slave_tags())
         qv_db_host_event(host, false);
@@ -830,8 +864,11 @@ void qv_msg_exit()
     for (Connection* connection : g_retired)
         delete connection;
     g_retired.clear();
-    if (g_cluster.exchange(false))
+    if (g_cluster.exchange(false)) {
+        msg_set_forwarding(false);
+        msg_set_send_hook(nullptr);
         qv_db_net::remove_hooks();
+    }
 }
 
 void qv_msg_abort_hook(int) {}

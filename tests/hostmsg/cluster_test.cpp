@@ -161,17 +161,22 @@ TEST_F(ClusterTest, MasterRunsTheJobOfAJobTagThatASlaveAsksForOnce)
 
 TEST_F(ClusterTest, ReceiverAsksForEachWindowAfterItsEighthPiece)
 {
-    // 146,000 bytes are 108 pieces: the windows after pieces 7, 15, ..., 103 are asked for.
+    // 146,000 bytes are 108 pieces: the windows after pieces 7, 15, ..., 103 are asked for. The
+    // slave's lines are printed here, by the master, in the order the slave wrote them.
     Db_tag tag = make_plain(146000, 9);
     ASSERT_EQ(slave(2).ask("fetch " + hex(tag)), expected_fetch(qv_db_peek(tag)->data, 146000));
-    std::string log = slave(2).messages();
-    std::string prefix = "requesting tag 0x" + hex(tag) + ", offset ";
-    std::vector<int> asked;
-    for (size_t at = log.find(prefix); at != std::string::npos; at = log.find(prefix, at + 1))
-        asked.push_back(std::atoi(log.c_str() + at + prefix.size()));
+    const std::string prefix = "requesting tag 0x" + hex(tag) + ", offset ";
     std::vector<int> expected;
     for (int piece = 8; piece < 108; piece += 8)
         expected.push_back(piece);
+    EXPECT_TRUE(eventually([&] { return hostmsg_count(prefix) == int(expected.size()); }));
+    std::vector<int> asked;
+    {
+        std::lock_guard<std::mutex> hold(hostmsg_capture().mutex);
+        for (const std::string& line : hostmsg_capture().lines)
+            if (size_t at = line.find(prefix); at != std::string::npos)
+                asked.push_back(std::atoi(line.c_str() + at + prefix.size()));
+    }
     EXPECT_EQ(asked, expected);
 }
 
