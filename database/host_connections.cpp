@@ -33,6 +33,10 @@ constexpr const char* VERSION_TEXT = "3.9.4.14";
 constexpr uint32_t ORDER_MARK = 0x01020304u;
 constexpr uint32_t ORDER_MARK_SWAPPED = 0x04030201u;
 constexpr uint32_t FRAME_BROADCAST = 0x100u;
+constexpr uint32_t FRAME_RELAY = 0x200u;        // master: pass on to the host in bits 16..23
+constexpr uint32_t FRAME_ORDER = 0x400u;        // payload in the other byte order than the frame's sender
+constexpr uint32_t FRAME_UNREACHABLE = 0x800u;  // master to a slave: the host in bits 16..23 is not up
+constexpr int FRAME_HOST_SHIFT = 16;
 constexpr size_t FRAME_BYTES = 8;
 constexpr int HANDSHAKE_SECONDS = 30;
 
@@ -252,12 +256,30 @@ void connection_ended(Connection* connection)
 
 void dispatch(Connection* source, uint32_t word, uint8_t* payload, size_t length)
 {
-    uint32_t module = word & 0xFFu;
-    // A slave's broadcast reaches the other slaves through the master.
-    if ((word & FRAME_BROADCAST) && g_self.load() == 0) {
-        for (Connection* other : g_connections)
-            if (other && other != source && other->up.load())
-                send_frame(other, word, payload, length);
+    const uint32_t module = word & 0xFFu;
+    const uint32_t other_host = (word >> FRAME_HOST_SHIFT) & 0xFFu;
+    // The payload keeps its first sender's byte order on its way through the master.
+    const bool swap = source->swap != bool(word & FRAME_ORDER);
+    const uint32_t passed_on = module | (word & FRAME_BROADCAST) | (swap ? FRAME_ORDER : 0);
+    if (word & FRAME_UNREACHABLE) {
+        msg_error_n(310, "no connection to %d", int(other_host));
+        qv_db_net::wake_host_lost(other_host);
+        return;
+    }
+    if (g_self.load() == 0) {
+        // Slaves reach each other through the master.
+        if (word & FRAME_RELAY) {
+            Connection* target = other_host < QV_MSG_MAX_HOSTS ? g_connections[other_host].load() : nullptr;
+            if (!target || !target->up.load() || !send_frame(target, passed_on, payload, length))
+                send_frame(source, FRAME_UNREACHABLE | (other_host << FRAME_HOST_SHIFT), nullptr, 0);
+            return;
+        }
+        // A slave's broadcast reaches the other slaves through the master.
+        if (word & FRAME_BROADCAST) {
+            for (Connection* other : g_connections)
+                if (other && other != source && other->up.load())
+                    send_frame(other, passed_on, payload, length);
+        }
     }
     Qv_msg_handler handler = module < MODULE_TABLE_ROWS ? g_handlers[module].load() : nullptr;
     if (!handler) {
@@ -266,7 +288,7 @@ void dispatch(Connection* source, uint32_t word, uint8_t* payload, size_t length
     }
     // The payload lies 8-byte aligned in the receive buffer (frames are padded), and the handler
     // may change it there: no copy per message.
-    handler(thread_context(), payload, length, source->swap);
+    handler(thread_context(), payload, length, swap);
 }
 
 // Reads what the socket has and dispatches every whole message. False when the connection ended.
@@ -635,6 +657,25 @@ int qv_msg_init(int)
 
 bool qv_msg_started() { return g_started; }
 
+namespace {
+
+// The connection a message to `host` goes out on, with the relay bits added to `word` for
+// another slave, which a slave reaches through the master (it answers if that host is not up).
+// Null, with error 310 reported, if there is none.
+Connection* route(uint32_t host, uint32_t* word)
+{
+    Connection* connection = host < QV_MSG_MAX_HOSTS ? g_connections[host].load() : nullptr;
+    if (!connection && host < QV_MSG_MAX_HOSTS && g_self.load() != 0) {
+        connection = g_connections[0].load();
+        *word |= FRAME_RELAY | (host << FRAME_HOST_SHIFT);
+    }
+    if (!connection)
+        msg_error_n(310, "no connection to %d", int(host));
+    return connection;
+}
+
+}  // namespace
+
 int qv_msg_send(uint32_t host, int module, const void* buffer, size_t length)
 {
     // A single host has nobody to send to: the send succeeds and nothing goes out.
@@ -655,12 +696,8 @@ int qv_msg_send(uint32_t host, int module, const void* buffer, size_t length)
     }
     if (host == g_self.load())
         return send_local(module, buffer, length) ? 1 : 0;
-    Connection* connection = host < QV_MSG_MAX_HOSTS ? g_connections[host].load() : nullptr;
-    if (!connection) {
-        msg_error_n(310, "no connection to %d", int(host));
-        return 0;
-    }
-    return send_frame(connection, word, buffer, length) ? 1 : 0;
+    Connection* connection = route(host, &word);
+    return connection && send_frame(connection, word, buffer, length) ? 1 : 0;
 }
 
 int qv_msg_send_batch(uint32_t host, int module, const Qv_msg_part* messages, int count)
@@ -668,11 +705,10 @@ int qv_msg_send_batch(uint32_t host, int module, const Qv_msg_part* messages, in
     if (!g_cluster.load(std::memory_order_acquire))
         return 1;
     Module_scope scope(MOD_MSG);
-    Connection* connection = host < QV_MSG_MAX_HOSTS ? g_connections[host].load() : nullptr;
-    if (!connection) {
-        msg_error_n(310, "no connection to %d", int(host));
+    uint32_t word = uint32_t(module) & 0xFFu;
+    Connection* connection = route(host, &word);
+    if (!connection)
         return 0;
-    }
     for (int i = 0; i < count; ++i) {
         if (messages[i].head_bytes + messages[i].body_bytes > QV_MSG_MAX_PAYLOAD) {
             msg_error("message of %zu bytes is longer than %zu", messages[i].head_bytes + messages[i].body_bytes,
@@ -681,7 +717,7 @@ int qv_msg_send_batch(uint32_t host, int module, const Qv_msg_part* messages, in
         }
     }
     for (int first = 0; first < count; first += MAX_BATCH)
-        if (!send_frames(connection, uint32_t(module) & 0xFFu, messages + first, std::min(MAX_BATCH, count - first)))
+        if (!send_frames(connection, word, messages + first, std::min(MAX_BATCH, count - first)))
             return 0;
     return 1;
 }
@@ -696,7 +732,10 @@ bool qv_msg_host_live(uint32_t host)
 {
     if (host == g_self.load())
         return true;
-    Connection* connection = host < QV_MSG_MAX_HOSTS ? g_connections[host].load() : nullptr;
+    if (host >= QV_MSG_MAX_HOSTS)
+        return false;
+    // A slave reaches every other host through its master.
+    Connection* connection = g_connections[g_self.load() != 0 ? 0 : host].load();
     return connection && connection->up.load();
 }
 

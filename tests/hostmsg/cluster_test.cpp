@@ -113,6 +113,14 @@ protected:
 
     static Peer& slave(int host) { return *slaves_[host]; }
 
+    static int listen_port()
+    {
+        sockaddr_in address{};
+        socklen_t length = sizeof address;
+        getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
+        return ntohs(address.sin_port);
+    }
+
     static inline int listener_ = -1;
     static inline std::unique_ptr<Peer> slaves_[3];
 };
@@ -193,6 +201,24 @@ TEST_F(ClusterTest, FlushPushWritesBackToTheOwnerAndDropsOtherCopies)
     EXPECT_EQ(slave(2).ask("fetch " + hex(tag)), expected_fetch(sevens.data(), 3000));
 }
 
+TEST_F(ClusterTest, SlavesReachEachOtherThroughTheMaster)
+{
+    const std::string made = slave(1).ask("make bb8 5");   // 3,000 bytes
+    ASSERT_EQ(made.substr(0, 3), "ok ");
+    std::vector<uint8_t> expected(3000);
+    blob_fill(expected.data(), expected.size(), 5);
+    EXPECT_EQ(slave(2).ask("fetch " + made.substr(3)), expected_fetch(expected.data(), 3000));
+
+    // A host that is not up is answered for by the master: the fetch fails (and with it the
+    // access, fatally) instead of waiting for good.
+    Peer asker({"slave", std::to_string(listen_port())});
+    ASSERT_EQ(qv_msg_accept(listener_, 3, 10000), 1);
+    ASSERT_EQ(asker.line(), "host 3");
+    asker.send("fetch 89000400");
+    EXPECT_EQ(asker.wait_exit(10000), 1);
+    EXPECT_TRUE(eventually([] { return hostmsg_count("failed to read tag 89000400 data from host 9") == 1; }));
+}
+
 TEST_F(ClusterTest, BroadcastDeleteReachesEveryHost)
 {
     Db_tag tag = make_plain(100, 1);
@@ -244,12 +270,7 @@ TEST_F(ClusterTest, SlaveKilledMidTransferIsReportedAndTheMasterGoesOn)
     Db_tag big = make_plain(40u << 20, 4);
     Db_tag small = make_plain(2000, 4);
     {
-        Peer doomed({"slave", std::to_string([] {
-                         sockaddr_in address{};
-                         socklen_t length = sizeof address;
-                         getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
-                         return int(ntohs(address.sin_port));
-                     }())});
+        Peer doomed({"slave", std::to_string(listen_port())});
         ASSERT_EQ(qv_msg_accept(listener_, 3, 10000), 1);
         ASSERT_EQ(doomed.line(), "host 3");
         doomed.send("fetch " + hex(big));
