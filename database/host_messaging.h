@@ -1,7 +1,8 @@
 // Host messaging: connections between the hosts of a cluster (module MSG).
 //
 // A cluster is one master (host 0) and up to 126 slaves in a star: every slave holds one
-// connection, to the master. Until the first connection is opened this process is a single host:
+// connection, to the master, which passes on what one slave sends to another. A slave's message
+// lines are printed by the master. Until the first connection is opened this process is a single host:
 // sending succeeds and sends nothing, registration only records the handler, and the database's
 // remote branches run without effect. This is the state the tool always runs in.
 //

@@ -177,7 +177,7 @@ TEST_F(ClusterTest, ReceiverAsksForEachWindowAfterItsEighthPiece)
     std::vector<int> expected;
     for (int piece = 8; piece < 108; piece += 8)
         expected.push_back(piece);
-    EXPECT_TRUE(eventually([&] { return hostmsg_count(prefix) == int(expected.size()); }));
+    EXPECT_TRUE(wait_until([&] { return hostmsg_count(prefix) == int(expected.size()); }));
     std::vector<int> asked;
     {
         std::lock_guard<std::mutex> hold(hostmsg_capture().mutex);
@@ -196,7 +196,7 @@ TEST_F(ClusterTest, FlushPushWritesBackToTheOwnerAndDropsOtherCopies)
 
     // Slave 2 drops its copy, and fetches again what the owner got back.
     ASSERT_EQ(slave(1).ask("write " + hex(tag) + " 7"), "ok");
-    EXPECT_TRUE(eventually([&] { return slave(2).ask("state " + hex(tag)) == "ok 0 0"; }));
+    EXPECT_TRUE(wait_until([&] { return slave(2).ask("state " + hex(tag)) == "ok 0 0"; }));
     std::vector<uint8_t> sevens(3000, 7);
     EXPECT_EQ(slave(2).ask("fetch " + hex(tag)), expected_fetch(sevens.data(), 3000));
 }
@@ -216,7 +216,7 @@ TEST_F(ClusterTest, SlavesReachEachOtherThroughTheMaster)
     ASSERT_EQ(asker.line(), "host 3");
     asker.send("fetch 89000400");
     EXPECT_EQ(asker.wait_exit(10000), 1);
-    EXPECT_TRUE(eventually([] { return hostmsg_count("failed to read tag 89000400 data from host 9") == 1; }));
+    EXPECT_TRUE(wait_until([] { return hostmsg_count("failed to read tag 89000400 data from host 9") == 1; }));
 }
 
 TEST_F(ClusterTest, BroadcastDeleteReachesEveryHost)
@@ -225,8 +225,8 @@ TEST_F(ClusterTest, BroadcastDeleteReachesEveryHost)
     ASSERT_EQ(slave(1).ask("fetch " + hex(tag)).substr(0, 6), "ok 100");
     ASSERT_EQ(slave(2).ask("fetch " + hex(tag)).substr(0, 6), "ok 100");
     ASSERT_EQ(slave(1).ask("delete " + hex(tag)), "ok");
-    EXPECT_TRUE(eventually([&] { return probe_record(tag).state == DB_STATE_FREE; }));
-    EXPECT_TRUE(eventually([&] { return slave(2).ask("state " + hex(tag)) == "ok 0 0"; }));
+    EXPECT_TRUE(wait_until([&] { return probe_record(tag).state == DB_STATE_FREE; }));
+    EXPECT_TRUE(wait_until([&] { return slave(2).ask("state " + hex(tag)) == "ok 0 0"; }));
     EXPECT_EQ(slave(1).ask("state " + hex(tag)), "ok 0 0");
 }
 
@@ -235,9 +235,9 @@ TEST_F(ClusterTest, NetworkPinKeepsATrackedElementFromTheFlush)
     Db_tag tag = make_plain(64, 3, POLYGON);
     ASSERT_TRUE(offered_for_flush(tag));
     ASSERT_EQ(slave(1).ask("pin " + hex(tag)), "ok");
-    EXPECT_TRUE(eventually([&] { return !offered_for_flush(tag); }));
+    EXPECT_TRUE(wait_until([&] { return !offered_for_flush(tag); }));
     ASSERT_EQ(slave(1).ask("unpin " + hex(tag)), "ok");
-    EXPECT_TRUE(eventually([&] { return offered_for_flush(tag); }));
+    EXPECT_TRUE(wait_until([&] { return offered_for_flush(tag); }));
 }
 
 TEST_F(ClusterTest, ClusterLockIsHeldByOneSlaveAtATime)
@@ -277,7 +277,7 @@ TEST_F(ClusterTest, SlaveKilledMidTransferIsReportedAndTheMasterGoesOn)
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         doomed.kill_now();
     }
-    EXPECT_TRUE(eventually([] { return hostmsg_count("Connection to host 3 lost.") == 1; }));
+    EXPECT_TRUE(wait_until([] { return hostmsg_count("Connection to host 3 lost.") == 1; }));
     EXPECT_FALSE(qv_msg_host_live(3));
     EXPECT_EQ(slave(1).ask("fetch " + hex(small)), expected_fetch(qv_db_peek(small)->data, 2000));
     qv_db_delete(big);
@@ -321,7 +321,7 @@ TEST(SlaveTagsTest, MasterWarnsOfTagsLeftByADisconnectingSlave)
     ASSERT_EQ(made.substr(0, 3), "ok ");
     ASSERT_EQ(master.ask("fetch " + made.substr(3)).substr(0, 5), "ok 16");
     slave.finish();
-    EXPECT_TRUE(eventually([&] {
+    EXPECT_TRUE(wait_until([&] {
         return master.messages().find("Found 1 still existing tags for disconnecting host 1") != std::string::npos;
     }));
     master.finish();

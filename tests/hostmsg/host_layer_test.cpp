@@ -212,7 +212,7 @@ TEST_F(HostLayerTest, FetchFromAHostThatGoesAwayFailsInsteadOfWaitingForever)
     EXPECT_EQ(request.header.host, 0);
     close(far);
     // Bounded: a fetch that never wakes fails here and its thread is left behind.
-    bool ended = eventually([&] { return fetched.load() != -1; });
+    bool ended = wait_until([&] { return fetched.load() != -1; });
     EXPECT_TRUE(ended);
     if (ended)
         fetcher.join();
