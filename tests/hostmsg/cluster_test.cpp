@@ -6,6 +6,7 @@
 #include <memory>
 #include <set>
 
+#include "base/lib/mem/i_mem_allocatable.h"
 #include "database/dbn.h"
 #include "database/host_db_protocol.h"
 #include "database/job.h"
@@ -27,8 +28,9 @@ Db_tag make_plain(uint32_t size, uint32_t seed, int type = 0)
     Db_tag tag = 0;
     if (size == 0) {
         static uint8_t empty[1];
-        qv_db_create(&tag, type, 1);
+        void* made = qv_db_create(&tag, type, 1);
         qv_db_attach(tag, empty, 0);
+        QV_FREE(made);
     } else {
         blob_fill(static_cast<uint8_t*>(qv_db_create(&tag, type, size)), size, seed);
     }

@@ -69,9 +69,10 @@ std::string run(const std::string& command, std::istringstream& words, int liste
         // `a` bytes (0 makes an attached empty block), pattern `b`.
         Db_tag made = 0;
         if (a == 0) {
-            qv_db_create(&made, 0, 1);
+            void* block = qv_db_create(&made, 0, 1);
             static uint8_t empty[1];
             qv_db_attach(made, empty, 0);
+            QV_FREE(block);
         } else {
             blob_fill(static_cast<uint8_t*>(qv_db_create(&made, 0, uint32_t(a))), size_t(a), uint32_t(b));
         }
