@@ -220,6 +220,8 @@ int main(int argc, char** argv)
     std::printf("plain TCP copy over loopback:        %8.1f MB/s (median)\n", copy);
     std::printf("plain TCP copy into new memory:      %8.1f MB/s (median)\n", median(fresh_rates));
     std::printf("ratio fetch / plain:                 %8.3f\n", fetch / copy);
+    const double windows = double(bytes) / (8.0 * 1364.0);
+    std::printf("fetch time per window of 8 pieces:   %8.1f us (median fetch)\n", double(bytes) / (1 << 20) / fetch / windows * 1e6);
     std::printf("type request round trip:             %8.1f us (median of %d)\n", median(type_times) * 1e6, SMALL_TAGS);
     return same ? 0 : 1;
 }
