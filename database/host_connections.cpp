@@ -367,7 +367,8 @@ void local_loop()
             message = std::move(g_local_queue.front());
             g_local_queue.pop_front();
         }
-        if (Qv_msg_handler handler = g_handlers[message.module].load())
+        Qv_msg_handler handler = message.module < MODULE_TABLE_ROWS ? g_handlers[message.module].load() : nullptr;
+        if (handler)
             handler(thread_context(), message.bytes.data(), message.length, false);
         else
             msg_error("message for module %u without handler from host %d", message.module, int(g_self.load()));

@@ -78,8 +78,10 @@ bool send_data(const Db_net_header& request)
     // the job (all traffic would wait, and the job may wait for other hosts), so it passes the
     // request on to host 0, whose local server comes back here off the reader thread.
     bool produced = false;
-    if (self() == 0 && qv_db_is_job(tag) &&
-        (!record || !record->data || __atomic_load_n(&record->state, __ATOMIC_ACQUIRE) == DB_STATE_ARRIVING)) {
+    // A tag unknown here, or a host without a job runner, gets the answer of error 29 below.
+    if (self() == 0 && qv_db_is_job(tag) && g_job_hooks.execute && record &&
+        __atomic_load_n(&record->state, __ATOMIC_ACQUIRE) != DB_STATE_FREE &&
+        (!record->data || __atomic_load_n(&record->state, __ATOMIC_ACQUIRE) == DB_STATE_ARRIVING)) {
         if (qv_msg_on_reader_thread()) {
             Db_net_header forward = request;
             if (!send(0, forward))
