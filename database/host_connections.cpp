@@ -61,6 +61,8 @@ std::vector<Connection*> g_retired;          // replaced connections, freed at e
 std::atomic<bool> g_cluster{false};          // a connection was opened since the last exit
 std::atomic<uint32_t> g_self{0};
 std::atomic<Qv_msg_handler> g_handlers[MODULE_TABLE_ROWS];
+// Held while a handler runs, on the reader or the local server: handlers run one at a time.
+std::mutex g_handler_mutex;
 bool g_started = false;
 
 std::atomic<bool> g_reader_running{false};
@@ -288,6 +290,7 @@ void dispatch(Connection* source, uint32_t word, uint8_t* payload, size_t length
     }
     // The payload lies 8-byte aligned in the receive buffer (frames are padded), and the handler
     // may change it there: no copy per message.
+    std::lock_guard<std::mutex> one_at_a_time(g_handler_mutex);
     handler(thread_context(), payload, length, swap);
 }
 
@@ -350,8 +353,9 @@ struct Local_message {
     size_t length;
 };
 std::mutex g_local_mutex;
-std::condition_variable g_local_ready;
-std::deque<Local_message> g_local_queue;   // under g_local_mutex, as the two flags
+// Never destroyed: a fatal exit runs static destructors while the layer's threads may still run.
+std::condition_variable& g_local_ready = *new std::condition_variable;
+std::deque<Local_message>& g_local_queue = *new std::deque<Local_message>;   // under g_local_mutex, as the two flags
 bool g_local_stop = false;
 bool g_local_running = false;
 
@@ -368,9 +372,10 @@ void local_loop()
             g_local_queue.pop_front();
         }
         Qv_msg_handler handler = message.module < MODULE_TABLE_ROWS ? g_handlers[message.module].load() : nullptr;
-        if (handler)
+        if (handler) {
+            std::lock_guard<std::mutex> one_at_a_time(g_handler_mutex);
             handler(thread_context(), message.bytes.data(), message.length, false);
-        else
+        } else
             msg_error("message for module %u without handler from host %d", message.module, int(g_self.load()));
     }
 }
@@ -528,7 +533,7 @@ struct Layer_start {
 };
 Layer_start g_layer_start[LAYER_THREADS];
 std::mutex g_layer_end_mutex;
-std::condition_variable g_layer_end;
+std::condition_variable& g_layer_end = *new std::condition_variable;   // never destroyed, as above
 bool g_layer_active[LAYER_THREADS];
 
 void layer_trampoline(void* argument)
@@ -743,6 +748,9 @@ bool qv_msg_host_live(uint32_t host)
 uint32_t qv_msg_self() { return g_self.load(); }
 
 bool qv_msg_on_reader_thread() { return t_on_reader; }
+
+Qv_msg_handlers_unlocked::Qv_msg_handlers_unlocked() { g_handler_mutex.unlock(); }
+Qv_msg_handlers_unlocked::~Qv_msg_handlers_unlocked() { g_handler_mutex.lock(); }
 
 int qv_msg_connections()
 {

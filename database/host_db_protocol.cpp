@@ -88,7 +88,10 @@ bool send_data(const Db_net_header& request)
                 msg_error_n(32, "can't forward tag request to host %d", 0);
             return true;
         }
-        qv_db_access(tag);
+        {
+            Qv_msg_handlers_unlocked others_may_run;
+            qv_db_access(tag);
+        }
         record = record_peek(tag);
         produced = true;
     }

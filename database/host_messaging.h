@@ -36,7 +36,8 @@ constexpr size_t QV_MSG_MAX_PAYLOAD = 1 << 20;
 
 // Sends `length` bytes to `host` for `module`'s handler. Returns non-zero on success. Without any
 // connection (a single host) it returns 1 and sends nothing. A message to this host's own number
-// is handled on the layer's local server thread, in order, never on the reader thread. A broadcast skips hosts that are
+// is handled on the layer's local server thread, in order, never on the reader thread; still,
+// no two handlers run at the same time. A broadcast skips hosts that are
 // not up and succeeds when every up host took the message.
 int qv_msg_send(uint32_t host, int module, const void* buffer, size_t length);
 
@@ -91,6 +92,16 @@ bool qv_msg_host_live(uint32_t host);
 uint32_t qv_msg_self();
 // True on the reader thread, which must not wait for what only it can take in.
 bool qv_msg_on_reader_thread();
+// Handlers run one at a time, on the reader or on the local server. A handler on the local server
+// that has to wait for other hosts (running a job) lets the others run meanwhile under this guard.
+// REQUIRES: the calling thread runs a handler on the local server.
+class Qv_msg_handlers_unlocked {
+public:
+    Qv_msg_handlers_unlocked();
+    ~Qv_msg_handlers_unlocked();
+    Qv_msg_handlers_unlocked(const Qv_msg_handlers_unlocked&) = delete;
+    Qv_msg_handlers_unlocked& operator=(const Qv_msg_handlers_unlocked&) = delete;
+};
 // Number of up connections. Takes the table's lock, which the reader thread takes before it
 // handles what a poll brought, so what the caller did before is ordered before those handlers.
 int qv_msg_connections();
