@@ -285,10 +285,13 @@ TEST_F(ClusterTest, SlaveKilledMidTransferIsReportedAndTheMasterGoesOn)
     qv_db_delete(big);
 }
 
-TEST(MasterLossTest, SlavesSayGoodbyeWhenTheMasterDies)
+// Both peers' master: it warns of the tags a slave leaves behind, and its death ends the slaves.
+TEST(PeerMasterTest, WarnsOfTagsLeftByADisconnectingSlaveAndItsDeathEndsTheOthers)
 {
     hostmsg_process_setup();
+    setenv("QV_DEBUG_SLAVE_TAGS", "1", 1);
     Peer master({"master"});
+    unsetenv("QV_DEBUG_SLAVE_TAGS");
     std::string port = master.line();
     ASSERT_EQ(port.substr(0, 5), "port ");
     std::unique_ptr<Peer> slaves[2];
@@ -298,33 +301,17 @@ TEST(MasterLossTest, SlavesSayGoodbyeWhenTheMasterDies)
         ASSERT_EQ(master.line(), "ok");
         ASSERT_EQ(slaves[i]->line(), "host " + std::to_string(i + 1));
     }
-    master.kill_now();
-    for (auto& slave : slaves) {
-        EXPECT_EQ(slave->wait_exit(10000), 1);
-        EXPECT_NE(slave->messages().find("connection to master broken. goodbye."), std::string::npos);
-    }
-}
 
-TEST(SlaveTagsTest, MasterWarnsOfTagsLeftByADisconnectingSlave)
-{
-    hostmsg_process_setup();
-    setenv("QV_DEBUG_SLAVE_TAGS", "1", 1);
-    Peer master({"master"});
-    unsetenv("QV_DEBUG_SLAVE_TAGS");
-    std::string port = master.line();
-    ASSERT_EQ(port.substr(0, 5), "port ");
-    master.send("accept 1");
-    Peer slave({"slave", port.substr(5)});
-    ASSERT_EQ(master.line(), "ok");
-    ASSERT_EQ(slave.line(), "host 1");
-
-    // A tag of the slave that the master fetched stays on the master after the slave is gone.
-    std::string made = slave.ask("make 10 1");
+    // A tag of slave 1 that the master fetched stays on the master after the slave is gone.
+    std::string made = slaves[0]->ask("make 10 1");
     ASSERT_EQ(made.substr(0, 3), "ok ");
     ASSERT_EQ(master.ask("fetch " + made.substr(3)).substr(0, 5), "ok 16");
-    slave.finish();
+    slaves[0]->finish();
     EXPECT_TRUE(wait_until([&] {
         return master.messages().find("Found 1 still existing tags for disconnecting host 1") != std::string::npos;
     }));
-    master.finish();
+
+    master.kill_now();
+    EXPECT_EQ(slaves[1]->wait_exit(10000), 1);
+    EXPECT_NE(slaves[1]->messages().find("connection to master broken. goodbye."), std::string::npos);
 }
