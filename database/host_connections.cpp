@@ -63,6 +63,16 @@ std::atomic<uint32_t> g_self{0};
 std::atomic<Qv_msg_handler> g_handlers[MODULE_TABLE_ROWS];
 // Held while a handler runs, on the reader or the local server: handlers run one at a time.
 std::mutex g_handler_mutex;
+thread_local bool t_holds_handler_mutex = false;
+
+// Runs a handler under the handler mutex.
+void run_handler(Qv_msg_handler handler, void* buffer, size_t length, bool swap)
+{
+    std::lock_guard<std::mutex> one_at_a_time(g_handler_mutex);
+    t_holds_handler_mutex = true;
+    handler(thread_context(), buffer, length, swap);
+    t_holds_handler_mutex = false;
+}
 bool g_started = false;
 
 std::atomic<bool> g_reader_running{false};
@@ -290,8 +300,7 @@ void dispatch(Connection* source, uint32_t word, uint8_t* payload, size_t length
     }
     // The payload lies 8-byte aligned in the receive buffer (frames are padded), and the handler
     // may change it there: no copy per message.
-    std::lock_guard<std::mutex> one_at_a_time(g_handler_mutex);
-    handler(thread_context(), payload, length, swap);
+    run_handler(handler, payload, length, swap);
 }
 
 // Reads what the socket has and dispatches every whole message. False when the connection ended.
@@ -372,10 +381,9 @@ void local_loop()
             g_local_queue.pop_front();
         }
         Qv_msg_handler handler = message.module < MODULE_TABLE_ROWS ? g_handlers[message.module].load() : nullptr;
-        if (handler) {
-            std::lock_guard<std::mutex> one_at_a_time(g_handler_mutex);
-            handler(thread_context(), message.bytes.data(), message.length, false);
-        } else
+        if (handler)
+            run_handler(handler, message.bytes.data(), message.length, false);
+        else
             msg_error("message for module %u without handler from host %d", message.module, int(g_self.load()));
     }
 }
@@ -749,8 +757,18 @@ uint32_t qv_msg_self() { return g_self.load(); }
 
 bool qv_msg_on_reader_thread() { return t_on_reader; }
 
-Qv_msg_handlers_unlocked::Qv_msg_handlers_unlocked() { g_handler_mutex.unlock(); }
-Qv_msg_handlers_unlocked::~Qv_msg_handlers_unlocked() { g_handler_mutex.lock(); }
+// A handler called directly, not by the layer, holds nothing to let go.
+Qv_msg_handlers_unlocked::Qv_msg_handlers_unlocked() : held_(t_holds_handler_mutex)
+{
+    if (held_)
+        g_handler_mutex.unlock();
+}
+
+Qv_msg_handlers_unlocked::~Qv_msg_handlers_unlocked()
+{
+    if (held_)
+        g_handler_mutex.lock();
+}
 
 int qv_msg_connections()
 {

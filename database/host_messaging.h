@@ -94,13 +94,16 @@ uint32_t qv_msg_self();
 bool qv_msg_on_reader_thread();
 // Handlers run one at a time, on the reader or on the local server. A handler on the local server
 // that has to wait for other hosts (running a job) lets the others run meanwhile under this guard.
-// REQUIRES: the calling thread runs a handler on the local server.
+// Does nothing on a thread that is not running a handler for the layer.
 class Qv_msg_handlers_unlocked {
 public:
     Qv_msg_handlers_unlocked();
     ~Qv_msg_handlers_unlocked();
     Qv_msg_handlers_unlocked(const Qv_msg_handlers_unlocked&) = delete;
     Qv_msg_handlers_unlocked& operator=(const Qv_msg_handlers_unlocked&) = delete;
+
+private:
+    bool held_;
 };
 // Number of up connections. Takes the table's lock, which the reader thread takes before it
 // handles what a poll brought, so what the caller did before is ordered before those handlers.
