@@ -99,8 +99,9 @@ bool send_data(const Db_net_header& request)
     header.opcode = DB_NET_DATA_PIECE;
     header.tag = tag;
     header.host = uint8_t(self());
+    // An element without data (only its type known here, or flushed) has no stored form to send.
     bool valid = record && (record->state == DB_STATE_NORMAL || record->state == DB_STATE_ATTACHED) &&
-                 (record->data || record->size == 0);
+                 (record->data || (record->size == 0 && record->type != DB_TYPE_SERIALIZABLE));
     if (!valid) {
         // Zeros tell the requester that nothing is known here.
         msg_error_n(29, "could not send data of db item");
