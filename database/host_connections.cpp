@@ -14,6 +14,7 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <condition_variable>
+#include <deque>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -32,6 +33,10 @@ constexpr const char* VERSION_TEXT = "3.9.4.14";
 constexpr uint32_t ORDER_MARK = 0x01020304u;
 constexpr uint32_t ORDER_MARK_SWAPPED = 0x04030201u;
 constexpr uint32_t FRAME_BROADCAST = 0x100u;
+constexpr uint32_t FRAME_RELAY = 0x200u;        // master: pass on to the host in bits 16..23
+constexpr uint32_t FRAME_ORDER = 0x400u;        // payload in the other byte order than the frame's sender
+constexpr uint32_t FRAME_UNREACHABLE = 0x800u;  // master to a slave: the host in bits 16..23 is not up
+constexpr int FRAME_HOST_SHIFT = 16;
 constexpr size_t FRAME_BYTES = 8;
 constexpr int HANDSHAKE_SECONDS = 30;
 
@@ -56,6 +61,18 @@ std::vector<Connection*> g_retired;          // replaced connections, freed at e
 std::atomic<bool> g_cluster{false};          // a connection was opened since the last exit
 std::atomic<uint32_t> g_self{0};
 std::atomic<Qv_msg_handler> g_handlers[MODULE_TABLE_ROWS];
+// Held while a handler runs, on the reader or the local server: handlers run one at a time.
+std::mutex g_handler_mutex;
+thread_local bool t_holds_handler_mutex = false;
+
+// Runs a handler under the handler mutex.
+void run_handler(Qv_msg_handler handler, void* buffer, size_t length, bool swap)
+{
+    std::lock_guard<std::mutex> one_at_a_time(g_handler_mutex);
+    t_holds_handler_mutex = true;
+    handler(thread_context(), buffer, length, swap);
+    t_holds_handler_mutex = false;
+}
 bool g_started = false;
 
 std::atomic<bool> g_reader_running{false};
@@ -116,21 +133,40 @@ bool write_all(Connection* connection, iovec* parts, int count)
 }
 
 constexpr int MAX_BATCH = 32;
+const uint8_t ZERO_PAD[8] = {};
+
+inline size_t padded(size_t length) { return (length + 7) & ~size_t(7); }
+
+// Set while this thread holds a connection's lock: a line reported then must not be forwarded
+// through the same lock; the message layer writes it to its log file instead.
+thread_local bool t_writing = false;
+
+struct Writing {
+    Writing() { t_writing = true; }
+    ~Writing() { t_writing = false; }
+};
 
 // Writes `count` (at most MAX_BATCH) framed messages in one go under the connection's lock.
-bool send_frames(Connection* connection, uint32_t word, const void* const* buffers, const size_t* lengths, int count)
+bool send_frames(Connection* connection, uint32_t word, const Qv_msg_part* messages, int count)
 {
     uint32_t frames[MAX_BATCH][2];
-    iovec parts[2 * MAX_BATCH];
+    iovec parts[4 * MAX_BATCH];
     int used = 0;
     for (int i = 0; i < count; ++i) {
-        frames[i][0] = uint32_t(lengths[i]);
+        const Qv_msg_part& message = messages[i];
+        const size_t length = message.head_bytes + message.body_bytes;
+        frames[i][0] = uint32_t(length);
         frames[i][1] = word;
         parts[used++] = {frames[i], FRAME_BYTES};
-        if (lengths[i])
-            parts[used++] = {const_cast<void*>(buffers[i]), lengths[i]};
+        if (message.head_bytes)
+            parts[used++] = {const_cast<void*>(message.head), message.head_bytes};
+        if (message.body_bytes)
+            parts[used++] = {const_cast<void*>(message.body), message.body_bytes};
+        if (padded(length) != length)
+            parts[used++] = {const_cast<uint8_t*>(ZERO_PAD), padded(length) - length};
     }
     std::lock_guard<std::mutex> hold(connection->write_lock);
+    Writing writing;
     if (!connection->up.load() || connection->socket < 0) {
         msg_error_n(311, "message send for non-up connection to host %i", int(connection->host));
         return false;
@@ -143,7 +179,8 @@ bool send_frames(Connection* connection, uint32_t word, const void* const* buffe
 
 bool send_frame(Connection* connection, uint32_t word, const void* buffer, size_t length)
 {
-    return send_frames(connection, word, &buffer, &length, 1);
+    Qv_msg_part message{buffer, length, nullptr, 0};
+    return send_frames(connection, word, &message, 1);
 }
 
 // Reads exactly `length` bytes within the socket's receive timeout; returns the bytes read.
@@ -218,6 +255,7 @@ void connection_ended(Connection* connection)
     if (wanted || g_stop.load())
         return;
     if (g_self.load() != 0 && connection->host == 0) {
+        msg_set_forwarding(false);
         msg_error("connection to master broken. goodbye.");
         // No stdio flush: another thread may hold a stream's lock for good (a read of stdin).
         _exit(1);
@@ -228,28 +266,45 @@ void connection_ended(Connection* connection)
         qv_db_host_event(connection->host, false);
 }
 
-void dispatch(Connection* source, uint32_t word, uint8_t* payload, size_t length, std::vector<uint64_t>& scratch)
+void dispatch(Connection* source, uint32_t word, uint8_t* payload, size_t length)
 {
-    uint32_t module = word & 0xFFu;
-    // A slave's broadcast reaches the other slaves through the master.
-    if ((word & FRAME_BROADCAST) && g_self.load() == 0) {
-        for (Connection* other : g_connections)
-            if (other && other != source && other->up.load())
-                send_frame(other, word, payload, length);
+    const uint32_t module = word & 0xFFu;
+    const uint32_t other_host = (word >> FRAME_HOST_SHIFT) & 0xFFu;
+    // The payload keeps its first sender's byte order on its way through the master.
+    const bool swap = source->swap != bool(word & FRAME_ORDER);
+    const uint32_t passed_on = module | (word & FRAME_BROADCAST) | (swap ? FRAME_ORDER : 0);
+    if (word & FRAME_UNREACHABLE) {
+        msg_error_n(310, "no connection to %d", int(other_host));
+        qv_db_net::wake_host_lost(other_host);
+        return;
+    }
+    if (g_self.load() == 0) {
+        // Slaves reach each other through the master.
+        if (word & FRAME_RELAY) {
+            Connection* target = other_host < QV_MSG_MAX_HOSTS ? g_connections[other_host].load() : nullptr;
+            if (!target || !target->up.load() || !send_frame(target, passed_on, payload, length))
+                send_frame(source, FRAME_UNREACHABLE | (other_host << FRAME_HOST_SHIFT), nullptr, 0);
+            return;
+        }
+        // A slave's broadcast reaches the other slaves through the master.
+        if (word & FRAME_BROADCAST) {
+            for (Connection* other : g_connections)
+                if (other && other != source && other->up.load())
+                    send_frame(other, passed_on, payload, length);
+        }
     }
     Qv_msg_handler handler = module < MODULE_TABLE_ROWS ? g_handlers[module].load() : nullptr;
     if (!handler) {
         msg_error("message for module %u without handler from host %d", module, int(source->host));
         return;
     }
-    // Handlers get an 8-byte aligned copy they may change.
-    scratch.resize(length / 8 + 1);
-    std::memcpy(scratch.data(), payload, length);
-    handler(thread_context(), scratch.data(), length, source->swap);
+    // The payload lies 8-byte aligned in the receive buffer (frames are padded), and the handler
+    // may change it there: no copy per message.
+    run_handler(handler, payload, length, swap);
 }
 
 // Reads what the socket has and dispatches every whole message. False when the connection ended.
-bool serve(Connection* connection, std::vector<uint64_t>& scratch)
+bool serve(Connection* connection)
 {
     if (connection->in.size() - connection->filled < 4096)
         connection->in.resize(std::max<size_t>(connection->in.size() * 2, 65536));
@@ -275,7 +330,7 @@ bool serve(Connection* connection, std::vector<uint64_t>& scratch)
                       int(connection->host), QV_MSG_MAX_PAYLOAD);
             return false;
         }
-        size_t whole = FRAME_BYTES + frame[0];
+        size_t whole = FRAME_BYTES + padded(frame[0]);
         if (connection->filled - at < whole) {
             if (connection->in.size() < whole)
                 connection->in.resize(whole);
@@ -284,7 +339,7 @@ bool serve(Connection* connection, std::vector<uint64_t>& scratch)
         ++connection->messages_read;
         if (carried && at == 0)
             ++connection->messages_split;
-        dispatch(connection, frame[1], connection->in.data() + at + FRAME_BYTES, frame[0], scratch);
+        dispatch(connection, frame[1], connection->in.data() + at + FRAME_BYTES, frame[0]);
         if (!connection->up.load())
             return false;
         at += whole;
@@ -296,11 +351,83 @@ bool serve(Connection* connection, std::vector<uint64_t>& scratch)
     return true;
 }
 
+thread_local bool t_on_reader = false;
+
+// Messages this host sends to itself are handled in order on the local server thread, never on
+// the reader: what they ask for (running a job) may take long and may itself wait for answers
+// that only the reader can take in.
+struct Local_message {
+    uint32_t module;
+    std::vector<uint64_t> bytes;   // 8-byte aligned, as handlers get a received payload
+    size_t length;
+};
+std::mutex g_local_mutex;
+// Never destroyed: a fatal exit runs static destructors while the layer's threads may still run.
+std::condition_variable& g_local_ready = *new std::condition_variable;
+std::deque<Local_message>& g_local_queue = *new std::deque<Local_message>;   // under g_local_mutex, as the two flags
+bool g_local_stop = false;
+bool g_local_running = false;
+
+void local_loop()
+{
+    for (;;) {
+        Local_message message;
+        {
+            std::unique_lock<std::mutex> hold(g_local_mutex);
+            g_local_ready.wait(hold, [] { return g_local_stop || !g_local_queue.empty(); });
+            if (g_local_stop)
+                return;
+            message = std::move(g_local_queue.front());
+            g_local_queue.pop_front();
+        }
+        Qv_msg_handler handler = message.module < MODULE_TABLE_ROWS ? g_handlers[message.module].load() : nullptr;
+        if (handler)
+            run_handler(handler, message.bytes.data(), message.length, false);
+        else
+            msg_error("message for module %u without handler from host %d", message.module, int(g_self.load()));
+    }
+}
+
+bool send_local(int module, const void* buffer, size_t length)
+{
+    Local_message message{uint32_t(module) & 0xFFu, std::vector<uint64_t>(length / 8 + 1), length};
+    if (length)
+        std::memcpy(message.bytes.data(), buffer, length);
+    std::lock_guard<std::mutex> hold(g_local_mutex);
+    if (g_local_stop)
+        return false;
+    if (!g_local_running)
+        g_local_running = qv_msg_detail::msg_start_thread(qv_msg_detail::LAYER_LOCAL, local_loop);
+    if (!g_local_running)
+        return false;
+    g_local_queue.push_back(std::move(message));
+    g_local_ready.notify_one();
+    return true;
+}
+
+// Stops the local server after the message it handles now; what is still queued is dropped.
+void stop_local()
+{
+    bool running;
+    {
+        std::lock_guard<std::mutex> hold(g_local_mutex);
+        g_local_stop = true;
+        running = g_local_running;
+        g_local_ready.notify_all();
+    }
+    if (running)
+        qv_msg_detail::msg_join_thread(qv_msg_detail::LAYER_LOCAL);
+    std::lock_guard<std::mutex> hold(g_local_mutex);
+    g_local_queue.clear();
+    g_local_running = false;
+    g_local_stop = false;
+}
+
 void reader_loop()
 {
+    t_on_reader = true;
     std::vector<pollfd> watched;
     std::vector<Connection*> owners;
-    std::vector<uint64_t> scratch;
     while (!g_stop.load()) {
         watched.assign(1, pollfd{g_wake[0], POLLIN, 0});
         owners.assign(1, nullptr);
@@ -330,7 +457,7 @@ void reader_loop()
         for (size_t i = 1; i < watched.size() && !g_stop.load(); ++i) {
             if (!watched[i].revents)
                 continue;
-            if (!serve(owners[i], scratch))
+            if (!serve(owners[i]))
                 connection_ended(owners[i]);
         }
     }
@@ -345,7 +472,21 @@ void ensure_reader()
         return;
     }
     g_stop.store(false);
-    g_reader_running.store(qv_msg_detail::msg_start_reader_thread(reader_loop));
+    g_reader_running.store(qv_msg_detail::msg_start_thread(qv_msg_detail::LAYER_READER, reader_loop));
+}
+
+// The message layer's send hook: a slave's lines and the master's settings travel as module LIB
+// messages.
+int send_log_record(uint32_t host, const void* record, size_t length)
+{
+    if (t_writing)
+        return 0;
+    return qv_msg_send(host, MOD_LIB, record, length);
+}
+
+void log_record_arrived(Thread_context*, void* buffer, size_t length, bool swap)
+{
+    msg_handle_remote_bytes(buffer, length, swap);
 }
 
 // Puts an up connection in the table and switches the process to cluster mode.
@@ -365,8 +506,13 @@ void connection_add(int socket, uint32_t host, bool swap)
             g_retired.push_back(old);
         first = !g_cluster.exchange(true);
     }
-    if (first)
+    if (first) {
         qv_db_net::install_hooks();
+        // The library start registers the receiving end; a process without it gets this one.
+        Qv_msg_handler none = nullptr;
+        g_handlers[MOD_LIB].compare_exchange_strong(none, log_record_arrived);
+        msg_set_send_hook(send_log_record);
+    }
     ensure_reader();
     wake_reader();
     if (qv_db_debug_slave_tags())
@@ -386,60 +532,61 @@ namespace qv_msg_detail {
 
 namespace {
 
-// The reader enters through the thread table like every engine thread and is not joinable; its
-// last act (after its context is gone) tells a waiting qv_msg_exit that it touches nothing more.
-struct Reader_start {
+// The layer's threads enter through the thread table like every engine thread and are not
+// joinable; the last act of each (after its context is gone) tells a waiting qv_msg_exit that it
+// touches nothing more.
+struct Layer_start {
     void (*body)();
     uint32_t host;
 };
-Reader_start g_reader_start;
-std::mutex g_reader_end_mutex;
-std::condition_variable g_reader_end;
-bool g_reader_active = false;
+Layer_start g_layer_start[LAYER_THREADS];
+std::mutex g_layer_end_mutex;
+std::condition_variable& g_layer_end = *new std::condition_variable;   // never destroyed, as above
+bool g_layer_active[LAYER_THREADS];
 
-void reader_trampoline(void* argument)
+void layer_trampoline(void* argument)
 {
-    const auto* start = static_cast<const Reader_start*>(argument);
+    const auto* start = static_cast<const Layer_start*>(argument);
     if (Thread_context* context = thread_context())
         context->host_number = start->host;
     start->body();
 }
 
-void reader_ended(void*)
+void layer_ended(void* argument)
 {
-    std::lock_guard<std::mutex> hold(g_reader_end_mutex);
-    g_reader_active = false;
-    g_reader_end.notify_all();
+    std::lock_guard<std::mutex> hold(g_layer_end_mutex);
+    g_layer_active[reinterpret_cast<intptr_t>(argument)] = false;
+    g_layer_end.notify_all();
 }
 
 }  // namespace
 
-bool msg_start_reader_thread(void (*body)())
+bool msg_start_thread(Layer_thread which, void (*body)())
 {
-    g_reader_start = {body, g_self.load()};
-    const int row = thread_alloc(reader_trampoline, &g_reader_start, false);
+    g_layer_start[which] = {body, g_self.load()};
+    const int row = thread_alloc(layer_trampoline, &g_layer_start[which], false);
     if (row < 0) {
-        msg_error("cannot start the network reader thread");
+        msg_error("cannot start a network thread");
         return false;
     }
-    thread_notify_end(row, reader_ended, nullptr);
+    thread_notify_end(row, layer_ended, reinterpret_cast<void*>(intptr_t(which)));
     {
-        std::lock_guard<std::mutex> hold(g_reader_end_mutex);
-        g_reader_active = true;
+        std::lock_guard<std::mutex> hold(g_layer_end_mutex);
+        g_layer_active[which] = true;
     }
     if (!thread_start(row)) {
-        std::lock_guard<std::mutex> hold(g_reader_end_mutex);
-        g_reader_active = false;
-        msg_error("cannot start the network reader thread");
+        std::lock_guard<std::mutex> hold(g_layer_end_mutex);
+        g_layer_active[which] = false;
+        msg_error("cannot start a network thread");
         return false;
     }
     return true;
 }
 
-void msg_join_reader_thread()
+void msg_join_thread(Layer_thread which)
 {
-    std::unique_lock<std::mutex> hold(g_reader_end_mutex);
-    g_reader_end.wait(hold, [] { return !g_reader_active; });
+    std::unique_lock<std::mutex> hold(g_layer_end_mutex);
+    g_layer_end.wait(hold, [which] { return !g_layer_active[which]; });
 }
 
 }  // namespace qv_msg_detail
@@ -524,6 +671,25 @@ int qv_msg_init(int)
 
 bool qv_msg_started() { return g_started; }
 
+namespace {
+
+// The connection a message to `host` goes out on, with the relay bits added to `word` for
+// another slave, which a slave reaches through the master (it answers if that host is not up).
+// Null, with error 310 reported, if there is none.
+Connection* route(uint32_t host, uint32_t* word)
+{
+    Connection* connection = host < QV_MSG_MAX_HOSTS ? g_connections[host].load() : nullptr;
+    if (!connection && host < QV_MSG_MAX_HOSTS && g_self.load() != 0) {
+        connection = g_connections[0].load();
+        *word |= FRAME_RELAY | (host << FRAME_HOST_SHIFT);
+    }
+    if (!connection)
+        msg_error_n(310, "no connection to %d", int(host));
+    return connection;
+}
+
+}  // namespace
+
 int qv_msg_send(uint32_t host, int module, const void* buffer, size_t length)
 {
     // A single host has nobody to send to: the send succeeds and nothing goes out.
@@ -542,35 +708,31 @@ int qv_msg_send(uint32_t host, int module, const void* buffer, size_t length)
                 good = send_frame(connection, word | FRAME_BROADCAST, buffer, length) && good;
         return good ? 1 : 0;
     }
-    Connection* connection = host < QV_MSG_MAX_HOSTS ? g_connections[host].load() : nullptr;
-    if (!connection) {
-        msg_error_n(310, "no connection to %d", int(host));
-        return 0;
-    }
-    return send_frame(connection, word, buffer, length) ? 1 : 0;
+    if (host == g_self.load())
+        return send_local(module, buffer, length) ? 1 : 0;
+    Connection* connection = route(host, &word);
+    return connection && send_frame(connection, word, buffer, length) ? 1 : 0;
 }
 
-int qv_msg_send_batch(uint32_t host, int module, const void* const* buffers, const size_t* lengths, int count)
+int qv_msg_send_batch(uint32_t host, int module, const Qv_msg_part* messages, int count)
 {
     if (!g_cluster.load(std::memory_order_acquire))
         return 1;
     Module_scope scope(MOD_MSG);
-    Connection* connection = host < QV_MSG_MAX_HOSTS ? g_connections[host].load() : nullptr;
-    if (!connection) {
-        msg_error_n(310, "no connection to %d", int(host));
+    uint32_t word = uint32_t(module) & 0xFFu;
+    Connection* connection = route(host, &word);
+    if (!connection)
         return 0;
-    }
-    for (int first = 0; first < count; first += MAX_BATCH) {
-        int n = std::min(MAX_BATCH, count - first);
-        for (int i = first; i < first + n; ++i) {
-            if (lengths[i] > QV_MSG_MAX_PAYLOAD) {
-                msg_error("message of %zu bytes is longer than %zu", lengths[i], QV_MSG_MAX_PAYLOAD);
-                return 0;
-            }
-        }
-        if (!send_frames(connection, uint32_t(module) & 0xFFu, buffers + first, lengths + first, n))
+    for (int i = 0; i < count; ++i) {
+        if (messages[i].head_bytes + messages[i].body_bytes > QV_MSG_MAX_PAYLOAD) {
+            msg_error("message of %zu bytes is longer than %zu", messages[i].head_bytes + messages[i].body_bytes,
+                      QV_MSG_MAX_PAYLOAD);
             return 0;
+        }
     }
+    for (int first = 0; first < count; first += MAX_BATCH)
+        if (!send_frames(connection, word, messages + first, std::min(MAX_BATCH, count - first)))
+            return 0;
     return 1;
 }
 
@@ -584,11 +746,29 @@ bool qv_msg_host_live(uint32_t host)
 {
     if (host == g_self.load())
         return true;
-    Connection* connection = host < QV_MSG_MAX_HOSTS ? g_connections[host].load() : nullptr;
+    if (host >= QV_MSG_MAX_HOSTS)
+        return false;
+    // A slave reaches every other host through its master.
+    Connection* connection = g_connections[g_self.load() != 0 ? 0 : host].load();
     return connection && connection->up.load();
 }
 
 uint32_t qv_msg_self() { return g_self.load(); }
+
+bool qv_msg_on_reader_thread() { return t_on_reader; }
+
+// A handler called directly, not by the layer, holds nothing to let go.
+Qv_msg_handlers_unlocked::Qv_msg_handlers_unlocked() : held_(t_holds_handler_mutex)
+{
+    if (held_)
+        g_handler_mutex.unlock();
+}
+
+Qv_msg_handlers_unlocked::~Qv_msg_handlers_unlocked()
+{
+    if (held_)
+        g_handler_mutex.lock();
+}
 
 int qv_msg_connections()
 {
@@ -688,6 +868,8 @@ int qv_msg_join(int socket)
         return 0;
     }
     connection_add(socket, 0, info.swap);
+    // From now on this slave's lines are printed by the master.
+    msg_set_forwarding(true);
     return 1;
 }
 
@@ -697,6 +879,8 @@ void qv_msg_close(uint32_t host)
     Connection* connection = host < QV_MSG_MAX_HOSTS ? g_connections[host].load() : nullptr;
     if (!connection || connection->closing.exchange(true))
         return;
+    if (host == 0 && g_self.load() != 0)
+        msg_set_forwarding(false);
     print_counters(connection);
     if (qv_db_debug_slave_tags())
         qv_db_host_event(host, false);
@@ -722,11 +906,13 @@ void qv_msg_exit()
         msg_warn_n(4, "msg_exit without msg_init.");
         return;
     }
-    // The reader ends first, so the counters printed at the close are final.
+    // The local server ends first (it may still send), then the reader, so the counters printed
+    // at the close are final.
+    stop_local();
     if (g_reader_running.load()) {
         g_stop.store(true);
         wake_reader();
-        qv_msg_detail::msg_join_reader_thread();
+        qv_msg_detail::msg_join_thread(qv_msg_detail::LAYER_READER);
         g_reader_running.store(false);
     }
     for (uint32_t host = 0; host < QV_MSG_MAX_HOSTS; ++host)
@@ -744,8 +930,11 @@ void qv_msg_exit()
     for (Connection* connection : g_retired)
         delete connection;
     g_retired.clear();
-    if (g_cluster.exchange(false))
+    if (g_cluster.exchange(false)) {
+        msg_set_forwarding(false);
+        msg_set_send_hook(nullptr);
         qv_db_net::remove_hooks();
+    }
 }
 
 void qv_msg_abort_hook(int) {}

@@ -45,10 +45,16 @@ bool debug_on() { return msg_level_enabled(MSG_DEBUG); }
 
 uint32_t self() { return qv_msg_self(); }
 
-bool send(uint32_t host, Db_net_message& message, size_t payload)
+// A header alone, or with `length` payload bytes behind it.
+bool send(uint32_t host, Db_net_header& header, const void* payload = nullptr, size_t length = 0)
 {
-    message.header.length = uint32_t(payload);
-    return qv_msg_send(host, MOD_DB, &message, DB_NET_HEADER_BYTES + payload) != 0;
+    header.length = uint32_t(length);
+    if (!length)
+        return qv_msg_send(host, MOD_DB, &header, DB_NET_HEADER_BYTES) != 0;
+    Db_net_message message;
+    message.header = header;
+    std::memcpy(message.payload, payload, length);
+    return qv_msg_send(host, MOD_DB, &message, DB_NET_HEADER_BYTES + length) != 0;
 }
 
 void fill_from_record(Db_net_header& header, const Db_record* record)
@@ -68,18 +74,42 @@ bool send_data(const Db_net_header& request)
     const Db_tag tag = request.tag;
     const uint32_t to = request.host;
     Db_record* record = record_peek(tag);
-    Db_net_message message{};
-    message.header.opcode = DB_NET_DATA_PIECE;
-    message.header.tag = tag;
-    message.header.host = uint8_t(self());
+    // A job result that the master does not hold is made here first. The reader must not run
+    // the job (all traffic would wait, and the job may wait for other hosts), so it passes the
+    // request on to host 0, whose local server comes back here off the reader thread.
+    bool produced = false;
+    // A tag unknown here, or a host without a job runner, gets the answer of error 29 below.
+    if (self() == 0 && qv_db_is_job(tag) && g_job_hooks.execute && record &&
+        __atomic_load_n(&record->state, __ATOMIC_ACQUIRE) != DB_STATE_FREE &&
+        (!record->data || __atomic_load_n(&record->state, __ATOMIC_ACQUIRE) == DB_STATE_ARRIVING)) {
+        if (qv_msg_on_reader_thread()) {
+            Db_net_header forward = request;
+            if (!send(0, forward))
+                msg_error_n(32, "can't forward tag request to host %d", 0);
+            return true;
+        }
+        {
+            Qv_msg_handlers_unlocked others_may_run;
+            qv_db_access(tag);
+        }
+        record = record_peek(tag);
+        produced = true;
+    }
+    Db_net_header header{};
+    header.opcode = DB_NET_DATA_PIECE;
+    header.tag = tag;
+    header.host = uint8_t(self());
+    // An element without data (only its type known here, or flushed) has no stored form to send.
     bool valid = record && (record->state == DB_STATE_NORMAL || record->state == DB_STATE_ATTACHED) &&
-                 (record->data || record->size == 0);
+                 (record->data || (record->size == 0 && record->type != DB_TYPE_SERIALIZABLE));
     if (!valid) {
         // Zeros tell the requester that nothing is known here.
         msg_error_n(29, "could not send data of db item");
-        return send(to, message, 0);
+        if (produced)
+            qv_db_unpin(tag);
+        return send(to, header);
     }
-    fill_from_record(message.header, record);
+    fill_from_record(header, record);
     if (record->shared != 2)
         record->shared = 1;
 
@@ -90,48 +120,52 @@ bool send_data(const Db_net_header& request)
     bool any = false;
     bool last = false;
     const uint32_t count = std::max<uint32_t>(request.count, 1);
-    // A window of pieces goes out in one write; the pieces are built in place.
-    Db_net_message window[DB_NET_WINDOW];
-    const void* buffers[DB_NET_WINDOW];
-    size_t lengths[DB_NET_WINDOW];
+    const bool debug = debug_on();
+    // A window of pieces goes out in one write: plain data straight from the record, behind its
+    // header; only the serialized form is produced into a buffer first.
+    Db_net_header heads[DB_NET_WINDOW];
+    Qv_msg_part parts[DB_NET_WINDOW];
+    uint8_t serial_payload[DB_NET_WINDOW][DB_NET_PIECE_BYTES];
     for (uint32_t first = 0; first < count && !last; first += DB_NET_WINDOW) {
         int filled = 0;
         uint64_t window_bytes = 0;
         for (uint32_t i = first; i < count && i < first + DB_NET_WINDOW && !last; ++i) {
-            Db_net_message& piece_message = window[filled];
-            piece_message.header = message.header;
+            Db_net_header& head = heads[filled];
+            head = header;
             const uint32_t piece = request.piece + i;
             const uint64_t offset = uint64_t(piece) * DB_NET_PIECE_BYTES;
             size_t length;
+            const void* body;
             if (serialized) {
-                length = QV::DB::serial_send_piece(tag, piece_message.payload, offset, DB_NET_PIECE_BYTES, &last);
-                if (debug_on())
+                length = QV::DB::serial_send_piece(tag, serial_payload[filled], offset, DB_NET_PIECE_BYTES, &last);
+                body = serial_payload[filled];
+                if (debug)
                     msg_debug("sending zeuray tag %#x, offset %d filled %d to host %d", tag, int(offset), int(length),
                               int(to));
             } else {
                 const uint64_t remaining = total > offset ? total - offset : 0;
                 length = size_t(std::min<uint64_t>(remaining, DB_NET_PIECE_BYTES));
                 last = remaining <= DB_NET_PIECE_BYTES;
-                if (length)
-                    std::memcpy(piece_message.payload, bytes + offset, length);
-                if (debug_on())
+                body = length ? bytes + offset : nullptr;
+                if (debug)
                     msg_debug("sending tag %#x, offset %d total %d to host %d", tag, int(offset), int(total), int(to));
             }
-            piece_message.header.piece = piece;
-            piece_message.header.length = uint32_t(length);
-            piece_message.header.last = last ? 1 : 0;
-            buffers[filled] = &piece_message;
-            lengths[filled] = DB_NET_HEADER_BYTES + length;
+            head.piece = piece;
+            head.length = uint32_t(length);
+            head.last = last ? 1 : 0;
+            parts[filled] = {&head, DB_NET_HEADER_BYTES, body, length};
             window_bytes += length;
             ++filled;
         }
-        if (!qv_msg_send_batch(to, MOD_DB, buffers, lengths, filled)) {
+        if (!qv_msg_send_batch(to, MOD_DB, parts, filled)) {
             msg_error_n(31, "can't send tag data to host %d", int(to));
             continue;
         }
         any = true;
         sent += window_bytes;
     }
+    if (produced)
+        qv_db_unpin(tag);
     // A flush push is confirmed once its last piece went out.
     if (last && __atomic_load_n(&record->shared, __ATOMIC_ACQUIRE) == 2)
         __atomic_store_n(&record->shared, uint8_t(0), __ATOMIC_RELEASE);
@@ -281,18 +315,18 @@ void reply_type(const Db_net_header& request)
         send_data(data_request);
         return;
     }
-    Db_net_message message{};
-    message.header.opcode = DB_NET_TYPE_REPLY;
-    message.header.tag = request.tag;
-    message.header.host = uint8_t(self());
+    Db_net_header reply{};
+    reply.opcode = DB_NET_TYPE_REPLY;
+    reply.tag = request.tag;
+    reply.host = uint8_t(self());
     if (!record || record->state == DB_STATE_FREE) {
         msg_error_n(27, "could not reply type of db item");
     } else {
-        fill_from_record(message.header, record);
+        fill_from_record(reply, record);
         if (record->shared != 2)
             record->shared = 1;
     }
-    send(request.host, message, 0);
+    send(request.host, reply);
 }
 
 // Opcode 1.
@@ -392,14 +426,14 @@ void network_pin(Thread_context* context, Db_tag tag, bool pin)
 
 bool send_request(uint32_t host, int32_t opcode, Db_tag tag, uint32_t piece, uint16_t count, uint8_t flags)
 {
-    Db_net_message message{};
-    message.header.opcode = opcode;
-    message.header.tag = tag;
-    message.header.piece = piece;
-    message.header.count = count;
-    message.header.flags = flags;
-    message.header.host = uint8_t(self());
-    return send(host, message, 0);
+    Db_net_header header{};
+    header.opcode = opcode;
+    header.tag = tag;
+    header.piece = piece;
+    header.count = count;
+    header.flags = flags;
+    header.host = uint8_t(self());
+    return send(host, header);
 }
 
 // ---- Waiters ----------------------------------------------------------------------------------
@@ -614,14 +648,13 @@ void broadcast_stats() { send_request(QV_MSG_ALL_HOSTS, DB_NET_STATS, 0, 0, 0, 0
 void push_flush(Db_tag tag, Db_record* record)
 {
     ++statistics().flushes;
-    Db_net_message message{};
-    message.header.opcode = DB_NET_FLUSH;
-    message.header.tag = tag;
-    message.header.total = 4;
-    message.header.host = uint8_t(self());
-    std::memcpy(message.payload, &tag, 4);
+    Db_net_header header{};
+    header.opcode = DB_NET_FLUSH;
+    header.tag = tag;
+    header.total = 4;
+    header.host = uint8_t(self());
     msg_debug("broadcast flushing tag 0x%x", tag);
-    if (!send(QV_MSG_ALL_HOSTS, message, 4))
+    if (!send(QV_MSG_ALL_HOSTS, header, &tag, 4))
         msg_warn_n(2, "can't broadcast flush of tag 0x%x", tag);
     record->shared = 0;
 

@@ -12,11 +12,14 @@ bool socket_options(int socket);
 // "more than one ':'" rule is checked by the caller.
 bool parse_host_port(const char* text, std::string* host, std::string* port, bool* ipv6);
 
-// Starts the reader thread running `body` with a thread context of its own. This is the one
-// place that makes a thread for the host layer; it returns false if no thread could be made.
-bool msg_start_reader_thread(void (*body)());
+// The host layer's own threads: the reader, which serves every socket, and the local server,
+// which handles the messages this host sends to itself.
+enum Layer_thread { LAYER_READER = 0, LAYER_LOCAL = 1, LAYER_THREADS = 2 };
+// Starts `which` running `body` with a thread context of its own, through the thread table. This
+// is the one place that makes a thread for the host layer; false if no thread could be made.
+bool msg_start_thread(Layer_thread which, void (*body)());
 // Waits for the thread started above to end.
-void msg_join_reader_thread();
+void msg_join_thread(Layer_thread which);
 
 }  // namespace qv_msg_detail
 

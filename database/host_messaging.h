@@ -1,7 +1,8 @@
 // Host messaging: connections between the hosts of a cluster (module MSG).
 //
 // A cluster is one master (host 0) and up to 126 slaves in a star: every slave holds one
-// connection, to the master. Until the first connection is opened this process is a single host:
+// connection, to the master, which passes on what one slave sends to another. A slave's message
+// lines are printed by the master. Until the first connection is opened this process is a single host:
 // sending succeeds and sends nothing, registration only records the handler, and the database's
 // remote branches run without effect. This is the state the tool always runs in.
 //
@@ -10,7 +11,8 @@
 // host_db_protocol.h). Senders block on the connection's lock only.
 //
 // On the socket every message is framed by 8 bytes in the sender's byte order: the payload length
-// and a word that holds the module number (bits 0..7) and a broadcast bit (bit 8). The master
+// and a word that holds the module number (bits 0..7) and a broadcast bit (bit 8); the payload is
+// padded with zeros to a multiple of 8 bytes, so handlers get it 8-byte aligned in place. The master
 // passes a broadcast frame from one slave on to the others before its own handler runs.
 #pragma once
 
@@ -33,16 +35,26 @@ constexpr uint32_t QV_MSG_MAX_HOSTS = 127;
 constexpr size_t QV_MSG_MAX_PAYLOAD = 1 << 20;
 
 // Sends `length` bytes to `host` for `module`'s handler. Returns non-zero on success. Without any
-// connection (a single host) it returns 1 and sends nothing. A broadcast skips hosts that are
+// connection (a single host) it returns 1 and sends nothing. A message to this host's own number
+// is handled on the layer's local server thread, in order, never on the reader thread; still,
+// no two handlers run at the same time. A broadcast skips hosts that are
 // not up and succeeds when every up host took the message.
 int qv_msg_send(uint32_t host, int module, const void* buffer, size_t length);
 
-// `buffer` is writable and valid for the call only; `swap` is true when the sender's byte order
-// differs from ours.
+// One message of a batch: `head_bytes` of `head` followed by `body_bytes` of `body`, so a header
+// and the data it describes go out without being copied together first.
+struct Qv_msg_part {
+    const void* head;
+    size_t head_bytes;
+    const void* body;   // may be null when body_bytes is 0
+    size_t body_bytes;
+};
 // Sends `count` messages to one host (not a broadcast) in one write under the connection's lock,
 // in order. Returns non-zero when all went out; as qv_msg_send otherwise.
-int qv_msg_send_batch(uint32_t host, int module, const void* const* buffers, const size_t* lengths, int count);
+int qv_msg_send_batch(uint32_t host, int module, const Qv_msg_part* messages, int count);
 
+// `buffer` is writable and valid for the call only; `swap` is true when the sender's byte order
+// differs from ours.
 using Qv_msg_handler = void (*)(Thread_context* context, void* buffer, size_t length, bool swap);
 void qv_msg_register(int module, Qv_msg_handler handler);
 
@@ -78,6 +90,21 @@ void qv_msg_exit();
 bool qv_msg_host_live(uint32_t host);
 // This process's host number.
 uint32_t qv_msg_self();
+// True on the reader thread, which must not wait for what only it can take in.
+bool qv_msg_on_reader_thread();
+// Handlers run one at a time, on the reader or on the local server. A handler on the local server
+// that has to wait for other hosts (running a job) lets the others run meanwhile under this guard.
+// Does nothing on a thread that is not running a handler for the layer.
+class Qv_msg_handlers_unlocked {
+public:
+    Qv_msg_handlers_unlocked();
+    ~Qv_msg_handlers_unlocked();
+    Qv_msg_handlers_unlocked(const Qv_msg_handlers_unlocked&) = delete;
+    Qv_msg_handlers_unlocked& operator=(const Qv_msg_handlers_unlocked&) = delete;
+
+private:
+    bool held_;
+};
 // Number of up connections. Takes the table's lock, which the reader thread takes before it
 // handles what a poll brought, so what the caller did before is ordered before those handlers.
 int qv_msg_connections();

@@ -12,8 +12,7 @@ namespace {
 
 void remote_message(Thread_context*, void* buffer, size_t length, bool swap)
 {
-    if (length >= 8)
-        msg_handle_remote(static_cast<Msg_record*>(buffer), swap);
+    msg_handle_remote_bytes(buffer, length, swap);
 }
 
 // The LIB context area holds the registry's per-thread action depth; the world area holds

@@ -6,6 +6,7 @@
 // interleave.
 #include "runtime/msg.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -39,9 +40,10 @@ Msg_fatal_handler g_fatal_handler = exit;
 Msg_callback g_callback = nullptr;
 std::atomic<bool> g_fatal_seen{false};
 
-bool g_forwarding = false;
+// Set by the host layer's threads while others print.
+std::atomic<bool> g_forwarding{false};
 bool g_started_by_master = false;
-Msg_send_hook g_send_hook = nullptr;
+std::atomic<Msg_send_hook> g_send_hook{nullptr};
 Msg_abort_hook g_abort_hook = nullptr;
 Msg_cleanup_hook g_frame_buffer_cleanup = nullptr;
 
@@ -95,12 +97,12 @@ void join_line(char* line, size_t size, const Msg_record* record)
 int send_to_host(uint32_t host, const void* record, size_t length)
 {
     Module_scope scope(MOD_LIB);
-    return g_send_hook(host, record, length);
+    return g_send_hook.load()(host, record, length);
 }
 
 void send_settings()
 {
-    if (g_host != 0 || !g_send_hook)
+    if (g_host != 0 || !g_send_hook.load())
         return;
     Msg_record record;
     std::memset(&record, 0, sizeof record);
@@ -124,7 +126,7 @@ void output(Msg_record* record, bool may_forward)
     }
 
     bool fatal = record->level == MSG_FATAL;
-    if (may_forward && g_forwarding && g_send_hook) {
+    if (may_forward && g_forwarding.load() && g_send_hook.load()) {
         // Master: a text record goes only up to its terminating zero.
         record->type = 1;
         size_t length = offsetof(Msg_record, text) + strlen(record->text) + 1;
@@ -418,14 +420,24 @@ void qv_errorhandler(Msg_callback callback)
     g_callback = callback;
 }
 
-void msg_set_send_hook(Msg_send_hook hook) { g_send_hook = hook; }
-void msg_set_forwarding(bool on) { g_forwarding = on; }
-bool msg_forwarding() { return g_forwarding; }
+void msg_set_send_hook(Msg_send_hook hook) { g_send_hook.store(hook); }
+void msg_set_forwarding(bool on) { g_forwarding.store(on); }
+bool msg_forwarding() { return g_forwarding.load(); }
 void msg_set_started_by_master(bool on) { g_started_by_master = on; }
 void msg_set_abort_hook(Msg_abort_hook hook) { g_abort_hook = hook; }
 void msg_set_frame_buffer_cleanup(Msg_cleanup_hook hook) { g_frame_buffer_cleanup = hook; }
 
 // ---- Records from other hosts -------------------------------------------------------------
+
+void msg_handle_remote_bytes(const void* bytes, size_t length, bool swap)
+{
+    if (length < 8)
+        return;
+    Msg_record record;
+    std::memset(&record, 0, sizeof record);
+    std::memcpy(&record, bytes, std::min(length, sizeof record));
+    msg_handle_remote(&record, swap);
+}
 
 void msg_handle_remote(Msg_record* record, bool swap)
 {

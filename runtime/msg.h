@@ -120,6 +120,9 @@ constexpr int MSG_PIECE_CHARS = 1313;
 // line that is not forwarded again; a type 2 record takes over the level mask and the 87 class
 // masks. With `swap` the first two words (and for type 2 each class mask) are byte-turned first.
 void msg_handle_remote(Msg_record* record, bool swap);
+// The same for `length` received bytes: a text record comes only up to its terminating zero, so
+// the bytes are first laid into a whole, zeroed record. Fewer than 8 bytes are ignored.
+void msg_handle_remote_bytes(const void* bytes, size_t length, bool swap);
 
 // ---- Hooks for the host layer ------------------------------------------------------------
 // Until a host layer sets them, nothing is forwarded and the fatal sequence tells no one.

@@ -6,7 +6,10 @@
 #include <memory>
 #include <set>
 
+#include "base/lib/mem/i_mem_allocatable.h"
+#include "database/dbn.h"
 #include "database/host_db_protocol.h"
+#include "database/job.h"
 #include "database/transaction.h"
 #include "tests/hostmsg/hostmsg_test_support.h"
 #include "tests/hostmsg/peer/record_probe.h"
@@ -25,8 +28,9 @@ Db_tag make_plain(uint32_t size, uint32_t seed, int type = 0)
     Db_tag tag = 0;
     if (size == 0) {
         static uint8_t empty[1];
-        qv_db_create(&tag, type, 1);
+        void* made = qv_db_create(&tag, type, 1);
         qv_db_attach(tag, empty, 0);
+        QV_FREE(made);
     } else {
         blob_fill(static_cast<uint8_t*>(qv_db_create(&tag, type, size)), size, seed);
     }
@@ -40,6 +44,23 @@ std::string expected_fetch(const void* data, uint32_t size)
 {
     return "ok " + std::to_string(size) + " " + hex(blob_hash(data, size));
 }
+
+// A job whose result is a blob of word() bytes. Run on the reader thread, it would hold up all
+// traffic (and hang for good on a tag of another host).
+class Blob_job : public QV::SCHED::Job_template<Blob_job, QV::SERIAL::qv_class_id("*TBB")> {
+public:
+    static inline std::atomic<int> runs{0};
+    static inline std::atomic<int> runs_on_reader{0};
+    QV::DB::Element_base* execute(QV::SCHED::Job_execution_context*) override
+    {
+        ++runs;
+        runs_on_reader += qv_msg_on_reader_thread();
+        auto* blob = new Blob_element();
+        blob->bytes.resize(word());
+        blob_fill(blob->bytes.data(), blob->bytes.size(), 77);
+        return blob;
+    }
+};
 
 bool offered_for_flush(Db_tag tag)
 {
@@ -94,6 +115,14 @@ protected:
 
     static Peer& slave(int host) { return *slaves_[host]; }
 
+    static int listen_port()
+    {
+        sockaddr_in address{};
+        socklen_t length = sizeof address;
+        getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
+        return ntohs(address.sin_port);
+    }
+
     static inline int listener_ = -1;
     static inline std::unique_ptr<Peer> slaves_[3];
 };
@@ -120,19 +149,44 @@ TEST_F(ClusterTest, SlavesFetchPlainAndSerializedElementsByteForByte)
         EXPECT_EQ(slave(host).ask("fetch " + hex(tag)), "ok63 5000 " + hex(hash));
 }
 
+TEST_F(ClusterTest, MasterRunsTheJobOfAJobTagThatASlaveAsksForOnce)
+{
+    qv_dbn_init();
+    QV::SCHED::qv_job_use_local_runner();
+    auto* job = new Blob_job;
+    job->set_word(5000);
+    Db_tag tag = 0;
+    QV::DB::get_transaction()->store_job(&tag, job, nullptr);
+    ASSERT_TRUE(qv_db_is_job(tag));
+    publish();
+    std::vector<uint8_t> expected(5000);
+    blob_fill(expected.data(), expected.size(), 77);
+    // The first request is passed on to the master's local server, which runs the job; the
+    // second finds the result on the master.
+    for (int host : {1, 2})
+        EXPECT_EQ(slave(host).ask("fetch " + hex(tag)), "ok63 5000 " + hex(blob_hash(expected.data(), 5000)));
+    EXPECT_EQ(Blob_job::runs.load(), 1);
+    EXPECT_EQ(Blob_job::runs_on_reader.load(), 0);
+}
+
 TEST_F(ClusterTest, ReceiverAsksForEachWindowAfterItsEighthPiece)
 {
-    // 146,000 bytes are 108 pieces: the windows after pieces 7, 15, ..., 103 are asked for.
+    // 146,000 bytes are 108 pieces: the windows after pieces 7, 15, ..., 103 are asked for. The
+    // slave's lines are printed here, by the master, in the order the slave wrote them.
     Db_tag tag = make_plain(146000, 9);
     ASSERT_EQ(slave(2).ask("fetch " + hex(tag)), expected_fetch(qv_db_peek(tag)->data, 146000));
-    std::string log = slave(2).messages();
-    std::string prefix = "requesting tag 0x" + hex(tag) + ", offset ";
-    std::vector<int> asked;
-    for (size_t at = log.find(prefix); at != std::string::npos; at = log.find(prefix, at + 1))
-        asked.push_back(std::atoi(log.c_str() + at + prefix.size()));
+    const std::string prefix = "requesting tag 0x" + hex(tag) + ", offset ";
     std::vector<int> expected;
     for (int piece = 8; piece < 108; piece += 8)
         expected.push_back(piece);
+    EXPECT_TRUE(wait_until([&] { return hostmsg_count(prefix) == int(expected.size()); }));
+    std::vector<int> asked;
+    {
+        std::lock_guard<std::mutex> hold(hostmsg_capture().mutex);
+        for (const std::string& line : hostmsg_capture().lines)
+            if (size_t at = line.find(prefix); at != std::string::npos)
+                asked.push_back(std::atoi(line.c_str() + at + prefix.size()));
+    }
     EXPECT_EQ(asked, expected);
 }
 
@@ -144,9 +198,27 @@ TEST_F(ClusterTest, FlushPushWritesBackToTheOwnerAndDropsOtherCopies)
 
     // Slave 2 drops its copy, and fetches again what the owner got back.
     ASSERT_EQ(slave(1).ask("write " + hex(tag) + " 7"), "ok");
-    EXPECT_TRUE(eventually([&] { return slave(2).ask("state " + hex(tag)) == "ok 0 0"; }));
+    EXPECT_TRUE(wait_until([&] { return slave(2).ask("state " + hex(tag)) == "ok 0 0"; }));
     std::vector<uint8_t> sevens(3000, 7);
     EXPECT_EQ(slave(2).ask("fetch " + hex(tag)), expected_fetch(sevens.data(), 3000));
+}
+
+TEST_F(ClusterTest, SlavesReachEachOtherThroughTheMaster)
+{
+    const std::string made = slave(1).ask("make bb8 5");   // 3,000 bytes
+    ASSERT_EQ(made.substr(0, 3), "ok ");
+    std::vector<uint8_t> expected(3000);
+    blob_fill(expected.data(), expected.size(), 5);
+    EXPECT_EQ(slave(2).ask("fetch " + made.substr(3)), expected_fetch(expected.data(), 3000));
+
+    // A host that is not up is answered for by the master: the fetch fails (and with it the
+    // access, fatally) instead of waiting for good.
+    Peer asker({"slave", std::to_string(listen_port())});
+    ASSERT_EQ(qv_msg_accept(listener_, 3, 10000), 1);
+    ASSERT_EQ(asker.line(), "host 3");
+    asker.send("fetch 89000400");
+    EXPECT_EQ(asker.wait_exit(10000), 1);
+    EXPECT_TRUE(wait_until([] { return hostmsg_count("failed to read tag 89000400 data from host 9") == 1; }));
 }
 
 TEST_F(ClusterTest, BroadcastDeleteReachesEveryHost)
@@ -155,8 +227,8 @@ TEST_F(ClusterTest, BroadcastDeleteReachesEveryHost)
     ASSERT_EQ(slave(1).ask("fetch " + hex(tag)).substr(0, 6), "ok 100");
     ASSERT_EQ(slave(2).ask("fetch " + hex(tag)).substr(0, 6), "ok 100");
     ASSERT_EQ(slave(1).ask("delete " + hex(tag)), "ok");
-    EXPECT_TRUE(eventually([&] { return probe_record(tag).state == DB_STATE_FREE; }));
-    EXPECT_TRUE(eventually([&] { return slave(2).ask("state " + hex(tag)) == "ok 0 0"; }));
+    EXPECT_TRUE(wait_until([&] { return probe_record(tag).state == DB_STATE_FREE; }));
+    EXPECT_TRUE(wait_until([&] { return slave(2).ask("state " + hex(tag)) == "ok 0 0"; }));
     EXPECT_EQ(slave(1).ask("state " + hex(tag)), "ok 0 0");
 }
 
@@ -165,9 +237,9 @@ TEST_F(ClusterTest, NetworkPinKeepsATrackedElementFromTheFlush)
     Db_tag tag = make_plain(64, 3, POLYGON);
     ASSERT_TRUE(offered_for_flush(tag));
     ASSERT_EQ(slave(1).ask("pin " + hex(tag)), "ok");
-    EXPECT_TRUE(eventually([&] { return !offered_for_flush(tag); }));
+    EXPECT_TRUE(wait_until([&] { return !offered_for_flush(tag); }));
     ASSERT_EQ(slave(1).ask("unpin " + hex(tag)), "ok");
-    EXPECT_TRUE(eventually([&] { return offered_for_flush(tag); }));
+    EXPECT_TRUE(wait_until([&] { return offered_for_flush(tag); }));
 }
 
 TEST_F(ClusterTest, ClusterLockIsHeldByOneSlaveAtATime)
@@ -200,28 +272,26 @@ TEST_F(ClusterTest, SlaveKilledMidTransferIsReportedAndTheMasterGoesOn)
     Db_tag big = make_plain(40u << 20, 4);
     Db_tag small = make_plain(2000, 4);
     {
-        Peer doomed({"slave", std::to_string([] {
-                         sockaddr_in address{};
-                         socklen_t length = sizeof address;
-                         getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
-                         return int(ntohs(address.sin_port));
-                     }())});
+        Peer doomed({"slave", std::to_string(listen_port())});
         ASSERT_EQ(qv_msg_accept(listener_, 3, 10000), 1);
         ASSERT_EQ(doomed.line(), "host 3");
         doomed.send("fetch " + hex(big));
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         doomed.kill_now();
     }
-    EXPECT_TRUE(eventually([] { return hostmsg_count("Connection to host 3 lost.") == 1; }));
+    EXPECT_TRUE(wait_until([] { return hostmsg_count("Connection to host 3 lost.") == 1; }));
     EXPECT_FALSE(qv_msg_host_live(3));
     EXPECT_EQ(slave(1).ask("fetch " + hex(small)), expected_fetch(qv_db_peek(small)->data, 2000));
     qv_db_delete(big);
 }
 
-TEST(MasterLossTest, SlavesSayGoodbyeWhenTheMasterDies)
+// Both peers' master: it warns of the tags a slave leaves behind, and its death ends the slaves.
+TEST(PeerMasterTest, WarnsOfTagsLeftByADisconnectingSlaveAndItsDeathEndsTheOthers)
 {
     hostmsg_process_setup();
+    setenv("QV_DEBUG_SLAVE_TAGS", "1", 1);
     Peer master({"master"});
+    unsetenv("QV_DEBUG_SLAVE_TAGS");
     std::string port = master.line();
     ASSERT_EQ(port.substr(0, 5), "port ");
     std::unique_ptr<Peer> slaves[2];
@@ -231,33 +301,17 @@ TEST(MasterLossTest, SlavesSayGoodbyeWhenTheMasterDies)
         ASSERT_EQ(master.line(), "ok");
         ASSERT_EQ(slaves[i]->line(), "host " + std::to_string(i + 1));
     }
-    master.kill_now();
-    for (auto& slave : slaves) {
-        EXPECT_EQ(slave->wait_exit(10000), 1);
-        EXPECT_NE(slave->messages().find("connection to master broken. goodbye."), std::string::npos);
-    }
-}
 
-TEST(SlaveTagsTest, MasterWarnsOfTagsLeftByADisconnectingSlave)
-{
-    hostmsg_process_setup();
-    setenv("QV_DEBUG_SLAVE_TAGS", "1", 1);
-    Peer master({"master"});
-    unsetenv("QV_DEBUG_SLAVE_TAGS");
-    std::string port = master.line();
-    ASSERT_EQ(port.substr(0, 5), "port ");
-    master.send("accept 1");
-    Peer slave({"slave", port.substr(5)});
-    ASSERT_EQ(master.line(), "ok");
-    ASSERT_EQ(slave.line(), "host 1");
-
-    // A tag of the slave that the master fetched stays on the master after the slave is gone.
-    std::string made = slave.ask("make 10 1");
+    // A tag of slave 1 that the master fetched stays on the master after the slave is gone.
+    std::string made = slaves[0]->ask("make 10 1");
     ASSERT_EQ(made.substr(0, 3), "ok ");
     ASSERT_EQ(master.ask("fetch " + made.substr(3)).substr(0, 5), "ok 16");
-    slave.finish();
-    EXPECT_TRUE(eventually([&] {
+    slaves[0]->finish();
+    EXPECT_TRUE(wait_until([&] {
         return master.messages().find("Found 1 still existing tags for disconnecting host 1") != std::string::npos;
     }));
-    master.finish();
+
+    master.kill_now();
+    EXPECT_EQ(slaves[1]->wait_exit(10000), 1);
+    EXPECT_NE(slaves[1]->messages().find("connection to master broken. goodbye."), std::string::npos);
 }

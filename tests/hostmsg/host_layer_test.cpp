@@ -155,7 +155,8 @@ TEST_F(HostLayerTest, PeerOfTheOtherByteOrderIsUnderstoodAndAnsweredInOurs)
     struct {
         uint32_t frame[2];
         Db_net_header header;
-    } request{{DB_NET_HEADER_BYTES, MOD_DB}, {}};
+        uint32_t pad;   // frames are padded to 8 bytes
+    } request{{DB_NET_HEADER_BYTES, MOD_DB}, {}, 0};
     request.header.opcode = DB_NET_TYPE_REQUEST;
     request.header.tag = tag;
     request.header.host = 5;
@@ -201,6 +202,7 @@ TEST_F(HostLayerTest, FetchFromAHostThatGoesAwayFailsInsteadOfWaitingForever)
     struct {
         uint32_t frame[2];
         Db_net_header header;
+        uint32_t pad;
     } request{};
     EXPECT_EQ(recv(far, &request, sizeof request, MSG_WAITALL), ssize_t(sizeof request));
     EXPECT_EQ(request.header.opcode, DB_NET_DATA_REQUEST);
@@ -210,7 +212,7 @@ TEST_F(HostLayerTest, FetchFromAHostThatGoesAwayFailsInsteadOfWaitingForever)
     EXPECT_EQ(request.header.host, 0);
     close(far);
     // Bounded: a fetch that never wakes fails here and its thread is left behind.
-    bool ended = eventually([&] { return fetched.load() != -1; });
+    bool ended = wait_until([&] { return fetched.load() != -1; });
     EXPECT_TRUE(ended);
     if (ended)
         fetcher.join();

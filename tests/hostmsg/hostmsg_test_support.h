@@ -65,19 +65,6 @@ inline int hostmsg_count(const std::string& fragment)
                              [&](const std::string& line) { return line.find(fragment) != std::string::npos; }));
 }
 
-// Polls `condition` every 5 ms for at most `limit_ms`.
-template <class Condition>
-bool eventually(Condition condition, int limit_ms = 5000)
-{
-    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(limit_ms);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
-
 // This process as host 0 with a database, the test element class and the capture.
 inline void hostmsg_process_setup()
 {
@@ -142,8 +129,6 @@ public:
         if (!std::getenv("QV_HOSTMSG_KEEP_LOGS"))
             unlink(err_path_.c_str());
     }
-
-    bool running() const { return pid_ > 0; }
 
     void send(const std::string& command)
     {
