@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <optional>
@@ -288,6 +289,11 @@ TEST_F(MsgDeathTest, FaultsAndConsoleSignalsEndInNumberedFatals)
     for (const auto& [signal_number, expected] : cases) {
         EXPECT_EXIT(
             {
+                // The child runs the fixture again and leaves by exit(), past the fixture's
+                // destructor: its own scratch directory (with the fatal's log) goes at exit.
+                static std::string child_dir;
+                child_dir = dir_.path();
+                std::atexit([] { std::error_code ignored; std::filesystem::remove_all(child_dir, ignored); });
                 msg_install_signal_handlers();
                 raise(signal_number);
             },
