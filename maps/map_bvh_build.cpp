@@ -11,6 +11,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <vector>
 
 #include "maps/map_bvh.h"
@@ -274,7 +275,10 @@ void permute_in_place(Map_page_store& store, const std::vector<uint32_t>& dest, 
     const uint32_t capacity = Map_manager::instance().thread_table_capacity();
     const uint32_t cache_pages = (pages + store.file_pages_per_cache_page - 1) >> store.cache_page_shift;
     if (uint64_t(cache_pages) + 4 <= capacity) {
-        Map_page_table table(capacity);
+        // On the heap, not the stack: a table's lock at an address that a map's lock held
+        // before reads to lock checkers as one lock taken in both orders.
+        auto table_owner = std::make_unique<Map_page_table>(capacity);
+        Map_page_table& table = *table_owner;
         std::vector<uint8_t*> page_bytes(pages);
         for (uint32_t page = 0; page < pages; ++page)
             page_bytes[page] = store.get_page(page, false, &table);
