@@ -89,19 +89,10 @@ TEST_F(HostLayerTest, HeaderSwapReversesEveryFieldOfTheThirtySixBytes)
 {
     Db_net_header header{0x01020304, 0x05060708, 0x090A0B0C, 0x0D0E0F10, 0x11121314, 0x15161718, 0x191A1B1C,
                          0x1D, 0x1E, 0x1F, 0x20, 0x2122, 0x23, 0x24};
-    Db_net_header swapped = header;
-    EXPECT_EQ(qv_scene_swap_layout(&swapped, DB_NET_HEADER_LAYOUT), DB_NET_HEADER_BYTES);
-    EXPECT_EQ(uint32_t(swapped.opcode), 0x04030201u);
-    EXPECT_EQ(swapped.total, 0x08070605u);
-    EXPECT_EQ(swapped.tag, 0x0C0B0A09u);
-    EXPECT_EQ(swapped.piece, 0x100F0E0Du);
-    EXPECT_EQ(swapped.length, 0x14131211u);
-    EXPECT_EQ(swapped.stamp, 0x18171615u);
-    EXPECT_EQ(swapped.reserved, 0x1C1B1A19u);
-    EXPECT_EQ(std::memcmp(&swapped.type, &header.type, 4), 0);
-    EXPECT_EQ(swapped.count, 0x2221);
-    EXPECT_EQ(swapped.host, 0x23);
-    EXPECT_EQ(swapped.last, 0x24);
+    const Db_net_header expected{0x04030201, 0x08070605, 0x0C0B0A09, 0x100F0E0D, 0x14131211, 0x18171615,
+                                 0x1C1B1A19, 0x1D, 0x1E, 0x1F, 0x20, 0x2221, 0x23, 0x24};
+    EXPECT_EQ(qv_scene_swap_layout(&header, DB_NET_HEADER_LAYOUT), DB_NET_HEADER_BYTES);
+    EXPECT_EQ(std::memcmp(&header, &expected, DB_NET_HEADER_BYTES), 0);
 }
 
 TEST_F(HostLayerTest, HandlerReportsBadMessagesAndDoesNothingElse)

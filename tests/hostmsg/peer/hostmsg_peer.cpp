@@ -4,7 +4,7 @@
 //     hostmsg_peer slave <port>     joins the master on 127.0.0.1:<port>
 //     hostmsg_peer master           listens on 127.0.0.1; prints "port <n>"
 //
-// Commands: make <size> <seed> | make63 <size> <seed> | fetch <tag> | type <tag> | state <tag> |
+// Commands: make <size> <seed> | fetch <tag> | type <tag> | state <tag> |
 // write <tag> <byte> | lock <tag> | unlock <tag> | pin <tag> | unpin <tag> | delete <tag> |
 // accept <host> | exit
 #include <cstdio>
@@ -19,7 +19,6 @@
 #include "database/db.h"
 #include "database/host_messaging.h"
 #include "database/job.h"
-#include "database/transaction.h"
 #include "runtime/msg.h"
 #include "runtime/threads.h"
 #include "tests/hostmsg/peer/blob_element.h"
@@ -66,25 +65,9 @@ std::string run(const std::string& command, std::istringstream& words, int liste
     Db_tag tag = Db_tag(a);
     char line[128];
     if (command == "make") {
-        // `a` bytes (0 makes an attached empty block), pattern `b`.
+        // `a` bytes, pattern `b`.
         Db_tag made = 0;
-        if (a == 0) {
-            void* block = qv_db_create(&made, 0, 1);
-            static uint8_t empty[1];
-            qv_db_attach(made, empty, 0);
-            QV_FREE(block);
-        } else {
-            blob_fill(static_cast<uint8_t*>(qv_db_create(&made, 0, uint32_t(a))), size_t(a), uint32_t(b));
-        }
-        std::snprintf(line, sizeof line, "ok %x", made);
-        return line;
-    }
-    if (command == "make63") {
-        auto* blob = new Blob_element();
-        blob->bytes.resize(size_t(a));
-        blob_fill(blob->bytes.data(), blob->bytes.size(), uint32_t(b));
-        Db_tag made = 0;
-        QV::DB::get_transaction()->store(&made, blob, nullptr);
+        blob_fill(static_cast<uint8_t*>(qv_db_create(&made, 0, uint32_t(a))), size_t(a), uint32_t(b));
         std::snprintf(line, sizeof line, "ok %x", made);
         return line;
     }
