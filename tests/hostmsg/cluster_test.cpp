@@ -1,10 +1,6 @@
 // A real cluster over loopback: this process is the master, two peer processes are slaves.
-#include <arpa/inet.h>
 #include <atomic>
-#include <cstring>
-#include <netinet/in.h>
 #include <memory>
-#include <set>
 
 #include "base/lib/mem/i_mem_allocatable.h"
 #include "database/dbn.h"
@@ -83,11 +79,10 @@ protected:
     static void SetUpTestSuite()
     {
         hostmsg_process_setup();
-        int port = 0;
-        listener_ = qv_msg_listen("127.0.0.1", 0, &port);
+        listener_ = qv_msg_listen("127.0.0.1", 0, &port_);
         ASSERT_GE(listener_, 0);
         for (int host = 1; host <= 2; ++host) {
-            slaves_[host] = std::make_unique<Peer>(std::vector<std::string>{"slave", std::to_string(port)});
+            slaves_[host] = std::make_unique<Peer>(std::vector<std::string>{"slave", std::to_string(port_)});
             ASSERT_EQ(qv_msg_accept(listener_, uint32_t(host), 10000), 1);
             ASSERT_EQ(slaves_[host]->line(), "host " + std::to_string(host));
         }
@@ -115,15 +110,8 @@ protected:
 
     static Peer& slave(int host) { return *slaves_[host]; }
 
-    static int listen_port()
-    {
-        sockaddr_in address{};
-        socklen_t length = sizeof address;
-        getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
-        return ntohs(address.sin_port);
-    }
-
     static inline int listener_ = -1;
+    static inline int port_ = 0;
     static inline std::unique_ptr<Peer> slaves_[3];
 };
 
@@ -213,7 +201,7 @@ TEST_F(ClusterTest, SlavesReachEachOtherThroughTheMaster)
 
     // A host that is not up is answered for by the master: the fetch fails (and with it the
     // access, fatally) instead of waiting for good.
-    Peer asker({"slave", std::to_string(listen_port())});
+    Peer asker({"slave", std::to_string(port_)});
     ASSERT_EQ(qv_msg_accept(listener_, 3, 10000), 1);
     ASSERT_EQ(asker.line(), "host 3");
     asker.send("fetch 89000400");
@@ -261,7 +249,7 @@ TEST_F(ClusterTest, SlaveKilledMidTransferIsReportedAndTheMasterGoesOn)
     Db_tag big = make_plain(40u << 20, 4);
     Db_tag small = make_plain(2000, 4);
     {
-        Peer doomed({"slave", std::to_string(listen_port())});
+        Peer doomed({"slave", std::to_string(port_)});
         ASSERT_EQ(qv_msg_accept(listener_, 3, 10000), 1);
         ASSERT_EQ(doomed.line(), "host 3");
         doomed.send("fetch " + hex(big));

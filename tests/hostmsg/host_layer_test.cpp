@@ -228,30 +228,20 @@ TEST_F(HostLayerTest, WelcomeAndConnectRulesReportBadInput)
     EXPECT_EQ(info.assigned, 9u);
     EXPECT_FALSE(info.swap);
 
-    struct Case {
-        const char* text;
-        const char* expected;
-    };
-    const Case cases[] = {
+    const std::pair<const char*, const char*> cases[] = {
         {"a:1:2", "N11446 qv_msg_connect: more than one ':' detected. IPv6 addresses must be surround by []."},
         {"[::1", "qv_msg_connect: failed to parse hostname:port from [::1"},
         {"127.0.0.1:", "qv_msg_connect: failed to parse hostname:port from 127.0.0.1:"},
-        {"[::1]:1", "could not connect to host:port [::1]:1 - "},
         {"127.0.0.1:nosuchservice", "nosuchservice/tcp: not a service (check /etc/services)"},
+        {"127.0.0.1", "nosuchservice/tcp: not a service"},   // without a port the environment names it
+        {"[::1]:1", "could not connect to host:port [::1]:1 - "},
     };
-    for (const Case& c : cases) {
-        hostmsg_clear();
-        EXPECT_EQ(qv_msg_connect(c.text), -1) << c.text;
-        EXPECT_EQ(hostmsg_count(c.expected), 1) << c.text;
-    }
-    hostmsg_clear();
-    EXPECT_EQ(qv_msg_connect("[::1]:1"), -1);
-    EXPECT_EQ(hostmsg_count("(IPv6)"), 1);
-
-    // Without a port the environment names the service.
     setenv("QV_QVR3_SERVICE", "nosuchservice", 1);
-    hostmsg_clear();
-    EXPECT_EQ(qv_msg_connect("127.0.0.1"), -1);
-    EXPECT_EQ(hostmsg_count("nosuchservice/tcp: not a service"), 1);
+    for (const auto& [text, expected] : cases) {
+        hostmsg_clear();
+        EXPECT_EQ(qv_msg_connect(text), -1) << text;
+        EXPECT_EQ(hostmsg_count(expected), 1) << text;
+    }
+    EXPECT_EQ(hostmsg_count("(IPv6)"), 1);
     unsetenv("QV_QVR3_SERVICE");
 }

@@ -46,9 +46,7 @@ std::string fetch(Db_tag tag)
     Db_record* record = qv_db_access_record(tag);
     char line[128];
     if (record->type == DB_TYPE_SERIALIZABLE) {
-        auto* blob = dynamic_cast<Blob_element*>(static_cast<QV::DB::Element_base*>(record->data));
-        if (!blob)
-            return "bad element";
+        auto* blob = static_cast<Blob_element*>(static_cast<QV::DB::Element_base*>(record->data));
         std::snprintf(line, sizeof line, "ok63 %zu %llx", blob->bytes.size(),
                       static_cast<unsigned long long>(blob_hash(blob->bytes.data(), blob->bytes.size())));
     } else {
@@ -97,8 +95,6 @@ std::string run(const std::string& command, std::istringstream& words, int liste
         return "ok";
     }
     if (command == "pin" || command == "unpin") {
-        if (!qv_db_remote_hooks().send_pin)
-            return "no hooks";
         qv_db_remote_hooks().send_pin(tag, qv_db_tag_owner(tag), command == "pin");
         return "ok";
     }
@@ -106,9 +102,8 @@ std::string run(const std::string& command, std::istringstream& words, int liste
         qv_db_delete(tag);
         return "ok";
     }
-    if (command == "accept") {
+    if (command == "accept")
         return qv_msg_accept(listener, uint32_t(a), 10000) ? "ok" : "failed";
-    }
     return "unknown command " + command;
 }
 
@@ -116,10 +111,8 @@ std::string run(const std::string& command, std::istringstream& words, int liste
 
 int main(int argc, char** argv)
 {
-    if (argc < 2) {
-        std::fprintf(stderr, "usage: hostmsg_peer slave <port> | master\n");
+    if (argc < 2)
         return 2;
-    }
     mem_set_hooks(malloc, realloc, free);
     thread_system_init();
     qv_errorhandler(print_line);
