@@ -64,6 +64,15 @@ TEST_F(Limits_test, SettingRespectsPriorityAndKeepsLowAtThreeQuarters)
     EXPECT_EQ(mem_set_heap_limit(0, 6), 400 * MB);
     EXPECT_EQ(mem_heap_limit_bytes(), 0u);
     EXPECT_EQ(mem_heap_low_bytes(), 0u);
+
+    // Without a registry entry the limit is the free memory, at priority 1.
+    mem_testing_reset_limits();
+    mem_set_limit_from_registry(5);
+    // Free memory moves between the two readings; a few MB either way.
+    EXPECT_NEAR(double(mem_heap_limit_bytes()), double(mem_physical(2)), double(64 * MB));
+    EXPECT_EQ(mem_set_heap_limit(100 * MB, 0), 0u);
+    EXPECT_NE(mem_set_heap_limit(100 * MB, 1), 0u);
+    EXPECT_EQ(mem_heap_limit_bytes(), 100 * MB);
 }
 
 TEST_F(Limits_test, FlushVisitsModulesInOrderWithJobLastAndStopsAtTheTarget)
@@ -91,6 +100,14 @@ TEST_F(Limits_test, FlushVisitsModulesInOrderWithJobLastAndStopsAtTheTarget)
     g_called.clear();
     EXPECT_EQ(mem_flush_to(uint64_t(600 * WORDS_PER_MB)), 0u);
     EXPECT_TRUE(g_called.empty());
+
+    // An allocation over the limit flushes down to the low mark (here 300 of 500 MB).
+    g_free_words_on_call[MOD_PHEN] = 200 * WORDS_PER_MB;
+    mem_set_heap_limit(400 * MB, 6);
+    void* p = mem_alloc("t", 1, 20000);
+    EXPECT_EQ(g_called, std::vector<int>{MOD_PHEN});
+    mem_testing_adjust_total(200 * WORDS_PER_MB);
+    mem_free("t", 1, p);
 }
 
 TEST_F(Limits_test, FailedAllocationAtThreeHundredTwentyLowersTheLimitOnceWithOneHint)
@@ -133,29 +150,6 @@ TEST_F(Limits_test, TenFailedAttemptsEndInTheFatalOfMem)
     EXPECT_EQ(last.level, MSG_FATAL);
     EXPECT_EQ(last.text, "can't allocate 123456 bytes.");
     EXPECT_EQ(last.line.rfind("MEM ", 0), 0u) << last.line;
-}
-
-TEST_F(Limits_test, HeapPathOverTheLimitFlushesToTheLowMark)
-{
-    register_all();
-    g_free_words_on_call[MOD_PHEN] = 200 * WORDS_PER_MB;
-    mem_set_heap_limit(400 * MB, 6);
-    Total_at total(450);
-    void* p = mem_alloc("t", 1, 20000);
-    EXPECT_EQ(g_called, std::vector<int>{MOD_PHEN});
-    mem_testing_adjust_total(200 * WORDS_PER_MB);
-    mem_free("t", 1, p);
-}
-
-TEST_F(Limits_test, WithoutARegistryEntryTheLimitIsTheFreeMemoryAtLowestPriority)
-{
-    mem_set_limit_from_registry(5);
-    // Free memory moves between the two readings; a few MB either way.
-    EXPECT_NEAR(double(mem_heap_limit_bytes()), double(mem_physical(2)), double(64 * MB));
-    // It was set at priority 1: a setting at 0 does not replace it, one at 1 does.
-    EXPECT_EQ(mem_set_heap_limit(100 * MB, 0), 0u);
-    EXPECT_NE(mem_set_heap_limit(100 * MB, 1), 0u);
-    EXPECT_EQ(mem_heap_limit_bytes(), 100 * MB);
 }
 
 }  // namespace
