@@ -58,20 +58,6 @@ public:
     }
 };
 
-bool offered_for_flush(Db_tag tag)
-{
-    bool found = false;
-    std::pair<Db_tag, bool*> wanted{tag, &found};
-    qv_db_flush_walk(
-        [](void* user, void*, Db_flush_entry* entries, int count, Db_thread_list*) {
-            auto* want = static_cast<std::pair<Db_tag, bool*>*>(user);
-            for (int i = 0; i < count; ++i)
-                *want->second = *want->second || entries[i].tag == want->first;
-        },
-        &wanted, nullptr);
-    return found;
-}
-
 }  // namespace
 
 class ClusterTest : public ::testing::Test {
@@ -212,11 +198,11 @@ TEST_F(ClusterTest, SlavesReachEachOtherThroughTheMaster)
 TEST_F(ClusterTest, NetworkPinKeepsATrackedElementFromTheFlush)
 {
     Db_tag tag = make_plain(64, 3, POLYGON);
-    ASSERT_TRUE(offered_for_flush(tag));
+    ASSERT_TRUE(probe_record(tag).offered);
     ASSERT_EQ(slave(1).ask("pin " + hex(tag)), "ok");
-    EXPECT_TRUE(wait_until([&] { return !offered_for_flush(tag); }));
+    EXPECT_TRUE(wait_until([&] { return !probe_record(tag).offered; }));
     ASSERT_EQ(slave(1).ask("unpin " + hex(tag)), "ok");
-    EXPECT_TRUE(wait_until([&] { return offered_for_flush(tag); }));
+    EXPECT_TRUE(wait_until([&] { return probe_record(tag).offered; }));
 }
 
 TEST_F(ClusterTest, ClusterLockIsHeldByOneSlaveAtATime)
