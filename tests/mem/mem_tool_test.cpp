@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <string>
 #include <unistd.h>
 
@@ -42,9 +42,7 @@ protected:
     static std::string slurp(const std::string& path)
     {
         std::ifstream file(path, std::ios::binary);
-        std::stringstream bytes;
-        bytes << file.rdbuf();
-        return bytes.str();
+        return {std::istreambuf_iterator<char>(file), {}};
     }
     std::string dir_;
     std::string input_;
