@@ -89,19 +89,10 @@ TEST_F(HostLayerTest, HeaderSwapReversesEveryFieldOfTheThirtySixBytes)
 {
     Db_net_header header{0x01020304, 0x05060708, 0x090A0B0C, 0x0D0E0F10, 0x11121314, 0x15161718, 0x191A1B1C,
                          0x1D, 0x1E, 0x1F, 0x20, 0x2122, 0x23, 0x24};
-    Db_net_header swapped = header;
-    EXPECT_EQ(qv_scene_swap_layout(&swapped, DB_NET_HEADER_LAYOUT), DB_NET_HEADER_BYTES);
-    EXPECT_EQ(uint32_t(swapped.opcode), 0x04030201u);
-    EXPECT_EQ(swapped.total, 0x08070605u);
-    EXPECT_EQ(swapped.tag, 0x0C0B0A09u);
-    EXPECT_EQ(swapped.piece, 0x100F0E0Du);
-    EXPECT_EQ(swapped.length, 0x14131211u);
-    EXPECT_EQ(swapped.stamp, 0x18171615u);
-    EXPECT_EQ(swapped.reserved, 0x1C1B1A19u);
-    EXPECT_EQ(std::memcmp(&swapped.type, &header.type, 4), 0);
-    EXPECT_EQ(swapped.count, 0x2221);
-    EXPECT_EQ(swapped.host, 0x23);
-    EXPECT_EQ(swapped.last, 0x24);
+    const Db_net_header expected{0x04030201, 0x08070605, 0x0C0B0A09, 0x100F0E0D, 0x14131211, 0x18171615,
+                                 0x1C1B1A19, 0x1D, 0x1E, 0x1F, 0x20, 0x2221, 0x23, 0x24};
+    EXPECT_EQ(qv_scene_swap_layout(&header, DB_NET_HEADER_LAYOUT), DB_NET_HEADER_BYTES);
+    EXPECT_EQ(std::memcmp(&header, &expected, DB_NET_HEADER_BYTES), 0);
 }
 
 TEST_F(HostLayerTest, HandlerReportsBadMessagesAndDoesNothingElse)
@@ -237,30 +228,20 @@ TEST_F(HostLayerTest, WelcomeAndConnectRulesReportBadInput)
     EXPECT_EQ(info.assigned, 9u);
     EXPECT_FALSE(info.swap);
 
-    struct Case {
-        const char* text;
-        const char* expected;
-    };
-    const Case cases[] = {
+    const std::pair<const char*, const char*> cases[] = {
         {"a:1:2", "N11446 qv_msg_connect: more than one ':' detected. IPv6 addresses must be surround by []."},
         {"[::1", "qv_msg_connect: failed to parse hostname:port from [::1"},
         {"127.0.0.1:", "qv_msg_connect: failed to parse hostname:port from 127.0.0.1:"},
-        {"[::1]:1", "could not connect to host:port [::1]:1 - "},
         {"127.0.0.1:nosuchservice", "nosuchservice/tcp: not a service (check /etc/services)"},
+        {"127.0.0.1", "nosuchservice/tcp: not a service"},   // without a port the environment names it
+        {"[::1]:1", "could not connect to host:port [::1]:1 - "},
     };
-    for (const Case& c : cases) {
-        hostmsg_clear();
-        EXPECT_EQ(qv_msg_connect(c.text), -1) << c.text;
-        EXPECT_EQ(hostmsg_count(c.expected), 1) << c.text;
-    }
-    hostmsg_clear();
-    EXPECT_EQ(qv_msg_connect("[::1]:1"), -1);
-    EXPECT_EQ(hostmsg_count("(IPv6)"), 1);
-
-    // Without a port the environment names the service.
     setenv("QV_QVR3_SERVICE", "nosuchservice", 1);
-    hostmsg_clear();
-    EXPECT_EQ(qv_msg_connect("127.0.0.1"), -1);
-    EXPECT_EQ(hostmsg_count("nosuchservice/tcp: not a service"), 1);
+    for (const auto& [text, expected] : cases) {
+        hostmsg_clear();
+        EXPECT_EQ(qv_msg_connect(text), -1) << text;
+        EXPECT_EQ(hostmsg_count(expected), 1) << text;
+    }
+    EXPECT_EQ(hostmsg_count("(IPv6)"), 1);
     unsetenv("QV_QVR3_SERVICE");
 }

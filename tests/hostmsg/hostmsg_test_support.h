@@ -15,7 +15,7 @@
 #include <mutex>
 #include <poll.h>
 #include <spawn.h>
-#include <sstream>
+#include <iterator>
 #include <string>
 #include <sys/wait.h>
 #include <thread>
@@ -200,9 +200,7 @@ public:
     std::string messages() const
     {
         std::ifstream file(err_path_);
-        std::stringstream text;
-        text << file.rdbuf();
-        return text.str();
+        return {std::istreambuf_iterator<char>(file), {}};
     }
 
     // Orderly end: "exit" and a bounded wait, else killed.

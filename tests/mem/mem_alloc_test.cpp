@@ -1,5 +1,6 @@
 // The front layer and the block allocator on one thread: where a size goes, zeroing, realloc
 // across allocators, accounts, and sizes that cannot be served.
+#include <algorithm>
 #include <cstring>
 #include <sys/wait.h>
 
@@ -13,10 +14,7 @@ using Alloc_test = Mem_test;
 bool all_zero(const void* p, size_t size)
 {
     const auto* bytes = static_cast<const unsigned char*>(p);
-    for (size_t i = 0; i < size; ++i)
-        if (bytes[i])
-            return false;
-    return true;
+    return std::all_of(bytes, bytes + size, [](unsigned char byte) { return byte == 0; });
 }
 
 TEST_F(Alloc_test, SizeDecidesBetweenBlockAllocatorAndHeap)

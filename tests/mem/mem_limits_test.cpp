@@ -1,6 +1,9 @@
-// Heap limits, the flush protocol and the failure step.
+// Heap limits (set, from the registry), the flush protocol with the database as a client, and
+// the failure step.
 #include <vector>
 
+#include "database/db.h"
+#include "runtime/registry.h"
 #include "tests/mem/mem_fixture.h"
 
 namespace {
@@ -25,36 +28,17 @@ private:
 std::vector<int> g_called;
 int64_t g_free_words_on_call[MODULE_TABLE_ROWS];
 
-size_t recording_flush(int id)
+template <int Id>
+size_t flush_of(size_t)
 {
-    g_called.push_back(id);
-    mem_testing_adjust_total(-g_free_words_on_call[id]);
-    return size_t(g_free_words_on_call[id] * 8);
+    g_called.push_back(Id);
+    mem_testing_adjust_total(-g_free_words_on_call[Id]);
+    return size_t(g_free_words_on_call[Id] * 8);
 }
 
-template <int Id>
-size_t flush_of(size_t) { return recording_flush(Id); }
+using Limits_test = Mem_test;
 
-class Limits_test : public Mem_test {
-protected:
-    void TearDown() override
-    {
-        for (int id : {MOD_PHEN, MOD_GAPDI, MOD_JOB, MOD_IBL})
-            mem_register_flush(id, nullptr);
-        g_called.clear();
-        std::fill(std::begin(g_free_words_on_call), std::end(g_free_words_on_call), 0);
-        Mem_test::TearDown();
-    }
-    void register_all()
-    {
-        mem_register_flush(MOD_PHEN, flush_of<MOD_PHEN>);
-        mem_register_flush(MOD_GAPDI, flush_of<MOD_GAPDI>);
-        mem_register_flush(MOD_JOB, flush_of<MOD_JOB>);
-        mem_register_flush(MOD_IBL, flush_of<MOD_IBL>);
-    }
-};
-
-TEST_F(Limits_test, SettingRespectsPriorityAndKeepsLowAtThreeQuarters)
+TEST_F(Limits_test, SettingRespectsPriorityKeepsLowAtThreeQuartersAndReadsTheRegistry)
 {
     EXPECT_EQ(mem_set_heap_limit(400 * MB, 5), 0u);
     EXPECT_EQ(mem_heap_limit_bytes(), 400 * MB);
@@ -64,11 +48,60 @@ TEST_F(Limits_test, SettingRespectsPriorityAndKeepsLowAtThreeQuarters)
     EXPECT_EQ(mem_set_heap_limit(0, 6), 400 * MB);
     EXPECT_EQ(mem_heap_limit_bytes(), 0u);
     EXPECT_EQ(mem_heap_low_bytes(), 0u);
+
+    // Without a registry entry the limit is the free memory, at priority 1.
+    mem_testing_reset_limits();
+    mem_set_limit_from_registry(5);
+    // Free memory moves between the two readings; a few MB either way.
+    EXPECT_NEAR(double(mem_heap_limit_bytes()), double(mem_physical(2)), double(64 * MB));
+    EXPECT_EQ(mem_set_heap_limit(100 * MB, 0), 0u);
+    EXPECT_NE(mem_set_heap_limit(100 * MB, 1), 0u);
+    EXPECT_EQ(mem_heap_limit_bytes(), 100 * MB);
+
+    // The entry "{_QV_REG_MEMORY_LIMIT}" holds a value in MB; a negative one clears the limit.
+    const bool started = registry_started();
+    if (!started)
+        registry_init();
+    struct Case {
+        const char* value;
+        uint32_t priority;
+        uint64_t limit_bytes;
+        const char* warning;  // or null
+    } cases[] = {
+        {"300", 4, 300 * MB, nullptr},
+        {"0", 2, 0, nullptr},
+        {"-5", 4, 0, "_QV_REG_MEMORY_LIMIT: -5 is not a valid memory limit"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.value);
+        mem_testing_reset_limits();
+        mem_set_heap_limit(123 * MB, 0);
+        ASSERT_EQ(registry_begin("{_QV_REG_MEMORY_LIMIT}"), 1);
+        ASSERT_TRUE(registry_add("{_QV_REG_MEMORY_LIMIT}", "value", c.value));
+        Line_capture capture;
+        mem_set_limit_from_registry(c.priority);
+        EXPECT_EQ(mem_heap_limit_bytes(), c.limit_bytes);
+        EXPECT_EQ(capture.count_text(c.warning ? c.warning : "no such line"), c.warning ? 1 : 0);
+        // A valid value is set at the caller's priority: a lower one cannot replace it.
+        if (!c.warning && c.priority > 1) {
+            mem_set_heap_limit(77 * MB, 1);
+            EXPECT_EQ(mem_heap_limit_bytes(), c.limit_bytes);
+        }
+    }
+    // Later tests see the registry as they would have without this one.
+    if (started)
+        registry_begin("{_QV_REG_MEMORY_LIMIT}");
+    else
+        registry_exit();
+    mem_testing_reset_limits();
 }
 
 TEST_F(Limits_test, FlushVisitsModulesInOrderWithJobLastAndStopsAtTheTarget)
 {
-    register_all();
+    const int ids[] = {MOD_PHEN, MOD_GAPDI, MOD_JOB, MOD_IBL};
+    size_t (*const flushes[])(size_t) = {flush_of<MOD_PHEN>, flush_of<MOD_GAPDI>, flush_of<MOD_JOB>, flush_of<MOD_IBL>};
+    for (int i = 0; i < 4; ++i)
+        mem_register_flush(ids[i], flushes[i]);
     Total_at total(500);
     // Nobody frees enough: every module is asked, JOB after the highest id.
     mem_flush_to(uint64_t(400 * WORDS_PER_MB));
@@ -91,6 +124,18 @@ TEST_F(Limits_test, FlushVisitsModulesInOrderWithJobLastAndStopsAtTheTarget)
     g_called.clear();
     EXPECT_EQ(mem_flush_to(uint64_t(600 * WORDS_PER_MB)), 0u);
     EXPECT_TRUE(g_called.empty());
+
+    // An allocation over the limit flushes down to the low mark (here 300 of 500 MB).
+    g_free_words_on_call[MOD_PHEN] = 200 * WORDS_PER_MB;
+    mem_set_heap_limit(400 * MB, 6);
+    void* p = mem_alloc("t", 1, 20000);
+    EXPECT_EQ(g_called, std::vector<int>{MOD_PHEN});
+    mem_testing_adjust_total(200 * WORDS_PER_MB);
+    mem_free("t", 1, p);
+    for (int id : ids)
+        mem_register_flush(id, nullptr);
+    g_called.clear();
+    g_free_words_on_call[MOD_PHEN] = 0;
 }
 
 TEST_F(Limits_test, FailedAllocationAtThreeHundredTwentyLowersTheLimitOnceWithOneHint)
@@ -135,27 +180,35 @@ TEST_F(Limits_test, TenFailedAttemptsEndInTheFatalOfMem)
     EXPECT_EQ(last.line.rfind("MEM ", 0), 0u) << last.line;
 }
 
-TEST_F(Limits_test, HeapPathOverTheLimitFlushesToTheLowMark)
+// The database's flush callback takes its oldest unpinned data, and only as much as asked.
+TEST_F(Limits_test, DatabaseFlushEvictsUnpinnedDataUntilTheTargetIsReached)
 {
-    register_all();
-    g_free_words_on_call[MOD_PHEN] = 200 * WORDS_PER_MB;
-    mem_set_heap_limit(400 * MB, 6);
-    Total_at total(450);
-    void* p = mem_alloc("t", 1, 20000);
-    EXPECT_EQ(g_called, std::vector<int>{MOD_PHEN});
-    mem_testing_adjust_total(200 * WORDS_PER_MB);
-    mem_free("t", 1, p);
-}
-
-TEST_F(Limits_test, WithoutARegistryEntryTheLimitIsTheFreeMemoryAtLowestPriority)
-{
-    mem_set_limit_from_registry(5);
-    // Free memory moves between the two readings; a few MB either way.
-    EXPECT_NEAR(double(mem_heap_limit_bytes()), double(mem_physical(2)), double(64 * MB));
-    // It was set at priority 1: a setting at 0 does not replace it, one at 1 does.
-    EXPECT_EQ(mem_set_heap_limit(100 * MB, 0), 0u);
-    EXPECT_NE(mem_set_heap_limit(100 * MB, 1), 0u);
-    EXPECT_EQ(mem_heap_limit_bytes(), 100 * MB);
+    // In a fresh child: the database is started for this case only, and no cache or buffer
+    // left by an earlier case in this process answers the flush before the database does.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            msg_set_host_number(0);
+            thread_context()->host_number = 0;
+            qv_db_init();
+            const int type = 14;
+            bool ok = qv_db_type_tracked(type);
+            Db_tag tags[8];
+            for (Db_tag& tag : tags) {
+                qv_db_create(&tag, type, 1 << 20);
+                qv_db_unpin(tag);
+            }
+            // One of them stays pinned: it must survive whatever is asked.
+            Db_tag pinned = tags[0];
+            qv_db_access(pinned);
+            uint64_t before = mem_current_bytes() / 8;
+            uint64_t freed = mem_flush_to(before - (uint64_t(3) << 17));
+            ok = ok && freed >= (uint64_t(3) << 17) && freed < (uint64_t(5) << 17);
+            uint64_t all = mem_flush_to(0);
+            ok = ok && freed + all < (uint64_t(8) << 17) && freed + all >= (uint64_t(7) << 17);
+            _exit(ok ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

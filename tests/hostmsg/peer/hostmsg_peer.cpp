@@ -4,7 +4,7 @@
 //     hostmsg_peer slave <port>     joins the master on 127.0.0.1:<port>
 //     hostmsg_peer master           listens on 127.0.0.1; prints "port <n>"
 //
-// Commands: make <size> <seed> | make63 <size> <seed> | fetch <tag> | type <tag> | state <tag> |
+// Commands: make <size> <seed> | fetch <tag> | type <tag> | state <tag> |
 // write <tag> <byte> | lock <tag> | unlock <tag> | pin <tag> | unpin <tag> | delete <tag> |
 // accept <host> | exit
 #include <cstdio>
@@ -19,7 +19,6 @@
 #include "database/db.h"
 #include "database/host_messaging.h"
 #include "database/job.h"
-#include "database/transaction.h"
 #include "runtime/msg.h"
 #include "runtime/threads.h"
 #include "tests/hostmsg/peer/blob_element.h"
@@ -47,9 +46,7 @@ std::string fetch(Db_tag tag)
     Db_record* record = qv_db_access_record(tag);
     char line[128];
     if (record->type == DB_TYPE_SERIALIZABLE) {
-        auto* blob = dynamic_cast<Blob_element*>(static_cast<QV::DB::Element_base*>(record->data));
-        if (!blob)
-            return "bad element";
+        auto* blob = static_cast<Blob_element*>(static_cast<QV::DB::Element_base*>(record->data));
         std::snprintf(line, sizeof line, "ok63 %zu %llx", blob->bytes.size(),
                       static_cast<unsigned long long>(blob_hash(blob->bytes.data(), blob->bytes.size())));
     } else {
@@ -66,25 +63,9 @@ std::string run(const std::string& command, std::istringstream& words, int liste
     Db_tag tag = Db_tag(a);
     char line[128];
     if (command == "make") {
-        // `a` bytes (0 makes an attached empty block), pattern `b`.
+        // `a` bytes, pattern `b`.
         Db_tag made = 0;
-        if (a == 0) {
-            void* block = qv_db_create(&made, 0, 1);
-            static uint8_t empty[1];
-            qv_db_attach(made, empty, 0);
-            QV_FREE(block);
-        } else {
-            blob_fill(static_cast<uint8_t*>(qv_db_create(&made, 0, uint32_t(a))), size_t(a), uint32_t(b));
-        }
-        std::snprintf(line, sizeof line, "ok %x", made);
-        return line;
-    }
-    if (command == "make63") {
-        auto* blob = new Blob_element();
-        blob->bytes.resize(size_t(a));
-        blob_fill(blob->bytes.data(), blob->bytes.size(), uint32_t(b));
-        Db_tag made = 0;
-        QV::DB::get_transaction()->store(&made, blob, nullptr);
+        blob_fill(static_cast<uint8_t*>(qv_db_create(&made, 0, uint32_t(a))), size_t(a), uint32_t(b));
         std::snprintf(line, sizeof line, "ok %x", made);
         return line;
     }
@@ -114,8 +95,6 @@ std::string run(const std::string& command, std::istringstream& words, int liste
         return "ok";
     }
     if (command == "pin" || command == "unpin") {
-        if (!qv_db_remote_hooks().send_pin)
-            return "no hooks";
         qv_db_remote_hooks().send_pin(tag, qv_db_tag_owner(tag), command == "pin");
         return "ok";
     }
@@ -123,9 +102,8 @@ std::string run(const std::string& command, std::istringstream& words, int liste
         qv_db_delete(tag);
         return "ok";
     }
-    if (command == "accept") {
+    if (command == "accept")
         return qv_msg_accept(listener, uint32_t(a), 10000) ? "ok" : "failed";
-    }
     return "unknown command " + command;
 }
 
@@ -133,10 +111,8 @@ std::string run(const std::string& command, std::istringstream& words, int liste
 
 int main(int argc, char** argv)
 {
-    if (argc < 2) {
-        std::fprintf(stderr, "usage: hostmsg_peer slave <port> | master\n");
+    if (argc < 2)
         return 2;
-    }
     mem_set_hooks(malloc, realloc, free);
     thread_system_init();
     qv_errorhandler(print_line);

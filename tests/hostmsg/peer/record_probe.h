@@ -10,6 +10,7 @@ struct Record_probe {
     bool called = false;
     int state = 0;
     bool has_data = false;
+    bool offered = false;   // among the entries the flush is offered
 };
 
 inline Record_probe probe_record(Db_tag tag)
@@ -18,9 +19,11 @@ inline Record_probe probe_record(Db_tag tag)
     // The walk skips its callback while the thread list is busy; that never lasts.
     while (!probe.called) {
         qv_db_flush_walk(
-            [](void* user, void*, Db_flush_entry*, int, Db_thread_list*) {
+            [](void* user, void*, Db_flush_entry* entries, int count, Db_thread_list*) {
                 auto* out = static_cast<Record_probe*>(user);
                 out->called = true;
+                for (int i = 0; i < count; ++i)
+                    out->offered = out->offered || entries[i].tag == out->tag;
                 if (Db_record* record = qv_db_peek(out->tag)) {
                     out->state = record->state;
                     out->has_data = record->data != nullptr;
