@@ -60,6 +60,7 @@ TEST_F(SubstituteTest, VariablesAndRulesNameInputsAndOutputAndTheirFaultsAreRepo
     EXPECT_EQ(classic_count("back.fg"), 5u);
 
     // Rules rewrite names.
+    unlink(dir.file("out.fg").c_str());
     r = run_tool({"-l", "on", "data:a.fg", "data:b.tmp", "data:out.fg"}, "",
                              {"FGDIR=" + dir.path(), "QV_RAY_SUBSTITUTE=|^data:|${FGDIR}/| /.tmp$/.fg/"});
     EXPECT_EQ(r.exit_code, 0) << r.err;
