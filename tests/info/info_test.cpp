@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstring>
@@ -175,35 +176,30 @@ TEST_P(InfoSummaryTest, NumbersEqualThoseOfTheWrittenPoints)
 
     // Every number against the same number taken from the written records: bounds, irradiance
     // channels (min mean max) and the ray total.
-    auto range = [&](auto field) {
-        double low = std::numeric_limits<double>::max(), high = -low, sum = 0.0;
-        for (const Record& rec : records) {
-            low = std::min(low, double(field(rec)));
-            high = std::max(high, double(field(rec)));
-            sum += field(rec);
-        }
-        return std::vector<double>{low, sum / double(records.size()), high};
-    };
-    const std::vector<double> bounds_min = numbers(fields["bounds min"]), bounds_max = numbers(fields["bounds max"]);
-    ASSERT_EQ(bounds_min.size(), 3u);
-    ASSERT_EQ(bounds_max.size(), 3u);
-    for (int a = 0; a < 3; ++a) {
-        const std::vector<double> axis = range([a](const Record& rec) { return rec.position[a]; });
-        EXPECT_EQ(float(bounds_min[a]), float(axis[0]));
-        EXPECT_EQ(float(bounds_max[a]), float(axis[2]));
-    }
+    double low[7], high[7], sum[7] = {};  // x y z, then irradiance r g b a
+    std::fill(low, low + 7, std::numeric_limits<double>::max());
+    std::fill(high, high + 7, -std::numeric_limits<double>::max());
     uint64_t rays = 0;
-    for (const Record& rec : records)
+    for (const Record& rec : records) {
         rays += rec.rays;
+        for (int k = 0; k < 7; ++k) {
+            const double v = k < 3 ? rec.position[k] : rec.irrad[k - 3];
+            low[k] = std::min(low[k], v);
+            high[k] = std::max(high[k], v);
+            sum[k] += v;
+        }
+    }
     EXPECT_EQ(fields["rays"], std::to_string(rays));
+    const std::vector<double> bounds_min = numbers(fields["bounds min"]), bounds_max = numbers(fields["bounds max"]);
+    ASSERT_TRUE(bounds_min.size() == 3 && bounds_max.size() == 3);
+    for (int a = 0; a < 3; ++a)
+        EXPECT_TRUE(float(bounds_min[a]) == float(low[a]) && float(bounds_max[a]) == float(high[a])) << a;
     const char* channels[4] = {"red", "green", "blue", "alpha"};
     for (int ch = 0; ch < 4; ++ch) {
         const std::vector<double> v = numbers(fields[std::string("irradiance ") + channels[ch]]);
-        const std::vector<double> expected = range([ch](const Record& rec) { return rec.irrad[ch]; });
         ASSERT_EQ(v.size(), 3u) << channels[ch];
-        EXPECT_EQ(float(v[0]), float(expected[0]));
-        EXPECT_NEAR(v[1], expected[1], 1e-6);
-        EXPECT_EQ(float(v[2]), float(expected[2]));
+        EXPECT_TRUE(float(v[0]) == float(low[3 + ch]) && float(v[2]) == float(high[3 + ch])) << channels[ch];
+        EXPECT_NEAR(v[1], sum[3 + ch] / double(records.size()), 1e-6);
     }
 
     // Fewer points than the sample size: every point is sampled.
@@ -211,14 +207,11 @@ TEST_P(InfoSummaryTest, NumbersEqualThoseOfTheWrittenPoints)
     for (size_t i = 0; i < records.size(); ++i) {
         double best = std::numeric_limits<double>::max();
         for (size_t j = 0; j < records.size(); ++j) {
-            if (i == j)
-                continue;
             double d2 = 0.0;
-            for (int a = 0; a < 3; ++a) {
-                const double d = double(records[i].position[a]) - records[j].position[a];
-                d2 += d * d;
-            }
-            best = std::min(best, d2);
+            for (int a = 0; a < 3; ++a)
+                d2 += std::pow(double(records[i].position[a]) - records[j].position[a], 2);
+            if (i != j)
+                best = std::min(best, d2);
         }
         distance_sum += std::sqrt(best);
     }

@@ -86,7 +86,7 @@ TEST_F(EndToEndTest, LegacyOutputFollowsTheBalancedTree)
 
 // A missing input is reported at the info level only; an input listed twice loads twice, and a
 // box that is no box is reported and selects nothing away.
-TEST_F(EndToEndTest, MissingInputIsSkippedInputsAccumulateAndABadBoxIsIgnored)
+TEST_F(EndToEndTest, MissingInputIsSkippedInputsAccumulateABadBoxIsIgnoredAndAMissingOutputDirIsReported)
 {
     expect_classic_header(run_legacy({dir.file("missing.fg"), input, input, output}), 80);
     EXPECT_EQ(last_err, "");
@@ -94,6 +94,15 @@ TEST_F(EndToEndTest, MissingInputIsSkippedInputsAccumulateAndABadBoxIsIgnored)
     EXPECT_EQ(last_err,
               "MAIN 0.0  error: bad box option: -b 1.000000 0.000000 0.000000 0.000000 1.000000 1.000000, "
               "ignoring\n");
+
+    // An output in a missing directory is reported, and the run still ends with 0.
+    output = dir.file("no/such/dir/out.fg");
+    Tool_result r = run_tool({"-l", "on", input, output});
+    EXPECT_EQ(r.exit_code, 0);
+    EXPECT_NE(r.err.find("cannot save finalgather map"), std::string::npos) << r.err;
+    r = run_tool({input, output});
+    EXPECT_EQ(r.exit_code, 0);
+    EXPECT_NE(r.err.find("cannot open map file"), std::string::npos) << r.err;
 }
 
 TEST_F(EndToEndTest, BoxKeepsFacesInsideAndNanOutsideAndComesBeforeTheMerge)
@@ -152,15 +161,4 @@ TEST_F(EndToEndTest, MergeDistanceThatIsNoPositiveNumberMergesNothing)
     EXPECT_EQ(run_legacy({"-f", "0.1", input, output}).count, 2u);
     for (const char* distance : {"0", "abc", "-1"})
         EXPECT_EQ(run_legacy({"-f", distance, input, output}).count, 3u) << distance;
-}
-
-TEST_F(EndToEndTest, OutputInAMissingDirectoryIsReportedWithExitZero)
-{
-    output = dir.file("no/such/dir/out.fg");
-    Tool_result r = run_tool({"-l", "on", input, output});
-    EXPECT_EQ(r.exit_code, 0);
-    EXPECT_NE(r.err.find("cannot save finalgather map"), std::string::npos) << r.err;
-    r = run_tool({input, output});
-    EXPECT_EQ(r.exit_code, 0);
-    EXPECT_NE(r.err.find("cannot open map file"), std::string::npos) << r.err;
 }
