@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <condition_variable>
-#include <cstdio>
 #include <cstring>
 #include <mutex>
 #include <optional>
@@ -98,16 +97,12 @@ protected:
                                  [&](const Collected_line& line) { return line.number == number; }));
     }
 
-    // True when some captured line is exactly the formatted text.
-    template <class... Args>
-    static bool has_line(const char* format, Args... args)
+    // True when some captured line is exactly `text`.
+    static bool has_text(const std::string& text)
     {
-        char line[256];
-        std::snprintf(line, sizeof line, format, args...);
         return std::any_of(db_messages().begin(), db_messages().end(),
-                           [&](const Collected_line& message) { return message.text == line; });
+                           [&](const Collected_line& message) { return message.text == text; });
     }
-    static bool has_text(const std::string& text) { return has_line("%s", text.c_str()); }
 
     // Count of captured errors whose text contains `fragment`; "" counts every error.
     static int errors_with(const std::string& fragment) { return Msg_collect::count(MSG_ERROR, fragment); }

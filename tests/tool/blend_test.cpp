@@ -57,7 +57,7 @@ TEST_F(BlendTest, GradientsUseFirstOperandFrameAndItsWeightOnly)
     }
 }
 
-TEST_F(BlendTest, WeightsAreUnsignedRayCountsAndOpposedNormalsCancel)
+TEST_F(BlendTest, WeightsAreUnsignedRayCountsOpposedNormalsCancelAndNanDistanceGivesWay)
 {
     // A zero first weight gives the second point's fields, with zero gradients.
     Fg_point a = make_point(1.0f, 2.0f, 3.0f, 0.6f, 0.0f, 0.8f, 0);
@@ -86,18 +86,13 @@ TEST_F(BlendTest, WeightsAreUnsignedRayCountsAndOpposedNormalsCancel)
     a.rays = b.rays = 0;
     blend_points(&out, &a, &b);
     EXPECT_TRUE(std::isnan(out.position[0]) && std::isnan(out.irrad[3]) && std::isnan(out.r_mean));
-}
 
-TEST_F(BlendTest, NanDistanceTakesTheOtherSideAndZeroMeanGivesZero)
-{
-    Fg_point a = make_point(0, 0, 0, 0, 0, 1, 1);
-    Fg_point b = a;
+    // A NaN distance takes the other side's distance and direction; a zero mean gives zero.
+    a = b = make_point(0, 0, 0, 0, 0, 1, 1);
     a.min_dist = std::nanf("");
     b.min_dist = 2.0f;
-    b.min_dist_dir[0] = 0.0f;
     b.min_dist_dir[2] = 1.0f;
     a.r_mean = 0.0f;
-    Fg_point out;
     blend_points(&out, &a, &b);
     EXPECT_EQ(out.min_dist, 2.0f);
     EXPECT_EQ(std::memcmp(out.min_dist_dir, b.min_dist_dir, sizeof b.min_dist_dir), 0);
@@ -115,8 +110,7 @@ TEST_F(BlendTest, OutputMayAliasAnOperandAndUnassignedFieldsAreZero)
     Fg_point separate;
     std::memset(&separate, 0xAB, sizeof separate);
     blend_points(&separate, &a, &b);
-    EXPECT_TRUE(separate.point_id == 0 && separate.reserved[0] == 0 && separate.reserved[1] == 0);
-    EXPECT_EQ(separate.trailing, 0u);
+    EXPECT_TRUE(separate.point_id == 0 && separate.reserved[0] == 0 && separate.reserved[1] == 0 && separate.trailing == 0);
 
     Fg_point into_a = a, into_b = b;
     blend_points(&into_a, &into_a, &b);

@@ -30,30 +30,25 @@ inline Classic_point make_point(float x, float y, float z, uint32_t rays, int32_
     return p;
 }
 
-inline uint32_t swap32(uint32_t u) { return __builtin_bswap32(u); }
-
 // The 120-byte header followed by the records (any type whose first 104 bytes are a record);
-// `foreign` writes big-endian, `stored_count` overrides the count word (for files that lie about it).
+// `foreign` writes big-endian.
 template <class Point>
-std::string classic_bytes(const std::vector<Point>& points, uint32_t version = 1, bool foreign = false,
-                          int64_t stored_count = -1)
+std::string classic_bytes(const std::vector<Point>& points, uint32_t version = 1, bool foreign = false)
 {
     static_assert(sizeof(Point) >= 104);
-    auto word = [foreign](uint32_t u) { return foreign ? swap32(u) : u; };
+    auto word = [foreign](uint32_t u) { return foreign ? __builtin_bswap32(u) : u; };
     std::string out(120, '\0');
     std::memcpy(&out[0], "qvFG    3.9.4.14", 16);
     std::memcpy(&out[32], "qvFH", 4);
-    uint32_t head[2] = {word(1), word(version)};
+    const uint32_t head[2] = {word(1), word(version)}, count = word(uint32_t(points.size()));
     std::memcpy(&out[36], head, 8);
-    uint32_t count = word(stored_count < 0 ? uint32_t(points.size()) : uint32_t(stored_count));
     std::memcpy(&out[96], &count, 4);
     for (const Point& p : points) {
         uint32_t words[26];
         std::memcpy(words, &p, sizeof words);
-        for (uint32_t w : words) {
-            uint32_t v = word(w);
-            out.append(reinterpret_cast<const char*>(&v), 4);
-        }
+        for (uint32_t& w : words)
+            w = word(w);
+        out.append(reinterpret_cast<const char*>(words), sizeof words);
     }
     return out;
 }

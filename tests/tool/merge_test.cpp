@@ -409,11 +409,6 @@ TEST_F(MergeMapTest, MergedMapReplacesTheOldTag)
     std::vector<Fg_point> merged = read_map(new_tag);
     ASSERT_LT(merged.size(), pts.size());
     EXPECT_EQ(total_rays(merged, unsigned(merged.size())), before);
-    EXPECT_FALSE(has_mergeable_pair(merged, unsigned(merged.size()), 0.4f, FIVE_DEGREES));
-    for (const Fg_point& p : merged) {
-        EXPECT_GT(p.r_mean, 0.0f);
-        EXPECT_FLOAT_EQ(p.normal[0] * p.normal[0] + p.normal[1] * p.normal[1] + p.normal[2] * p.normal[2], 1.0f);
-    }
 
     EXPECT_EQ(merge_map(0, 0.4f, FIVE_DEGREES), 0u);
 

@@ -30,7 +30,7 @@ protected:
 
 }  // namespace
 
-TEST_F(SubstituteTest, VariablesNameInputsAndTheOutputWhoseRawNameIsRemoved)
+TEST_F(SubstituteTest, VariablesAndRulesNameInputsAndOutputAndTheirFaultsAreReported)
 {
     // A file under the raw, unsubstituted output name is removed; the write goes elsewhere.
     ASSERT_EQ(mkdir(dir.file("$FGDIR").c_str(), 0755), 0);
@@ -58,11 +58,10 @@ TEST_F(SubstituteTest, VariablesNameInputsAndTheOutputWhoseRawNameIsRemoved)
     r = run_tool({"-l", "on", "${FGDIR}/out.fgm", "$FGDIR/back.fg"}, "", {"FGDIR=" + dir.path()});
     EXPECT_EQ(r.exit_code, 0) << r.err;
     EXPECT_EQ(classic_count("back.fg"), 5u);
-}
 
-TEST_F(SubstituteTest, RulesRewriteNamesAndUndefinedVariablesAreReported)
-{
-    Tool_result r = run_tool({"-l", "on", "data:a.fg", "data:b.tmp", "data:out.fg"}, "",
+    // Rules rewrite names.
+    unlink(dir.file("out.fg").c_str());
+    r = run_tool({"-l", "on", "data:a.fg", "data:b.tmp", "data:out.fg"}, "",
                              {"FGDIR=" + dir.path(), "QV_RAY_SUBSTITUTE=|^data:|${FGDIR}/| /.tmp$/.fg/"});
     EXPECT_EQ(r.exit_code, 0) << r.err;
     EXPECT_EQ(r.err, "");
@@ -75,10 +74,8 @@ TEST_F(SubstituteTest, RulesRewriteNamesAndUndefinedVariablesAreReported)
               std::string::npos)
         << r.err;
     EXPECT_EQ(classic_count("out.fg"), 3u);
-}
 
-TEST_F(SubstituteTest, MalformedRuleTextIsReportedAndTheRunGoesOn)
-{
+    // Malformed rule text is reported and the run goes on.
     struct Case {
         std::string rules, line;
         uint32_t points;
