@@ -127,7 +127,6 @@ TEST_F(CurrentFileTest, AppendKeepsOnlyWhatItsMapHolds)
     EXPECT_EQ(writer->old_count, 8u);
     ASSERT_EQ(write_points(writer, 20, 3), 1);
     EXPECT_EQ(numbers_in("app.fgm"), range(20, 3));
-    expect_line("3 new finalgather points added to 8 old ones in \"" + path("app.fgm") + "\"", MSG_PROGRESS);
 
     // A caller that wants the old points loads them into its map first.
     QV::RCMAP::Map_impl* map = fg_map_new();

@@ -70,7 +70,8 @@ protected:
     std::optional<Module_scope> main_scope_;
 };
 
-// Every console form, once: each row starts from the state of a fresh process in module MAIN on
+// Every console form, once (the plain ones before and after the host layer starts are the
+// end-to-end runs' banner): each row starts from the state of a fresh process in module MAIN on
 // the main thread and gives exactly what reaches stderr.
 TEST_F(MsgTest, EachLineFormReachesTheConsoleExactly)
 {
@@ -80,19 +81,6 @@ TEST_F(MsgTest, EachLineFormReachesTheConsoleExactly)
         std::function<void()> run;
         std::string err;
     } cases[] = {
-        {"before and after the host layer starts",
-         [] {
-             msg_set_levels(0x1f);
-             msg_set_host_number(255);
-             msg_info("version %s, %s", "3.9.4.14", "May 12 2011");
-             msg_set_host_number(0);
-             msg_info("version %s, %s", "3.9.4.14", "May 12 2011");
-             msg_defaults();
-             msg_warn_n(18, "unknown color '%c', expected [.rgbcmyk]", 'x');
-         },
-         "MAIN  .0  info : version 3.9.4.14, May 12 2011\n"
-         "MAIN 0.0  info : version 3.9.4.14, May 12 2011\n"
-         "MAIN 0.0  warn   242018: unknown color 'x', expected [.rgbcmyk]\n"},
         // The module name cut to four letters; thread 12, then a detached thread, on host 7.
         {"prefix",
          [this] {
