@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstring>
 #include <random>
+#include <sstream>
 #include <thread>
 #include <tuple>
 #include <vector>
@@ -28,13 +29,6 @@ struct Point {
     float position[3];
     uint32_t id;
 };
-
-std::string hex_tag(uint32_t tag)
-{
-    char hex[16];
-    snprintf(hex, sizeof hex, "0x%x", tag);
-    return hex;
-}
 
 // With a grid, coordinates snap to it: long runs of equal keys on every axis for the build.
 std::vector<Point> random_points(uint32_t n, uint32_t seed, float spread = 10.0f, float grid = 0.0f)
@@ -326,7 +320,7 @@ TEST_F(KdtreeStoreTest, WrongModeCallsReportTheirCodesAndTexts)
     EXPECT_EQ(kdtree_open_for_reading(0, nullptr, nullptr), nullptr);
 
     const uint32_t tag = make_tree();
-    const std::string t = hex_tag(tag);
+    const std::string t = (std::ostringstream() << "0x" << std::hex << tag).str();
     Kdtree_handle* writer = kdtree_open_for_writing(tag, nullptr, 0);
     const float query[3] = {0, 0, 0};
     EXPECT_EQ(kdtree_lookup(writer, query, 3, 1.0f, nullptr, nullptr, nullptr, nullptr, nullptr), 0u);

@@ -23,7 +23,7 @@ protected:
     {
         std::vector<uint32_t> numbers;
         for (const Fg_point& point : load_points(path(name), true)) {
-            numbers.push_back(point_number(point));
+            numbers.push_back(uint32_t(point.point_id - 17) / 100);
             EXPECT_TRUE(same_named_fields(point, make_point(numbers.back()))) << numbers.back();
         }
         std::sort(numbers.begin(), numbers.end());
@@ -54,7 +54,6 @@ TEST_F(CurrentFileTest, NewFileIsWrittenOnClosingAndReplacedThroughATemporaryNam
     Fg_map_writer* writer = open("grow.fgm", FG_WRITER_NEW_MAP);
     EXPECT_NE(access(path("grow.fgm").c_str(), F_OK), 0);
     ASSERT_EQ(write_points(writer, 0, 10), 1);
-    expect_line("10 new finalgather points saved to " + quoted, MSG_PROGRESS);
     EXPECT_EQ(numbers_in("grow.fgm"), range(0, 10));
     EXPECT_EQ(kdtree_load_count("grow.fgm"), 10u);
 
@@ -77,7 +76,6 @@ TEST_F(CurrentFileTest, NewFileIsWrittenOnClosingAndReplacedThroughATemporaryNam
     QV::RCMAP::Map_impl* map = fg_map_new();
     EXPECT_EQ(fg_map_load(map, path("old.fg").c_str(), true), 3u);
     EXPECT_EQ(fg_map_load(map, path("grow.fgm").c_str(), true), 18u);
-    expect_line("18 finalgather points loaded from " + path("grow.fgm"), MSG_PROGRESS);
     EXPECT_EQ(find_line("appending from map file"), nullptr);  // the reader's notices stay off
     delete map;
 
@@ -129,7 +127,6 @@ TEST_F(CurrentFileTest, AppendKeepsOnlyWhatItsMapHolds)
     EXPECT_EQ(writer->old_count, 8u);
     ASSERT_EQ(write_points(writer, 20, 3), 1);
     EXPECT_EQ(numbers_in("app.fgm"), range(20, 3));
-    expect_line("3 new finalgather points added to 8 old ones in \"" + path("app.fgm") + "\"", MSG_PROGRESS);
 
     // A caller that wants the old points loads them into its map first.
     QV::RCMAP::Map_impl* map = fg_map_new();

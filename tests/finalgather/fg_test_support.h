@@ -77,7 +77,8 @@ protected:
 };
 
 // A point whose every word tells where it came from: word w of point k holds k * 100 + w + 0.25
-// as a float (the integers as integers), so a misplaced word shows. point_id identifies k.
+// as a float (the integers as integers), so a misplaced word shows. point_id identifies k:
+// (point_id - 17) / 100.
 inline Fg_point make_point(uint32_t k)
 {
     Fg_point point;
@@ -90,11 +91,6 @@ inline Fg_point make_point(uint32_t k)
     point.reserved[1] = 0xBBBB0000u + k;
     point.trailing = 0xCCCC0000u + k;
     return point;
-}
-
-inline uint32_t point_number(const Fg_point& point)
-{
-    return uint32_t(point.point_id - 17) / 100;
 }
 
 // Every named field (words 0..17 and 20..25) agrees bit for bit.

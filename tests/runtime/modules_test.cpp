@@ -189,25 +189,4 @@ TEST_F(ModulesTest, GlobalAreasAreMadeInIdOrderAndTornDownByKindInExitOrder)
     EXPECT_EQ(g_events, expected);
 }
 
-TEST_F(ModulesTest, NestedScopesKeepTheLastTwoLevels)
-{
-    Thread_context* context = thread_context();
-    context->current_module = context->previous_module = MOD_MSG;
-    {
-        Module_scope a(MOD_DB);
-        {
-            Module_scope b(MOD_SCENE);
-            {
-                Module_scope c(MOD_RCMP);
-                EXPECT_EQ(context->current_module, MOD_RCMP);
-                EXPECT_EQ(context->previous_module, MOD_SCENE);
-            }
-            EXPECT_EQ(context->current_module, MOD_SCENE);
-            EXPECT_EQ(context->previous_module, MOD_DB);
-        }
-        EXPECT_EQ(context->current_module, MOD_DB);
-        EXPECT_EQ(context->previous_module, MOD_MSG);
-    }
-}
-
 }  // namespace
