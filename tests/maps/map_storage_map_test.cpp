@@ -37,10 +37,17 @@ TEST_F(Map_storage_map, AppendsStayPendingUntilCommit)
     EXPECT_TRUE(map.needs_build);
     EXPECT_TRUE(map.get_bounds().valid);
     EXPECT_EQ(map.get_bounds().minimum[1], -2.0f);
-    ASSERT_EQ(map.get(0, &bare), MAP_SUCCESS) << "an element without declaration is typed by the map";
-    int32_t id = 0;
-    EXPECT_EQ(bare.get(declaration.get_field_id("id", nullptr), id), MAP_SUCCESS);
-    EXPECT_EQ(id, 42);
+    // An element without declaration, or with another one, is retyped to the map's layout.
+    Map_declaration_impl flat(2);
+    flat.add_vector("x");
+    Map_element_impl foreign(&flat);
+    for (Map_element_impl* e : {&bare, &foreign}) {
+        ASSERT_EQ(map.get(0, e), MAP_SUCCESS);
+        EXPECT_TRUE(e->get_declaration()->is_layout_equivalent(declaration));
+        int32_t id = 0;
+        EXPECT_EQ(e->get(declaration.get_field_id("id", nullptr), id), MAP_SUCCESS);
+        EXPECT_EQ(id, 42);
+    }
 
     // Names do not matter for an append; a set that moves a position asks for a refit.
     Map_declaration_impl renamed(3);
