@@ -48,7 +48,6 @@ TEST_F(Map_file_open_read, ReadGivesTheWrittenDeclarationGlobalsAndElements)
 
     Map_impl back;
     ASSERT_EQ(back.read(name.c_str(), MAP_READ_VERBOSE), MAP_SUCCESS);
-    EXPECT_TRUE(saw("reading map file \"" + name + "\""));
     EXPECT_EQ(count_lines(MSG_ERROR, ""), 0);
     const Map_declaration_impl declaration = declaration_with_globals();
     ASSERT_TRUE(back.get_declaration()->is_equal(&declaration, nullptr));
@@ -96,7 +95,6 @@ TEST_F(Map_file_open_read, AppendFromFileGoesBehindTheMapsElements)
     uint32_t format = 99;
     ASSERT_EQ(holder.append_from_file(name.c_str(), true, false, &format), MAP_SUCCESS);
     EXPECT_EQ(format, uint32_t(MAP_FORMAT_OPEN_BINARY));
-    EXPECT_TRUE(saw("appending from map file \"" + name + "\""));
     ASSERT_EQ(holder.size(), 704u);
     for (uint32_t i = 0; i < 704; ++i)
         ASSERT_TRUE(same(element_of(holder, i), small_element(i < 3 ? 100 + i : i - 1))) << i;
