@@ -1,6 +1,7 @@
 // Access to map data through elements, maps and iterators: where the typed accessors put their
 // bytes, and every status value the accessors answer with, one row each.
 #include <functional>
+#include <memory>
 
 #include "maps/map_element.h"
 #include "maps/map_iterator.h"
@@ -89,7 +90,10 @@ TEST_F(Map_access, StatusValuesOfElementMapAndIteratorAccessors)
     Map_declaration_impl other(3);
     other.add_integer("i");
     Map_element_impl wrong(&other), fine(&d);
-    Map_impl map(d), locked(d), no_declaration;
+    // On the heap: the thread sanitizer takes a map's lock at a reused stack address (a page
+    // table of an earlier test) for the same mutex.
+    auto map_owner = std::make_unique<Map_impl>(d), locked_owner = std::make_unique<Map_impl>(d);
+    Map_impl &map = *map_owner, &locked = *locked_owner, no_declaration;
     for (Map_impl* m : {&map, &locked}) {
         std::vector<uint8_t> raw(d.element_bytes());
         m->append_raw(raw.data());
