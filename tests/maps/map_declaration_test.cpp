@@ -66,7 +66,6 @@ TEST_F(MapDeclarationTest, AddChecksGiveTheirStatusInTheDescribedPrecedence)
     };
     const Case cases[] = {
         {false, "position", MAP_TYPE_SCALAR, 0, MAP_FIELD_NAME_RESERVED},
-        {true, "position", MAP_TYPE_SCALAR, 0, MAP_FIELD_NAME_RESERVED},
         {false, long_name(63), MAP_TYPE_SCALAR, 0, MAP_SUCCESS},
         {false, long_name(64), MAP_TYPE_SCALAR, 0, MAP_FIELD_NAME_TOO_LONG},
         {false, "", MAP_TYPE_SCALAR, 0, MAP_FIELD_NAME_EMPTY},

@@ -1,5 +1,7 @@
-// Reading open binary map files: round trips through read and append_from_file,
-// every header and field text fault with its message, and the partial-element rule.
+// Open map files: binary ones read back through read and append_from_file, every header and
+// field text fault with its message, the partial-element rule; the ASCII text as written.
+#include <regex>
+
 #include "maps/map_dbhandle.h"
 #include "tests/maps/map_file_test_support.h"
 
@@ -29,6 +31,12 @@ protected:
     }
 };
 
+std::string file_text(const std::string& path)
+{
+    std::vector<uint8_t> bytes = file_bytes(path);
+    return std::string(bytes.begin(), bytes.end());
+}
+
 } // namespace
 
 TEST_F(Map_file_open_read, ReadGivesTheWrittenDeclarationGlobalsAndElements)
@@ -40,7 +48,6 @@ TEST_F(Map_file_open_read, ReadGivesTheWrittenDeclarationGlobalsAndElements)
 
     Map_impl back;
     ASSERT_EQ(back.read(name.c_str(), MAP_READ_VERBOSE), MAP_SUCCESS);
-    EXPECT_TRUE(saw("reading map file \"" + name + "\""));
     EXPECT_EQ(count_lines(MSG_ERROR, ""), 0);
     const Map_declaration_impl declaration = declaration_with_globals();
     ASSERT_TRUE(back.get_declaration()->is_equal(&declaration, nullptr));
@@ -88,7 +95,6 @@ TEST_F(Map_file_open_read, AppendFromFileGoesBehindTheMapsElements)
     uint32_t format = 99;
     ASSERT_EQ(holder.append_from_file(name.c_str(), true, false, &format), MAP_SUCCESS);
     EXPECT_EQ(format, uint32_t(MAP_FORMAT_OPEN_BINARY));
-    EXPECT_TRUE(saw("appending from map file \"" + name + "\""));
     ASSERT_EQ(holder.size(), 704u);
     for (uint32_t i = 0; i < 704; ++i)
         ASSERT_TRUE(same(element_of(holder, i), small_element(i < 3 ? 100 + i : i - 1))) << i;
@@ -102,18 +108,8 @@ TEST_F(Map_file_open_read, AppendFromFileGoesBehindTheMapsElements)
     ASSERT_EQ(empty.size(), 700u);
     EXPECT_EQ(empty.get(empty.get_declaration()->get_field_id("scale", nullptr), scale), MAP_SUCCESS);
     EXPECT_EQ(scale, 0.75f);
-
-    // Another element layout is refused before anything is read.
-    Map_impl other{Map_declaration_impl(3)};
-    captured().clear();
-    EXPECT_EQ(other.append_from_file(name.c_str(), true, false, nullptr), MAP_NOT_EQUIVALENT);
-    EXPECT_TRUE(one_error("cannot append from map file \"" + name + "\", declarations are not equivalent", 27));
-    EXPECT_EQ(other.size() + other.get_pending_count(), 0u);
-
-    // An open file is never appended to, whatever its header holds.
-    captured().clear();
-    EXPECT_EQ(holder.append_to_file(name.c_str(), true), MAP_FILE_MALFORMED);
-    EXPECT_TRUE(one_error("cannot append to map file \"" + name + "\", file format is open", 25));
+    // Another layout and an append onto an open file are refused in the tool's and the binary
+    // append tests.
 }
 
 TEST_F(Map_file_open_read, EveryHeaderFaultHasItsMessageAndLeavesTheMapAlone)
@@ -228,11 +224,9 @@ TEST_F(Map_file_open_read, APartialElementAtTheEndLeavesTheWholeOnesPending)
     std::vector<uint8_t> bytes = written(name, 5, MAP_FORMAT_OPEN_BINARY);
     bytes.resize(bytes.size() - 7); // four whole elements and 13 bytes of the fifth
     put_file(name, bytes);
-    const std::string message = "reading from open binary map file \"" + name + "\"";
-
+    // The message is checked end to end; here what stays in the map.
     Map_impl map;
     EXPECT_EQ(map.read(name.c_str(), MAP_READ_VERBOSE), MAP_FILE_MALFORMED);
-    EXPECT_TRUE(one_error(message, 29));
     EXPECT_EQ(map.size(), 0u);
     EXPECT_EQ(map.get_pending_count(), 4u);
     EXPECT_FALSE(map.get_bounds().valid);
@@ -241,9 +235,7 @@ TEST_F(Map_file_open_read, APartialElementAtTheEndLeavesTheWholeOnesPending)
     EXPECT_TRUE(holds_elements(map, 4));
 
     // The same on top of a map's own elements, which keep their place.
-    captured().clear();
     EXPECT_EQ(holder.append_from_file(name.c_str(), true, false, nullptr), MAP_FILE_MALFORMED);
-    EXPECT_TRUE(one_error(message, 29));
     EXPECT_EQ(holder.size(), 3u);
     EXPECT_EQ(holder.get_pending_count(), 4u);
     EXPECT_FALSE(holder.get_bounds().valid);
@@ -260,4 +252,71 @@ TEST_F(Map_file_open_read, APartialElementAtTheEndLeavesTheWholeOnesPending)
     EXPECT_EQ(empty.read(name.c_str(), MAP_READ_VERBOSE), MAP_SUCCESS);
     EXPECT_EQ(empty.size(), 0u);
     EXPECT_EQ(count_lines(MSG_ERROR, ""), 0);
+}
+
+TEST_F(Map_file_open_read, OpenAsciiTextIsWrittenLineByLine)
+{
+    Map_declaration_impl declaration(3);
+    declaration.add_scalar("weight");
+    declaration.add_integer("id");
+    declaration.add_global_scalar("scale");
+    declaration.add_global_string("label", 5);
+    Map_impl map(declaration);
+    map.set(declaration.get_field_id("scale", nullptr), 2.5f);
+    map.set(declaration.get_field_id("label", nullptr), "abc", -1);
+    struct Element {
+        float position[3];
+        float weight;
+        int32_t id;
+    };
+    const Element elements[] = {{{1.0f, 2.5f, -3.0f}, 0.125f, 7}, {{1e-7f, 123456789.0f, 0.0f}, 1.0f / 3.0f, -2}};
+    for (const Element& element : elements)
+        map.append_raw(&element);
+    map.commit();
+    const std::string name = path("text.map");
+    ASSERT_EQ(map.write(name.c_str(), MAP_FORMAT_OPEN_ASCII, true), MAP_SUCCESS);
+    EXPECT_TRUE(saw("writing map file \"" + name + "\""));
+
+    std::string text = file_text(name);
+    std::smatch names;
+    ASSERT_TRUE(std::regex_search(text, names, std::regex("map \"(map_[A-Za-z0-9]{6})\" \"(map_decl_[A-Za-z0-9]{6})\"")));
+    const std::string map_name = names[1], declaration_name = names[2];
+    EXPECT_EQ(text, "#\n"
+                    "# Quovray, version 3.9.4.14, May 12 2011\n"
+                    "# open ASCII map file, 2 elements\n"
+                    "#\n\n"
+                    "declare map\n"
+                    "\t\"" + declaration_name + "\" (\n"
+                    "\t\tdim 3,\n"
+                    "\t\tglobal scalar \"scale\",\n"
+                    "\t\tglobal string 5 \"label\",\n"
+                    "\t\tscalar \"weight\",\n"
+                    "\t\tinteger \"id\"\n"
+                    "\t)\n"
+                    "end declare\n\n"
+                    "map \"" + map_name + "\" \"" + declaration_name + "\"\n"
+                    "\t{global 2.5 , \"abc\" },\n"
+                    "\t{1 2.5 -3 , 0.125 , 7 },\n"
+                    "\t{1e-07 1.23457e+08 0 , 0.333333 , -2 }\n"
+                    "end map\n\n");
+
+    // Without globals the first element follows the head directly; an empty map has nothing.
+    // A caller's comment replaces the version line.
+    Map_impl bare(small_declaration());
+    ASSERT_EQ(bare.write(path("bare.map").c_str(), MAP_FORMAT_OPEN_ASCII, false, "made by a test"), MAP_SUCCESS);
+    text = file_text(path("bare.map"));
+    EXPECT_EQ(text.rfind("#\n# made by a test# open ASCII map file, 0 elements\n#\n\n", 0), 0u) << text;
+    EXPECT_TRUE(text.size() > 20 && text.substr(text.size() - 10) == "\nend map\n\n");
+    EXPECT_EQ(text[text.size() - 11], '"') << "the head, then the end";
+    Small_element one = small_element(4);
+    bare.append_raw(&one);
+    bare.commit();
+    ASSERT_EQ(bare.write(path("bare.map").c_str(), MAP_FORMAT_OPEN_ASCII, false), MAP_SUCCESS);
+    text = file_text(path("bare.map"));
+    EXPECT_NE(text.find("\"\n\t{4 2 -4 , 2 , "), std::string::npos) << text;
+
+    EXPECT_EQ(map.write(path("no/such/dir.map").c_str(), MAP_FORMAT_OPEN_ASCII, true), MAP_FILE_CANNOT_OPEN);
+    EXPECT_TRUE(saw("cannot open map file \"" + path("no/such/dir.map") + "\" for writing"));
+    map.editable = false;
+    EXPECT_EQ(map.write(name.c_str(), MAP_FORMAT_OPEN_ASCII, true), MAP_NOT_EDITABLE);
 }

@@ -326,21 +326,20 @@ TEST_F(Map_lookup_test, StatusesSortingAndTheResultWalk)
     Map_lookup_impl none(static_cast<Map_impl*>(nullptr), &status);
     EXPECT_EQ(status, MAP_LOOKUP_NO_MAP);
     Map_lookup_entry entry{};
-    EXPECT_EQ(none.search(Map_vector3{0, 0, 0}, 4, 1.0f), MAP_LOOKUP_NO_MAP);
-    EXPECT_EQ(none.reset(), MAP_LOOKUP_NO_MAP);
-    EXPECT_EQ(none.next(), MAP_LOOKUP_NO_MAP);
-    EXPECT_EQ(none.next_batch(), MAP_LOOKUP_NO_MAP);
-    EXPECT_EQ(none.get_entry(&entry), MAP_LOOKUP_NO_MAP);
+    for (Map_status s : {none.search(Map_vector3{0, 0, 0}, 4, 1.0f), none.reset(), none.next(), none.next_batch(),
+                         none.get_entry(&entry)})
+        EXPECT_EQ(s, MAP_LOOKUP_NO_MAP);
 
     // Dimension 2: three-float searches do not fit; before a search there is no batch.
     Test_map flat = make_map(2, 2, false, 31);
     Map_lookup_impl lookup(flat.map.get(), &status);
     EXPECT_EQ(status, MAP_SUCCESS);
     EXPECT_EQ(lookup.next_batch(), MAP_LOOKUP_NO_SEARCH);
-    EXPECT_EQ(lookup.search(Map_vector3{0, 0, 0}, 4, 1.0e30f), MAP_LOOKUP_DIMENSION);
-    EXPECT_EQ(lookup.search(Map_vector3{0, 0, 0}, Map_vector3{1, 0, 0}, 1.0f, 4, 1.0e30f), MAP_LOOKUP_DIMENSION);
     const float three[3] = {0, 0, 0};
-    EXPECT_EQ(lookup.search(three, 3, 4, 1.0e30f), MAP_LOOKUP_DIMENSION);
+    for (Map_status s : {lookup.search(Map_vector3{0, 0, 0}, 4, 1.0e30f),
+                         lookup.search(Map_vector3{0, 0, 0}, Map_vector3{1, 0, 0}, 1.0f, 4, 1.0e30f),
+                         lookup.search(three, 3, 4, 1.0e30f)})
+        EXPECT_EQ(s, MAP_LOOKUP_DIMENSION);
     EXPECT_EQ(lookup.next_batch(), MAP_LOOKUP_NO_SEARCH) << "a failed search leaves nothing to resume";
     Map_impl undeclared;
     Map_lookup_impl bare(&undeclared);

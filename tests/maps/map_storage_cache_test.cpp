@@ -131,10 +131,8 @@ TEST_F(Map_storage_cache, StatisticsAndTraceAreWrittenAtShutdown)
         fill_pages(map, 3);
     }
     manager.shutdown();
-    for (const std::string& text : {"map " + std::to_string(id) + " stats:", std::string("total page accesses          : "),
-                                   std::string("page loads / global accesses : "),
-                                   std::string("global map manager stats:"), std::string("map cache: maximum ")})
-        EXPECT_TRUE(saw(text)) << text;
+    EXPECT_TRUE(saw("map " + std::to_string(id) + " stats:"));
+    EXPECT_TRUE(saw("global map manager stats:"));
     const std::vector<uint8_t> trace = file_bytes(path);
     unlink(path);
     EXPECT_NE(std::string(trace.begin(), trace.end()).find("unregister map"), std::string::npos);

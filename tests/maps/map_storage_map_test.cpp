@@ -1,4 +1,5 @@
-// Map_impl on top of the page store: pending appends, commit, globals, copies, stored form.
+// Map_impl on top of the page store: pending appends and runs of them, commit, globals, copies,
+// stored form.
 #include <memory>
 
 #include "maps/map_element.h"
@@ -37,10 +38,17 @@ TEST_F(Map_storage_map, AppendsStayPendingUntilCommit)
     EXPECT_TRUE(map.needs_build);
     EXPECT_TRUE(map.get_bounds().valid);
     EXPECT_EQ(map.get_bounds().minimum[1], -2.0f);
-    ASSERT_EQ(map.get(0, &bare), MAP_SUCCESS) << "an element without declaration is typed by the map";
-    int32_t id = 0;
-    EXPECT_EQ(bare.get(declaration.get_field_id("id", nullptr), id), MAP_SUCCESS);
-    EXPECT_EQ(id, 42);
+    // An element without declaration, or with another one, is retyped to the map's layout.
+    Map_declaration_impl flat(2);
+    flat.add_vector("x");
+    Map_element_impl foreign(&flat);
+    for (Map_element_impl* e : {&bare, &foreign}) {
+        ASSERT_EQ(map.get(0, e), MAP_SUCCESS);
+        EXPECT_TRUE(e->get_declaration()->is_layout_equivalent(declaration));
+        int32_t id = 0;
+        EXPECT_EQ(e->get(declaration.get_field_id("id", nullptr), id), MAP_SUCCESS);
+        EXPECT_EQ(id, 42);
+    }
 
     // Names do not matter for an append; a set that moves a position asks for a refit.
     Map_declaration_impl renamed(3);
@@ -145,6 +153,45 @@ TEST_F(Map_storage_map, AttachedFileFollowsTheElementsInMemory)
     map.page_store().locate(index, &page, &slot);
     EXPECT_EQ(page, 3u);
     EXPECT_EQ(slot, 0u);
+}
+
+// A batch appended at once leaves the map exactly as appending one by one would.
+TEST_F(Map_storage_map, AppendRunBatchesOfAnySizeMatchSingleAppendsAcrossPages)
+{
+    Map_impl single(small_declaration());
+    Map_impl batched(small_declaration());
+    const uint32_t per_page = batched.page_store().elements_per_page;
+    ASSERT_GT(per_page, 8u);
+    // One committed element first, so that the first batch starts inside a page; then batches
+    // of one, of a few, of more than a page, and the rest.
+    fill(single, 0, 1);
+    fill(batched, 0, 1);
+    const uint32_t total = 3 * per_page + 5;
+    std::vector<Small_element> elements;
+    for (uint32_t i = 1; i < total; ++i)
+        elements.push_back(small_element(i));
+    for (const Small_element& e : elements)
+        ASSERT_EQ(single.append_raw(&e), MAP_SUCCESS);
+    const uint32_t sizes[] = {1, 7, per_page + 3, uint32_t(elements.size()) - 11 - per_page};
+    uint32_t at = 0;
+    for (uint32_t size : sizes) {
+        ASSERT_EQ(batched.append_raw_run(&elements[at], size), MAP_SUCCESS);
+        at += size;
+    }
+    ASSERT_EQ(at, elements.size());
+
+    EXPECT_EQ(batched.get_pending_count(), single.get_pending_count());
+    const Map_bounds& a = single.get_pending_bounds();
+    const Map_bounds& b = batched.get_pending_bounds();
+    EXPECT_EQ(a.valid, b.valid);
+    EXPECT_EQ(std::memcmp(a.minimum, b.minimum, 3 * sizeof(float)), 0);
+    EXPECT_EQ(std::memcmp(a.maximum, b.maximum, 3 * sizeof(float)), 0);
+    for (uint32_t i = 0; i < total; ++i) {
+        Small_element x, y;
+        single.read_element(i, &x);
+        batched.read_element(i, &y);
+        ASSERT_TRUE(same(x, y)) << "element " << i;
+    }
 }
 
 namespace {
