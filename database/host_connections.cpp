@@ -950,9 +950,13 @@ void qv_msg_abort()
         g_started = true;
         return;
     }
+    g_stop.store(true);
+    // A slave leaves its connections to the end of the process: only the master tells its
+    // peers at once.
+    if (msg_host_number() != 0)
+        return;
     if (network_debug())
         msg_debug("disconnect hosts");
-    g_stop.store(true);
     for (Connection* connection : g_connections)
         if (connection && connection->socket >= 0)
             shutdown(connection->socket, SHUT_RDWR);
