@@ -84,7 +84,7 @@ TEST_F(MsgTest, EachLineFormReachesTheConsoleExactly)
         // The module name cut to four letters; thread 12, then a detached thread, on host 7.
         {"prefix",
          [this] {
-             Module_scope scope(MOD_PARTICLEMAP);
+             Module_scope scope(MOD_SERIAL);
              context_->thread_number = 12;
              msg_error("a");
              context_->thread_number = THREAD_NUMBER_DETACHED;
@@ -92,7 +92,7 @@ TEST_F(MsgTest, EachLineFormReachesTheConsoleExactly)
              msg_set_host_number(7);
              msg_warn("c");
          },
-         "PART 0.12 error: a\nPART 0.n  error: b\nPART 7.n  warn : c\n"},
+         "SERI 0.12 error: a\nSERI 0.n  error: b\nSERI 7.n  warn : c\n"},
         // The caller's number keeps its last three digits; GEOCO and GEOQV number as modules 9, 9.
         {"numbers",
          [] {
