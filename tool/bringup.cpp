@@ -34,7 +34,7 @@ void bring_up_modules()
     // The BVH build's per-page job runs on every core: each page's tree is built on its own,
     // so the pages come out the same whichever thread builds them.
     QV::RCMAP::map_bvh_set_thread_count(std::clamp(std::thread::hardware_concurrency(), 1u, 8u));
-    // The array is parked and dropped on purpose: the work that follows builds its own areas
-    // with the sizes now known.
-    mod_detach_context();
+    // Areas made while modules were still registering are released (each module's exit runs):
+    // the work that follows builds its own areas with the sizes now known.
+    mod_attach_context(nullptr);
 }
