@@ -359,7 +359,10 @@ bool Map_manager::take_buffer_locked(Map_page_buffer* out, bool beyond_limit)
         free_buffers_.pop_back();
     } else {
         out->data = static_cast<uint8_t*>(QV_ALLOC(page_bytes_));
-        ++max_pages_;
+        // A peak, not a count of allocations: buffers freed by a flush or by
+        // free_spare_buffers and made again later must not be counted twice.
+        if (++live_buffers_ > max_pages_)
+            max_pages_ = live_buffers_;
     }
     used_mb_ += mb_per_page_;
     ++resident_pages_;
@@ -852,6 +855,7 @@ void Map_manager::flush_nodes(int32_t only_map, bool everything)
                 if (everything && only_map < 0) {
                     for (uint8_t* data : free_buffers_)
                         QV_FREE(data);
+                    live_buffers_ -= uint32_t(free_buffers_.size());
                     free_buffers_.clear();
                 }
                 break;
@@ -911,6 +915,7 @@ void Map_manager::free_spare_buffers()
     std::lock_guard<std::mutex> hold(lock_);
     for (uint8_t* data : free_buffers_)
         QV_FREE(data);
+    live_buffers_ -= uint32_t(free_buffers_.size());
     free_buffers_.clear();
 }
 

@@ -221,7 +221,8 @@ private:
 
     Map_cache_statistics totals_ = {};
     bool statistics_ = false;
-    uint32_t max_pages_ = 0;
+    uint32_t max_pages_ = 0;                  // most buffers alive at once
+    uint32_t live_buffers_ = 0;
     uint32_t flushed_pages_ = 0;
     bool out_of_memory_ = false;
 
