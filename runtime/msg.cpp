@@ -31,9 +31,19 @@ constexpr int TEXT_BUFFER_BYTES = 8192;
 constexpr int FATAL_TEXT_OFFSET = 12;    // "MAIN fatal: " is laid under the text from here
 constexpr useconds_t FATAL_SLEEP_MICROSECONDS = 30000;
 
-uint32_t g_level_mask = MSG_FATAL | MSG_ERROR | MSG_WARN;
+// A slave's reader thread installs the master's settings while other threads test them:
+// relaxed atomics, since a message tested against the old mask a moment longer is harmless.
+std::atomic<uint32_t> g_level_mask{MSG_FATAL | MSG_ERROR | MSG_WARN};
 uint32_t g_host = HOST_ALL;
-uint32_t g_class_masks[MODULE_TABLE_ROWS];
+std::atomic<uint32_t> g_class_masks[MODULE_TABLE_ROWS];
+
+uint32_t level_mask() { return g_level_mask.load(std::memory_order_relaxed); }
+
+void set_all_classes(uint32_t mask)
+{
+    for (auto& row : g_class_masks)
+        row.store(mask, std::memory_order_relaxed);
+}
 bool g_defaults_done = false;
 
 Msg_fatal_handler g_fatal_handler = exit;
@@ -64,7 +74,9 @@ int numbering_module(int module)
 
 uint32_t class_mask_of(int module)
 {
-    return module >= 0 && module < MODULE_TABLE_ROWS ? g_class_masks[module] : 0;
+    if (module < 0 || module >= MODULE_TABLE_ROWS)
+        return 0;
+    return g_class_masks[module].load(std::memory_order_relaxed);
 }
 
 // Each item is written at its own fixed place of the zeroed field, so an overlong item is cut
@@ -107,8 +119,11 @@ void send_settings()
     Msg_record record;
     std::memset(&record, 0, sizeof record);
     record.type = 2;
-    record.level = g_level_mask;
-    std::memcpy(record.text, g_class_masks, sizeof g_class_masks);
+    record.level = level_mask();
+    uint32_t classes[MODULE_TABLE_ROWS];
+    for (int id = 0; id < MODULE_TABLE_ROWS; ++id)
+        classes[id] = class_mask_of(id);
+    std::memcpy(record.text, classes, sizeof classes);
     send_to_host(HOST_ALL, &record, sizeof record);
 }
 
@@ -264,7 +279,7 @@ void msg_emit(uint32_t level, const char* level_name, int32_t number, const char
     Thread_context* context = qv_tls_context;
     if (!context)
         return;
-    if (level != MSG_FATAL && !(level & g_level_mask))
+    if (level != MSG_FATAL && !(level & level_mask()))
         return;
 
     // Number: (module * 10 + level) * 1000 + the caller's last three digits; fatal and error
@@ -367,21 +382,20 @@ void msg_fatal_n(int32_t number, const char* format, ...)
 
 void msg_set_levels(uint32_t mask)
 {
-    g_level_mask = mask;
+    g_level_mask.store(mask, std::memory_order_relaxed);
     send_settings();
 }
 
-uint32_t msg_level_mask() { return g_level_mask; }
-bool msg_level_enabled(uint32_t level) { return level == MSG_FATAL || (level & g_level_mask); }
+uint32_t msg_level_mask() { return level_mask(); }
+bool msg_level_enabled(uint32_t level) { return level == MSG_FATAL || (level & level_mask()); }
 uint32_t msg_class_mask(int id) { return class_mask_of(id); }
 
 void msg_set_classes(int id, uint32_t mask)
 {
     if (id == 0) {
-        for (uint32_t& row : g_class_masks)
-            row = mask;
+        set_all_classes(mask);
     } else if (id > 0 && id < MODULE_TABLE_ROWS) {
-        g_class_masks[id] = mask;
+        g_class_masks[id].store(mask, std::memory_order_relaxed);
     } else {
         return;
     }
@@ -393,8 +407,7 @@ void msg_defaults()
     if (g_defaults_done)
         return;
     g_defaults_done = true;
-    for (uint32_t& row : g_class_masks)
-        row = MSG_CLASS_DEFAULT;
+    set_all_classes(MSG_CLASS_DEFAULT);
 }
 
 void msg_set_host_number(uint32_t host) { g_host = host; }
@@ -452,11 +465,13 @@ void msg_handle_remote(Msg_record* record, bool swap)
         record->text[sizeof record->text - 1] = 0;
         output(record, false);
     } else if (record->type == 2) {
-        g_level_mask = record->level;
-        std::memcpy(g_class_masks, record->text, sizeof g_class_masks);
-        if (swap)
-            for (uint32_t& row : g_class_masks)
-                row = __builtin_bswap32(row);
+        g_level_mask.store(record->level, std::memory_order_relaxed);
+        uint32_t classes[MODULE_TABLE_ROWS];
+        std::memcpy(classes, record->text, sizeof classes);
+        for (int id = 0; id < MODULE_TABLE_ROWS; ++id) {
+            uint32_t mask = swap ? __builtin_bswap32(classes[id]) : classes[id];
+            g_class_masks[id].store(mask, std::memory_order_relaxed);
+        }
     }
 }
 
@@ -475,9 +490,8 @@ void msg_testing_set_console_char_device(int state) { g_console_char_device_over
 void msg_testing_reset_all()
 {
     msg_testing_reset_output();
-    g_level_mask = MSG_FATAL | MSG_ERROR | MSG_WARN;
-    for (uint32_t& row : g_class_masks)
-        row = 0;
+    g_level_mask.store(MSG_FATAL | MSG_ERROR | MSG_WARN, std::memory_order_relaxed);
+    set_all_classes(0);
     g_defaults_done = false;
     g_fatal_handler = exit;
     g_callback = nullptr;
