@@ -23,10 +23,11 @@ using namespace qv_db_detail;
 
 namespace {
 
-// A transfer under way to this host: the bytes received so far and the block's capacity.
+// A transfer under way to this host: the bytes received so far and the size its first piece
+// announced, which every later piece must repeat.
 struct Arrival {
     uint64_t next_offset;
-    uint64_t capacity;
+    uint32_t total;
 };
 
 Waiter* g_waiters;                                  // under g_waiters_lock
@@ -199,6 +200,23 @@ void transfer_broken(Db_tag tag, Db_record* record)
     wake(tag, WAIT_DATA);
 }
 
+// Gives an arriving plain record a block of `total` bytes (at least one), in place of the one it
+// had. The block is made outside the global lock, which table scans take: zeroing a large block
+// takes long.
+void make_block(Db_record* record, uint32_t total)
+{
+    void* block = QV_ALLOC(std::max<size_t>(total, 1));
+    void* old;
+    {
+        Lock_holder hold(g_global_lock);
+        old = record->data;
+        record->data = block;
+        record->size = total;
+    }
+    if (old)
+        QV_FREE(old);
+}
+
 // Opcode 3.
 void receive_piece(const Db_net_header& header, const uint8_t* payload, bool swap)
 {
@@ -237,16 +255,18 @@ void receive_piece(const Db_net_header& header, const uint8_t* payload, bool swa
                 record->data = nullptr;
                 record->size = 0;
             }
-            arrival = g_arrivals.emplace(tag, Arrival{0, record->data ? record->size : 0}).first;
+            arrival = g_arrivals.emplace(tag, Arrival{0, 0}).first;
         }
         arrival->second.next_offset = 0;
+        arrival->second.total = header.total;
         record->state = DB_STATE_ARRIVING;
         record->type = header.type;
         record->module = header.module;
         record->flags = header.flags;
         record->priv = header.priv;
         record->shared = 1;
-    } else if (arrival == g_arrivals.end() || arrival->second.next_offset != offset || record->type != header.type) {
+    } else if (arrival == g_arrivals.end() || arrival->second.next_offset != offset || record->type != header.type ||
+               arrival->second.total != header.total) {
         msg_error_n(30, "unexpected piece %u of tag %#x from host %d", header.piece, tag, int(header.host));
         if (arrival != g_arrivals.end())
             transfer_broken(tag, record);
@@ -260,27 +280,26 @@ void receive_piece(const Db_net_header& header, const uint8_t* payload, bool swa
         return;
     }
 
-    Arrival& progress = arrival->second;
-    if (serialized) {
-        QV::DB::serial_receive_piece(record, payload, offset, header.length, header.last);
-    } else {
-        // The block grows with what arrived (at most doubling), not with what the header claims.
-        const uint64_t need = offset + header.length;
-        uint64_t capacity = progress.capacity;
-        if (header.last)
-            capacity = std::max<uint64_t>(header.total, 1);
-        else if (need > capacity)
-            capacity = std::max(need, std::min<uint64_t>(header.total, std::max<uint64_t>(capacity * 2, 65536)));
-        if (capacity != progress.capacity || !record->data) {
-            Lock_holder hold(g_global_lock);
-            record->data = QV_REALLOC(record->data, size_t(capacity));
-            record->size = uint32_t(capacity);
-            progress.capacity = capacity;
-        }
-        if (header.length)
-            std::memcpy(static_cast<uint8_t*>(record->data) + offset, payload, header.length);
+    // The whole block is made once, at the first piece, from the size it announces: growing it
+    // piece by piece meant copying and zeroing in steps on the reader thread while the owner
+    // waited for the next request.
+    if (!serialized && header.piece == 0 && (!record->data || record->size != header.total))
+        make_block(record, header.total);
+
+    // Flow control: the next eight pieces are asked for when the eighth of this window arrived.
+    // The request goes out before this piece is copied, so the copy overlaps its round trip.
+    if (!header.last && (uint64_t(header.piece) + 1) % DB_NET_WINDOW == 0) {
+        if (debug_on())
+            msg_debug("requesting tag %#x, offset %d from remote host %d", tag, int(header.piece + 1), int(header.host));
+        if (!send_request(header.host, DB_NET_DATA_REQUEST, tag, header.piece + 1, DB_NET_WINDOW, 0))
+            msg_error_n(34, "can't request tag %#x from host %d", tag, int(header.host));
     }
-    progress.next_offset = offset + header.length;
+
+    if (serialized)
+        QV::DB::serial_receive_piece(record, payload, offset, header.length, header.last);
+    else if (header.length)
+        std::memcpy(static_cast<uint8_t*>(record->data) + offset, payload, header.length);
+    arrival->second.next_offset = offset + header.length;
 
     if (header.last) {
         g_arrivals.erase(arrival);
@@ -293,14 +312,6 @@ void receive_piece(const Db_net_header& header, const uint8_t* payload, bool swa
             record->state = DB_STATE_NORMAL;
         }
         wake(tag, WAIT_DATA);
-        return;
-    }
-    // Flow control: the next eight pieces are asked for when the eighth of this window arrived.
-    if ((uint64_t(header.piece) + 1) % DB_NET_WINDOW == 0) {
-        if (debug_on())
-            msg_debug("requesting tag %#x, offset %d from remote host %d", tag, int(header.piece + 1), int(header.host));
-        if (!send_request(header.host, DB_NET_DATA_REQUEST, tag, header.piece + 1, DB_NET_WINDOW, 0))
-            msg_error_n(34, "can't request tag %#x from host %d", tag, int(header.host));
     }
 }
 
