@@ -23,11 +23,12 @@ using namespace qv_db_detail;
 
 namespace {
 
-// A transfer under way to this host: the bytes received so far and the size its first piece
-// announced, which every later piece must repeat.
+// A transfer under way to this host: the bytes received so far, the size its first piece
+// announced (every later piece must repeat it) and the block's capacity.
 struct Arrival {
     uint64_t next_offset;
     uint32_t total;
+    uint64_t capacity;
 };
 
 Waiter* g_waiters;                                  // under g_waiters_lock
@@ -200,18 +201,34 @@ void transfer_broken(Db_tag tag, Db_record* record)
     wake(tag, WAIT_DATA);
 }
 
-// Gives an arriving plain record a block of `total` bytes (at least one), in place of the one it
-// had. The block is made outside the global lock, which table scans take: zeroing a large block
-// takes long.
-void make_block(Db_record* record, uint32_t total)
+// True if a thread here waits for the data of `tag` from `host`.
+bool awaited(Db_tag tag, uint32_t host)
 {
-    void* block = QV_ALLOC(std::max<size_t>(total, 1));
+    Lock_holder hold(g_waiters_lock);
+    for (Waiter* node = g_waiters; node; node = node->next)
+        if (node->active && node->tag == tag && node->host == host && node->kind == WAIT_DATA)
+            return true;
+    return false;
+}
+
+// Gives an arriving plain record a block of `capacity` bytes. Bytes already received are kept
+// only if `keep`; otherwise a new block replaces the old one, made outside the global lock
+// (which table scans take), since zeroing a large block takes long.
+void resize_block(Db_record* record, uint64_t capacity, bool keep)
+{
+    if (keep) {
+        Lock_holder hold(g_global_lock);
+        record->data = QV_REALLOC(record->data, size_t(capacity));
+        record->size = uint32_t(capacity);
+        return;
+    }
+    void* block = QV_ALLOC(size_t(capacity));
     void* old;
     {
         Lock_holder hold(g_global_lock);
         old = record->data;
         record->data = block;
-        record->size = total;
+        record->size = uint32_t(capacity);
     }
     if (old)
         QV_FREE(old);
@@ -255,7 +272,7 @@ void receive_piece(const Db_net_header& header, const uint8_t* payload, bool swa
                 record->data = nullptr;
                 record->size = 0;
             }
-            arrival = g_arrivals.emplace(tag, Arrival{0, 0}).first;
+            arrival = g_arrivals.emplace(tag, Arrival{0, 0, record->data ? record->size : 0}).first;
         }
         arrival->second.next_offset = 0;
         arrival->second.total = header.total;
@@ -280,11 +297,23 @@ void receive_piece(const Db_net_header& header, const uint8_t* payload, bool swa
         return;
     }
 
-    // The whole block is made once, at the first piece, from the size it announces: growing it
-    // piece by piece meant copying and zeroing in steps on the reader thread while the owner
-    // waited for the next request.
-    if (!serialized && header.piece == 0 && (!record->data || record->size != header.total))
-        make_block(record, header.total);
+    if (!serialized) {
+        // The answer to a fetch of ours gets its whole block at the first piece, from the size
+        // it announces, so the reader does not stop to grow it while the owner waits. Pieces
+        // nobody here asked for (a flush push, a damaged stream) grow the block with what
+        // arrived (at most doubling), so a header alone cannot make a large allocation.
+        Arrival& progress = arrival->second;
+        const uint64_t need = offset + header.length;
+        uint64_t capacity = progress.capacity;
+        if (header.last || (header.piece == 0 && awaited(tag, header.host)))
+            capacity = std::max<uint64_t>(header.total, 1);
+        else if (need > capacity)
+            capacity = std::max(need, std::min<uint64_t>(header.total, std::max<uint64_t>(capacity * 2, 65536)));
+        if (capacity != progress.capacity || !record->data) {
+            resize_block(record, capacity, header.piece != 0);
+            progress.capacity = capacity;
+        }
+    }
 
     // Flow control: the next eight pieces are asked for when the eighth of this window arrived.
     // The request goes out before this piece is copied, so the copy overlaps its round trip.
