@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstring>
 #include <unordered_map>
+#include <vector>
 
 #include "base/lib/mem/i_mem_allocatable.h"
 #include "database/db_internal.h"
@@ -24,11 +25,12 @@ using namespace qv_db_detail;
 namespace {
 
 // A transfer under way to this host: the bytes received so far, the size its first piece
-// announced (every later piece must repeat it) and the block's capacity.
+// announced (every later piece must repeat it), the block's capacity and the sending host.
 struct Arrival {
     uint64_t next_offset;
     uint32_t total;
     uint64_t capacity;
+    uint32_t host;
 };
 
 Waiter* g_waiters;                                  // under g_waiters_lock
@@ -272,10 +274,11 @@ void receive_piece(const Db_net_header& header, const uint8_t* payload, bool swa
                 record->data = nullptr;
                 record->size = 0;
             }
-            arrival = g_arrivals.emplace(tag, Arrival{0, 0, record->data ? record->size : 0}).first;
+            arrival = g_arrivals.emplace(tag, Arrival{0, 0, record->data ? record->size : 0, 0}).first;
         }
         arrival->second.next_offset = 0;
         arrival->second.total = header.total;
+        arrival->second.host = header.host;
         record->state = DB_STATE_ARRIVING;
         record->type = header.type;
         record->module = header.module;
@@ -548,6 +551,18 @@ void wake(Db_tag tag, Waiter_kind kind)
 
 void wake_host_lost(uint32_t host)
 {
+    // What that host had sent of a transfer will not be completed: the records forget it, so
+    // they hold no half block and a later access asks again.
+    std::vector<Db_tag> broken;
+    for (const auto& [tag, arrival] : g_arrivals)
+        if (arrival.host == host)
+            broken.push_back(tag);
+    for (Db_tag tag : broken) {
+        if (Db_record* record = record_peek(tag))
+            discard_partial(tag, record);
+        else
+            g_arrivals.erase(tag);
+    }
     Lock_holder hold(g_waiters_lock);
     for (Waiter* node = g_waiters; node; node = node->next) {
         if (!node->active || node->host != host)
