@@ -156,8 +156,16 @@ TEST_F(ClusterTest, MasterRunsTheJobOfAJobTagThatASlaveAsksForOnce)
     EXPECT_EQ(Blob_job::runs_on_reader.load(), 0);
 }
 
-TEST_F(ClusterTest, FlushPushWritesBackToTheOwnerAndBroadcastDeleteReachesEveryHost)
+TEST_F(ClusterTest, NetworkPinFlushPushAndBroadcastDeleteActOnTheOwnerAndEveryHost)
 {
+    // A network pin keeps a tracked element from the flush until its unpin.
+    Db_tag tracked = make_plain(64, 3, POLYGON);
+    ASSERT_TRUE(probe_record(tracked).offered);
+    ASSERT_EQ(slave(1).ask("pin " + hex(tracked)), "ok");
+    EXPECT_TRUE(wait_until([&] { return !probe_record(tracked).offered; }));
+    ASSERT_EQ(slave(1).ask("unpin " + hex(tracked)), "ok");
+    EXPECT_TRUE(wait_until([&] { return probe_record(tracked).offered; }));
+
     Db_tag tag = make_plain(3000, 5);
     ASSERT_EQ(slave(1).ask("fetch " + hex(tag)).substr(0, 7), "ok 3000");
     ASSERT_EQ(slave(2).ask("fetch " + hex(tag)).substr(0, 7), "ok 3000");
@@ -190,16 +198,6 @@ TEST_F(ClusterTest, SlavesReachEachOtherThroughTheMaster)
     asker.send("fetch 89000400");
     EXPECT_EQ(asker.wait_exit(10000), 1);
     EXPECT_TRUE(wait_until([] { return hostmsg_count("failed to read tag 89000400 data from host 9") == 1; }));
-}
-
-TEST_F(ClusterTest, NetworkPinKeepsATrackedElementFromTheFlush)
-{
-    Db_tag tag = make_plain(64, 3, POLYGON);
-    ASSERT_TRUE(probe_record(tag).offered);
-    ASSERT_EQ(slave(1).ask("pin " + hex(tag)), "ok");
-    EXPECT_TRUE(wait_until([&] { return !probe_record(tag).offered; }));
-    ASSERT_EQ(slave(1).ask("unpin " + hex(tag)), "ok");
-    EXPECT_TRUE(wait_until([&] { return probe_record(tag).offered; }));
 }
 
 TEST_F(ClusterTest, ClusterLockIsHeldByOneSlaveAtATime)
