@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstring>
 #include <unordered_map>
+#include <vector>
 
 #include "base/lib/mem/i_mem_allocatable.h"
 #include "database/db_internal.h"
@@ -23,10 +24,13 @@ using namespace qv_db_detail;
 
 namespace {
 
-// A transfer under way to this host: the bytes received so far and the block's capacity.
+// A transfer under way to this host: the bytes received so far, the size its first piece
+// announced (every later piece must repeat it), the block's capacity and the sending host.
 struct Arrival {
     uint64_t next_offset;
+    uint32_t total;
     uint64_t capacity;
+    uint32_t host;
 };
 
 Waiter* g_waiters;                                  // under g_waiters_lock
@@ -199,6 +203,39 @@ void transfer_broken(Db_tag tag, Db_record* record)
     wake(tag, WAIT_DATA);
 }
 
+// True if a thread here waits for the data of `tag` from `host`.
+bool awaited(Db_tag tag, uint32_t host)
+{
+    Lock_holder hold(g_waiters_lock);
+    for (Waiter* node = g_waiters; node; node = node->next)
+        if (node->active && node->tag == tag && node->host == host && node->kind == WAIT_DATA)
+            return true;
+    return false;
+}
+
+// Gives an arriving plain record a block of `capacity` bytes. Bytes already received are kept
+// only if `keep`; otherwise a new block replaces the old one, made outside the global lock
+// (which table scans take), since zeroing a large block takes long.
+void resize_block(Db_record* record, uint64_t capacity, bool keep)
+{
+    if (keep) {
+        Lock_holder hold(g_global_lock);
+        record->data = QV_REALLOC(record->data, size_t(capacity));
+        record->size = uint32_t(capacity);
+        return;
+    }
+    void* block = QV_ALLOC(size_t(capacity));
+    void* old;
+    {
+        Lock_holder hold(g_global_lock);
+        old = record->data;
+        record->data = block;
+        record->size = uint32_t(capacity);
+    }
+    if (old)
+        QV_FREE(old);
+}
+
 // Opcode 3.
 void receive_piece(const Db_net_header& header, const uint8_t* payload, bool swap)
 {
@@ -237,16 +274,19 @@ void receive_piece(const Db_net_header& header, const uint8_t* payload, bool swa
                 record->data = nullptr;
                 record->size = 0;
             }
-            arrival = g_arrivals.emplace(tag, Arrival{0, record->data ? record->size : 0}).first;
+            arrival = g_arrivals.emplace(tag, Arrival{0, 0, record->data ? record->size : 0, 0}).first;
         }
         arrival->second.next_offset = 0;
+        arrival->second.total = header.total;
+        arrival->second.host = header.host;
         record->state = DB_STATE_ARRIVING;
         record->type = header.type;
         record->module = header.module;
         record->flags = header.flags;
         record->priv = header.priv;
         record->shared = 1;
-    } else if (arrival == g_arrivals.end() || arrival->second.next_offset != offset || record->type != header.type) {
+    } else if (arrival == g_arrivals.end() || arrival->second.next_offset != offset || record->type != header.type ||
+               arrival->second.total != header.total) {
         msg_error_n(30, "unexpected piece %u of tag %#x from host %d", header.piece, tag, int(header.host));
         if (arrival != g_arrivals.end())
             transfer_broken(tag, record);
@@ -260,27 +300,38 @@ void receive_piece(const Db_net_header& header, const uint8_t* payload, bool swa
         return;
     }
 
-    Arrival& progress = arrival->second;
-    if (serialized) {
-        QV::DB::serial_receive_piece(record, payload, offset, header.length, header.last);
-    } else {
-        // The block grows with what arrived (at most doubling), not with what the header claims.
+    if (!serialized) {
+        // The answer to a fetch of ours gets its whole block at the first piece, from the size
+        // it announces, so the reader does not stop to grow it while the owner waits. Pieces
+        // nobody here asked for (a flush push, a damaged stream) grow the block with what
+        // arrived (at most doubling), so a header alone cannot make a large allocation.
+        Arrival& progress = arrival->second;
         const uint64_t need = offset + header.length;
         uint64_t capacity = progress.capacity;
-        if (header.last)
+        if (header.last || (header.piece == 0 && awaited(tag, header.host)))
             capacity = std::max<uint64_t>(header.total, 1);
         else if (need > capacity)
             capacity = std::max(need, std::min<uint64_t>(header.total, std::max<uint64_t>(capacity * 2, 65536)));
         if (capacity != progress.capacity || !record->data) {
-            Lock_holder hold(g_global_lock);
-            record->data = QV_REALLOC(record->data, size_t(capacity));
-            record->size = uint32_t(capacity);
+            resize_block(record, capacity, header.piece != 0);
             progress.capacity = capacity;
         }
-        if (header.length)
-            std::memcpy(static_cast<uint8_t*>(record->data) + offset, payload, header.length);
     }
-    progress.next_offset = offset + header.length;
+
+    // Flow control: the next eight pieces are asked for when the eighth of this window arrived.
+    // The request goes out before this piece is copied, so the copy overlaps its round trip.
+    if (!header.last && (uint64_t(header.piece) + 1) % DB_NET_WINDOW == 0) {
+        if (debug_on())
+            msg_debug("requesting tag %#x, offset %d from remote host %d", tag, int(header.piece + 1), int(header.host));
+        if (!send_request(header.host, DB_NET_DATA_REQUEST, tag, header.piece + 1, DB_NET_WINDOW, 0))
+            msg_error_n(34, "can't request tag %#x from host %d", tag, int(header.host));
+    }
+
+    if (serialized)
+        QV::DB::serial_receive_piece(record, payload, offset, header.length, header.last);
+    else if (header.length)
+        std::memcpy(static_cast<uint8_t*>(record->data) + offset, payload, header.length);
+    arrival->second.next_offset = offset + header.length;
 
     if (header.last) {
         g_arrivals.erase(arrival);
@@ -293,14 +344,6 @@ void receive_piece(const Db_net_header& header, const uint8_t* payload, bool swa
             record->state = DB_STATE_NORMAL;
         }
         wake(tag, WAIT_DATA);
-        return;
-    }
-    // Flow control: the next eight pieces are asked for when the eighth of this window arrived.
-    if ((uint64_t(header.piece) + 1) % DB_NET_WINDOW == 0) {
-        if (debug_on())
-            msg_debug("requesting tag %#x, offset %d from remote host %d", tag, int(header.piece + 1), int(header.host));
-        if (!send_request(header.host, DB_NET_DATA_REQUEST, tag, header.piece + 1, DB_NET_WINDOW, 0))
-            msg_error_n(34, "can't request tag %#x from host %d", tag, int(header.host));
     }
 }
 
@@ -508,6 +551,18 @@ void wake(Db_tag tag, Waiter_kind kind)
 
 void wake_host_lost(uint32_t host)
 {
+    // What that host had sent of a transfer will not be completed: the records forget it, so
+    // they hold no half block and a later access asks again.
+    std::vector<Db_tag> broken;
+    for (const auto& [tag, arrival] : g_arrivals)
+        if (arrival.host == host)
+            broken.push_back(tag);
+    for (Db_tag tag : broken) {
+        if (Db_record* record = record_peek(tag))
+            discard_partial(tag, record);
+        else
+            g_arrivals.erase(tag);
+    }
     Lock_holder hold(g_waiters_lock);
     for (Waiter* node = g_waiters; node; node = node->next) {
         if (!node->active || node->host != host)

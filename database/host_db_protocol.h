@@ -101,7 +101,8 @@ int master_locks_in_table();
 enum Waiter_kind { WAIT_DATA = 0, WAIT_TYPE = 1, WAIT_LOCK = 2, WAIT_UNLOCK = 3 };
 void wake(Db_tag tag, Waiter_kind kind);
 // Wakes every thread that waits for an answer of `host`, whose connection is gone: their
-// fetches fail as if the host had nothing.
+// fetches fail as if the host had nothing. Transfers from `host` under way are dropped. Reader
+// thread only.
 void wake_host_lost(uint32_t host);
 
 // A waiter node lives on the waiting thread's stack, in one list under the waiters lock.

@@ -6,7 +6,9 @@
 
 namespace qv_msg_detail {
 
-// TCP_NODELAY and SO_KEEPALIVE, each reported on its own failure.
+// Bytes asked for as each connection's send and receive buffer (the system may double them).
+constexpr size_t QV_MSG_SOCKET_BUFFER = 64 * 1024;
+// TCP_NODELAY and SO_KEEPALIVE, each reported on its own failure, and the buffer sizes above.
 bool socket_options(int socket);
 // Splits a connect text by the host:port and [IPv6] rules; false if it cannot be parsed. The
 // "more than one ':'" rule is checked by the caller.

@@ -93,6 +93,13 @@ bool socket_options(int socket)
         msg_error("failed to set SO_KEEPALIVE on socket - %s", error_text(errno));
         good = false;
     }
+    // A data window (eight framed pieces, 11,264 bytes) and the messages around it must go out
+    // in one write without waiting for acknowledgements: the system's first send buffer is 16 KB
+    // and grows only under sustained traffic. Explicit sizes also stop the buffers shrinking.
+    // Not being able to set them is no error: only speed depends on it.
+    const int buffer_bytes = int(QV_MSG_SOCKET_BUFFER);
+    setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &buffer_bytes, sizeof buffer_bytes);
+    setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &buffer_bytes, sizeof buffer_bytes);
     return good;
 }
 

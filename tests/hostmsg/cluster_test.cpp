@@ -103,11 +103,11 @@ protected:
 
 TEST_F(ClusterTest, SlavesFetchPlainAndSerializedElementsByteForByte)
 {
-    // Piece borders: empty, one byte, exactly one piece, one byte into the second, and 108 pieces,
-    // whose windows after pieces 7, 15, ..., 103 the receiver asks for. The slaves' lines are
+    // Piece borders: empty, one byte, exactly one piece, one byte into the second, and 147 pieces,
+    // whose windows after pieces 7, 15, ..., 143 the receiver asks for. The slaves' lines are
     // printed here, by the master, in the order each slave wrote them.
     Db_tag windowed = 0;
-    for (uint32_t size : {0u, 1u, 1364u, 1365u, 146000u}) {
+    for (uint32_t size : {0u, 1u, 1364u, 1365u, 200000u}) {
         Db_tag tag = windowed = make_plain(size, size);
         Db_record* record = qv_db_peek(tag);
         for (int host : {1, 2})
@@ -115,16 +115,13 @@ TEST_F(ClusterTest, SlavesFetchPlainAndSerializedElementsByteForByte)
     }
     const std::string prefix = "requesting tag 0x" + hex(windowed) + ", offset ";
     std::vector<int> expected;
-    for (int piece = 8; piece < 2 * 108; piece += 8)   // host 1's windows, then host 2's
-        expected.push_back(piece < 108 ? piece : piece - 104);
+    for (int host = 1; host <= 2; ++host)
+        for (int piece = 8; piece < 147; piece += 8)
+            expected.push_back(piece);
     EXPECT_TRUE(wait_until([&] { return hostmsg_count(prefix) == int(expected.size()); }));
     std::vector<int> asked;
-    {
-        std::lock_guard<std::mutex> hold(hostmsg_capture().mutex);
-        for (const std::string& line : hostmsg_capture().lines)
-            if (size_t at = line.find(prefix); at != std::string::npos)
-                asked.push_back(std::atoi(line.c_str() + at + prefix.size()));
-    }
+    for (const std::string& line : hostmsg_lines(prefix))
+        asked.push_back(std::atoi(line.c_str() + line.find(prefix) + prefix.size()));
     EXPECT_EQ(asked, expected);
 
     auto* blob = new Blob_element();
@@ -159,8 +156,16 @@ TEST_F(ClusterTest, MasterRunsTheJobOfAJobTagThatASlaveAsksForOnce)
     EXPECT_EQ(Blob_job::runs_on_reader.load(), 0);
 }
 
-TEST_F(ClusterTest, FlushPushWritesBackToTheOwnerAndBroadcastDeleteReachesEveryHost)
+TEST_F(ClusterTest, NetworkPinFlushPushAndBroadcastDeleteActOnTheOwnerAndEveryHost)
 {
+    // A network pin keeps a tracked element from the flush until its unpin.
+    Db_tag tracked = make_plain(64, 3, POLYGON);
+    ASSERT_TRUE(probe_record(tracked).offered);
+    ASSERT_EQ(slave(1).ask("pin " + hex(tracked)), "ok");
+    EXPECT_TRUE(wait_until([&] { return !probe_record(tracked).offered; }));
+    ASSERT_EQ(slave(1).ask("unpin " + hex(tracked)), "ok");
+    EXPECT_TRUE(wait_until([&] { return probe_record(tracked).offered; }));
+
     Db_tag tag = make_plain(3000, 5);
     ASSERT_EQ(slave(1).ask("fetch " + hex(tag)).substr(0, 7), "ok 3000");
     ASSERT_EQ(slave(2).ask("fetch " + hex(tag)).substr(0, 7), "ok 3000");
@@ -195,16 +200,6 @@ TEST_F(ClusterTest, SlavesReachEachOtherThroughTheMaster)
     EXPECT_TRUE(wait_until([] { return hostmsg_count("failed to read tag 89000400 data from host 9") == 1; }));
 }
 
-TEST_F(ClusterTest, NetworkPinKeepsATrackedElementFromTheFlush)
-{
-    Db_tag tag = make_plain(64, 3, POLYGON);
-    ASSERT_TRUE(probe_record(tag).offered);
-    ASSERT_EQ(slave(1).ask("pin " + hex(tag)), "ok");
-    EXPECT_TRUE(wait_until([&] { return !probe_record(tag).offered; }));
-    ASSERT_EQ(slave(1).ask("unpin " + hex(tag)), "ok");
-    EXPECT_TRUE(wait_until([&] { return probe_record(tag).offered; }));
-}
-
 TEST_F(ClusterTest, ClusterLockIsHeldByOneSlaveAtATime)
 {
     Db_tag tag = make_plain(16, 2);
@@ -230,19 +225,41 @@ TEST_F(ClusterTest, ClusterLockIsHeldByOneSlaveAtATime)
     EXPECT_EQ(hostmsg_count("globally unlocking"), 0);
 }
 
-TEST_F(ClusterTest, SlaveKilledMidTransferIsReportedAndTheMasterGoesOn)
+TEST_F(ClusterTest, SlaveKilledMidTransferEndsItsTransfersAndTheMasterGoesOn)
 {
     Db_tag big = make_plain(40u << 20, 4);
     Db_tag small = make_plain(2000, 4);
-    {
-        Peer doomed({"slave", std::to_string(port_)});
-        ASSERT_EQ(qv_msg_accept(listener_, 3, 10000), 1);
-        ASSERT_EQ(doomed.line(), "host 3");
-        doomed.send("fetch " + hex(big));
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        doomed.kill_now();
-    }
+    Peer doomed({"slave", std::to_string(port_)});
+    ASSERT_EQ(qv_msg_accept(listener_, 3, 10000), 1);
+    ASSERT_EQ(doomed.line(), "host 3");
+    const std::string made = doomed.ask("make 2800000 4");   // 40 MB of its own
+    ASSERT_EQ(made.substr(0, 3), "ok ");
+    const Db_tag theirs = Db_tag(std::stoul(made.substr(3), nullptr, 16));
+
+    // 40 MB go each way when the slave dies; the master's fetch fails instead of waiting.
+    doomed.send("fetch " + hex(big));
+    Db_record target{};
+    std::atomic<int> fetched{-1};
+    std::thread fetcher([&] {
+        thread_init_current();
+        {
+            Module_scope scope(MOD_DB);   // as the database's access path calls it
+            fetched = qv_db_remote_hooks().fetch(theirs, &target, false, 3);
+        }
+        thread_end_current();
+    });
+    EXPECT_TRUE(wait_until([&] { return probe_record(theirs).state == DB_STATE_ARRIVING; }));
+    doomed.kill_now();
+    // Bounded: a fetch that never wakes fails here and its thread is left behind.
+    bool ended = wait_until([&] { return fetched.load() != -1; });
+    EXPECT_TRUE(ended);
+    ended ? fetcher.join() : fetcher.detach();
+    EXPECT_EQ(fetched.load(), 0);
     EXPECT_TRUE(wait_until([] { return hostmsg_count("Connection to host 3 lost.") == 1; }));
+    EXPECT_EQ(hostmsg_count("N41025 failed to read tag " + hex(theirs) + " data from host 3"), 1);
+    const Record_probe left = probe_record(theirs);   // the half block is gone
+    EXPECT_EQ(left.state, DB_STATE_FREE);
+    EXPECT_FALSE(left.has_data);
     EXPECT_FALSE(qv_msg_host_live(3));
     EXPECT_EQ(slave(1).ask("fetch " + hex(small)), expected_fetch(qv_db_peek(small)->data, 2000));
     qv_db_delete(big);

@@ -32,38 +32,34 @@ extern char** environ;
 
 // ---- Message capture of this process --------------------------------------------------------
 
-struct Hostmsg_capture {
-    std::mutex mutex;
-    std::vector<std::string> lines;   // "L<level> N<number> <text>"
-};
-
-inline Hostmsg_capture& hostmsg_capture()
-{
-    static Hostmsg_capture capture;
-    return capture;
-}
+inline std::mutex g_hostmsg_mutex;
+inline std::vector<std::string> g_hostmsg_lines;   // "L<level> N<number> <text>", under the mutex
 
 inline void hostmsg_capture_line(uint32_t level, const char*, const char* text, int32_t number)
 {
     char head[32];
     std::snprintf(head, sizeof head, "L%u N%d ", level, number);
-    std::lock_guard<std::mutex> hold(hostmsg_capture().mutex);
-    hostmsg_capture().lines.push_back(head + std::string(text));
+    std::lock_guard<std::mutex> hold(g_hostmsg_mutex);
+    g_hostmsg_lines.push_back(head + std::string(text));
 }
 
 inline void hostmsg_clear()
 {
-    std::lock_guard<std::mutex> hold(hostmsg_capture().mutex);
-    hostmsg_capture().lines.clear();
+    std::lock_guard<std::mutex> hold(g_hostmsg_mutex);
+    g_hostmsg_lines.clear();
 }
 
-// Captured lines that contain `fragment`.
-inline int hostmsg_count(const std::string& fragment)
+// Captured lines that contain `fragment`, in order.
+inline std::vector<std::string> hostmsg_lines(const std::string& fragment)
 {
-    std::lock_guard<std::mutex> hold(hostmsg_capture().mutex);
-    return int(std::count_if(hostmsg_capture().lines.begin(), hostmsg_capture().lines.end(),
-                             [&](const std::string& line) { return line.find(fragment) != std::string::npos; }));
+    std::lock_guard<std::mutex> hold(g_hostmsg_mutex);
+    std::vector<std::string> found;
+    std::copy_if(g_hostmsg_lines.begin(), g_hostmsg_lines.end(), std::back_inserter(found),
+                 [&](const std::string& line) { return line.find(fragment) != std::string::npos; });
+    return found;
 }
+
+inline int hostmsg_count(const std::string& fragment) { return int(hostmsg_lines(fragment).size()); }
 
 // This process as host 0 with a database, the test element class and the capture.
 inline void hostmsg_process_setup()
@@ -170,30 +166,23 @@ public:
     // Exit status once the peer ended within `limit_ms`, else -1 (still running).
     int wait_exit(int limit_ms)
     {
-        if (pid_ <= 0)
-            return status_;
         auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(limit_ms);
-        for (;;) {
-            int status = 0;
-            if (waitpid(pid_, &status, WNOHANG) == pid_) {
-                pid_ = -1;
-                status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-                return status_;
-            }
+        int status = 0;
+        while (pid_ > 0 && waitpid(pid_, &status, WNOHANG) != pid_) {
             if (std::chrono::steady_clock::now() > end)
                 return -1;
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
+        if (pid_ > 0)
+            status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        pid_ = -1;
+        return status_;
     }
 
     void kill_now()
     {
-        if (pid_ <= 0)
-            return;
-        kill(pid_, SIGKILL);
-        int status = 0;
-        waitpid(pid_, &status, 0);
-        pid_ = -1;
+        if (pid_ > 0 && kill(pid_, SIGKILL) == 0)
+            wait_exit(60000);
     }
 
     // Its whole stderr so far: the "L<level> N<number> <text>" lines.
