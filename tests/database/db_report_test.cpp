@@ -1,4 +1,4 @@
-// Reports: dump rows, the two summaries with their listing thresholds, statistics, host tags.
+// Reports: dump rows, the two summaries with their listing thresholds.
 #include <cstdlib>
 
 #include "tests/database/db_test_support.h"
@@ -79,25 +79,6 @@ TEST_F(DbReportTest, SummaryListsByModuleAndTypeWithTheirThresholds)
     EXPECT_EQ(info_lines(), expected);
     qv_db_unpin(polygon);
     qv_db_unpin(index);
-}
-
-TEST_F(DbReportTest, StatisticsCountWhatHappened)
-{
-    qv_db_realloc(make_unpinned(0, 8), 64);
-    qv_db_delete(make_unpinned(0, 8));
-    db_messages().clear();
-    qv_db_stats();
-    EXPECT_EQ(info_lines(), (std::vector<std::string>{"1 tags, 2 creates, 1 reallocs",
-                                                      "1 deletes, 0 flushes, 0 data/type reqs (0 errors)"}));
-
-    Db_statistics& counters = qv_db_statistics();
-    counters.kbytes_sent = 30000;
-    counters.send_requests = 5;
-    counters.send_seconds = 3;
-    db_messages().clear();
-    qv_db_stats();
-    ASSERT_EQ(info_lines().size(), 3u);
-    EXPECT_EQ(info_lines()[2], "30000 Kbytes data sent, 5 reqs in 3 seconds (10000 Kb/s)");
 }
 
 }  // namespace

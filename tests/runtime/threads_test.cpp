@@ -2,15 +2,12 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
-#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "runtime/locks.h"
 #include "runtime/threads.h"
-#include "tests/runtime/stderr_capture.h"
 #include "tests/test_support.h"
 
 namespace {
@@ -93,28 +90,6 @@ TEST_F(ThreadsTest, StartedThreadRunsInItsRowAndLeavesNothingBehind)
     EXPECT_EQ(thread_stack_size(), 300000u);
 }
 
-TEST_F(ThreadsTest, TableHoldsOneThousandTwentyFourRowsAndRefusesTheNext)
-{
-    std::vector<int> rows;
-    Stderr_capture capture;
-    for (;;) {
-        int row = thread_alloc(nullptr, nullptr, false);
-        if (row < 0)
-            break;
-        rows.push_back(row);
-        ASSERT_LT(rows.size(), size_t(THREAD_TABLE_ROWS));
-    }
-    // Every row but the main thread's was free.
-    EXPECT_EQ(rows.size() + 1, size_t(THREAD_TABLE_ROWS));
-    std::string err = capture.finish();
-    EXPECT_NE(err.find("too many threads"), std::string::npos) << err;
-    for (int row : rows)
-        thread_release(row);
-    int again = thread_alloc(nullptr, nullptr, false);
-    EXPECT_EQ(again, rows.front());
-    thread_release(again);
-}
-
 TEST_F(ThreadsTest, SnapshotHoldsBackStartingThreadsAndListsNewestFirst)
 {
     Seen seen;
@@ -157,25 +132,6 @@ TEST_F(ThreadsTest, DetachedThreadMovesToTheReservedRow)
     EXPECT_EQ(number_after, THREAD_RESERVED_ROW);
     EXPECT_FALSE(snapshot_has_row(row_before));
     EXPECT_FALSE(snapshot_has_row(THREAD_RESERVED_ROW));
-}
-
-TEST(CapabilityTest, NamesAreStoredWithHashesAndTheListStopsShortOf450)
-{
-    qv_test_init();
-    capability_register("RAY39");
-    capability_register("a|b");
-    EXPECT_NE(std::strstr(capability_local_list(), "|RAY39|a#b"), nullptr);
-    // A name one character longer than the room left (449 characters and the zero) is refused;
-    // the name that just fits is taken.
-    size_t used = std::strlen(capability_local_list());
-    std::string filler(CAPABILITY_LIST_CHARS - 2 - used, 'f');
-    Stderr_capture overflow;
-    capability_register(("z" + filler).c_str());
-    EXPECT_EQ(std::strlen(capability_local_list()), used);
-    capability_register(filler.c_str());
-    const std::string err = overflow.finish();
-    EXPECT_NE(err.find("capability overflow: zf"), std::string::npos) << err;
-    EXPECT_EQ(std::strlen(capability_local_list()), size_t(CAPABILITY_LIST_CHARS - 1));
 }
 
 TEST(LockTest, InPlaceSectionIsRecursiveAndGuardWaitsForMem)
