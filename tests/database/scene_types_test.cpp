@@ -1,16 +1,12 @@
 // The type table: registration, create/resize/copy/delete/unlink, and the options values.
 #include <algorithm>
-#include <utility>
 #include <vector>
 
-#include "database/scene_value.h"
-#include "database/transaction.h"
 #include "runtime/modules.h"
 #include "tests/database/scene_test_support.h"
 
 namespace {
 
-using QV::SCENE::Options;
 
 class SceneTypesTest : public SceneTest {};
 
@@ -71,25 +67,6 @@ TEST_F(SceneTypesTest, CopyOfACameraDuplicatesTheSubTagsItOwns)
     qv_scene_delete(copy);
     EXPECT_EQ(qv_db_peek(output_copy)->state, DB_STATE_FREE);
     EXPECT_EQ(qv_db_peek(output)->state, DB_STATE_NORMAL);
-}
-
-TEST_F(SceneTypesTest, CopyOfOptionsStoresTheOptionsElementAnew)
-{
-    auto* options = new Options;
-    options->set("samples", new QV::SCENE::IntValue(16));
-    Db_tag element = 0;
-    QV::DB::get_transaction()->store(&element, options, nullptr);
-    Db_tag record = 0;
-    void* data = qv_scene_create(&record, SCENE_OPTIONS);
-    scene_set_word(data, SCENE_OPTIONS_ELEMENT_WORD, int32_t(element));
-
-    const Db_tag copy = qv_scene_copy(record);
-    const Db_tag element_copy = Db_tag(scene_word(qv_db_access(copy), SCENE_OPTIONS_ELEMENT_WORD));
-    ASSERT_TRUE(element_copy != 0 && element_copy != element);
-    auto* copied = static_cast<Options*>(qv_db_access(element_copy));
-    int32_t samples = 0;
-    ASSERT_TRUE(copied != options && copied->find("samples") && copied->find("samples")->get(samples));
-    EXPECT_EQ(samples, 16);
 }
 
 std::vector<Db_tag> g_forgotten;

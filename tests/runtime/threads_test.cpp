@@ -90,50 +90,6 @@ TEST_F(ThreadsTest, StartedThreadRunsInItsRowAndLeavesNothingBehind)
     EXPECT_EQ(thread_stack_size(), 300000u);
 }
 
-TEST_F(ThreadsTest, SnapshotHoldsBackStartingThreadsAndListsNewestFirst)
-{
-    Seen seen;
-    const Thread_snapshot* snapshot = take_snapshot();
-    ASSERT_NE(snapshot, nullptr);
-    int row = thread_alloc(record_context, &seen, true);
-    ASSERT_GT(row, 0);
-    ASSERT_EQ(thread_start(row), 1);
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    EXPECT_FALSE(seen.ran.load());  // blocked at the start lock
-    thread_snapshot_release();
-    ASSERT_TRUE(wait_until([&] { return seen.ran.load(); }));
-
-    // A row taken but not started is listed, ahead of the main thread.
-    int idle = thread_alloc(nullptr, nullptr, false);
-    ASSERT_TRUE(wait_until([] { return thread_running_count() == 0; }));
-    snapshot = take_snapshot();
-    ASSERT_NE(snapshot, nullptr);
-    ASSERT_GE(snapshot->count, 2);
-    for (int i = 1; i < snapshot->count; ++i)
-        EXPECT_GT(snapshot->contexts[i - 1]->thread_number, snapshot->contexts[i]->thread_number);
-    EXPECT_EQ(snapshot->contexts[snapshot->count - 1]->thread_number, 0);
-    thread_snapshot_release();
-    thread_release(idle);
-}
-
-TEST_F(ThreadsTest, DetachedThreadMovesToTheReservedRow)
-{
-    std::atomic<int> number_after{-1};
-    std::atomic<int> row_before{-1};
-    std::thread foreign([&] {
-        row_before = thread_init_current();
-        EXPECT_EQ(thread_init_current(), row_before);  // a second call keeps the row
-        thread_detach_current();
-        number_after = thread_number();
-        thread_end_current();
-    });
-    foreign.join();
-    ASSERT_GT(row_before, 0);
-    EXPECT_EQ(number_after, THREAD_RESERVED_ROW);
-    EXPECT_FALSE(snapshot_has_row(row_before));
-    EXPECT_FALSE(snapshot_has_row(THREAD_RESERVED_ROW));
-}
-
 TEST(LockTest, InPlaceSectionIsRecursiveAndGuardWaitsForMem)
 {
     qv_test_init();
@@ -222,15 +178,6 @@ TEST_F(RwLockTest, WaitingWriterHoldsBackNewReadersUntilItHasBeenAndGone)
     EXPECT_EQ(writer_at, 0);
     EXPECT_EQ(reader_at, 1);
     EXPECT_EQ(rw_count(lock), 0);
-
-    // A held writer refuses both try forms.
-    rw_lock(lock, true);
-    EXPECT_FALSE(rw_try_lock(lock, false));
-    EXPECT_FALSE(rw_try_lock(lock, true));
-    EXPECT_EQ(waiting(lock, false), 0);
-    rw_unlock(lock, true);
-    EXPECT_TRUE(rw_try_lock(lock, true));
-    rw_unlock(lock, true);
 }
 
 TEST_F(RwLockTest, MixedLoadKeepsWritersExclusive)

@@ -1,4 +1,5 @@
-// Every row of the encoding on both media: values come back, and the bytes are the wire form.
+// Every row of the encoding on both media: values come back, and the bytes are the wire form;
+// the in-memory medium's deferred entries.
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -7,10 +8,12 @@
 #include <typeinfo>
 
 #include "base/lib/mem/i_mem_allocatable.h"
+#include "serial/element_transfer.h"
 #include "tests/serial/media_fixture.h"
 
 using namespace QV::SERIAL;
 using namespace serial_test;
+using QV::DB::Db_serializer;
 
 namespace {
 
@@ -158,5 +161,34 @@ TEST_P(SerializerRowsTest, EveryRowRoundTripsInOneStreamWithItsWireForm)
 
 INSTANTIATE_TEST_SUITE_P(Media, SerializerRowsTest, testing::Values(Media::file, Media::queue),
                          media_name);
+
+TEST(DbSerializerTest, DeferredEntriesExpandInOrderOnlyWhenReached)
+{
+    qv_test_init();
+    static const char late[] = "LATE-BYTES";
+    Db_serializer out;
+    out.write(uint32_t(0xA1A2A3A4));
+    out.write_deferred(reinterpret_cast<uintptr_t>(late), 10, DEFERRED_BYTES);
+    out.write_deferred(uint64_t(1), uint64_t(2), 77);   // a kind nobody expands: no bytes
+    out.write_deferred(reinterpret_cast<uintptr_t>(late), 4, DEFERRED_BYTES);
+    EXPECT_EQ(out.queue().size(), 4u);
+    EXPECT_EQ(out.pending_deferred(), 3u);
+
+    // The first 4 bytes are there already: nothing expands, and more remains.
+    char buffer[32] = {};
+    bool last = true;
+    EXPECT_EQ(out.read_piece(buffer, 0, 4, &last), 4u);
+    EXPECT_FALSE(last);
+    EXPECT_EQ(out.pending_deferred(), 3u);
+
+    // Asking past the queue expands what is needed, in arrival order.
+    EXPECT_EQ(out.read_piece(buffer, 4, 12, &last), 12u);
+    EXPECT_EQ(std::string(buffer, 12), "LATE-BYTESLA");
+    EXPECT_FALSE(last);
+    EXPECT_EQ(out.read_piece(buffer, 16, 100, &last), 2u);
+    EXPECT_EQ(std::string(buffer, 2), "TE");
+    EXPECT_TRUE(last);
+    EXPECT_EQ(out.queue().size(), 18u);
+}
 
 }  // namespace
