@@ -93,25 +93,6 @@ TEST_F(SceneTypesTest, EditMarksTheRecordAndTellsFunctionsAndObjects)
     EXPECT_EQ(scene_word(qv_db_access(object), SCENE_OBJECT_TYPE_WORD), 2);
 }
 
-TEST_F(SceneTypesTest, DeleteOfAnInstanceTakesItsParametersButNotItsItemAndUntypedIsRefused)
-{
-    Db_tag item = scene_new(SCENE_OBJECT, 0);
-    Db_tag parameters = scene_new(SCENE_USERDATA, 8);
-    Db_tag instance = 0;
-    void* data = qv_scene_create(&instance, SCENE_INSTANCE);
-    scene_set_word(data, SCENE_INSTANCE_ITEM_WORD, int32_t(item));
-    scene_set_word(data, SCENE_INSTANCE_PARAM_WORD, int32_t(parameters));
-    qv_scene_delete(instance);
-    EXPECT_EQ(qv_db_peek(instance)->state, DB_STATE_FREE);
-    EXPECT_EQ(qv_db_peek(parameters)->state, DB_STATE_FREE);
-    EXPECT_EQ(qv_db_peek(item)->state, DB_STATE_NORMAL);
-
-    const Db_tag untyped = make_unpinned(0, 4);
-    qv_scene_delete(untyped);
-    EXPECT_TRUE(has_text("qv_scene_delete fails, unknown object type"));
-    EXPECT_EQ(qv_db_peek(untyped)->state, DB_STATE_NORMAL);
-}
-
 }  // namespace
 
 // The module's per-thread area is plain storage; its tag stack lives in the session area, made

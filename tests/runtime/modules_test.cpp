@@ -52,28 +52,6 @@ TEST_F(ModulesTest, ContextAreaIsCreatedZeroedOnceAndNotForSizeZero)
     EXPECT_EQ(mod_context_area(MOD_EMPTY), nullptr);
 }
 
-TEST_F(ModulesTest, AttachSweepsAgainWhenAnExitBringsAnAreaBack)
-{
-    static int a_exits;
-    static int b_exits;
-    a_exits = b_exits = 0;
-    mod_register_context_area(MOD_A, nullptr, [](void*) { ++a_exits; }, 16);
-    // B's exit needs A, which the first sweep has already released.
-    mod_register_context_area(MOD_B, nullptr, [](void*) {
-        ++b_exits;
-        EXPECT_NE(mod_context_area(MOD_A), nullptr);
-    }, 16);
-    mod_context_area(MOD_A);
-    mod_context_area(MOD_B);
-
-    auto* replacement = static_cast<void**>(mem_raw_alloc(__FILE__, __LINE__, sizeof(void*) * MODULE_TABLE_ROWS));
-    mod_attach_context(replacement);
-    EXPECT_EQ(a_exits, 2);
-    EXPECT_EQ(b_exits, 1);
-    EXPECT_EQ(thread_context()->context_areas, replacement);
-    EXPECT_EQ(replacement[MOD_A], nullptr);
-}
-
 TEST_F(ModulesTest, DetachFoldsMemAccountsAndHandsTheArrayOver)
 {
     static void* folded;
