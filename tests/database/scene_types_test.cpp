@@ -1,4 +1,4 @@
-// The type table: registration, create/resize/copy/delete/unlink, and the options values.
+// The type table: registration, copies, edits, and the module's own areas.
 #include <algorithm>
 #include <vector>
 
@@ -26,47 +26,6 @@ TEST_F(SceneTypesTest, RegistrationAcceptsOnlyTheFreeNumbers)
     }
     EXPECT_EQ(qv_scene_handlers(SCENE_FUNCDECL).swap, funcdecl_swap);
     EXPECT_EQ(qv_scene_handlers(38).unlink, nullptr);
-}
-
-TEST_F(SceneTypesTest, ResizeGrowsArraysAndRefusesFixedTypes)
-{
-    Db_tag tags = scene_new(SCENE_TAG, 2);
-    qv_scene_resize(tags, 10);
-    EXPECT_EQ(qv_db_size(tags), 40u);
-
-    Db_tag group = scene_new(SCENE_GROUP, 1);
-    qv_scene_resize(group, 4);
-    EXPECT_EQ(qv_scene_validate(group), 1) << "the counter follows the new size";
-
-    Db_tag material = 0;
-    void* before = qv_scene_create(&material, SCENE_MATERIAL);
-    EXPECT_EQ(qv_scene_resize(material, 99), before);
-    EXPECT_TRUE(has_text("can't grow a material"));
-}
-
-TEST_F(SceneTypesTest, CopyOfACameraDuplicatesTheSubTagsItOwns)
-{
-    Db_tag output = 0;
-    auto* output_bytes = static_cast<int32_t*>(qv_scene_create(&output, SCENE_TAG, 1));
-    output_bytes[0] = 0x77;
-    Db_tag camera = 0;
-    void* camera_data = qv_scene_create(&camera, SCENE_CAMERA);
-    scene_set_word(camera_data, SCENE_CAMERA_OUTPUT_WORD, int32_t(output));
-    scene_set_word(camera_data, 1, 0x3f800000);
-
-    const Db_tag copy = qv_scene_copy(camera);
-    ASSERT_NE(copy, camera);
-    const void* copy_data = qv_db_access(copy);
-    EXPECT_EQ(scene_word(copy_data, 1), 0x3f800000);
-    const Db_tag output_copy = Db_tag(scene_word(copy_data, SCENE_CAMERA_OUTPUT_WORD));
-    ASSERT_TRUE(output_copy != 0 && output_copy != output);
-    EXPECT_EQ(static_cast<const int32_t*>(qv_db_access(output_copy))[0], 0x77);
-    EXPECT_EQ(scene_word(copy_data, SCENE_CAMERA_FB_WORD), 0) << "a null sub-tag stays null";
-
-    // The delete takes the owned output list along, and leaves the original alone.
-    qv_scene_delete(copy);
-    EXPECT_EQ(qv_db_peek(output_copy)->state, DB_STATE_FREE);
-    EXPECT_EQ(qv_db_peek(output)->state, DB_STATE_NORMAL);
 }
 
 std::vector<Db_tag> g_forgotten;
