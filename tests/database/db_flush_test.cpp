@@ -62,19 +62,6 @@ TEST_F(DbFlushTest, EvictDropsUnpinnedDataAndKeepsTheTag)
     EXPECT_EQ(evicted.bytes, 150u);
     EXPECT_EQ(qv_db_peek(dropped)->state, DB_STATE_NORMAL);
     EXPECT_EQ(qv_db_peek(dropped)->data, nullptr);
-
-    // Pinned between the walk and the eviction: evict checks again and leaves it.
-    Db_tag late = make_unpinned(POLYGON, 10);
-    Db_thread_list threads{};
-    Thread_context* self = thread_context();
-    threads.contexts = &self;
-    threads.count = 1;
-    qv_db_access(late);
-    EXPECT_EQ(qv_db_evict(nullptr, qv_db_peek(late), &threads), nullptr);
-    EXPECT_EQ(qv_db_peek(late)->state, DB_STATE_NORMAL);
-    EXPECT_TRUE(lock_try_enter(qv_db_peek(late)->lock)) << "the lock was left";
-    lock_leave(qv_db_peek(late)->lock);
-    qv_db_unpin(late);
 }
 
 TEST_F(DbFlushTest, EmergencyFreeDropsUnpinnedTrackedPlainData)

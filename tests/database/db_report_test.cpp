@@ -1,4 +1,4 @@
-// Reports: dump rows, the two summaries with their listing thresholds, statistics, host tags.
+// Reports: dump rows, the two summaries with their listing thresholds.
 #include <cstdlib>
 
 #include "tests/database/db_test_support.h"
@@ -12,7 +12,7 @@ const char* name_tags(Db_tag tag) { return tag == 0x400 ? "probe" : nullptr; }
 
 std::vector<std::string> info_lines() { return Msg_collect::texts(MSG_INFO); }
 
-TEST_F(DbReportTest, DumpRowsFollowTheirFormatAndTheModuleFilter)
+TEST_F(DbReportTest, DumpRowsFollowTheirFormat)
 {
     qv_db_set_type_name_hook(name_types);
     qv_db_set_tag_name_hook(name_tags);
@@ -25,26 +25,16 @@ TEST_F(DbReportTest, DumpRowsFollowTheirFormatAndTheModuleFilter)
         qv_db_create(&polygon, 14, 16);
         qv_db_create(&map, DB_TYPE_SERIALIZABLE, 8);
     }
-    {
-        Module_scope scope(MOD_RCFG);
-        make_unpinned(1, 8);
-    }
     qv_db_mark_shared(map);
     db_messages().clear();
     qv_db_dump(0);
     std::vector<std::string> lines = info_lines();
-    ASSERT_EQ(lines.size(), 4u);
+    ASSERT_EQ(lines.size(), 3u);
     EXPECT_EQ(lines[0],
               "host  mod        tag                addr   ctrans    size pidx fj v priv refs    type          qv name");
     EXPECT_TRUE(lines[1].starts_with("   0  MAIN  00000400  ") &&
                 lines[1].ends_with("       16    0 -- 1    0   14=polygon     probe")) << lines[1];
     EXPECT_NE(lines[2].find(" F- 1    0   63==MAP        "), std::string::npos) << lines[2];
-
-    db_messages().clear();
-    qv_db_dump(MOD_RCFG);
-    lines = info_lines();
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_TRUE(lines[1].starts_with("   0  RCFG  00000402  ")) << lines[1];
     qv_db_unpin(polygon);
 }
 
@@ -79,25 +69,6 @@ TEST_F(DbReportTest, SummaryListsByModuleAndTypeWithTheirThresholds)
     EXPECT_EQ(info_lines(), expected);
     qv_db_unpin(polygon);
     qv_db_unpin(index);
-}
-
-TEST_F(DbReportTest, StatisticsCountWhatHappened)
-{
-    qv_db_realloc(make_unpinned(0, 8), 64);
-    qv_db_delete(make_unpinned(0, 8));
-    db_messages().clear();
-    qv_db_stats();
-    EXPECT_EQ(info_lines(), (std::vector<std::string>{"1 tags, 2 creates, 1 reallocs",
-                                                      "1 deletes, 0 flushes, 0 data/type reqs (0 errors)"}));
-
-    Db_statistics& counters = qv_db_statistics();
-    counters.kbytes_sent = 30000;
-    counters.send_requests = 5;
-    counters.send_seconds = 3;
-    db_messages().clear();
-    qv_db_stats();
-    ASSERT_EQ(info_lines().size(), 3u);
-    EXPECT_EQ(info_lines()[2], "30000 Kbytes data sent, 5 reqs in 3 seconds (10000 Kb/s)");
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
-// Tag allocation: first tags, page and slot hints, and the fatal numbers of bad accesses.
+// Tag allocation, deletes (double, delayed from element destructors, job tags), record copies,
+// and the fatal numbers of bad accesses.
 #include "tests/database/db_test_support.h"
 
 namespace {
@@ -55,6 +56,102 @@ TEST_F(DbTableTest, FatalsCarryTheirNumbers)
     remote.fetch = [](Db_tag, Db_record*, bool, uint32_t) { return 0; };
     qv_db_set_remote_hooks(remote);
     EXPECT_EXIT(qv_db_type(0x85000010), ::testing::ExitedWithCode(1), "N=41051 T=database network access failed");
+}
+
+// A serializable element whose destructor deletes a further tag, as elements that own other
+// elements do.
+struct Owner_element {
+    Db_tag child;
+};
+
+int g_frees;
+bool g_child_alive_in_destructor;
+
+void free_owner(void* data)
+{
+    auto* owner = static_cast<Owner_element*>(data);
+    ++g_frees;
+    qv_db_delete(owner->child);
+    // A queued delete leaves the child's record untouched until the bracket closes.
+    g_child_alive_in_destructor = qv_db_peek(owner->child)->state == DB_STATE_NORMAL;
+    QV_FREE(owner);
+}
+
+TEST_F(DbTableTest, DeletingTwiceReportsErrorThirtyEightOnce)
+{
+    const Db_tag tag = make_unpinned(0, 32);
+    qv_db_delete(tag);
+    EXPECT_EQ(count_messages(41038), 0);
+    qv_db_delete(tag);
+    EXPECT_EQ(count_messages(41038), 1);
+    EXPECT_TRUE(has_text("attempt to delete invalid tag 0x400, ignoring"));
+    qv_db_delete(0);  // no record ever lives under the null tag
+    EXPECT_EQ(count_messages(41038), 2);
+    EXPECT_EQ(qv_db_statistics().tags, 0);
+
+    // The slot was given back once only: the next two creates get 0x400 and 0x401.
+    EXPECT_EQ(make_unpinned(0, 4), tag);
+    EXPECT_EQ(make_unpinned(0, 4), 0x401u);
+}
+
+TEST_F(DbTableTest, DestructorDeletesRunAfterTheLockIsLeft)
+{
+    Db_type_handler handler{};
+    handler.free_data = free_owner;
+    qv_db_set_type_handler(DB_TYPE_SERIALIZABLE, handler);
+    g_frees = 0;
+    g_child_alive_in_destructor = false;
+
+    Db_tag child = 0, owner_tag = 0;
+    qv_db_create(&child, 0, 16);
+    auto* owner = static_cast<Owner_element*>(QV_ALLOC(sizeof(Owner_element)));
+    owner->child = child;
+    qv_db_create(&owner_tag, DB_TYPE_SERIALIZABLE, sizeof(Owner_element), owner);
+
+    qv_db_delete(owner_tag);
+    EXPECT_EQ(g_frees, 1);
+    EXPECT_TRUE(g_child_alive_in_destructor) << "the child's delete was queued, not run under the lock";
+    EXPECT_EQ(qv_db_peek(child)->state, DB_STATE_FREE);
+    EXPECT_EQ(qv_db_peek(owner_tag)->state, DB_STATE_FREE);
+    EXPECT_EQ(count_messages(41038), 0);
+}
+
+TEST_F(DbTableTest, JobTagStaysWithoutTheJobModulesConsent)
+{
+    Db_tag job = 0;
+    qv_db_create_job_tag(&job, 63, MOD_DBN);
+    qv_db_delete(job);
+    EXPECT_EQ(qv_db_peek(job)->state, DB_STATE_NORMAL);
+
+    Db_job_hooks hooks{};
+    hooks.consent_delete = [](Db_tag) { return 1; };
+    qv_db_set_job_hooks(hooks);
+    qv_db_delete(job);
+    EXPECT_EQ(qv_db_peek(job)->state, DB_STATE_FREE);
+}
+
+
+
+TEST_F(DbTableTest, DupCopiesTheBytesAndLeavesNothingPinnedAndReallocKeepsThem)
+{
+    Db_tag source = 0;
+    auto* bytes = static_cast<unsigned char*>(qv_db_create(&source, POLYGON, 5));
+    for (int i = 0; i < 5; ++i)
+        bytes[i] = static_cast<unsigned char>(10 + i);
+    qv_db_unpin(source);
+
+    Db_tag copy = qv_db_dup(source);
+    ASSERT_NE(copy, source);
+    EXPECT_EQ(my_pins(source), 0u);
+    EXPECT_EQ(my_pins(copy), 0u);
+    Db_record* record = qv_db_peek(copy);
+    ASSERT_EQ(record->size, 5u);
+    EXPECT_NE(record->data, bytes);
+    EXPECT_EQ(std::memcmp(record->data, bytes, 5), 0);
+
+    auto* grown = static_cast<unsigned char*>(qv_db_realloc(copy, 4096));
+    EXPECT_EQ(std::memcmp(grown, bytes, 5), 0);
+    EXPECT_EQ(qv_db_size(copy), 4096u);
 }
 
 }  // namespace

@@ -104,9 +104,6 @@ protected:
                            [&](const Collected_line& message) { return message.text == text; });
     }
 
-    // Count of captured errors whose text contains `fragment`; "" counts every error.
-    static int errors_with(const std::string& fragment) { return Msg_collect::count(MSG_ERROR, fragment); }
-
     static uint32_t my_pins(Db_tag tag)
     {
         Thread_context* context = thread_context();

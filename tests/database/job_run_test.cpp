@@ -1,24 +1,15 @@
-// Jobs: their stored form, the support classes, and job tags producing their result on access.
-#include <memory>
-#include <thread>
+// Job tags producing their result on first access, after their dependencies.
 #include <vector>
 
 #include "database/transaction.h"
-#include "runtime/threads.h"
 #include "serial/deserialization_manager.h"
-#include "serial/media_queue.h"
 #include "tests/database/scene_test_support.h"
 #include "tests/database/transaction_test_elements.h"
 
 namespace {
 
-using QV::DB::Dummy_job;
-using QV::DB::Dummy_tag;
-using QV::DB::Element;
 using QV::DB::Element_base;
-using QV::DB::Job_param;
 using QV::DB::get_transaction;
-using QV::SCHED::Job;
 using QV::SCHED::Job_execution_context;
 using QV::SCHED::Job_template;
 using QV::SERIAL::qv_class_id;
@@ -116,21 +107,6 @@ TEST_F(JobTest, InertRunnerMakesNoJobTag)
     EXPECT_EQ(get_transaction()->store_job(&tag, job_with_word(3), "never"), 0u);
     EXPECT_EQ(tag, 0u);
     EXPECT_EQ(Building_job::destroyed, 1) << "the orphaned job is not kept";
-}
-
-TEST_F(JobTest, EndOfAThreadRemovesTheTagsItStored)
-{
-    Db_tag stored = 0;
-    std::thread foreign([&] {
-        ASSERT_GE(thread_init_current(), 0);
-        get_transaction()->store(&stored, new Dummy_tag, "left behind");
-        thread_end_current();
-    });
-    foreign.join();
-    ASSERT_NE(stored, 0u);
-    EXPECT_EQ(qv_db_peek(stored)->state, DB_STATE_FREE);
-    Db_tag named = 1;
-    EXPECT_EQ(get_transaction()->name_to_tag(&named, "left behind"), 0u);
 }
 
 }  // namespace

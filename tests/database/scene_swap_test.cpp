@@ -83,29 +83,6 @@ TEST(SceneSwapTest, LayoutsHaveTheirSizesAndASecondSwapUndoesTheFirst)
     EXPECT_EQ(qv_scene_layout_size("1zd"), 16u);
 }
 
-TEST(SceneSwapTest, FuncdeclHandlerReadsItsCountersAfterConvertingThem)
-{
-    // A foreign declaration: no result declaration bytes, two subtags after the fixed head.
-    std::vector<unsigned char> bytes(qv_scene_funcdecl_size(0, 2), 0);
-    auto* decl = reinterpret_cast<Scene_funcdecl*>(bytes.data());
-    decl->cache = bytes.data();
-    decl->language = int32_t(big_endian_32(1));
-    decl->subtag_count = int32_t(big_endian_32(2));
-    decl->root = big_endian_32(0x400);
-    std::strcpy(decl->name, "foreign");
-    const uint32_t subtags[2] = {big_endian_32(0x401), big_endian_32(0x402)};
-    std::memcpy(bytes.data() + SCENE_FUNCDECL_FIXED, subtags, sizeof subtags);
-    swap_record(SCENE_FUNCDECL, bytes, false);
-    EXPECT_EQ(decl->subtag_count, int32_t(big_endian_32(2))) << "a false flag changes nothing";
-
-    swap_record(SCENE_FUNCDECL, bytes);
-    EXPECT_TRUE(decl->cache == nullptr && decl->language == 1 && decl->subtag_count == 2 && decl->root == 0x400u);
-    EXPECT_STREQ(decl->name, "foreign");
-    uint32_t native[2];
-    std::memcpy(native, bytes.data() + SCENE_FUNCDECL_FIXED, sizeof native);
-    EXPECT_TRUE(native[0] == 0x401u && native[1] == 0x402u);
-}
-
 TEST(SceneSwapTest, RecordHandlersConvertTheirFixedPartsAndWholeItemsOnly)
 {
     // Instance: the layout for the first 316 bytes, then 32-bit words to the end.

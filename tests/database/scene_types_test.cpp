@@ -1,16 +1,12 @@
-// The type table: registration, create/resize/copy/delete/unlink, and the options values.
+// The type table: registration, copies, edits, and the module's own areas.
 #include <algorithm>
-#include <utility>
 #include <vector>
 
-#include "database/scene_value.h"
-#include "database/transaction.h"
 #include "runtime/modules.h"
 #include "tests/database/scene_test_support.h"
 
 namespace {
 
-using QV::SCENE::Options;
 
 class SceneTypesTest : public SceneTest {};
 
@@ -30,66 +26,6 @@ TEST_F(SceneTypesTest, RegistrationAcceptsOnlyTheFreeNumbers)
     }
     EXPECT_EQ(qv_scene_handlers(SCENE_FUNCDECL).swap, funcdecl_swap);
     EXPECT_EQ(qv_scene_handlers(38).unlink, nullptr);
-}
-
-TEST_F(SceneTypesTest, ResizeGrowsArraysAndRefusesFixedTypes)
-{
-    Db_tag tags = scene_new(SCENE_TAG, 2);
-    qv_scene_resize(tags, 10);
-    EXPECT_EQ(qv_db_size(tags), 40u);
-
-    Db_tag group = scene_new(SCENE_GROUP, 1);
-    qv_scene_resize(group, 4);
-    EXPECT_EQ(qv_scene_validate(group), 1) << "the counter follows the new size";
-
-    Db_tag material = 0;
-    void* before = qv_scene_create(&material, SCENE_MATERIAL);
-    EXPECT_EQ(qv_scene_resize(material, 99), before);
-    EXPECT_TRUE(has_text("can't grow a material"));
-}
-
-TEST_F(SceneTypesTest, CopyOfACameraDuplicatesTheSubTagsItOwns)
-{
-    Db_tag output = 0;
-    auto* output_bytes = static_cast<int32_t*>(qv_scene_create(&output, SCENE_TAG, 1));
-    output_bytes[0] = 0x77;
-    Db_tag camera = 0;
-    void* camera_data = qv_scene_create(&camera, SCENE_CAMERA);
-    scene_set_word(camera_data, SCENE_CAMERA_OUTPUT_WORD, int32_t(output));
-    scene_set_word(camera_data, 1, 0x3f800000);
-
-    const Db_tag copy = qv_scene_copy(camera);
-    ASSERT_NE(copy, camera);
-    const void* copy_data = qv_db_access(copy);
-    EXPECT_EQ(scene_word(copy_data, 1), 0x3f800000);
-    const Db_tag output_copy = Db_tag(scene_word(copy_data, SCENE_CAMERA_OUTPUT_WORD));
-    ASSERT_TRUE(output_copy != 0 && output_copy != output);
-    EXPECT_EQ(static_cast<const int32_t*>(qv_db_access(output_copy))[0], 0x77);
-    EXPECT_EQ(scene_word(copy_data, SCENE_CAMERA_FB_WORD), 0) << "a null sub-tag stays null";
-
-    // The delete takes the owned output list along, and leaves the original alone.
-    qv_scene_delete(copy);
-    EXPECT_EQ(qv_db_peek(output_copy)->state, DB_STATE_FREE);
-    EXPECT_EQ(qv_db_peek(output)->state, DB_STATE_NORMAL);
-}
-
-TEST_F(SceneTypesTest, CopyOfOptionsStoresTheOptionsElementAnew)
-{
-    auto* options = new Options;
-    options->set("samples", new QV::SCENE::IntValue(16));
-    Db_tag element = 0;
-    QV::DB::get_transaction()->store(&element, options, nullptr);
-    Db_tag record = 0;
-    void* data = qv_scene_create(&record, SCENE_OPTIONS);
-    scene_set_word(data, SCENE_OPTIONS_ELEMENT_WORD, int32_t(element));
-
-    const Db_tag copy = qv_scene_copy(record);
-    const Db_tag element_copy = Db_tag(scene_word(qv_db_access(copy), SCENE_OPTIONS_ELEMENT_WORD));
-    ASSERT_TRUE(element_copy != 0 && element_copy != element);
-    auto* copied = static_cast<Options*>(qv_db_access(element_copy));
-    int32_t samples = 0;
-    ASSERT_TRUE(copied != options && copied->find("samples") && copied->find("samples")->get(samples));
-    EXPECT_EQ(samples, 16);
 }
 
 std::vector<Db_tag> g_forgotten;
@@ -114,25 +50,6 @@ TEST_F(SceneTypesTest, EditMarksTheRecordAndTellsFunctionsAndObjects)
     EXPECT_EQ(g_forgotten, std::vector<Db_tag>{function});
     EXPECT_EQ(g_changed, std::vector<Db_tag>{object});
     EXPECT_EQ(scene_word(qv_db_access(object), SCENE_OBJECT_TYPE_WORD), 2);
-}
-
-TEST_F(SceneTypesTest, DeleteOfAnInstanceTakesItsParametersButNotItsItemAndUntypedIsRefused)
-{
-    Db_tag item = scene_new(SCENE_OBJECT, 0);
-    Db_tag parameters = scene_new(SCENE_USERDATA, 8);
-    Db_tag instance = 0;
-    void* data = qv_scene_create(&instance, SCENE_INSTANCE);
-    scene_set_word(data, SCENE_INSTANCE_ITEM_WORD, int32_t(item));
-    scene_set_word(data, SCENE_INSTANCE_PARAM_WORD, int32_t(parameters));
-    qv_scene_delete(instance);
-    EXPECT_EQ(qv_db_peek(instance)->state, DB_STATE_FREE);
-    EXPECT_EQ(qv_db_peek(parameters)->state, DB_STATE_FREE);
-    EXPECT_EQ(qv_db_peek(item)->state, DB_STATE_NORMAL);
-
-    const Db_tag untyped = make_unpinned(0, 4);
-    qv_scene_delete(untyped);
-    EXPECT_TRUE(has_text("qv_scene_delete fails, unknown object type"));
-    EXPECT_EQ(qv_db_peek(untyped)->state, DB_STATE_NORMAL);
 }
 
 }  // namespace

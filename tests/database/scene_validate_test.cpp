@@ -69,11 +69,11 @@ TEST_F(SceneValidateTest, EveryFaultOfARecordHasItsLine)
         const Db_tag tag = c.make();
         db_messages().clear();
         EXPECT_EQ(qv_scene_validate(tag), c.lines.empty() ? 1 : 0);
-        EXPECT_EQ(errors_with(""), int(c.lines.size()));
+        EXPECT_EQ(Msg_collect::count(MSG_ERROR, ""), int(c.lines.size()));
         for (const std::string& line : c.lines) {
             char text[256];
             std::snprintf(text, sizeof text, line.c_str(), tag);
-            EXPECT_EQ(errors_with(text), 1) << text;
+            EXPECT_EQ(Msg_collect::count(MSG_ERROR, text), 1) << text;
         }
     }
 }

@@ -1,5 +1,5 @@
-// Storing, replacing and removing elements through the transaction, binding handles, and what
-// the Element template gives every element.
+// Storing, replacing, naming and removing elements through the transaction, and the module an
+// element is charged to.
 #include <vector>
 
 #include "base/lib/mem/i_mem_allocatable.h"
@@ -108,25 +108,6 @@ TEST_F(TransactionStoreTest, JobRowsGoThroughTheJobModulesSupport)
     transaction_set_job_support(saved);
 }
 
-TEST_F(TransactionStoreTest, HandlesBindWithoutCopyAndReleaseNoPin)
-{
-    auto* element = new Counted(10);
-    Db_tag tag = 0;
-    transaction_->store(&tag, element);
-    Access_handle first(tag, Counted::CLASS_ID, true);
-    Access_handle second;
-    second.bind(first);
-    EXPECT_EQ(second.element(), element);
-    EXPECT_TRUE(second.is_edit());
-    // A bind releases the old binding first; binding a handle to itself keeps the tag.
-    second.bind(second);
-    EXPECT_EQ(second.element(), element);
-    first.release();
-    second.release();
-    transaction_->remove(tag);
-    EXPECT_EQ(Counted::destroyed, 1);
-}
-
 TEST_F(TransactionStoreTest, HeapElementEntersTheDatabaseOnlyWhenStored)
 {
     static int released = 0;
@@ -148,22 +129,6 @@ TEST_F(TransactionStoreTest, HeapElementEntersTheDatabaseOnlyWhenStored)
     transaction_->remove(tag);
 }
 
-TEST(ElementBaseTest, CopyIsADeepCopyOfTheFinalClassAndKeepsItsKind)
-{
-    qv_test_init();
-    Counted original(5);
-    original.references = {0x400, 0x401};
-    Element_base* copy = original.copy();
-    auto* counted = dynamic_cast<Counted*>(copy);
-    ASSERT_NE(counted, nullptr);
-    EXPECT_EQ(counted->payload, 5);
-    counted->references.push_back(0x403);
-    EXPECT_EQ(original.references.size(), 2u);
-    // Class id 0 matches every element; any other only its own class.
-    EXPECT_TRUE(copy->is_a(Counted::CLASS_ID) && copy->is_a(0) && !copy->is_a(Sized::CLASS_ID));
-    delete copy;
-}
-
 TEST(ElementBaseTest, ElementsAreChargedToTheModuleCurrentAtAllocation)
 {
     qv_test_init();
@@ -177,6 +142,44 @@ TEST(ElementBaseTest, ElementsAreChargedToTheModuleCurrentAtAllocation)
     EXPECT_GE(mem_module_bytes(MOD_RCGI), before + sizeof(Counted));
     delete element;
     EXPECT_EQ(mem_module_bytes(MOD_RCGI), before);
+}
+
+TEST_F(TransactionStoreTest, NamesFollowStoreRenameAndRemove)
+{
+    auto store_named = [&](const char* name) {
+        Db_tag tag = 0;
+        transaction_->store(&tag, new Counted(), name);
+        return tag;
+    };
+    auto lookup = [&](const char* name) {
+        Db_tag tag = 77;
+        EXPECT_EQ(transaction_->name_to_tag(&tag, name), tag);
+        return tag;
+    };
+    EXPECT_EQ(lookup("names.never-given"), 0u);
+    EXPECT_EQ(lookup(""), 0u);
+    EXPECT_EQ(lookup(nullptr), 0u);
+    EXPECT_EQ(transaction_->tag_to_name(store_named("")), nullptr);
+
+    // A renamed tag stays findable under its older name; removal drops the current name only.
+    Db_tag renamed = store_named("names.old");
+    transaction_->store_over(renamed, new Counted(), "names.new");
+    EXPECT_STREQ(transaction_->tag_to_name(renamed), "names.new");
+    EXPECT_EQ(lookup("names.new"), renamed);
+    EXPECT_EQ(lookup("names.old"), renamed);
+    transaction_->remove(renamed);
+    EXPECT_EQ(lookup("names.new"), 0u);
+    EXPECT_EQ(lookup("names.old"), renamed);
+    EXPECT_EQ(transaction_->tag_to_name(renamed), nullptr);
+
+    // A name given again moves to the new tag; removing the first tag erases the entry anyway.
+    Db_tag first = store_named("names.shared");
+    Db_tag second = store_named("names.shared");
+    EXPECT_EQ(lookup("names.shared"), second);
+    EXPECT_STREQ(transaction_->tag_to_name(first), "names.shared");
+    transaction_->remove(first);
+    EXPECT_EQ(lookup("names.shared"), 0u);
+    EXPECT_STREQ(transaction_->tag_to_name(second), "names.shared");
 }
 
 }  // namespace

@@ -16,8 +16,6 @@ namespace {
 // Ids no library code registers in this test binary.
 constexpr int MOD_A = MOD_SHDB;
 constexpr int MOD_B = MOD_QSLC;
-constexpr int MOD_PING = MOD_CB12;
-constexpr int MOD_PONG = MOD_BQSL;
 constexpr int MOD_EMPTY = MOD_CFRO;
 constexpr int MOD_CHECKED = MOD_GCPP;
 
@@ -52,79 +50,6 @@ TEST_F(ModulesTest, ContextAreaIsCreatedZeroedOnceAndNotForSizeZero)
     EXPECT_EQ(mod_context_area(MOD_CHECKED), area);
     EXPECT_EQ(inits, 1);
     EXPECT_EQ(mod_context_area(MOD_EMPTY), nullptr);
-}
-
-TEST_F(ModulesTest, ExitOrderPutsThePriorityListFirst)
-{
-    const int priority[] = {30, 7};
-    int order[MODULE_TABLE_ROWS];
-    mod_exit_order(priority, 2, order);
-    std::vector<int> expected = {30, 7, 2, 3, 4, 5, 6, 1};
-    for (int id = 8; id <= 29; ++id)
-        expected.push_back(id);
-    expected.push_back(0);
-    for (int id = 31; id <= 86; ++id)
-        expected.push_back(id);
-    EXPECT_EQ(std::vector<int>(order, order + MODULE_TABLE_ROWS), expected);
-
-    // A listed id that an earlier swap displaced is found where it went.
-    const int chained[] = {5, 0};
-    mod_exit_order(chained, 2, order);
-    EXPECT_EQ(order[0], 5);
-    EXPECT_EQ(order[1], 0);
-    EXPECT_EQ(order[5], 1);
-}
-
-TEST_F(ModulesTest, AttachSweepsAgainWhenAnExitBringsAnAreaBack)
-{
-    static int a_exits;
-    static int b_exits;
-    a_exits = b_exits = 0;
-    mod_register_context_area(MOD_A, nullptr, [](void*) { ++a_exits; }, 16);
-    // B's exit needs A, which the first sweep has already released.
-    mod_register_context_area(MOD_B, nullptr, [](void*) {
-        ++b_exits;
-        EXPECT_NE(mod_context_area(MOD_A), nullptr);
-    }, 16);
-    mod_context_area(MOD_A);
-    mod_context_area(MOD_B);
-
-    auto* replacement = static_cast<void**>(mem_raw_alloc(__FILE__, __LINE__, sizeof(void*) * MODULE_TABLE_ROWS));
-    mod_attach_context(replacement);
-    EXPECT_EQ(a_exits, 2);
-    EXPECT_EQ(b_exits, 1);
-    EXPECT_EQ(thread_context()->context_areas, replacement);
-    EXPECT_EQ(replacement[MOD_A], nullptr);
-}
-
-TEST_F(ModulesTest, AttachGivesUpAfter87Sweeps)
-{
-    static int ping_exits;
-    static int pong_exits;
-    static bool playing;
-    static void* last_ping;
-    ping_exits = pong_exits = 0;
-    playing = true;
-    mod_register_context_area(MOD_PING, [](void* area) { last_ping = area; }, [](void*) {
-        ++ping_exits;
-        if (playing)
-            mod_context_area(MOD_PONG);
-    }, 8);
-    mod_register_context_area(MOD_PONG, nullptr, [](void*) {
-        ++pong_exits;
-        if (playing)
-            mod_context_area(MOD_PING);
-    }, 8);
-    mod_context_area(MOD_PING);
-    mod_context_area(MOD_PONG);
-
-    mod_attach_context(nullptr);
-    playing = false;
-    EXPECT_EQ(ping_exits, MODULE_ATTACH_MAX_SWEEPS);
-    EXPECT_EQ(pong_exits, MODULE_ATTACH_MAX_SWEEPS);
-    EXPECT_EQ(thread_context()->context_areas, nullptr);
-    // The last sweep's exit of PONG brought PING back; it is abandoned with the array.
-    mem_raw_free(__FILE__, __LINE__, last_ping);
 }
 
 TEST_F(ModulesTest, DetachFoldsMemAccountsAndHandsTheArrayOver)

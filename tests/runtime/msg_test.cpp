@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <cstdlib>
-#include <filesystem>
 #include <functional>
 #include <optional>
 #include <regex>
@@ -140,16 +138,6 @@ TEST_F(MsgTest, EachLineFormReachesTheConsoleExactly)
              msg_warn("cyan");
          },
          "MAIN 0.0  error: plain\n\033[93mMAIN 0.0  error: coloured\n\033[0m\033[96mMAIN 0.0  warn : cyan\n\033[0m"},
-        {"guarded handler and callback",
-         [] {
-             msg_set_fatal_handler(nullptr);
-             msg_set_host_number(3);
-             qv_errorhandler(recording_callback);
-             msg_set_host_number(0);
-             msg_warn("after");
-         },
-         "MAIN 0.0  warn : The fatal-handler must be set\n"
-         "MAIN 3.0  error: qv_errorhandler can only be used on master\nMAIN 0.0  warn : after\n"},
         {"bad class list",
          [] {
              msg_defaults();
@@ -168,7 +156,6 @@ TEST_F(MsgTest, EachLineFormReachesTheConsoleExactly)
         c.run();
         EXPECT_EQ(capture.finish(), c.err) << c.what;
     }
-    EXPECT_TRUE(g_callback_lines.empty()) << "the callback refused off the master got nothing";
 }
 
 // The fatal sequence: console line (the only one a callback leaves on the console), the abort
@@ -249,32 +236,6 @@ TEST_F(MsgTest, TimerReportNeedsTheTimeClass)
                         "MAIN 0\\.0  info : wallclock  1:02:03\\.[0-9]{2} total\n"
                         "MAIN 0\\.0  info : allocated [0-9]+ MB, max resident [0-9]+ MB\n");
     EXPECT_TRUE(std::regex_match(out, expected)) << out;
-}
-
-using MsgDeathTest = MsgTest;
-
-TEST_F(MsgDeathTest, FaultsAndConsoleSignalsEndInNumberedFatals)
-{
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    msg_defaults();
-    // The handlers are installed in the child only, so this process keeps its own.
-    const std::pair<int, const char*> cases[] = {
-        {SIGTERM, "^MAIN 0\\.0  fatal  241503: interrupted by console signal: \\(system shutting down\\) \n$"},
-        {SIGSEGV, "^MAIN 0\\.0  fatal  241500: interrupted by exception code 0x0000000b \\(access violation\\) \n$"},
-    };
-    for (const auto& [signal_number, expected] : cases) {
-        EXPECT_EXIT(
-            {
-                // The child runs the fixture again and leaves by exit(), past the fixture's
-                // destructor: its own scratch directory (with the fatal's log) goes at exit.
-                static std::string child_dir;
-                child_dir = dir_.path();
-                std::atexit([] { std::error_code ignored; std::filesystem::remove_all(child_dir, ignored); });
-                msg_install_signal_handlers();
-                raise(signal_number);
-            },
-            ::testing::ExitedWithCode(1), expected);
-    }
 }
 
 }  // namespace

@@ -47,10 +47,8 @@ TEST_F(PathsTest, RulesRewriteByAnchorsWildcardsAndOrder)
     struct Case {
         std::string rules, path, expected;
     } cases[] = {
-        {native_names, "libx.so", "libx.dll"},
         {native_names, "libx.so.1", "libx.so.1"},  // $ anchors at the end only
         {native_names, "a.o", "a.obj"},
-        {native_names, "a.obj", "a.obj"},
         {"|^C:/x/y/|/mnt/|", "C:/x/y/C:/x/y/f", "/mnt/C:/x/y/f"},
         {"|C:/x/y/|/mnt/|", "C:/x/y/C:/x/y/f", "/mnt//mnt/f"},
         {"|`ab|X|", "abab", "Xab"},

@@ -1,16 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
-#include <cstdlib>
-#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "runtime/locks.h"
 #include "runtime/threads.h"
-#include "tests/runtime/stderr_capture.h"
 #include "tests/test_support.h"
 
 namespace {
@@ -93,91 +89,6 @@ TEST_F(ThreadsTest, StartedThreadRunsInItsRowAndLeavesNothingBehind)
     EXPECT_EQ(thread_stack_size(), 300000u);
 }
 
-TEST_F(ThreadsTest, TableHoldsOneThousandTwentyFourRowsAndRefusesTheNext)
-{
-    std::vector<int> rows;
-    Stderr_capture capture;
-    for (;;) {
-        int row = thread_alloc(nullptr, nullptr, false);
-        if (row < 0)
-            break;
-        rows.push_back(row);
-        ASSERT_LT(rows.size(), size_t(THREAD_TABLE_ROWS));
-    }
-    // Every row but the main thread's was free.
-    EXPECT_EQ(rows.size() + 1, size_t(THREAD_TABLE_ROWS));
-    std::string err = capture.finish();
-    EXPECT_NE(err.find("too many threads"), std::string::npos) << err;
-    for (int row : rows)
-        thread_release(row);
-    int again = thread_alloc(nullptr, nullptr, false);
-    EXPECT_EQ(again, rows.front());
-    thread_release(again);
-}
-
-TEST_F(ThreadsTest, SnapshotHoldsBackStartingThreadsAndListsNewestFirst)
-{
-    Seen seen;
-    const Thread_snapshot* snapshot = take_snapshot();
-    ASSERT_NE(snapshot, nullptr);
-    int row = thread_alloc(record_context, &seen, true);
-    ASSERT_GT(row, 0);
-    ASSERT_EQ(thread_start(row), 1);
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    EXPECT_FALSE(seen.ran.load());  // blocked at the start lock
-    thread_snapshot_release();
-    ASSERT_TRUE(wait_until([&] { return seen.ran.load(); }));
-
-    // A row taken but not started is listed, ahead of the main thread.
-    int idle = thread_alloc(nullptr, nullptr, false);
-    ASSERT_TRUE(wait_until([] { return thread_running_count() == 0; }));
-    snapshot = take_snapshot();
-    ASSERT_NE(snapshot, nullptr);
-    ASSERT_GE(snapshot->count, 2);
-    for (int i = 1; i < snapshot->count; ++i)
-        EXPECT_GT(snapshot->contexts[i - 1]->thread_number, snapshot->contexts[i]->thread_number);
-    EXPECT_EQ(snapshot->contexts[snapshot->count - 1]->thread_number, 0);
-    thread_snapshot_release();
-    thread_release(idle);
-}
-
-TEST_F(ThreadsTest, DetachedThreadMovesToTheReservedRow)
-{
-    std::atomic<int> number_after{-1};
-    std::atomic<int> row_before{-1};
-    std::thread foreign([&] {
-        row_before = thread_init_current();
-        EXPECT_EQ(thread_init_current(), row_before);  // a second call keeps the row
-        thread_detach_current();
-        number_after = thread_number();
-        thread_end_current();
-    });
-    foreign.join();
-    ASSERT_GT(row_before, 0);
-    EXPECT_EQ(number_after, THREAD_RESERVED_ROW);
-    EXPECT_FALSE(snapshot_has_row(row_before));
-    EXPECT_FALSE(snapshot_has_row(THREAD_RESERVED_ROW));
-}
-
-TEST(CapabilityTest, NamesAreStoredWithHashesAndTheListStopsShortOf450)
-{
-    qv_test_init();
-    capability_register("RAY39");
-    capability_register("a|b");
-    EXPECT_NE(std::strstr(capability_local_list(), "|RAY39|a#b"), nullptr);
-    // A name one character longer than the room left (449 characters and the zero) is refused;
-    // the name that just fits is taken.
-    size_t used = std::strlen(capability_local_list());
-    std::string filler(CAPABILITY_LIST_CHARS - 2 - used, 'f');
-    Stderr_capture overflow;
-    capability_register(("z" + filler).c_str());
-    EXPECT_EQ(std::strlen(capability_local_list()), used);
-    capability_register(filler.c_str());
-    const std::string err = overflow.finish();
-    EXPECT_NE(err.find("capability overflow: zf"), std::string::npos) << err;
-    EXPECT_EQ(std::strlen(capability_local_list()), size_t(CAPABILITY_LIST_CHARS - 1));
-}
-
 TEST(LockTest, InPlaceSectionIsRecursiveAndGuardWaitsForMem)
 {
     qv_test_init();
@@ -206,79 +117,11 @@ TEST(LockTest, InPlaceSectionIsRecursiveAndGuardWaitsForMem)
     lock_delete_in_place(section);
 }
 
-// ---- reader-writer locks ----
-
-namespace {
-
-int waiting(Rw_lock lock, bool writers)
+TEST(RwLockTest, MixedLoadKeepsWritersExclusive)
 {
-    int r = 0, w = 0;
-    rw_waiting_counts(lock, &r, &w);
-    return writers ? w : r;
-}
-
-class RwLockTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        qv_test_init();
-        rw_create(&lock);
-    }
-    void TearDown() override { rw_destroy(&lock); }
+    qv_test_init();
     Rw_lock lock = nullptr;
-};
-
-}  // namespace
-
-TEST_F(RwLockTest, WaitingWriterHoldsBackNewReadersUntilItHasBeenAndGone)
-{
-    rw_lock(lock, false);
-    rw_lock(lock, false);
-    EXPECT_EQ(rw_count(lock), -2);
-    EXPECT_FALSE(rw_try_lock(lock, true));
-
-    std::atomic<int> sequence{0};
-    std::atomic<int> writer_at{-1}, reader_at{-1};
-    std::thread writer([&] {
-        rw_lock(lock, true);
-        writer_at = sequence++;
-        EXPECT_EQ(rw_count(lock), 1);
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        rw_unlock(lock, true);
-    });
-    ASSERT_TRUE(wait_until([&] { return waiting(lock, true) == 1; }));
-
-    // With a writer waiting, a try read fails and leaves the waiting counts as they were.
-    EXPECT_FALSE(rw_try_lock(lock, false));
-    EXPECT_EQ(waiting(lock, false), 0);
-    EXPECT_EQ(waiting(lock, true), 1);
-
-    std::thread reader([&] {
-        rw_lock(lock, false);
-        reader_at = sequence++;
-        rw_unlock(lock, false);
-    });
-    ASSERT_TRUE(wait_until([&] { return waiting(lock, false) == 1; }));
-    rw_unlock(lock, false);
-    rw_unlock(lock, false);
-    writer.join();
-    reader.join();
-    EXPECT_EQ(writer_at, 0);
-    EXPECT_EQ(reader_at, 1);
-    EXPECT_EQ(rw_count(lock), 0);
-
-    // A held writer refuses both try forms.
-    rw_lock(lock, true);
-    EXPECT_FALSE(rw_try_lock(lock, false));
-    EXPECT_FALSE(rw_try_lock(lock, true));
-    EXPECT_EQ(waiting(lock, false), 0);
-    rw_unlock(lock, true);
-    EXPECT_TRUE(rw_try_lock(lock, true));
-    rw_unlock(lock, true);
-}
-
-TEST_F(RwLockTest, MixedLoadKeepsWritersExclusive)
-{
+    rw_create(&lock);
     // Writers update two fields that readers must always see equal; TSan checks the rest.
     long a = 0, b = 0;
     std::atomic<bool> torn{false};
@@ -305,4 +148,5 @@ TEST_F(RwLockTest, MixedLoadKeepsWritersExclusive)
     EXPECT_FALSE(torn.load());
     EXPECT_EQ(a, b);
     EXPECT_EQ(rw_count(lock), 0);
+    rw_destroy(&lock);
 }

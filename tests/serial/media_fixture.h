@@ -80,17 +80,6 @@ struct Writer {
     }
 };
 
-// The host's bytes of each value in turn: the wire form, since the encoding is the memory layout.
-template <class... T>
-std::vector<uint8_t> raw_bytes(const T&... values)
-{
-    std::vector<uint8_t> all;
-    (all.insert(all.end(), reinterpret_cast<const uint8_t*>(&values),
-                reinterpret_cast<const uint8_t*>(&values) + sizeof values),
-     ...);
-    return all;
-}
-
 // `width` bytes of `value`, little-endian as on the wire.
 inline std::vector<uint8_t> le_bytes(uint64_t value, int width)
 {

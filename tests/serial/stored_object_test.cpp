@@ -134,24 +134,4 @@ TEST_P(StoredObjectTest, DamagedCountsEndWithTheStreamNotWithAHugeAllocation)
 INSTANTIATE_TEST_SUITE_P(Media, StoredObjectTest, testing::Values(Media::file, Media::queue),
                          media_name);
 
-TEST(FileMediaTest, ShortWriteClearsValidAndLaterWritesStillGoToTheFile)
-{
-    qv_test_init();
-    // A memory stream of 8 bytes, unbuffered so that each write meets the limit at once.
-    char buffer[8] = {};
-    std::FILE* memory = fmemopen(buffer, sizeof buffer, "r+");
-    ASSERT_NE(memory, nullptr);
-    std::setvbuf(memory, nullptr, _IONBF, 0);
-    File_serializer out(memory);
-    out.write(uint32_t(0x11111111));
-    EXPECT_TRUE(out.is_valid());
-    EXPECT_EQ(out.write("22222222", size_t(8)), 4u) << "the short count comes back";
-    EXPECT_FALSE(out.is_valid());
-    std::fseek(memory, 0, SEEK_SET);
-    out.write(uint16_t(0x3333));
-    EXPECT_FALSE(out.is_valid()) << "nothing sets the flag again";
-    std::fclose(memory);
-    EXPECT_EQ(std::string(buffer, 8), std::string("\x33\x33\x11\x11") + "2222");
-}
-
 }  // namespace

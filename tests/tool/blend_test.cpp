@@ -99,24 +99,4 @@ TEST_F(BlendTest, WeightsAreUnsignedRayCountsOpposedNormalsCancelAndNanDistanceG
     EXPECT_EQ(out.r_mean, 0.0f);
 }
 
-TEST_F(BlendTest, OutputMayAliasAnOperandAndUnassignedFieldsAreZero)
-{
-    Fg_point a = make_point(1.0f, 2.0f, 3.0f, 0.6f, 0.0f, 0.8f, 3);
-    Fg_point b = make_point(2.0f, -1.0f, 0.5f, 0.0f, 0.6f, 0.8f, 5);
-    a.point_id = 41;
-    a.reserved[0] = 7;
-    a.trailing = 9;
-    b.point_id = 42;
-    Fg_point separate;
-    std::memset(&separate, 0xAB, sizeof separate);
-    blend_points(&separate, &a, &b);
-    EXPECT_TRUE(separate.point_id == 0 && separate.reserved[0] == 0 && separate.reserved[1] == 0 && separate.trailing == 0);
-
-    Fg_point into_a = a, into_b = b;
-    blend_points(&into_a, &into_a, &b);
-    blend_points(&into_b, &a, &into_b);
-    EXPECT_EQ(std::memcmp(&into_a, &separate, sizeof separate), 0);
-    EXPECT_EQ(std::memcmp(&into_b, &separate, sizeof separate), 0);
-}
-
 }  // namespace

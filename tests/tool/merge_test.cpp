@@ -10,9 +10,6 @@
 
 #include "tests/test_support.h"
 #include "tests/tool/fg_points.h"
-#include "finalgather/fg_map.h"
-#include "maps/map_dbhandle.h"
-#include "maps/map_impl.h"
 #include "tool/merge.h"
 
 namespace {
@@ -339,8 +336,7 @@ TEST_F(MergeTest, MergeConservesRaysAndLeavesNoMergeablePair)
 }
 
 // NaN coordinates make the cell order inconsistent (a NaN compares equal to everything). The
-// merge must still finish inside the array; the sort may then give any order. The negative
-// cell size of a negative distance is the other such case, covered above.
+// merge must still finish inside the array; the sort may then give any order.
 TEST_F(MergeTest, InconsistentOrderStaysInsideTheArray)
 {
     std::vector<Fg_point> pts = room_points(2000, 5);
@@ -351,71 +347,6 @@ TEST_F(MergeTest, InconsistentOrderStaysInsideTheArray)
     unsigned n = merge_points(pts.data(), unsigned(pts.size()), 0.4f, FIVE_DEGREES, 0);
     EXPECT_LE(n, pts.size());
     EXPECT_EQ(uint32_t(total_rays(pts, n)), before);
-}
-
-class MergeMapTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        qv_test_fg_init();
-    }
-
-    // Stores `points` as a committed final-gather map and gives its tag.
-    static Tag store_map(const std::vector<Fg_point>& points)
-    {
-        QV::RCMAP::Map_impl* map = fg_map_new();
-        EXPECT_EQ(fg_map_add_points(map, points.data(), uint32_t(points.size())), 0);
-        map->build_bvh(0.6f, false, false);
-        QV::RCMAP::Edit_map_dbhandle_impl handle(map);
-        return handle.store();
-    }
-
-    static std::vector<Fg_point> read_map(Tag tag)
-    {
-        std::vector<Fg_point> out;
-        fg_map_for_each(
-            tag,
-            [](void* context, const void* data, const float* position) {
-                Fg_point p{};
-                std::memcpy(p.position, position, sizeof p.position);
-                std::memcpy(p.normal, data, FG_POINT_PAYLOAD_WORDS * 4);
-                static_cast<std::vector<Fg_point>*>(context)->push_back(p);
-                return 1;
-            },
-            &out);
-        return out;
-    }
-};
-
-// The stage takes the grid from the map's committed bounds and stores the survivors as a new map.
-// (The database may hand the freed number of the old tag out again, so tags are not compared.)
-TEST_F(MergeMapTest, MergedMapReplacesTheOldTag)
-{
-    std::vector<Fg_point> pts = room_points(600, 21);
-    pts.push_back(pts[10]);
-    pts.back().rays = 1;
-    pts.back().point_id = 77;
-    uint64_t before = total_rays(pts, unsigned(pts.size()));
-    const Tag old_tag = store_map(pts);
-    ASSERT_NE(old_tag, 0u);
-
-    // The grid must come from the map, not from whatever an earlier merge left behind.
-    set_bounds(100.0f, 200.0f);
-    const Tag new_tag = merge_map(old_tag, 0.4f, FIVE_DEGREES);
-    ASSERT_NE(new_tag, 0u);
-    EXPECT_EQ(merge_grid.grid_max[0], 10.0f);
-    EXPECT_EQ(merge_grid.grid_max[1], 8.0f);
-
-    std::vector<Fg_point> merged = read_map(new_tag);
-    ASSERT_LT(merged.size(), pts.size());
-    EXPECT_EQ(total_rays(merged, unsigned(merged.size())), before);
-
-    EXPECT_EQ(merge_map(0, 0.4f, FIVE_DEGREES), 0u);
-
-    // An empty map still goes through and gives a new, empty map.
-    const Tag empty_tag = merge_map(store_map({}), 0.4f, FIVE_DEGREES);
-    ASSERT_NE(empty_tag, 0u);
-    EXPECT_TRUE(read_map(empty_tag).empty());
 }
 
 }  // namespace

@@ -46,19 +46,16 @@ std::vector<Fg_point> distinct_points(uint32_t count, uint32_t seed)
 {
     std::vector<Fg_point> points(count);
     uint32_t state = seed * 2654435761u + 12345u;
-    auto next_float = [&state]() {
-        state = state * 1664525u + 1013904223u;
-        return float(state >> 8) / float(1 << 24) * 200.0f - 100.0f;
-    };
     for (uint32_t i = 0; i < count; ++i) {
-        float values[27];
-        for (float& value : values)
-            value = next_float();
-        uint32_t words[27];
-        std::memcpy(words, values, sizeof words);
-        words[10] = seed * 100000u + i + 1;            // rays
-        words[17] = uint32_t(seed * 1000000 + i);      // point_id
-        words[18] = words[19] = words[26] = 0;
+        uint32_t words[27] = {};
+        for (int w = 0; w < 26; ++w) {
+            state = state * 1664525u + 1013904223u;
+            const float value = float(state >> 8) / float(1 << 24) * 200.0f - 100.0f;
+            std::memcpy(&words[w], &value, 4);
+        }
+        words[10] = seed * 100000u + i + 1;  // rays
+        words[17] = seed * 1000000u + i;     // point_id
+        words[18] = words[19] = 0;
         std::memcpy(&points[i], words, sizeof words);
     }
     return points;
