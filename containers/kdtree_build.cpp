@@ -213,6 +213,55 @@ private:
             swap_keys(a, b);
     }
 
+    // The exchanges of the partition below pair the k-th key from the left that stops the
+    // left scan (not below the pivot) with the k-th from the right that stops the right scan
+    // (not above it), for as long as the two scans have not met. While the unscanned gap holds
+    // whole blocks, the stops of a block are listed without a branch per key and paired off the
+    // lists: the same exchanges as the scans would make, in another order (the pairs are
+    // disjoint). `*i` and `*j` are left at the last pair exchanged, so the scans carry on from
+    // there over keys that are still in their places, the listed stops not yet paired included.
+    void partition_blocks(uint32_t* i, uint32_t* j, float pivot, int axis)
+    {
+        constexpr uint32_t BLOCK = 128;
+        uint32_t left[BLOCK];
+        uint32_t right[BLOCK];
+        uint32_t left_count = 0, left_done = 0, right_count = 0, right_done = 0;
+        uint32_t low = *i + 1;   // first key neither scan has listed
+        uint32_t high = *j - 1;  // last such key
+        Key* const keys = keys_.data();
+        for (;;) {
+            if (left_done == left_count) {
+                if (high < low || high - low + 1 < BLOCK)
+                    break;
+                left_count = left_done = 0;
+                for (uint32_t t = 0; t < BLOCK; ++t) {
+                    left[left_count] = low + t;
+                    left_count += !(keys[low + t].pos[axis] < pivot);
+                }
+                low += BLOCK;
+            }
+            if (right_done == right_count) {
+                if (high < low || high - low + 1 < BLOCK)
+                    break;
+                right_count = right_done = 0;
+                for (uint32_t t = 0; t < BLOCK; ++t) {
+                    right[right_count] = high - t;
+                    right_count += !(keys[high - t].pos[axis] > pivot);
+                }
+                high -= BLOCK;
+            }
+            const uint32_t pairs = std::min(left_count - left_done, right_count - right_done);
+            for (uint32_t k = 0; k < pairs; ++k)
+                std::swap(keys[left[left_done + k]], keys[right[right_done + k]]);
+            if (pairs) {
+                left_done += pairs;
+                right_done += pairs;
+                *i = left[left_done - 1];
+                *j = right[right_done - 1];
+            }
+        }
+    }
+
     // Puts the record that belongs at rank `target` there, with smaller keys before it in the
     // ranks [l, r] and larger ones after.
     void select(uint32_t l, uint32_t r, uint32_t target, int axis)
@@ -233,6 +282,7 @@ private:
             const float pivot = key(l1, axis);
             uint32_t i = l1;
             uint32_t j = r;
+            partition_blocks(&i, &j, pivot, axis);
             for (;;) {
                 do
                     ++i;
