@@ -3,8 +3,7 @@
 // subtree) has a key not above its own and everything right of it one not below.
 //
 // The selections move positions and record numbers only, in an array in in-order rank order;
-// the records themselves are put into the tree's order at the end, each moved once along the
-// cycles of that permutation.
+// the records themselves are put into the tree's order at the end.
 #include <algorithm>
 #include <bit>
 #include <cstring>
@@ -148,12 +147,12 @@ public:
             key.source = it.node - 1;
         }
         build(1, 0, low, high);
-        // Back into the heap layout; slot k of the records receives the record source_[k].
-        source_.resize(n_);
+        // Back into the heap layout; the record now at position p goes to slot destination_[p].
+        destination_.resize(n_);
         it = Inorder_iterator::first(1, n_);
         for (uint32_t r = 0; r < n_; ++r, it.next(n_)) {
             std::memcpy(positions_ + 3 * size_t(it.node - 1), keys_[r].pos, sizeof keys_[r].pos);
-            source_[it.node - 1] = keys_[r].source;
+            destination_[keys_[r].source] = it.node - 1;
         }
         std::vector<Key>().swap(keys_);
         permute_records();
@@ -173,37 +172,67 @@ private:
             std::swap(keys_[a], keys_[b]);
     }
 
-    // Slot k receives the record that was at source_[k]. Each cycle of the permutation is
-    // followed once, with one record held aside; a slot that is done points at itself. The
-    // records of a cycle lie at random in memory, so a runner goes a few steps ahead along the
-    // cycle and fetches their cache lines before the copies reach them.
+    // Moves every record to its slot in destination_. Following the permutation's cycles
+    // directly over a large array waits on one cache miss per record, each step's index coming
+    // from the previous one. So the records are first distributed into groups of consecutive
+    // slots small enough for the cache, each group filling from its front as a stream (an
+    // exchange places one record in its group), and then each group's cycles are followed
+    // within the cache.
     void permute_records()
     {
-        constexpr int AHEAD = 8;
-        std::vector<uint8_t> held(record_size_);
-        for (uint32_t start = 0; start < n_; ++start) {
-            if (source_[start] == start)
-                continue;
-            std::memcpy(held.data(), data_.at(start), record_size_);
-            uint32_t slot = start;
-            uint32_t runner = start;
-            for (int k = 0; k < AHEAD && source_[runner] != start; ++k)
-                runner = source_[runner];
-            while (source_[slot] != start) {
-                if (source_[runner] != start) {
-                    runner = source_[runner];
-                    const uint8_t* record = data_.at(runner);
-                    __builtin_prefetch(record);
-                    __builtin_prefetch(record + record_size_ - 1);
-                    __builtin_prefetch(&source_[runner]);
-                }
-                const uint32_t from = source_[slot];
-                std::memcpy(data_.at(slot), data_.at(from), record_size_);
-                source_[slot] = slot;
-                slot = from;
+        uint32_t shift = 12;
+        while ((n_ - 1) >> shift > 1024)
+            ++shift;
+        const uint32_t groups = ((n_ - 1) >> shift) + 1;
+        std::vector<uint32_t> front(groups);
+        for (uint32_t g = 0; g < groups; ++g)
+            front[g] = g << shift;
+        std::vector<uint8_t> buffers(2 * size_t(record_size_));
+        uint8_t* held = buffers.data();
+        uint8_t* spare = held + record_size_;
+        uint32_t* const destination = destination_.data();
+        for (uint32_t g = 0; g + 1 < groups; ++g) {
+            const uint32_t end = (g + 1) << shift;
+            for (uint32_t& place = front[g]; place < end; ++place) {
+                uint32_t to = destination[place];
+                if (to >> shift == g)
+                    continue;
+                // Carried from group to group until one that belongs here turns up.
+                std::memcpy(held, data_.at(place), record_size_);
+                do {
+                    const uint32_t other = to >> shift;
+                    uint32_t slot = front[other];
+                    while (destination[slot] >> shift == other)
+                        ++slot;
+                    front[other] = slot + 1;
+                    __builtin_prefetch(data_.at(std::min(slot + 2, n_ - 1)), 1);
+                    uint8_t* record = data_.at(slot);
+                    std::memcpy(spare, record, record_size_);
+                    std::memcpy(record, held, record_size_);
+                    std::swap(held, spare);
+                    std::swap(to, destination[slot]);
+                } while (to >> shift != g);
+                std::memcpy(data_.at(place), held, record_size_);
+                destination[place] = to;
             }
-            std::memcpy(data_.at(slot), held.data(), record_size_);
-            source_[slot] = slot;
+        }
+        // Within a group: each cycle once, one record held aside; a placed slot points at itself.
+        for (uint32_t start = 0; start < n_; ++start) {
+            uint32_t to = destination[start];
+            if (to == start)
+                continue;
+            std::memcpy(held, data_.at(start), record_size_);
+            do {
+                uint8_t* record = data_.at(to);
+                std::memcpy(spare, record, record_size_);
+                std::memcpy(record, held, record_size_);
+                std::swap(held, spare);
+                const uint32_t next = destination[to];
+                destination[to] = to;
+                to = next;
+            } while (to != start);
+            std::memcpy(data_.at(start), held, record_size_);
+            destination[start] = start;
         }
     }
 
@@ -384,7 +413,7 @@ private:
     uint32_t n_;
     uint32_t record_size_;
     std::vector<Key> keys_;          // rank order while the tree is built
-    std::vector<uint32_t> source_;   // heap order: record number now due at each slot
+    std::vector<uint32_t> destination_;  // slot due to the record now at each position
 };
 
 }  // namespace
