@@ -8,6 +8,7 @@
 #include <bit>
 #include <cstring>
 #include <latch>
+#include <memory>
 #include <vector>
 
 #include "containers/kdtree_tree.h"
@@ -139,7 +140,8 @@ public:
         // work on an array in rank order: plain indices instead of walks over the heap layout,
         // and neighbours in the sequence are neighbours in memory. Slot r starts with the record
         // of the node at rank r, as the heap layout holds it.
-        keys_.resize(n_);
+        // Every slot is written below: no clearing of the arrays first.
+        keys_.reset(new Key[n_]);
         Inorder_iterator it = Inorder_iterator::first(1, n_);
         for (uint32_t r = 0; r < n_; ++r, it.next(n_)) {
             Key& key = keys_[r];
@@ -148,13 +150,13 @@ public:
         }
         build(1, 0, low, high);
         // Back into the heap layout; the record now at position p goes to slot destination_[p].
-        destination_.resize(n_);
+        destination_.reset(new uint32_t[n_]);
         it = Inorder_iterator::first(1, n_);
         for (uint32_t r = 0; r < n_; ++r, it.next(n_)) {
             std::memcpy(positions_ + 3 * size_t(it.node - 1), keys_[r].pos, sizeof keys_[r].pos);
             destination_[keys_[r].source] = it.node - 1;
         }
-        std::vector<Key>().swap(keys_);
+        keys_.reset();
         permute_records();
     }
 
@@ -201,7 +203,7 @@ private:
         std::vector<uint8_t> buffers(2 * size_t(record_size_));
         uint8_t* held = buffers.data();
         uint8_t* spare = held + record_size_;
-        uint32_t* const destination = destination_.data();
+        uint32_t* const destination = destination_.get();
         for (uint32_t g = 0; g + 1 < groups; ++g) {
             const uint32_t end = (g + 1) << shift;
             for (uint32_t& place = front[g]; place < end; ++place) {
@@ -280,7 +282,7 @@ private:
         uint32_t left_count = 0, left_done = 0, right_count = 0, right_done = 0;
         uint32_t low = *i + 1;   // first key neither scan has listed
         uint32_t high = *j - 1;  // last such key
-        Key* const keys = keys_.data();
+        Key* const keys = keys_.get();
         for (;;) {
             if (left_done == left_count) {
                 if (high < low || high - low + 1 < BLOCK)
@@ -435,8 +437,8 @@ private:
     uint8_t* axes_;
     uint32_t n_;
     uint32_t record_size_;
-    std::vector<Key> keys_;          // rank order while the tree is built
-    std::vector<uint32_t> destination_;  // slot due to the record now at each position
+    std::unique_ptr<Key[]> keys_;              // rank order while the tree is built
+    std::unique_ptr<uint32_t[]> destination_;  // slot due to the record now at each position
 };
 
 }  // namespace
