@@ -68,7 +68,8 @@ void balance(uint32_t tag, Kdtree_filter filter, void* filter_argument)
     const uint32_t record_size = data->element_size();
 
     // Chunks from the last to the first, each in its own order. A record is copied into place
-    // and filtered there, so a dropped one is simply overwritten by the next.
+    // and filtered there, so a dropped one is simply overwritten by the next. A tree filled by
+    // one writer and balanced without a filter takes over its chunk's blocks as they are.
     uint32_t kept = header->count;
     for (uint32_t c = header->chunk_count; c-- > 0;) {
         const Kdtree_chunk chunk = header->chunks()[c];
@@ -76,7 +77,14 @@ void balance(uint32_t tag, Kdtree_filter filter, void* filter_argument)
         auto* chunk_data = static_cast<Paged_array*>(qv_db_access(chunk.data));
         const uint32_t count = std::min(chunk.count, chunk_data->count());
         const void* blob = chunk_data->extra();
-        for (uint32_t r = 0; r < count; ++r) {
+        const bool take = kept == 0 && header->chunk_count == 1 && !filter && chunk_data->element_size() == record_size;
+        if (take) {
+            data->take_records(*chunk_data);
+            data->resize(count);
+            std::memcpy(positions, chunk_positions, size_t(count) * POSITION_BYTES);
+            kept = count;
+        }
+        for (uint32_t r = take ? count : 0; r < count; ++r) {
             if (kept % PAGED_ARRAY_BLOCK_RECORDS == 0)
                 data->reserve(kept + 1);
             float* position = positions + 3 * size_t(kept);

@@ -3,12 +3,12 @@
 // subtree) has a key not above its own and everything right of it one not below.
 //
 // The selections move positions and record numbers only, in an array in in-order rank order;
-// the records themselves are put into the tree's order at the end, each moved once along the
-// cycles of that permutation.
+// the records themselves are put into the tree's order at the end.
 #include <algorithm>
 #include <bit>
 #include <cstring>
 #include <latch>
+#include <memory>
 #include <vector>
 
 #include "containers/kdtree_tree.h"
@@ -140,7 +140,8 @@ public:
         // work on an array in rank order: plain indices instead of walks over the heap layout,
         // and neighbours in the sequence are neighbours in memory. Slot r starts with the record
         // of the node at rank r, as the heap layout holds it.
-        keys_.resize(n_);
+        // Every slot is written below: no clearing of the arrays first.
+        keys_.reset(new Key[n_]);
         Inorder_iterator it = Inorder_iterator::first(1, n_);
         for (uint32_t r = 0; r < n_; ++r, it.next(n_)) {
             Key& key = keys_[r];
@@ -148,14 +149,14 @@ public:
             key.source = it.node - 1;
         }
         build(1, 0, low, high);
-        // Back into the heap layout; slot k of the records receives the record source_[k].
-        source_.resize(n_);
+        // Back into the heap layout; the record now at position p goes to slot destination_[p].
+        destination_.reset(new uint32_t[n_]);
         it = Inorder_iterator::first(1, n_);
         for (uint32_t r = 0; r < n_; ++r, it.next(n_)) {
             std::memcpy(positions_ + 3 * size_t(it.node - 1), keys_[r].pos, sizeof keys_[r].pos);
-            source_[it.node - 1] = keys_[r].source;
+            destination_[keys_[r].source] = it.node - 1;
         }
-        std::vector<Key>().swap(keys_);
+        keys_.reset();
         permute_records();
     }
 
@@ -173,37 +174,90 @@ private:
             std::swap(keys_[a], keys_[b]);
     }
 
-    // Slot k receives the record that was at source_[k]. Each cycle of the permutation is
-    // followed once, with one record held aside; a slot that is done points at itself. The
-    // records of a cycle lie at random in memory, so a runner goes a few steps ahead along the
-    // cycle and fetches their cache lines before the copies reach them.
+    // Moves every record to its slot in destination_. Following the permutation's cycles
+    // directly over a large array waits on one cache miss per record, each step's index coming
+    // from the previous one. So the records are first distributed into groups of consecutive
+    // slots small enough for the cache, each group filling from its front as a stream (an
+    // exchange places one record in its group), and then each group's cycles are followed
+    // within the cache.
     void permute_records()
     {
-        constexpr int AHEAD = 8;
-        std::vector<uint8_t> held(record_size_);
-        for (uint32_t start = 0; start < n_; ++start) {
-            if (source_[start] == start)
-                continue;
-            std::memcpy(held.data(), data_.at(start), record_size_);
-            uint32_t slot = start;
-            uint32_t runner = start;
-            for (int k = 0; k < AHEAD && source_[runner] != start; ++k)
-                runner = source_[runner];
-            while (source_[slot] != start) {
-                if (source_[runner] != start) {
-                    runner = source_[runner];
-                    const uint8_t* record = data_.at(runner);
-                    __builtin_prefetch(record);
-                    __builtin_prefetch(record + record_size_ - 1);
-                    __builtin_prefetch(&source_[runner]);
-                }
-                const uint32_t from = source_[slot];
-                std::memcpy(data_.at(slot), data_.at(from), record_size_);
-                source_[slot] = slot;
-                slot = from;
+        // The usual payload's size, known to the compiler, turns each copy into a few moves.
+        constexpr uint32_t USUAL_RECORD_BYTES = 92;
+        if (record_size_ == USUAL_RECORD_BYTES)
+            permute_records_sized([](void* to, const void* from) { std::memcpy(to, from, USUAL_RECORD_BYTES); });
+        else
+            permute_records_sized([size = record_size_](void* to, const void* from) { std::memcpy(to, from, size); });
+    }
+
+    template <class Copy>
+    void permute_records_sized(Copy copy)
+    {
+        uint32_t shift = 12;
+        while ((n_ - 1) >> shift > 1024)
+            ++shift;
+        const uint32_t groups = ((n_ - 1) >> shift) + 1;
+        std::vector<uint32_t> front(groups);
+        for (uint32_t g = 0; g < groups; ++g)
+            front[g] = g << shift;
+        std::vector<uint8_t> buffers(2 * size_t(record_size_));
+        uint8_t* held = buffers.data();
+        uint8_t* spare = held + record_size_;
+        uint32_t* const destination = destination_.get();
+        for (uint32_t g = 0; g + 1 < groups; ++g) {
+            const uint32_t end = (g + 1) << shift;
+            for (uint32_t& place = front[g]; place < end; ++place) {
+                uint32_t to = destination[place];
+                if (to >> shift == g)
+                    continue;
+                // Carried from group to group until one that belongs here turns up.
+                copy(held, data_.at(place));
+                do {
+                    const uint32_t other = to >> shift;
+                    uint32_t slot = front[other];
+                    while (destination[slot] >> shift == other)
+                        ++slot;
+                    front[other] = slot + 1;
+                    __builtin_prefetch(data_.at(std::min(slot + 2, n_ - 1)), 1);
+                    uint8_t* record = data_.at(slot);
+                    copy(spare, record);
+                    copy(record, held);
+                    std::swap(held, spare);
+                    std::swap(to, destination[slot]);
+                } while (to >> shift != g);
+                copy(data_.at(place), held);
+                destination[place] = to;
             }
-            std::memcpy(data_.at(slot), held.data(), record_size_);
-            source_[slot] = slot;
+        }
+        // Within a group: each cycle once, one record held aside; a placed slot points at itself.
+        // The group's slots fit in the cache, its records not always in the nearest: a runner a
+        // few steps ahead along the cycle fetches them.
+        constexpr int AHEAD = 6;
+        for (uint32_t start = 0; start < n_; ++start) {
+            uint32_t to = destination[start];
+            if (to == start)
+                continue;
+            copy(held, data_.at(start));
+            uint32_t runner = to;
+            for (int k = 0; k < AHEAD && runner != start; ++k)
+                runner = destination[runner];
+            do {
+                if (runner != start) {
+                    const uint8_t* ahead = data_.at(runner);
+                    __builtin_prefetch(ahead, 1);
+                    __builtin_prefetch(ahead + record_size_ - 1, 1);
+                    runner = destination[runner];
+                }
+                uint8_t* record = data_.at(to);
+                copy(spare, record);
+                copy(record, held);
+                std::swap(held, spare);
+                const uint32_t next = destination[to];
+                destination[to] = to;
+                to = next;
+            } while (to != start);
+            copy(data_.at(start), held);
+            destination[start] = start;
         }
     }
 
@@ -211,6 +265,55 @@ private:
     {
         if (key(a, axis) > key(b, axis))
             swap_keys(a, b);
+    }
+
+    // The exchanges of the partition below pair the k-th key from the left that stops the
+    // left scan (not below the pivot) with the k-th from the right that stops the right scan
+    // (not above it), for as long as the two scans have not met. While the unscanned gap holds
+    // whole blocks, the stops of a block are listed without a branch per key and paired off the
+    // lists: the same exchanges as the scans would make, in another order (the pairs are
+    // disjoint). `*i` and `*j` are left at the last pair exchanged, so the scans carry on from
+    // there over keys that are still in their places, the listed stops not yet paired included.
+    void partition_blocks(uint32_t* i, uint32_t* j, float pivot, int axis)
+    {
+        constexpr uint32_t BLOCK = 128;
+        uint32_t left[BLOCK];
+        uint32_t right[BLOCK];
+        uint32_t left_count = 0, left_done = 0, right_count = 0, right_done = 0;
+        uint32_t low = *i + 1;   // first key neither scan has listed
+        uint32_t high = *j - 1;  // last such key
+        Key* const keys = keys_.get();
+        for (;;) {
+            if (left_done == left_count) {
+                if (high < low || high - low + 1 < BLOCK)
+                    break;
+                left_count = left_done = 0;
+                for (uint32_t t = 0; t < BLOCK; ++t) {
+                    left[left_count] = low + t;
+                    left_count += !(keys[low + t].pos[axis] < pivot);
+                }
+                low += BLOCK;
+            }
+            if (right_done == right_count) {
+                if (high < low || high - low + 1 < BLOCK)
+                    break;
+                right_count = right_done = 0;
+                for (uint32_t t = 0; t < BLOCK; ++t) {
+                    right[right_count] = high - t;
+                    right_count += !(keys[high - t].pos[axis] > pivot);
+                }
+                high -= BLOCK;
+            }
+            const uint32_t pairs = std::min(left_count - left_done, right_count - right_done);
+            for (uint32_t k = 0; k < pairs; ++k)
+                std::swap(keys[left[left_done + k]], keys[right[right_done + k]]);
+            if (pairs) {
+                left_done += pairs;
+                right_done += pairs;
+                *i = left[left_done - 1];
+                *j = right[right_done - 1];
+            }
+        }
     }
 
     // Puts the record that belongs at rank `target` there, with smaller keys before it in the
@@ -233,6 +336,7 @@ private:
             const float pivot = key(l1, axis);
             uint32_t i = l1;
             uint32_t j = r;
+            partition_blocks(&i, &j, pivot, axis);
             for (;;) {
                 do
                     ++i;
@@ -333,8 +437,8 @@ private:
     uint8_t* axes_;
     uint32_t n_;
     uint32_t record_size_;
-    std::vector<Key> keys_;          // rank order while the tree is built
-    std::vector<uint32_t> source_;   // heap order: record number now due at each slot
+    std::unique_ptr<Key[]> keys_;              // rank order while the tree is built
+    std::unique_ptr<uint32_t[]> destination_;  // slot due to the record now at each position
 };
 
 }  // namespace

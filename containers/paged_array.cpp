@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "base/lib/mem/i_mem_allocatable.h"
 #include "containers/swap_layout.h"
@@ -73,6 +74,17 @@ void Paged_array::release_block(uint32_t block)
         QV_FREE(pages_[block]);
         pages_[block] = nullptr;
     }
+}
+
+void Paged_array::take_records(Paged_array& other)
+{
+    for (uint8_t* block : pages_)
+        if (block)
+            QV_FREE(block);
+    pages_ = std::move(other.pages_);
+    other.pages_.clear();
+    count_ = std::exchange(other.count_, 0);
+    capacity_ = std::exchange(other.capacity_, 0);
 }
 
 void Paged_array::free_storage()

@@ -68,6 +68,10 @@ public:
     // read, copied or serialized again.
     void release_block(uint32_t block);
 
+    // Takes over the blocks and the count of `other`, an array of the same record size, in place
+    // of this array's records, which must be none; `other` is left empty. No record is copied.
+    void take_records(Paged_array& other);
+
     uint32_t element_size() const { return element_size_; }
     uint32_t count() const { return count_; }
     uint32_t capacity() const { return capacity_; }

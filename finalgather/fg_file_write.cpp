@@ -359,6 +359,49 @@ int fg_map_close(Fg_map_writer* writer)
     return result ? 1 : 0;
 }
 
+namespace {
+
+// A kd-tree's records in this host's order go out a buffer at a time: each is laid out as a
+// classic record straight into the buffer, one fixed copy for the position and one for the
+// payload, instead of one stream write per record.
+constexpr uint32_t BATCH_RECORDS = uint32_t(WRITE_BUFFER_BYTES / FG_RECORD_BYTES);
+
+struct Classic_batch {
+    Fg_map_writer* writer;
+    uint32_t filled;
+    uint8_t bytes[BATCH_RECORDS * FG_RECORD_BYTES];
+};
+
+// The count grows by the records written; after a failure, `ok` stops every later write.
+bool flush_batch(Classic_batch* batch)
+{
+    Fg_map_writer* writer = batch->writer;
+    const uint32_t filled = batch->filled;
+    batch->filled = 0;
+    if (filled == 0)
+        return true;
+    if (!file_write(writer->file, batch->bytes, size_t(filled) * FG_RECORD_BYTES, writer->path, 26,
+                    "cannot write finalgather point")) {
+        writer->ok = false;
+        return false;
+    }
+    writer->count += filled;
+    return true;
+}
+
+int add_to_batch(void* argument, const void* data, const float* position)
+{
+    auto* batch = static_cast<Classic_batch*>(argument);
+    uint8_t* record = batch->bytes + size_t(batch->filled) * FG_RECORD_BYTES;
+    std::memcpy(record, position, FG_POINT_PAYLOAD_WORD * 4);
+    std::memcpy(record + FG_POINT_PAYLOAD_WORD * 4, data, FG_POINT_PAYLOAD_WORDS * 4);
+    if (++batch->filled < BATCH_RECORDS)
+        return 1;
+    return flush_batch(batch) ? 1 : 0;
+}
+
+}  // namespace
+
 int fg_map_save_legacy(uint32_t kdtree_tag, const Fg_scene_options* options, const char* path)
 {
     Module_scope scope(MOD_RCFG);
@@ -368,7 +411,16 @@ int fg_map_save_legacy(uint32_t kdtree_tag, const Fg_scene_options* options, con
     if (!writer)
         return 0;
     Kdtree_handle* kdtree = kdtree_open_for_reading(kdtree_tag, nullptr, nullptr);
-    kdtree_iterate(kdtree, fg_map_write_point, writer);
+    if (writer->file && !writer->swap) {
+        auto* batch = static_cast<Classic_batch*>(QV_ALLOC(sizeof(Classic_batch)));
+        batch->writer = writer;
+        batch->filled = 0;
+        if (kdtree_iterate(kdtree, add_to_batch, batch))
+            flush_batch(batch);
+        QV_FREE(batch);
+    } else {
+        kdtree_iterate(kdtree, fg_map_write_point, writer);
+    }
     kdtree_close(kdtree);
     return fg_map_close(writer);
 }
