@@ -310,7 +310,8 @@ namespace {
 
 }  // namespace
 
-void* mem_alloc(const char* file, int line, size_t size)
+// Not vectorised: the paired account update in SSE registers cost more than two adds.
+[[gnu::optimize("no-tree-slp-vectorize")]] void* mem_alloc(const char* file, int line, size_t size)
 {
     // The common case: a block of the current slab of the thread's row, charged to its cached
     // area. Everything else (first use, no room, no area, the heap path) goes the long way.
@@ -353,7 +354,7 @@ void* mem_alloc(const char* file, int line, size_t size)
     return alloc_slow(file, line, size);
 }
 
-void mem_free(const char*, int, void* p)
+[[gnu::optimize("no-tree-slp-vectorize")]] void mem_free(const char*, int, void* p)
 {
     if (!p)
         return;
