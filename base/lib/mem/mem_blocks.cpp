@@ -125,7 +125,9 @@ void drain_remote(Slab* slab)
 void disarm(Slab* slab)
 {
     uintptr_t old = slab->remote_list.load(std::memory_order_acquire);
-    for (;;) {
+    // Not armed: a remote free that comes now sees no state and links nothing, so there is
+    // nothing to clear (and a slab that empties pays no compare-exchange).
+    while (old & REMOTE_STATE) {
         if (old & REMOTE_NOTIFYING) {
             std::this_thread::yield();
             old = slab->remote_list.load(std::memory_order_acquire);
