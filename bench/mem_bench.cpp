@@ -94,6 +94,14 @@ bool pick(Which which, Allocator* out)
     return false;
 }
 
+bool ready(Which which, benchmark::State& state, Allocator* out)
+{
+    if (pick(which, out))
+        return true;
+    state.SkipWithError("allocator not available");
+    return false;
+}
+
 // Engine threads have a Thread_context; the benchmark's own threads get one for the run.
 struct Thread_guard {
     bool made = false;
@@ -115,10 +123,8 @@ template <Which which>
 void BM_own(benchmark::State& state)
 {
     Allocator allocator;
-    if (!pick(which, &allocator)) {
-        state.SkipWithError("allocator not available");
+    if (!ready(which, state, &allocator))
         return;
-    }
     Thread_guard guard;
     size_t size = size_t(state.range(0));
     void* blocks[BATCH];
@@ -140,10 +146,8 @@ template <Which which>
 void BM_cross(benchmark::State& state)
 {
     Allocator allocator;
-    if (!pick(which, &allocator)) {
-        state.SkipWithError("allocator not available");
+    if (!ready(which, state, &allocator))
         return;
-    }
     Thread_guard guard;
     size_t size = size_t(state.range(0));
     int mine = state.thread_index();
@@ -170,10 +174,8 @@ template <Which which>
 void BM_large(benchmark::State& state)
 {
     Allocator allocator;
-    if (!pick(which, &allocator)) {
-        state.SkipWithError("allocator not available");
+    if (!ready(which, state, &allocator))
         return;
-    }
     Thread_guard guard;
     size_t size = size_t(state.range(0));
     for (auto _ : state) {
