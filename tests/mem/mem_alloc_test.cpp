@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <sys/wait.h>
+#include <tuple>
 #include <vector>
 
 #include "base/lib/mem/mem_pools.h"
@@ -114,16 +115,18 @@ TEST_F(Alloc_test, LargeAndRawMemoryIsZeroCountedAndResizable)
     // With the default heap hook large blocks come from calloc (huge pages from 2 MB on): heap
     // memory dirtied and given back must still come back zero.
     using namespace qv_mem_detail;
-    auto saved_malloc = g_malloc;
-    auto saved_realloc = g_realloc;
-    auto saved_free = g_free;
-    g_malloc = malloc;
-    g_realloc = realloc;
-    g_free = free;
+    const auto saved = std::tuple(g_malloc, g_realloc, g_free);
+    std::tie(g_malloc, g_realloc, g_free) = std::tuple(&malloc, &realloc, &free);
     for (size_t size : {size_t(70000), size_t(5) << 20}) {
-        void* dirty = malloc(size + 64);
-        std::memset(dirty, 0xab, size + 64);
-        free(dirty);
+        // Two dirty chunks of the very sizes asked for below (16 bytes of header each), each
+        // followed by a guard that keeps it from merging into the heap's top.
+        void* dirty[4];
+        for (int i = 0; i < 4; ++i)
+            dirty[i] = malloc(i % 2 ? 64 : size + 16);
+        std::memset(dirty[0], 0xab, size + 16);
+        std::memset(dirty[2], 0xab, size + 16);
+        free(dirty[0]);
+        free(dirty[2]);
         auto* heap = static_cast<unsigned char*>(mem_alloc("t", 1, size));
         auto* raw = static_cast<unsigned char*>(mem_raw_alloc("t", 1, size));
         EXPECT_TRUE(all_zero(heap, size) && all_zero(raw, size)) << size;
@@ -131,10 +134,10 @@ TEST_F(Alloc_test, LargeAndRawMemoryIsZeroCountedAndResizable)
         std::memset(heap, 1, size);
         mem_free("t", 1, heap);
         mem_raw_free("t", 1, raw);
+        free(dirty[1]);
+        free(dirty[3]);
     }
-    g_malloc = saved_malloc;
-    g_realloc = saved_realloc;
-    g_free = saved_free;
+    std::tie(g_malloc, g_realloc, g_free) = saved;
 }
 
 TEST_F(Alloc_test, ChargesGoToTheCallingModuleWithPeaksAndCounts)
