@@ -12,14 +12,6 @@ namespace {
 std::mutex g_table_lock;
 Module_account g_table[MODULE_TABLE_ROWS];
 
-void raise_peaks(Module_account& account)
-{
-    if (account.words > account.peak_words)
-        account.peak_words = account.words;
-    if (account.allocations > account.peak_allocations)
-        account.peak_allocations = account.allocations;
-}
-
 void charge_table(int module, int64_t words, int64_t allocations)
 {
     std::lock_guard<std::mutex> hold(g_table_lock);
@@ -79,6 +71,14 @@ Mem_context* own_context()
 }
 
 }  // namespace
+
+void raise_peaks(Module_account& account)
+{
+    if (account.words > account.peak_words)
+        account.peak_words = account.words;
+    if (account.allocations > account.peak_allocations)
+        account.peak_allocations = account.allocations;
+}
 
 Mem_context* thread_area()
 {

@@ -56,7 +56,6 @@ void init_rows(Thread_heap* heap, uint32_t thread_id)
         Class_row& row = heap->rows[i];
         row.thread_id = thread_id;
         row.block_size = k_class_bytes[i];
-        row.class_index = uint32_t(i);
         row.current_slab = nullptr;
         row.tail = nullptr;
         row.deferred.store(nullptr, std::memory_order_relaxed);
@@ -126,7 +125,9 @@ void drain_remote(Slab* slab)
 void disarm(Slab* slab)
 {
     uintptr_t old = slab->remote_list.load(std::memory_order_acquire);
-    for (;;) {
+    // Not armed: a remote free that comes now sees no state and links nothing, so there is
+    // nothing to clear (and a slab that empties pays no compare-exchange).
+    while (old & REMOTE_STATE) {
         if (old & REMOTE_NOTIFYING) {
             std::this_thread::yield();
             old = slab->remote_list.load(std::memory_order_acquire);
@@ -166,11 +167,14 @@ bool arm(Slab* slab)
     }
 }
 
-// An empty slab: no block of it is out anywhere, so no remote free can come.
+// An empty slab: no block of it is out anywhere, so no remote free can come. What its blocks
+// left is cleared in one go, so that the slab is all zero below the bump pointer again and the
+// blocks carved from it next need no zeroing.
 void reset_slab(Slab* slab)
 {
     disarm(slab);
     slab->remote_list.store(0, std::memory_order_relaxed);
+    std::memset(slab->bump, 0, size_t(slab_top(slab) - slab->bump));
     slab->bump = slab_top(slab);
     slab->free_list = nullptr;
     slab->used = 0;
@@ -234,8 +238,9 @@ Slab* pool_take()
             return slab;
     }
     // A new chunk, got outside the lock: raw allocation may flush, and flushing may free blocks.
-    // Not zeroed: every block is zeroed when it is handed out.
-    void* memory = raw_alloc_try(CHUNK_BYTES, false);
+    // It comes zeroed (mostly fresh from the system, so without a write), which is what lets
+    // bump blocks go out without zeroing.
+    void* memory = raw_alloc_try(CHUNK_BYTES);
     if (!memory)
         return nullptr;
     auto* chunk = static_cast<Chunk*>(memory);
@@ -259,6 +264,7 @@ Slab* pool_take()
         slab->owner.store(nullptr, std::memory_order_relaxed);
         slab->remote_list.store(0, std::memory_order_relaxed);
         slab->armed = 0;
+        slab->bump = slab_top(slab);
         pool_push(slab);
     }
     return pool_pop_locked();
@@ -423,7 +429,7 @@ void blocks_exit()
     blocks_release_idle();
 }
 
-void* block_alloc(size_t bytes)
+void* block_alloc(size_t bytes, bool* zeroed)
 {
     int cls = class_of(bytes);
     Thread_heap* heap = t_cache.heap ? t_cache.heap : create_heap();
@@ -438,12 +444,14 @@ void* block_alloc(size_t bytes)
                 slab->free_list = *static_cast<void**>(block);
                 ++slab->used;
                 move_front(row, slab);
+                *zeroed = false;
                 return block;
             }
             if (slab->bump - block_size >= slab_floor(slab)) {
                 slab->bump -= block_size;
                 ++slab->used;
                 move_front(row, slab);
+                *zeroed = true;
                 return slab->bump;
             }
             if (!arm(slab))

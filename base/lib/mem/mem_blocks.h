@@ -44,20 +44,22 @@ constexpr uintptr_t REMOTE_NOTIFY = 1;
 constexpr uintptr_t REMOTE_NOTIFYING = 2;
 constexpr uintptr_t REMOTE_STATE = 3;
 
+// The fields both fast paths read (owner, used, full, free list, bump) share the slab's first
+// cache line.
 struct Slab {
     uint32_t magic;                   // SLAB_MAGIC once the chunk was cut
     uint32_t block_size;              // bytes of each block; readable by any thread
-    Chunk* chunk;
-    std::atomic<Class_row*> owner;    // class row that owns the slab; null while in the pool
-    Slab* next;                       // row list while owned, free list while pooled
-    Slab* prev;
-    Slab* deferred_next;              // link in the owner's list of slabs with remote frees
-    char* bump;                       // blocks are carved from the end downwards
-    void* free_list;                  // owner's freed blocks
-    std::atomic<uintptr_t> remote_list;  // other threads' frees, pushed without a lock; state bits
     uint32_t used;                    // blocks out, remote frees included until taken back
     uint16_t full;                    // 1: found without room and parked at the row's tail
     uint16_t armed;                   // 1: NOTIFY set, or the slab is on the deferred list
+    std::atomic<Class_row*> owner;    // class row that owns the slab; null while in the pool
+    void* free_list;                  // owner's freed blocks
+    char* bump;                       // blocks are carved from the end downwards
+    Chunk* chunk;
+    Slab* next;                       // row list while owned, free list while pooled
+    Slab* prev;
+    Slab* deferred_next;              // link in the owner's list of slabs with remote frees
+    std::atomic<uintptr_t> remote_list;  // other threads' frees, pushed without a lock; state bits
 };
 static_assert(sizeof(Slab) <= SLAB_HEADER_BYTES, "the slab header fits in 80 bytes");
 
@@ -69,14 +71,16 @@ struct Chunk {
     Slab* first_slab;
 };
 
+// 32 bytes, so that no row straddles two cache lines.
 struct Class_row {
     uint32_t thread_id;
     uint32_t block_size;
-    uint32_t class_index;
     Slab* current_slab;               // head of the row's list
     std::atomic<Slab*> deferred;      // slabs with remote frees: pushed by freeing threads, taken whole by the owner
     Slab* tail;                       // last of the row's list; full slabs gather behind the rest
 };
+
+static_assert(sizeof(Class_row) == 32);
 
 struct Thread_heap {
     Class_row rows[CLASS_COUNT];

@@ -2,6 +2,7 @@
 // and the heap hook.
 #include <cstdlib>
 #include <cstring>
+#include <sys/mman.h>
 
 #include "base/lib/mem/mem_blocks.h"
 #include "runtime/msg.h"
@@ -19,6 +20,7 @@ std::atomic<uint64_t> g_peak_words{0};
 
 namespace {
 int g_hook_count = 0;
+constexpr uintptr_t HUGE_PAGE_BYTES = uintptr_t(2) << 20;
 }
 
 void ensure_hooks()
@@ -55,7 +57,29 @@ void totals_sub(uint64_t words)
     msg_fatal_n(8, "can't allocate %zu bytes.", size);
 }
 
-void* raw_alloc_try(size_t size, bool zero)
+void* zeroed_from_hook(size_t total)
+{
+    if (g_malloc != malloc) {
+        void* raw = g_malloc(total);
+        if (raw)
+            std::memset(raw, 0, total);
+        return raw;
+    }
+    // calloc does not clear memory it maps fresh from the system, so a large block is not
+    // written (and faulted in) twice.
+    void* raw = calloc(1, total);
+    if (raw && total >= HUGE_PAGE_BYTES) {
+        // Huge pages on the aligned interior: a 100 MB buffer then faults in 2 MB at a time. Only
+        // advice; where the system says no the block works the same.
+        uintptr_t begin = (reinterpret_cast<uintptr_t>(raw) + HUGE_PAGE_BYTES - 1) & ~(HUGE_PAGE_BYTES - 1);
+        uintptr_t end = (reinterpret_cast<uintptr_t>(raw) + total) & ~(HUGE_PAGE_BYTES - 1);
+        if (end > begin)
+            madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+    }
+    return raw;
+}
+
+void* raw_alloc_try(size_t size)
 {
     if (size > SIZE_MAX - sizeof(Raw_header))
         fatal_size(size);
@@ -63,11 +87,9 @@ void* raw_alloc_try(size_t size, bool zero)
     size_t total = sizeof(Raw_header) + size;
     if (g_started.load(std::memory_order_relaxed))
         check_limit();
-    void* raw = g_malloc(total);
+    void* raw = zeroed_from_hook(total);
     if (!raw)
         return nullptr;
-    if (zero)
-        std::memset(raw, 0, total);
     auto* header = static_cast<Raw_header*>(raw);
     header->total_size = total > UINT32_MAX ? UINT32_MAX : uint32_t(total);
     header->full_total = total;
@@ -89,10 +111,9 @@ void* heap_alloc(size_t size, int module)
     ensure_hooks();
     if (g_started.load(std::memory_order_relaxed))
         check_limit();
-    void* raw = g_malloc(sizeof(Heap_prefix) + size);
+    void* raw = zeroed_from_hook(sizeof(Heap_prefix) + size);
     if (!raw)
         return nullptr;
-    std::memset(raw, 0, sizeof(Heap_prefix) + size);
     auto* prefix = static_cast<Heap_prefix*>(raw);
     prefix->full_size = size;
     prefix->header.module = uint16_t(module);
@@ -146,14 +167,16 @@ inline void charge_fast(int module, int64_t words, int64_t allocations)
 
 inline void* block_path_alloc(size_t size, int module)
 {
-    void* block = block_alloc(size + sizeof(Block_header));
+    bool zeroed = false;
+    void* block = block_alloc(size + sizeof(Block_header), &zeroed);
     if (!block)
         return nullptr;
     auto* header = static_cast<Block_header*>(block);
     header->module = uint16_t(module);
     header->from_block = 1;
     header->size = uint32_t(size);
-    zero_user_bytes(header + 1, size);
+    if (!zeroed)
+        zero_user_bytes(header + 1, size);
     charge_fast(module, int64_t(words_of(size)), 1);
     return header + 1;
 }
@@ -256,7 +279,7 @@ bool mem_blocks_enabled() { return g_blocks_on && mem_started(); }
 
 namespace {
 
-[[gnu::noinline]] void* alloc_slow(const char* file, int line, size_t size)
+[[gnu::cold, gnu::noinline]] void* alloc_slow(const char* file, int line, size_t size)
 {
     if (size == 0)
         return nullptr;
@@ -272,7 +295,7 @@ namespace {
     return alloc_retrying(file, line, size, module);
 }
 
-[[gnu::noinline]] void free_slow(Block_header* header)
+[[gnu::cold, gnu::noinline]] void free_slow(Block_header* header)
 {
     if (!header->from_block) {
         heap_free(header + 1);
@@ -287,53 +310,51 @@ namespace {
 
 }  // namespace
 
-void* mem_alloc(const char* file, int line, size_t size)
+// Not vectorised: the paired account update in SSE registers cost more than two adds.
+[[gnu::optimize("no-tree-slp-vectorize")]] void* mem_alloc(const char* file, int line, size_t size)
 {
     // The common case: a block of the current slab of the thread's row, charged to its cached
     // area. Everything else (first use, no room, no area, the heap path) goes the long way.
-    if (size - 1 < MEM_BLOCK_MAX_USER_BYTES && g_block_path.load(std::memory_order_relaxed)) {
+    if (size - 1 < MEM_BLOCK_MAX_USER_BYTES && g_block_path.load(std::memory_order_relaxed)) [[likely]] {
         Thread_cache& cache = t_cache;
         Thread_context* context = thread_context();
-        if (cache.heap && cache.area && cache.context == context) {
+        if (cache.heap && cache.context == context && cache.area) [[likely]] {
             Class_row& row = cache.heap->rows[class_of(size + sizeof(Block_header))];
-            if (Slab* slab = row.current_slab) {
-                void* block = slab->free_list;
-                if (block) {
-                    slab->free_list = *static_cast<void**>(block);
-                } else {
-                    char* bump = slab->bump - row.block_size;
-                    if (bump >= reinterpret_cast<char*>(slab) + SLAB_HEADER_BYTES) {
-                        slab->bump = bump;
-                        block = bump;
-                    }
-                }
-                if (block) {
-                    ++slab->used;
-                    int module = context->current_module == MOD_MEM ? context->previous_module
-                                                                     : context->current_module;
-                    if (module < 0 || module >= MODULE_TABLE_ROWS)
-                        module = 0;
-                    auto* header = static_cast<Block_header*>(block);
-                    write_header(header, module, size);
+            Slab* slab = row.current_slab;
+            if (slab) [[likely]] {
+                Block_header* header = static_cast<Block_header*>(slab->free_list);
+                if (header) {
+                    slab->free_list = *reinterpret_cast<void**>(header);
                     zero_user_bytes(header + 1, size);
-                    Module_account& account = cache.area->accounts[module];
-                    int64_t words = account.words + int64_t(words_of(size));
-                    int64_t count = account.allocations + 1;
-                    account.words = words;
-                    account.allocations = count;
-                    if (words > account.peak_words)
-                        account.peak_words = words;
-                    if (count > account.peak_allocations)
-                        account.peak_allocations = count;
-                    return header + 1;
+                } else {
+                    // Below the bump pointer a slab is all zero: it came zeroed from the system,
+                    // or was cleared when it last emptied.
+                    char* bump = slab->bump - row.block_size;
+                    if (bump < reinterpret_cast<char*>(slab) + SLAB_HEADER_BYTES) [[unlikely]]
+                        return alloc_slow(file, line, size);
+                    slab->bump = bump;
+                    header = reinterpret_cast<Block_header*>(bump);
                 }
+                ++slab->used;
+                int module = context->current_module == MOD_MEM ? context->previous_module : context->current_module;
+                if (unsigned(module) >= unsigned(MODULE_TABLE_ROWS)) [[unlikely]]
+                    module = 0;
+                write_header(header, module, size);
+                Module_account& account = cache.area->accounts[module];
+                int64_t words = account.words + int64_t(words_of(size));
+                int64_t count = account.allocations + 1;
+                account.words = words;
+                account.allocations = count;
+                if (words > account.peak_words || count > account.peak_allocations) [[unlikely]]
+                    raise_peaks(account);
+                return header + 1;
             }
         }
     }
     return alloc_slow(file, line, size);
 }
 
-void mem_free(const char*, int, void* p)
+[[gnu::optimize("no-tree-slp-vectorize")]] void mem_free(const char*, int, void* p)
 {
     if (!p)
         return;

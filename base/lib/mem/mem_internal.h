@@ -63,10 +63,12 @@ extern std::atomic<uint64_t> g_heap_limit;
 extern std::atomic<uint64_t> g_heap_low;
 
 // ---- Per-module accounts --------------------------------------------------------------------
+// The two current values sit together, so that a charge touches them with one line and tests
+// both peaks with one branch.
 struct Module_account {
     int64_t words;          // in use
-    int64_t peak_words;
     int64_t allocations;    // live allocations
+    int64_t peak_words;
     int64_t peak_allocations;
 };
 
@@ -83,16 +85,17 @@ struct Mem_context {
 // thread's MEM area once MEM has started, otherwise straight into the process-wide table.
 void charge(int module, int64_t words, int64_t allocations);
 
+// Lifts the peaks of an account to its current values; called only when one of them passed.
+[[gnu::cold, gnu::noinline]] void raise_peaks(Module_account& account);
+
 // The hot path's charge into an area the caller already has.
 inline void charge_area(Mem_context* context, int module, int64_t words, int64_t allocations)
 {
     Module_account& account = context->accounts[module];
     account.words += words;
     account.allocations += allocations;
-    if (account.words > account.peak_words)
-        account.peak_words = account.words;
-    if (account.allocations > account.peak_allocations)
-        account.peak_allocations = account.allocations;
+    if (account.words > account.peak_words || account.allocations > account.peak_allocations) [[unlikely]]
+        raise_peaks(account);
     context->dirty = true;
 }
 
@@ -112,8 +115,9 @@ void accounts_snapshot(Module_account* out);
 // ---- Block allocator ------------------------------------------------------------------------
 void blocks_init();
 void blocks_exit();
-// A block of at least `bytes` (header included), or null when no chunk could be had.
-void* block_alloc(size_t bytes);
+// A block of at least `bytes` (header included), or null when no chunk could be had. `*zeroed`
+// tells whether its bytes after the header are all zero already (fresh bump memory).
+void* block_alloc(size_t bytes, bool* zeroed);
 void block_free(void* block);
 // Capacity of the block that holds `block`, in bytes (its class size).
 uint32_t block_capacity(const void* block);
@@ -124,8 +128,12 @@ void* alloc_charged_to(const char* file, int line, size_t size, int module);
 
 // ---- Heap helpers ---------------------------------------------------------------------------
 // Raw allocation that may give null (the block allocator's chunks use it, so that mem_alloc runs
-// the failure loop with the caller's file and size).
-void* raw_alloc_try(size_t size, bool zero = true);
+// the failure loop with the caller's file and size). Always zeroed.
+void* raw_alloc_try(size_t size);
+// `total` zeroed bytes from the heap hook, or null. With the default hook, calloc: memory that
+// comes fresh from the system is not written again, and blocks of 2 MB or more ask for huge
+// pages on their aligned interior.
+void* zeroed_from_hook(size_t total);
 
 // ---- Limits and failures --------------------------------------------------------------------
 // Runs one failure step for attempt `attempt` of an allocation of `size` bytes.
