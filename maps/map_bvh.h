@@ -324,10 +324,11 @@ void map_bvh_build_tree(const float* boxes, uint32_t count, uint32_t leaf_size, 
 // Builds the tree of one page in place: `page` holds `count` elements of `element_bytes`
 // (position first) and E of room for elements; the room behind them receives the tree. The
 // elements are permuted into leaf order. Returns the node count written (0: no tree fitted).
-// `page_box`, when not null, receives the box of the elements (minimum then maximum).
+// `out`, when not null, receives the finished page (a whole file page) instead of `page`, which
+// is then only read.
 template <uint32_t N>
 uint32_t map_page_bvh_build(uint8_t* page, uint32_t count, uint32_t elements_per_page, uint32_t element_bytes,
-                            float* page_box, Map_bvh_scratch& scratch);
+                            uint8_t* out, Map_bvh_scratch& scratch);
 
 Map_bvh_scratch* map_bvh_scratch_create();
 void map_bvh_scratch_destroy(Map_bvh_scratch* scratch);

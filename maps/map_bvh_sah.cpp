@@ -451,11 +451,23 @@ void map_bvh_build_tree(const float* boxes, uint32_t count, uint32_t leaf_size, 
 
 template <uint32_t N>
 uint32_t map_page_bvh_build(uint8_t* page, uint32_t count, uint32_t elements_per_page, uint32_t element_bytes,
-                            float* page_box, Map_bvh_scratch& s)
+                            uint8_t* out, Map_bvh_scratch& s)
 {
     using Node = Map_bvh_node<N>;
-    uint8_t* tree = page + size_t(elements_per_page) * element_bytes;
+    const size_t data_bytes = size_t(elements_per_page) * element_bytes;
     uint32_t room = MAP_FILE_PAGE_BYTES - elements_per_page * element_bytes;
+    // A page that gets no tree is the input page as it is, with a node count of 0.
+    auto no_tree = [&]() -> uint32_t {
+        uint32_t zero = 0;
+        uint8_t* target = out ? out : page;
+        if (out)
+            memcpy(out, page, MAP_FILE_PAGE_BYTES);
+        if (room >= 4)
+            memcpy(target + data_bytes, &zero, 4);
+        return 0;
+    };
+    if (count == 0 || room < 4)
+        return no_tree();
 
     // Items are the positions, as boxes without extent.
     s.boxes.resize(size_t(count) * 2 * N);
@@ -465,18 +477,6 @@ uint32_t map_page_bvh_build(uint8_t* page, uint32_t count, uint32_t elements_per
         memcpy(boxes + size_t(i) * 2 * N, element, sizeof(float) * N);
         memcpy(boxes + size_t(i) * 2 * N + N, element, sizeof(float) * N);
     }
-    if (page_box) {
-        box_empty<N>(page_box, page_box + N);
-        for (uint32_t i = 0; i < count; ++i)
-            box_grow<N>(page_box, page_box + N, boxes + size_t(i) * 2 * N);
-    }
-    uint32_t zero = 0;
-    if (count == 0 || room < 4) {
-        if (room >= 4)
-            memcpy(tree, &zero, 4);
-        return 0;
-    }
-
     prepare_items<N>(boxes, count, s);
     // A split does not depend on the leaf size, so one binary tree down to the smallest leaf
     // size serves every size tried: a larger one only stops the collapse higher up.
@@ -491,16 +491,24 @@ uint32_t map_page_bvh_build(uint8_t* page, uint32_t count, uint32_t elements_per
             break;
         }
     }
-    if (!fits) {
-        memcpy(tree, &zero, 4);
-        return 0;
+    if (!fits)
+        return no_tree();
+    // Elements into leaf order: slot k takes the element that the order lists at k. In place
+    // the elements are read from a copy; into `out` straight from the page, whose other bytes
+    // (free slots, the room behind the tree) `out` takes over as they are.
+    const uint8_t* source = page;
+    uint8_t* target = page;
+    const size_t element_data = size_t(count) * element_bytes;
+    if (out) {
+        target = out;
+        memcpy(out + element_data, page + element_data, MAP_FILE_PAGE_BYTES - element_data);
+    } else {
+        s.page_copy.assign(page, page + element_data);
+        source = s.page_copy.data();
     }
-    // Elements into leaf order: slot k takes the element that the order lists at k.
-    size_t data_bytes = size_t(count) * element_bytes;
-    s.page_copy.assign(page, page + data_bytes);
     for (uint32_t k = 0; k < count; ++k)
-        memcpy(page + size_t(k) * element_bytes, s.page_copy.data() + size_t(s.order[k]) * element_bytes,
-               element_bytes);
+        memcpy(target + size_t(k) * element_bytes, source + size_t(s.order[k]) * element_bytes, element_bytes);
+    uint8_t* tree = target + data_bytes;
     uint32_t node_count = uint32_t(staged.size());
     memcpy(tree, &node_count, 4);
     memcpy(tree + 4, staged.data(), size_t(node_count) * sizeof(Node));
@@ -510,7 +518,7 @@ uint32_t map_page_bvh_build(uint8_t* page, uint32_t count, uint32_t elements_per
 #define QV_MAP_BVH_SAH_INSTANCE(N)                                                                           \
     template void map_bvh_build_tree<N>(const float*, uint32_t, uint32_t, std::vector<Map_bvh_node<N>>&,     \
                                         std::vector<uint32_t>&, Map_bvh_scratch&);                           \
-    template uint32_t map_page_bvh_build<N>(uint8_t*, uint32_t, uint32_t, uint32_t, float*, Map_bvh_scratch&);
+    template uint32_t map_page_bvh_build<N>(uint8_t*, uint32_t, uint32_t, uint32_t, uint8_t*, Map_bvh_scratch&);
 QV_MAP_BVH_SAH_INSTANCE(1)
 QV_MAP_BVH_SAH_INSTANCE(2)
 QV_MAP_BVH_SAH_INSTANCE(3)

@@ -50,19 +50,25 @@ void Map_page_bvh_job<N>::run_thread(uint32_t t)
     uint32_t element_bytes = store_->element_bytes;
     for (uint32_t i = t; i < pages_; i += threads_) {
         uint32_t count = i + 1 == pages_ ? last_page_count_ : elements_per_page_;
-        // The tree is built in the thread's buffer: the staged page is only read, so it never
-        // becomes dirty and never has to go to the swap file again.
+        if (staged_ == store_) {
+            // A build in place has its staged pages in the target store: the page is built
+            // where it is.
+            uint8_t* page = store_->get_page(i, false, state.table);
+            map_page_bvh_build<N>(page, count, elements_per_page_, element_bytes, nullptr, *state.scratch);
+            continue;
+        }
+        // The staged page is only read (through the thread's buffer), so it never becomes dirty
+        // and never has to go to the swap file again.
         const uint8_t* staged = staged_->get_page(first_staged_page_ + i, true, state.table);
         memcpy(state.buffer, staged, MAP_FILE_PAGE_BYTES);
         // The staged page is done with: its buffer serves the target page below, so the map is
         // not held twice at the end of the build. Only a cache page of one file page is
-        // certain to belong to this thread alone. A build in place has its staged pages in the
-        // target store: the page is the one written below.
-        if (staged_ != store_ && staged_->file_pages_per_cache_page == 1)
+        // certain to belong to this thread alone.
+        if (staged_->file_pages_per_cache_page == 1)
             Map_manager::instance().discard_page(staged_, first_staged_page_ + i);
-        map_page_bvh_build<N>(state.buffer, count, elements_per_page_, element_bytes, nullptr, *state.scratch);
+        // Fetched last: nothing else is fetched before the build has written it.
         uint8_t* target = store_->get_page(i, false, state.table);
-        memcpy(target, state.buffer, MAP_FILE_PAGE_BYTES);
+        map_page_bvh_build<N>(state.buffer, count, elements_per_page_, element_bytes, target, *state.scratch);
     }
 }
 
