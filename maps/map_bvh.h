@@ -20,6 +20,7 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <mutex>
 #include <vector>
 
@@ -308,6 +309,9 @@ Map_global_bvh_base* map_global_bvh_create(uint32_t dimension, Map_page_store* s
 // Threads of the per-page job (the job system runs none of its own here): 0 means one.
 void map_bvh_set_thread_count(uint32_t threads);
 uint32_t map_bvh_thread_count();
+// Runs work(0) on the calling thread and work(1 .. threads - 1) on runtime threads (or here,
+// when one cannot start), and returns when all are done.
+void map_run_threads(uint32_t threads, const std::function<void(uint32_t)>& work);
 
 // ---- Tree construction shared by both levels -------------------------------------------
 

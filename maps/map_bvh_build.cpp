@@ -185,20 +185,76 @@ private:
     bool lanes_ok_ = true;
 };
 
-// Walks elements [0, count) page by page in index order, handing out runs that lie in one page.
+// Walks elements [first, end) of a map of `count` page by page in index order, handing out runs
+// that lie in one page. `table`: the thread's page table (null: the calling thread's own).
 template <class Visit>
-void for_each_run(Map_page_store& store, uint32_t count, Visit visit)
+void for_each_run(Map_page_store& store, uint32_t count, uint32_t first, uint32_t end, Map_page_table* table,
+                  Visit visit)
 {
-    uint32_t done = 0;
-    while (done < count) {
+    uint32_t done = first;
+    while (done < end) {
         uint32_t page, slot;
         store.locate(done, &page, &slot);
         uint32_t held = map_bvh_page_elements(store, count, page);
-        uint32_t run = held > slot ? std::min(held - slot, count - done) : 1;
-        const uint8_t* data = store.get_page(page, true);
+        uint32_t run = held > slot ? std::min(held - slot, end - done) : 1;
+        const uint8_t* data = store.get_page(page, true, table);
         visit(data + size_t(slot) * store.element_bytes, done, run);
         done += run;
     }
+}
+
+template <class Visit>
+void for_each_run(Map_page_store& store, uint32_t count, Visit visit)
+{
+    for_each_run(store, count, 0, count, nullptr, visit);
+}
+
+// Below this many elements the cell codes are computed on one thread: a second one would cost
+// its start and its own table of cell counts (4 MB) for little.
+constexpr uint32_t CELL_CODES_THREADS_FROM = 1u << 16;
+
+// Every element's cell into `cells`, and the count of each cell into `counts` (zero on entry).
+// The elements are shared out in contiguous ranges, one per thread; each thread reads its pages
+// through a page table of its own and counts into a table of its own, added up at the end (the
+// counts do not depend on the order in which they were taken).
+template <uint32_t N>
+void cell_codes(Map_page_store& store, uint32_t count, const Cell_coder<N>& coder, std::vector<uint32_t>& cells,
+                std::vector<uint32_t>& counts)
+{
+    const uint32_t element_bytes = store.element_bytes;
+    const uint32_t threads = count >= CELL_CODES_THREADS_FROM ? std::max(1u, map_bvh_thread_count()) : 1;
+    std::vector<std::vector<uint32_t>> own_counts(threads - 1);
+    map_run_threads(threads, [&](uint32_t t) {
+        std::vector<uint32_t>& histogram = t ? own_counts[t - 1] : counts;
+        if (t)
+            histogram.assign(counts.size(), 0);
+        std::unique_ptr<Map_page_table> table;
+        if (t)
+            table = std::make_unique<Map_page_table>(Map_manager::instance().thread_table_capacity());
+        const uint32_t first = uint32_t(uint64_t(count) * t / threads);
+        const uint32_t end = uint32_t(uint64_t(count) * (t + 1) / threads);
+        // The table is far larger than the caches and the cells come in any order: each slot
+        // is prefetched when its cell is known and counted a few elements later.
+        constexpr uint32_t AHEAD = 8;
+        for_each_run(store, count, first, end, table.get(), [&](const uint8_t* data, uint32_t done, uint32_t run) {
+            uint32_t i = 0;
+            for (; coder.lanes_ok() && i + Cell_coder<N>::LANES <= run; i += Cell_coder<N>::LANES)
+                coder.codes(data + size_t(i) * element_bytes, element_bytes, &cells[done + i]);
+            for (; i < run; ++i)
+                cells[done + i] = coder.code(reinterpret_cast<const float*>(data + size_t(i) * element_bytes));
+            for (i = 0; i < run; ++i) {
+                __builtin_prefetch(&histogram[cells[done + i]], 1);
+                if (done + i >= first + AHEAD)
+                    ++histogram[cells[done + i - AHEAD]];
+            }
+        });
+        for (uint32_t i = end - first > AHEAD ? end - AHEAD : first; i < end; ++i)
+            ++histogram[cells[i]];
+        // The table gives its pages back to the cache here, on its own thread.
+    });
+    for (const std::vector<uint32_t>& histogram : own_counts)
+        for (size_t c = 0; c < counts.size(); ++c)
+            counts[c] += histogram[c];
 }
 
 // Moves every element i of [0, dest.size()) to index dest[i] inside the store's own pages by
@@ -385,23 +441,8 @@ bool full_build(Map_impl& map, bool verbose)
     const Cell_coder<N> coder(map.get_bounds());
     std::vector<uint32_t> cells(count);
     std::vector<uint32_t> next_index(Cell_coder<N>::CELLS + 1, 0);
-    // The table is far larger than the caches and the cells come in any order: each slot is
-    // prefetched when its cell is known and counted a few elements later.
+    cell_codes<N>(store, count, coder, cells, next_index);
     constexpr uint32_t AHEAD = 8;
-    for_each_run(store, count, [&](const uint8_t* data, uint32_t done, uint32_t run) {
-        uint32_t i = 0;
-        for (; coder.lanes_ok() && i + Cell_coder<N>::LANES <= run; i += Cell_coder<N>::LANES)
-            coder.codes(data + size_t(i) * element_bytes, element_bytes, &cells[done + i]);
-        for (; i < run; ++i)
-            cells[done + i] = coder.code(reinterpret_cast<const float*>(data + size_t(i) * element_bytes));
-        for (i = 0; i < run; ++i) {
-            __builtin_prefetch(&next_index[cells[done + i]], 1);
-            if (done + i >= AHEAD)
-                ++next_index[cells[done + i - AHEAD]];
-        }
-    });
-    for (uint32_t i = count > AHEAD ? count - AHEAD : 0; i < count; ++i)
-        ++next_index[cells[i]];
     // 3. The first index of every cell, in cell order.
     uint32_t running = 0;
     for (uint32_t& slot : next_index) {
