@@ -40,9 +40,11 @@ constexpr uint32_t CLASSIC_APPEND_BATCH = 1024;
 // Reads the classic records behind the headers and hands each to `add`, which gets the whole
 // record (word 26 zero) and answers whether it took it. Stops at the first short read and
 // keeps what came before it, so the header's count is only an upper bound. Returns how many
-// records were taken.
-template <class Add>
-uint32_t read_classic_records(FILE* file, const char* path, const Classic_header& header, Add add)
+// records were taken. `add_run(records, n)` is offered each block of file records first, when
+// they need neither byte swapping nor the version-0 conversion; it takes the first records it
+// can (all of them, or none) and returns how many, and the rest go to `add` one by one.
+template <class Add, class Add_run>
+uint32_t read_classic_records(FILE* file, const char* path, const Classic_header& header, Add add, Add_run add_run)
 {
     if (!file_seek(file, FG_DATA_OFFSET, SEEK_SET, path, 10, "failed seek to finalgather data file begin"))
         return 0;
@@ -50,13 +52,19 @@ uint32_t read_classic_records(FILE* file, const char* path, const Classic_header
     // reports the failure once, as a read per record would at the first one missing.
     constexpr uint32_t BLOCK_RECORDS = 512;
     std::vector<uint8_t> block(size_t(BLOCK_RECORDS) * FG_RECORD_BYTES);
+    const bool as_stored = !header.swap && header.version != 0;
     uint32_t loaded = 0;
     Fg_point record;
     while (loaded < header.count) {
         const uint32_t wanted = std::min(BLOCK_RECORDS, header.count - loaded);
         errno = 0;
         const size_t got = std::fread(block.data(), FG_RECORD_BYTES, wanted, file);
-        for (size_t k = 0; k < got; ++k) {
+        size_t k = 0;
+        if (as_stored) {
+            k = add_run(block.data(), got);
+            loaded += uint32_t(k);
+        }
+        for (; k < got; ++k) {
             std::memcpy(&record, block.data() + k * FG_RECORD_BYTES, FG_RECORD_BYTES);
             record.trailing = 0;
             if (header.swap)
@@ -76,17 +84,53 @@ uint32_t read_classic_records(FILE* file, const char* path, const Classic_header
 }
 
 // The classic part of the two loaders: headers, records, close. The stream stands at 32.
-template <class Add>
-uint32_t load_classic(FILE* file, const char* path, Add add)
+template <class Add, class Add_run>
+uint32_t load_classic(FILE* file, const char* path, Add add, Add_run add_run)
 {
     const Classic_header header = read_classic_headers(file, path);
     if (header.count == 0) {
         file_close(file, path, 9, TEXT_CLOSING);
         return 0;
     }
-    const uint32_t loaded = read_classic_records(file, path, header, add);
+    const uint32_t loaded = read_classic_records(file, path, header, add, add_run);
     file_close(file, path, 12, "failed closing finalgather file");
     return loaded;
+}
+
+// The usual element layout is the record's words 0..17 followed by its words 20..25: a record
+// then becomes an element by two copies, without going through the declaration field by field.
+constexpr size_t FG_RECORD_HEAD_BYTES = 18 * 4;
+constexpr size_t FG_RECORD_TAIL_WORD = 20;
+static_assert(FG_RECORD_HEAD_BYTES + FG_RECORD_BYTES - 4 * FG_RECORD_TAIL_WORD == FG_ELEMENT_BYTES);
+
+void record_to_element_fixed(uint8_t* element, const uint8_t* record)
+{
+    std::memcpy(element, record, FG_RECORD_HEAD_BYTES);
+    std::memcpy(element + FG_RECORD_HEAD_BYTES, record + 4 * FG_RECORD_TAIL_WORD,
+                FG_ELEMENT_BYTES - FG_RECORD_HEAD_BYTES);
+}
+
+// Whether the field-by-field conversion into `element`'s declaration writes exactly what the
+// two copies write, for every record: a record of distinct byte values is converted both ways
+// over an element cleared to zero, so a byte of another field, another place or no field at all
+// shows as a difference.
+bool has_fixed_layout(Map_element_impl* element)
+{
+    if (element->get_declaration()->element_bytes() != FG_ELEMENT_BYTES)
+        return false;
+    uint8_t probe[sizeof(Fg_point)];
+    for (size_t i = 0; i < sizeof probe; ++i)
+        probe[i] = uint8_t(i + 1);
+    uint8_t fixed[FG_ELEMENT_BYTES];
+    record_to_element_fixed(fixed, probe);
+    std::vector<uint8_t> saved(element->get_data(), element->get_data() + FG_ELEMENT_BYTES);
+    std::memset(element->get_data(), 0, FG_ELEMENT_BYTES);
+    Fg_point point;
+    std::memcpy(&point, probe, sizeof point);
+    fg_point_to_element(element, point.position, point.normal);
+    const bool same = std::memcmp(element->get_data(), fixed, FG_ELEMENT_BYTES) == 0;
+    std::memcpy(element->get_data(), saved.data(), FG_ELEMENT_BYTES);
+    return same;
 }
 
 void report_loaded(uint32_t loaded, const char* path)
@@ -321,11 +365,14 @@ uint32_t fg_map_load(Map_impl* map, const char* path, bool allow_classic)
         std::vector<uint8_t> batch;
         uint32_t batched = 0;
         bool layout_checked = false;
+        // With the usual declaration, records that need no conversion go from the read block
+        // straight into the batch.
+        const bool fixed = has_fixed_layout(element);
         auto flush = [&] {
             map->append_raw_run(batch.data(), batched);
             batched = 0;
         };
-        loaded = load_classic(file, name, [&](const Fg_point& record) {
+        auto add = [&](const Fg_point& record) {
             fg_point_to_element(element, record.position, record.normal);
             if (!layout_checked) {
                 if (map->append(element) != qv::shader_v3::MAP_SUCCESS)
@@ -338,7 +385,19 @@ uint32_t fg_map_load(Map_impl* map, const char* path, bool allow_classic)
             if (++batched == CLASSIC_APPEND_BATCH)
                 flush();
             return true;
-        });
+        };
+        auto add_run = [&](const uint8_t* records, size_t count) -> size_t {
+            if (!fixed || !layout_checked)
+                return 0;
+            for (size_t k = 0; k < count; ++k) {
+                record_to_element_fixed(batch.data() + size_t(batched) * element_bytes,
+                                        records + k * FG_RECORD_BYTES);
+                if (++batched == CLASSIC_APPEND_BATCH)
+                    flush();
+            }
+            return count;
+        };
+        loaded = load_classic(file, name, add, add_run);
         if (batched)
             flush();
     }
@@ -380,7 +439,7 @@ uint32_t fg_kdtree_load(Kdtree_handle* kdtree, const char* path)
         loaded = load_classic(file, name, [kdtree](const Fg_point& record) {
             kdtree_add(kdtree, record.normal, record.position);
             return true;
-        });
+        }, [](const uint8_t*, size_t) { return size_t(0); });
     }
     report_loaded(loaded, name);
     return loaded;

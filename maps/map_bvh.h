@@ -20,6 +20,7 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <mutex>
 #include <vector>
 
@@ -308,6 +309,9 @@ Map_global_bvh_base* map_global_bvh_create(uint32_t dimension, Map_page_store* s
 // Threads of the per-page job (the job system runs none of its own here): 0 means one.
 void map_bvh_set_thread_count(uint32_t threads);
 uint32_t map_bvh_thread_count();
+// Runs work(0) on the calling thread and work(1 .. threads - 1) on runtime threads (or here,
+// when one cannot start), and returns when all are done.
+void map_run_threads(uint32_t threads, const std::function<void(uint32_t)>& work);
 
 // ---- Tree construction shared by both levels -------------------------------------------
 
@@ -324,10 +328,11 @@ void map_bvh_build_tree(const float* boxes, uint32_t count, uint32_t leaf_size, 
 // Builds the tree of one page in place: `page` holds `count` elements of `element_bytes`
 // (position first) and E of room for elements; the room behind them receives the tree. The
 // elements are permuted into leaf order. Returns the node count written (0: no tree fitted).
-// `page_box`, when not null, receives the box of the elements (minimum then maximum).
+// `out`, when not null, receives the finished page (a whole file page) instead of `page`, which
+// is then only read.
 template <uint32_t N>
 uint32_t map_page_bvh_build(uint8_t* page, uint32_t count, uint32_t elements_per_page, uint32_t element_bytes,
-                            float* page_box, Map_bvh_scratch& scratch);
+                            uint8_t* out, Map_bvh_scratch& scratch);
 
 Map_bvh_scratch* map_bvh_scratch_create();
 void map_bvh_scratch_destroy(Map_bvh_scratch* scratch);

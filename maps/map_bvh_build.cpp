@@ -185,39 +185,94 @@ private:
     bool lanes_ok_ = true;
 };
 
-// Walks elements [0, count) page by page in index order, handing out runs that lie in one page.
+// Walks elements [first, end) of a map of `count` page by page in index order, handing out runs
+// that lie in one page. `table`: the thread's page table (null: the calling thread's own).
 template <class Visit>
-void for_each_run(Map_page_store& store, uint32_t count, Visit visit)
+void for_each_run(Map_page_store& store, uint32_t count, uint32_t first, uint32_t end, Map_page_table* table,
+                  Visit visit)
 {
-    uint32_t done = 0;
-    while (done < count) {
+    uint32_t done = first;
+    while (done < end) {
         uint32_t page, slot;
         store.locate(done, &page, &slot);
         uint32_t held = map_bvh_page_elements(store, count, page);
-        uint32_t run = held > slot ? std::min(held - slot, count - done) : 1;
-        const uint8_t* data = store.get_page(page, true);
+        uint32_t run = held > slot ? std::min(held - slot, end - done) : 1;
+        const uint8_t* data = store.get_page(page, true, table);
         visit(data + size_t(slot) * store.element_bytes, done, run);
         done += run;
     }
 }
 
-// Moves every element i of [0, dest.size()) to index dest[i] inside the store's own pages by
+template <class Visit>
+void for_each_run(Map_page_store& store, uint32_t count, Visit visit)
+{
+    for_each_run(store, count, 0, count, nullptr, visit);
+}
+
+// Below this many elements the cell codes are computed on one thread: a second one would cost
+// its start and its own table of cell counts (4 MB) for little.
+constexpr uint32_t CELL_CODES_THREADS_FROM = 1u << 16;
+
+// Every element's cell into `cells`, and the count of each cell into `counts` (zero on entry).
+// The elements are shared out in contiguous ranges, one per thread; each thread reads its pages
+// through a page table of its own and counts into a table of its own, added up at the end (the
+// counts do not depend on the order in which they were taken).
+template <uint32_t N>
+void cell_codes(Map_page_store& store, uint32_t count, const Cell_coder<N>& coder, std::vector<uint32_t>& cells,
+                std::vector<uint32_t>& counts)
+{
+    const uint32_t element_bytes = store.element_bytes;
+    const uint32_t threads = count >= CELL_CODES_THREADS_FROM ? std::max(1u, map_bvh_thread_count()) : 1;
+    std::vector<std::vector<uint32_t>> own_counts(threads - 1);
+    map_run_threads(threads, [&](uint32_t t) {
+        std::vector<uint32_t>& histogram = t ? own_counts[t - 1] : counts;
+        if (t)
+            histogram.assign(counts.size(), 0);
+        std::unique_ptr<Map_page_table> table;
+        if (t)
+            table = std::make_unique<Map_page_table>(Map_manager::instance().thread_table_capacity());
+        const uint32_t first = uint32_t(uint64_t(count) * t / threads);
+        const uint32_t end = uint32_t(uint64_t(count) * (t + 1) / threads);
+        // The table is far larger than the caches and the cells come in any order: each slot
+        // is prefetched when its cell is known and counted a few elements later.
+        constexpr uint32_t AHEAD = 8;
+        for_each_run(store, count, first, end, table.get(), [&](const uint8_t* data, uint32_t done, uint32_t run) {
+            uint32_t i = 0;
+            for (; coder.lanes_ok() && i + Cell_coder<N>::LANES <= run; i += Cell_coder<N>::LANES)
+                coder.codes(data + size_t(i) * element_bytes, element_bytes, &cells[done + i]);
+            for (; i < run; ++i)
+                cells[done + i] = coder.code(reinterpret_cast<const float*>(data + size_t(i) * element_bytes));
+            for (i = 0; i < run; ++i) {
+                __builtin_prefetch(&histogram[cells[done + i]], 1);
+                if (done + i >= first + AHEAD)
+                    ++histogram[cells[done + i - AHEAD]];
+            }
+        });
+        for (uint32_t i = end - first > AHEAD ? end - AHEAD : first; i < end; ++i)
+            ++histogram[cells[i]];
+        // The table gives its pages back to the cache here, on its own thread.
+    });
+    for (const std::vector<uint32_t>& histogram : own_counts)
+        for (size_t c = 0; c < counts.size(); ++c)
+            counts[c] += histogram[c];
+}
+
+// Moves every element i of [first, end) to index dest[i] inside the store's own pages by
 // following the permutation's cycles: each element is read and written once, and one element is
-// in hand at a time. UINT32_MAX marks an element without a place (it is overwritten).
-// `slot_of(index)` gives the bytes of an element.
+// in hand at a time. UINT32_MAX marks an element without a place (it is overwritten); every
+// other dest[i] lies in [first, end). `slot_of(index)` gives the bytes of an element.
 template <class Slot_of>
-void follow_cycles(const std::vector<uint32_t>& dest, uint32_t element_bytes, Slot_of slot_of)
+void follow_cycles(const uint32_t* dest, uint32_t first, uint32_t end, uint32_t element_bytes, Slot_of slot_of)
 {
     // A cycle is a chain of dependent reads; the next steps' indices are looked up first and
     // their slots prefetched, so that the slots' cache misses overlap instead of following each
     // other.
     constexpr uint32_t RUN_AHEAD = 16;
-    const uint32_t count = uint32_t(dest.size());
-    std::vector<uint64_t> placed((size_t(count) + 63) / 64, 0);
-    auto is_placed = [&](uint32_t index) { return placed[index >> 6] >> (index & 63) & 1; };
-    auto place = [&](uint32_t index) { placed[index >> 6] |= uint64_t(1) << (index & 63); };
+    std::vector<uint64_t> placed((size_t(end - first) + 63) / 64, 0);
+    auto is_placed = [&](uint32_t index) { return placed[(index - first) >> 6] >> ((index - first) & 63) & 1; };
+    auto place = [&](uint32_t index) { placed[(index - first) >> 6] |= uint64_t(1) << ((index - first) & 63); };
     std::vector<uint8_t> hand(element_bytes), swap(element_bytes);
-    for (uint32_t start = 0; start < count; ++start) {
+    for (uint32_t start = first; start < end; ++start) {
         if (is_placed(start))
             continue;
         place(start);
@@ -265,11 +320,47 @@ void follow_cycles(const std::vector<uint32_t>& dest, uint32_t element_bytes, Sl
     }
 }
 
+// Below this many elements the permutation runs on one thread.
+constexpr uint32_t PERMUTE_HALVES_FROM = 1u << 16;
+
+// Splits a permutation into two that threads can follow side by side: elements and their
+// destinations are exchanged across the middle (a sequential pass from both ends) until every
+// element of [0, half) has its destination in [0, half), and so every one of [half, count) in
+// [half, count). Where each element ends up does not change. False, with nothing moved, when
+// some element has no place (its destination is UINT32_MAX).
+template <class Slot_of>
+bool split_halves(std::vector<uint32_t>& dest, uint32_t half, uint32_t element_bytes, Slot_of slot_of)
+{
+    for (uint32_t to : dest)
+        if (to == UINT32_MAX)
+            return false;
+    std::vector<uint8_t> swap(element_bytes);
+    uint32_t low = 0, high = uint32_t(dest.size());
+    for (;;) {
+        while (low < high && dest[low] < half)
+            ++low;
+        while (low < high && dest[high - 1] >= half)
+            --high;
+        if (high - low < 2)
+            break;
+        --high;
+        uint8_t* a = slot_of(low);
+        uint8_t* b = slot_of(high);
+        memcpy(swap.data(), a, element_bytes);
+        memcpy(a, b, element_bytes);
+        memcpy(b, swap.data(), element_bytes);
+        std::swap(dest[low], dest[high]);
+        ++low;
+    }
+    return true;
+}
+
 // The permutation of a store's elements in its own pages. When the store's pages fit in a
 // thread table, they are all taken into a table of their own, where nothing can evict them
 // (the build runs alone and allocates nothing meanwhile), and the elements are addressed
-// through the pages' bytes directly; otherwise every access goes through the page cache.
-void permute_in_place(Map_page_store& store, const std::vector<uint32_t>& dest, uint32_t pages)
+// through the pages' bytes directly, by two threads when there are two; otherwise every access
+// goes through the page cache. `dest` is used up.
+void permute_in_place(Map_page_store& store, std::vector<uint32_t>& dest, uint32_t pages)
 {
     const uint32_t element_bytes = store.element_bytes, per_page = store.elements_per_page;
     const uint32_t capacity = Map_manager::instance().thread_table_capacity();
@@ -288,13 +379,22 @@ void permute_in_place(Map_page_store& store, const std::vector<uint32_t>& dest, 
         for (uint32_t page = 0; page < pages && pinned; ++page)
             pinned = store.get_page(page, false, &table, MAP_PAGE_NO_LOAD) == page_bytes[page];
         if (pinned) {
-            follow_cycles(dest, element_bytes, [&](uint32_t index) {
+            auto slot_of = [&](uint32_t index) {
                 return page_bytes[index / per_page] + size_t(index % per_page) * element_bytes;
-            });
+            };
+            const uint32_t count = uint32_t(dest.size()), half = count / 2;
+            if (map_bvh_thread_count() >= 2 && count >= PERMUTE_HALVES_FROM &&
+                split_halves(dest, half, element_bytes, slot_of)) {
+                map_run_threads(2, [&](uint32_t t) {
+                    follow_cycles(dest.data(), t ? half : 0, t ? count : half, element_bytes, slot_of);
+                });
+            } else {
+                follow_cycles(dest.data(), 0, count, element_bytes, slot_of);
+            }
             return;
         }
     }
-    follow_cycles(dest, element_bytes, [&](uint32_t index) {
+    follow_cycles(dest.data(), 0, uint32_t(dest.size()), element_bytes, [&](uint32_t index) {
         return store.get_page(index / per_page, false) + size_t(index % per_page) * element_bytes;
     });
 }
@@ -385,23 +485,8 @@ bool full_build(Map_impl& map, bool verbose)
     const Cell_coder<N> coder(map.get_bounds());
     std::vector<uint32_t> cells(count);
     std::vector<uint32_t> next_index(Cell_coder<N>::CELLS + 1, 0);
-    // The table is far larger than the caches and the cells come in any order: each slot is
-    // prefetched when its cell is known and counted a few elements later.
+    cell_codes<N>(store, count, coder, cells, next_index);
     constexpr uint32_t AHEAD = 8;
-    for_each_run(store, count, [&](const uint8_t* data, uint32_t done, uint32_t run) {
-        uint32_t i = 0;
-        for (; coder.lanes_ok() && i + Cell_coder<N>::LANES <= run; i += Cell_coder<N>::LANES)
-            coder.codes(data + size_t(i) * element_bytes, element_bytes, &cells[done + i]);
-        for (; i < run; ++i)
-            cells[done + i] = coder.code(reinterpret_cast<const float*>(data + size_t(i) * element_bytes));
-        for (i = 0; i < run; ++i) {
-            __builtin_prefetch(&next_index[cells[done + i]], 1);
-            if (done + i >= AHEAD)
-                ++next_index[cells[done + i - AHEAD]];
-        }
-    });
-    for (uint32_t i = count > AHEAD ? count - AHEAD : 0; i < count; ++i)
-        ++next_index[cells[i]];
     // 3. The first index of every cell, in cell order.
     uint32_t running = 0;
     for (uint32_t& slot : next_index) {

@@ -23,6 +23,9 @@ struct Binary_node {
     uint32_t begin;     // items order[begin .. end)
     uint32_t end;
     int32_t left;       // the right child is left + 1; -1 for a leaf
+    // The items' order on every axis is already in Map_bvh_scratch::axis_order (left by the
+    // parent's sweep).
+    bool presorted;
 };
 
 } // namespace
@@ -35,6 +38,10 @@ struct Map_bvh_scratch {
     std::vector<uint32_t> stack;
     std::vector<uint32_t> queue;         // binary node of each stored node
     std::vector<uint8_t> page_copy;      // elements before the leaf-order permutation
+    // Per axis a, at a * count + begin .. a * count + end: a presorted node's items in sweep
+    // order on that axis.
+    std::vector<uint32_t> axis_order;
+    std::vector<uint8_t> in_left;        // per item: in the lower child of the node just split
 };
 
 Map_bvh_scratch* map_bvh_scratch_create()
@@ -156,8 +163,11 @@ inline void sort_sweep(float* keys, uint32_t* items, uint32_t n)
 
 // Chooses where node `node`'s items are cut and reorders them; returns the first item of the
 // upper child, strictly inside the range. `cmin`, `cmax`: the bounds of the items' centres.
+// `children_presorted` is set when the children's orders on every axis have been left in
+// `s.axis_order`.
 template <uint32_t N>
-uint32_t split_node(Binary_node& node, const float* boxes, const float* cmin, const float* cmax, Map_bvh_scratch& s)
+uint32_t split_node(const Binary_node& node, const float* boxes, const float* cmin, const float* cmax, Map_bvh_scratch& s,
+                    bool& children_presorted)
 {
     uint32_t* order = s.order.data();
     const float* centres = s.centres.data();
@@ -219,22 +229,39 @@ uint32_t split_node(Binary_node& node, const float* boxes, const float* cmin, co
         }
         mid = partition<N>(order, begin, end, centres, best_axis, plane[best_axis]);
     } else {
-        // Sweep: every cut between neighbours in centre order, on every axis.
+        // Sweep: every cut between neighbours in centre order, on every axis. A node whose
+        // parent was swept has its orders already: the parent's orders restricted to the
+        // node's items, which is what sorting them again gives (the order is a strict total
+        // one when no centre is NaN).
         float keys[SWEEP_UP_TO];
-        uint32_t items[SWEEP_UP_TO], best[SWEEP_UP_TO];
+        uint32_t sorted[N][SWEEP_UP_TO];
+        bool all_comparable = true;
+        const size_t count = s.order.size();
         float right_area[SWEEP_UP_TO], left_area[SWEEP_UP_TO];
         float side_min[N][SWEEP_UP_TO], side_max[N][SWEEP_UP_TO];
         float best_cost = 0.0f;
         uint32_t best_cut = 0;
         bool found = false;
+        uint32_t best_axis = 0;
         for (uint32_t a = 0; a < N; ++a) {
+            uint32_t* items = sorted[a];
             bool comparable = true;
-            for (uint32_t k = 0; k < n; ++k) {
-                items[k] = order[begin + k];
-                keys[k] = centres[size_t(items[k]) * N + a];
-                comparable &= keys[k] == keys[k];
+            if (node.presorted) {
+                const uint32_t* known = s.axis_order.data() + a * count + begin;
+                for (uint32_t k = 0; k < n; ++k) {
+                    items[k] = known[k];
+                    keys[k] = centres[size_t(items[k]) * N + a];
+                }
+            } else {
+                for (uint32_t k = 0; k < n; ++k) {
+                    items[k] = order[begin + k];
+                    keys[k] = centres[size_t(items[k]) * N + a];
+                    comparable &= keys[k] == keys[k];
+                }
             }
-            if (comparable) {
+            all_comparable &= comparable;
+            if (node.presorted) {
+            } else if (comparable) {
                 sort_sweep(keys, items, n);
             } else {
                 // A NaN centre leaves no order; the sequence is whatever the general sort makes
@@ -276,10 +303,30 @@ uint32_t split_node(Binary_node& node, const float* boxes, const float* cmin, co
                 }
             }
             if (improved)
-                std::copy(items, items + n, best);
+                best_axis = a;
         }
-        std::copy(best, best + n, order + begin);
+        std::copy(sorted[best_axis], sorted[best_axis] + n, order + begin);
         mid = begin + best_cut;
+        // The children's orders on every axis, for their own sweeps.
+        if (all_comparable) {
+            if (s.axis_order.size() < N * count)
+                s.axis_order.resize(N * count);
+            if (s.in_left.size() < count)
+                s.in_left.resize(count, 0);   // cleared again after every use
+            for (uint32_t k = 0; k < best_cut; ++k)
+                s.in_left[sorted[best_axis][k]] = 1;
+            for (uint32_t a = 0; a < N; ++a) {
+                uint32_t* lower = s.axis_order.data() + a * count + begin;
+                uint32_t* upper = lower + best_cut;
+                for (uint32_t k = 0; k < n; ++k) {
+                    const uint32_t item = sorted[a][k];
+                    *(s.in_left[item] ? lower++ : upper++) = item;
+                }
+            }
+            for (uint32_t k = 0; k < best_cut; ++k)
+                s.in_left[sorted[best_axis][k]] = 0;
+            children_presorted = true;
+        }
     }
     // Everything on one side: one item goes over, so that both children hold something.
     if (mid == begin)
@@ -299,6 +346,7 @@ void build_binary(const float* boxes, uint32_t count, uint32_t leaf_size, Map_bv
     root.begin = 0;
     root.end = count;
     root.left = -1;
+    root.presorted = false;
     s.binary.push_back(root);
     s.stack.push_back(0);
     while (!s.stack.empty()) {
@@ -327,10 +375,12 @@ void build_binary(const float* boxes, uint32_t count, uint32_t leaf_size, Map_bv
         }
         node.left = -1;
         if (split) {
-            uint32_t mid = split_node<N>(node, boxes, cmin, cmax, s);
+            bool children_presorted = false;
+            uint32_t mid = split_node<N>(node, boxes, cmin, cmax, s, children_presorted);
             node.left = int32_t(s.binary.size());
             Binary_node child = {};
             child.left = -1;
+            child.presorted = children_presorted;
             child.begin = node.begin;
             child.end = mid;
             s.binary.push_back(child);
@@ -451,11 +501,23 @@ void map_bvh_build_tree(const float* boxes, uint32_t count, uint32_t leaf_size, 
 
 template <uint32_t N>
 uint32_t map_page_bvh_build(uint8_t* page, uint32_t count, uint32_t elements_per_page, uint32_t element_bytes,
-                            float* page_box, Map_bvh_scratch& s)
+                            uint8_t* out, Map_bvh_scratch& s)
 {
     using Node = Map_bvh_node<N>;
-    uint8_t* tree = page + size_t(elements_per_page) * element_bytes;
+    const size_t data_bytes = size_t(elements_per_page) * element_bytes;
     uint32_t room = MAP_FILE_PAGE_BYTES - elements_per_page * element_bytes;
+    // A page that gets no tree is the input page as it is, with a node count of 0.
+    auto no_tree = [&]() -> uint32_t {
+        uint32_t zero = 0;
+        uint8_t* target = out ? out : page;
+        if (out)
+            memcpy(out, page, MAP_FILE_PAGE_BYTES);
+        if (room >= 4)
+            memcpy(target + data_bytes, &zero, 4);
+        return 0;
+    };
+    if (count == 0 || room < 4)
+        return no_tree();
 
     // Items are the positions, as boxes without extent.
     s.boxes.resize(size_t(count) * 2 * N);
@@ -465,18 +527,6 @@ uint32_t map_page_bvh_build(uint8_t* page, uint32_t count, uint32_t elements_per
         memcpy(boxes + size_t(i) * 2 * N, element, sizeof(float) * N);
         memcpy(boxes + size_t(i) * 2 * N + N, element, sizeof(float) * N);
     }
-    if (page_box) {
-        box_empty<N>(page_box, page_box + N);
-        for (uint32_t i = 0; i < count; ++i)
-            box_grow<N>(page_box, page_box + N, boxes + size_t(i) * 2 * N);
-    }
-    uint32_t zero = 0;
-    if (count == 0 || room < 4) {
-        if (room >= 4)
-            memcpy(tree, &zero, 4);
-        return 0;
-    }
-
     prepare_items<N>(boxes, count, s);
     // A split does not depend on the leaf size, so one binary tree down to the smallest leaf
     // size serves every size tried: a larger one only stops the collapse higher up.
@@ -491,16 +541,24 @@ uint32_t map_page_bvh_build(uint8_t* page, uint32_t count, uint32_t elements_per
             break;
         }
     }
-    if (!fits) {
-        memcpy(tree, &zero, 4);
-        return 0;
+    if (!fits)
+        return no_tree();
+    // Elements into leaf order: slot k takes the element that the order lists at k. In place
+    // the elements are read from a copy; into `out` straight from the page, whose other bytes
+    // (free slots, the room behind the tree) `out` takes over as they are.
+    const uint8_t* source = page;
+    uint8_t* target = page;
+    const size_t element_data = size_t(count) * element_bytes;
+    if (out) {
+        target = out;
+        memcpy(out + element_data, page + element_data, MAP_FILE_PAGE_BYTES - element_data);
+    } else {
+        s.page_copy.assign(page, page + element_data);
+        source = s.page_copy.data();
     }
-    // Elements into leaf order: slot k takes the element that the order lists at k.
-    size_t data_bytes = size_t(count) * element_bytes;
-    s.page_copy.assign(page, page + data_bytes);
     for (uint32_t k = 0; k < count; ++k)
-        memcpy(page + size_t(k) * element_bytes, s.page_copy.data() + size_t(s.order[k]) * element_bytes,
-               element_bytes);
+        memcpy(target + size_t(k) * element_bytes, source + size_t(s.order[k]) * element_bytes, element_bytes);
+    uint8_t* tree = target + data_bytes;
     uint32_t node_count = uint32_t(staged.size());
     memcpy(tree, &node_count, 4);
     memcpy(tree + 4, staged.data(), size_t(node_count) * sizeof(Node));
@@ -510,7 +568,7 @@ uint32_t map_page_bvh_build(uint8_t* page, uint32_t count, uint32_t elements_per
 #define QV_MAP_BVH_SAH_INSTANCE(N)                                                                           \
     template void map_bvh_build_tree<N>(const float*, uint32_t, uint32_t, std::vector<Map_bvh_node<N>>&,     \
                                         std::vector<uint32_t>&, Map_bvh_scratch&);                           \
-    template uint32_t map_page_bvh_build<N>(uint8_t*, uint32_t, uint32_t, uint32_t, float*, Map_bvh_scratch&);
+    template uint32_t map_page_bvh_build<N>(uint8_t*, uint32_t, uint32_t, uint32_t, uint8_t*, Map_bvh_scratch&);
 QV_MAP_BVH_SAH_INSTANCE(1)
 QV_MAP_BVH_SAH_INSTANCE(2)
 QV_MAP_BVH_SAH_INSTANCE(3)

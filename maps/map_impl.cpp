@@ -259,20 +259,30 @@ Map_status Map_impl::append_raw_run(const void* elements, uint32_t count)
     const uint32_t dimension = declaration->dimension();
     const auto* element = static_cast<const uint8_t*>(elements);
     std::lock_guard<std::mutex> hold(lock);
-    // Only the most recently fetched page is sure to stay in the thread's table.
-    uint32_t open_page = UINT32_MAX;
-    uint8_t* open_data = nullptr;
-    for (uint32_t i = 0; i < count; ++i, element += bytes) {
+    for (uint32_t i = 0; i < count; ++i)
+        pending_bounds.add(reinterpret_cast<const float*>(element + size_t(i) * bytes), dimension);
+    // Behind every segment the elements follow each other page by page, so each page's part of
+    // the run is one copy; inside a segment each element is placed on its own.
+    const uint32_t per_page = store.elements_per_page;
+    const std::vector<Map_segment>& segments = store.segments();
+    uint32_t i = 0;
+    while (i < count) {
         const uint32_t at = size_ + pending_count;
-        ++pending_count;
-        pending_bounds.add(reinterpret_cast<const float*>(element), dimension);
         uint32_t page, slot;
         store.locate(at, &page, &slot);
-        if (page != open_page) {
-            open_data = store.get_page(page, false);
-            open_page = page;
-        }
-        memcpy(open_data + size_t(slot) * store.element_bytes, element, bytes);
+        uint32_t run = 1;
+        if (segments.empty() || at > segments.back().last_element)
+            run = std::min(count - i, per_page - slot);
+        // Fetched per run: only the most recently fetched page is sure to stay in the table.
+        uint8_t* data = store.get_page(page, false);
+        if (store.element_bytes == bytes)
+            memcpy(data + size_t(slot) * bytes, element, size_t(run) * bytes);
+        else
+            for (uint32_t k = 0; k < run; ++k)
+                memcpy(data + size_t(slot + k) * store.element_bytes, element + size_t(k) * bytes, bytes);
+        element += size_t(run) * bytes;
+        pending_count += run;
+        i += run;
     }
     return MAP_SUCCESS;
 }

@@ -2,6 +2,7 @@
 // page. Threads share nothing but the cache: each has its own page table (so it never gives
 // back another thread's pages) and its own page buffer and construction scratch.
 #include <cstring>
+#include <functional>
 #include <latch>
 #include <vector>
 
@@ -14,6 +15,41 @@
 #include "runtime/threads.h"
 
 namespace QV::RCMAP {
+
+void map_run_threads(uint32_t threads, const std::function<void(uint32_t)>& work)
+{
+    if (threads <= 1) {
+        work(0);
+        return;
+    }
+    // Workers enter through the thread table and are not joined: each one counts the latch
+    // down as its very last act, so nothing of a worker runs on once the wait is over. A
+    // worker whose row or start fails runs here instead.
+    struct Worker_start {
+        const std::function<void(uint32_t)>* work;
+        uint32_t index;
+    };
+    std::latch done(threads - 1);
+    std::vector<Worker_start> starts(threads);
+    Thread_function worker = [](void* raw) {
+        auto* start = static_cast<Worker_start*>(raw);
+        Module_scope worker_scope(MOD_RCMP);
+        (*start->work)(start->index);
+    };
+    auto count_down = [](void* latch) { static_cast<std::latch*>(latch)->count_down(); };
+    for (uint32_t t = 1; t < threads; ++t) {
+        starts[t] = {&work, t};
+        int row = thread_alloc(worker, &starts[t], false);
+        if (row >= 0)
+            thread_notify_end(row, count_down, &done);
+        if (row < 0 || !thread_start(row)) {
+            worker(&starts[t]);
+            done.count_down();
+        }
+    }
+    work(0);
+    done.wait();
+}
 
 template <uint32_t N>
 struct Map_page_bvh_job<N>::Thread_state {
@@ -50,19 +86,25 @@ void Map_page_bvh_job<N>::run_thread(uint32_t t)
     uint32_t element_bytes = store_->element_bytes;
     for (uint32_t i = t; i < pages_; i += threads_) {
         uint32_t count = i + 1 == pages_ ? last_page_count_ : elements_per_page_;
-        // The tree is built in the thread's buffer: the staged page is only read, so it never
-        // becomes dirty and never has to go to the swap file again.
+        if (staged_ == store_) {
+            // A build in place has its staged pages in the target store: the page is built
+            // where it is.
+            uint8_t* page = store_->get_page(i, false, state.table);
+            map_page_bvh_build<N>(page, count, elements_per_page_, element_bytes, nullptr, *state.scratch);
+            continue;
+        }
+        // The staged page is only read (through the thread's buffer), so it never becomes dirty
+        // and never has to go to the swap file again.
         const uint8_t* staged = staged_->get_page(first_staged_page_ + i, true, state.table);
         memcpy(state.buffer, staged, MAP_FILE_PAGE_BYTES);
         // The staged page is done with: its buffer serves the target page below, so the map is
         // not held twice at the end of the build. Only a cache page of one file page is
-        // certain to belong to this thread alone. A build in place has its staged pages in the
-        // target store: the page is the one written below.
-        if (staged_ != store_ && staged_->file_pages_per_cache_page == 1)
+        // certain to belong to this thread alone.
+        if (staged_->file_pages_per_cache_page == 1)
             Map_manager::instance().discard_page(staged_, first_staged_page_ + i);
-        map_page_bvh_build<N>(state.buffer, count, elements_per_page_, element_bytes, nullptr, *state.scratch);
+        // Fetched last: nothing else is fetched before the build has written it.
         uint8_t* target = store_->get_page(i, false, state.table);
-        memcpy(target, state.buffer, MAP_FILE_PAGE_BYTES);
+        map_page_bvh_build<N>(state.buffer, count, elements_per_page_, element_bytes, target, *state.scratch);
     }
 }
 
@@ -83,37 +125,7 @@ QV::DB::Element_base* Map_page_bvh_job<N>::execute(QV::SCHED::Job_execution_cont
     states_ = pointers.data();
     uint32_t saved_threads = threads_;
     threads_ = threads;
-    if (threads == 1) {
-        run_thread(0);
-    } else {
-        // Workers enter through the thread table and are not joined: each one counts the latch
-        // down as its very last act, so nothing of a worker runs on once the wait is over. A
-        // worker whose row or start fails runs here instead.
-        struct Worker_start {
-            Map_page_bvh_job* job;
-            uint32_t index;
-        };
-        std::latch done(threads - 1);
-        std::vector<Worker_start> starts(threads);
-        Thread_function worker = [](void* raw) {
-            auto* start = static_cast<Worker_start*>(raw);
-            Module_scope worker_scope(MOD_RCMP);
-            start->job->run_thread(start->index);
-        };
-        auto count_down = [](void* latch) { static_cast<std::latch*>(latch)->count_down(); };
-        for (uint32_t t = 1; t < threads; ++t) {
-            starts[t] = {this, t};
-            int row = thread_alloc(worker, &starts[t], false);
-            if (row >= 0)
-                thread_notify_end(row, count_down, &done);
-            if (row < 0 || !thread_start(row)) {
-                worker(&starts[t]);
-                done.count_down();
-            }
-        }
-        run_thread(0);
-        done.wait();
-    }
+    map_run_threads(threads, [this](uint32_t t) { run_thread(t); });
     threads_ = saved_threads;
     for (Thread_state& state : states) {
         delete state.table;   // gives its pages back to the cache
