@@ -348,20 +348,3 @@ TEST_F(KdtreeStoreTest, WrongModeCallsReportTheirCodesAndTexts)
             errors.push_back({line.number, line.text});
     EXPECT_EQ(errors, std::vector(std::begin(expected), std::end(expected)));
 }
-
-TEST_F(KdtreeStoreTest, ShutdownClosesOpenHandlesAndWritesTheirChunks)
-{
-    const uint32_t tag = make_tree();
-    Kdtree_handle* writer = kdtree_open_for_writing(tag, nullptr, 0);
-    for (const Point& p : random_points(30, 8)) {
-        const Payload payload{p.id, 0, {}};
-        kdtree_add(writer, &payload, p.position);
-    }
-    ASSERT_NE(kdtree_open_for_writing(tag, nullptr, 0), nullptr);  // stays idle
-    kdtree_shutdown();
-    // One chunk from the writer with records; none from the idle one.
-    EXPECT_EQ(qv_db_size(tag), kdtree_header_bytes(1));
-    Kdtree_handle* reader = kdtree_open_for_reading(tag, nullptr, nullptr);
-    EXPECT_EQ(kdtree_count(reader), 30u);
-    kdtree_close(reader);
-}

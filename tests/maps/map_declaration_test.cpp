@@ -42,19 +42,6 @@ std::string long_name(size_t length)
 
 } // namespace
 
-TEST_F(MapDeclarationTest, FieldSizesAreKeptIn16BitArithmetic)
-{
-    // (count * 4) & 0xFFFF: an array of 16384 takes no bytes at all, one more takes 4.
-    EXPECT_EQ(map_field_bytes(MAP_TYPE_INTEGER_ARRAY, 16384), 0u);
-    EXPECT_EQ(map_field_bytes(MAP_TYPE_INTEGER_ARRAY, 16385), 4u);
-    // The element size wraps as the 16-bit offsets do.
-    Map_declaration_impl d(3);
-    ASSERT_EQ(d.add_scalar_array("big", 16380), MAP_SUCCESS);
-    EXPECT_EQ(d.element_bytes(), (12u + 16380u * 4u) & 0xFFFFu);
-    ASSERT_EQ(d.add_scalar_array("more", 2), MAP_SUCCESS);
-    EXPECT_EQ(d.element_bytes(), (12u + 16380u * 4u + 8u) & 0xFFFFu);
-}
-
 TEST_F(MapDeclarationTest, AddChecksGiveTheirStatusInTheDescribedPrecedence)
 {
     struct Case {
@@ -183,26 +170,6 @@ TEST_F(MapDeclarationTest, ThreeStrengthsOfComparison)
     Map_status status = MAP_SUCCESS;
     EXPECT_FALSE(a.is_equivalent(nullptr, &status));
     EXPECT_EQ(status, MAP_NO_DECLARATION);
-}
-
-TEST_F(MapDeclarationTest, TextFormListsGlobalsFirst)
-{
-    EXPECT_EQ(mixed_declaration().signature(), "si5t$8gcgs4g");
-    std::string text;
-    mixed_declaration().write_text("decl_1", text);
-    EXPECT_EQ(text,
-              "declare map\n"
-              "\t\"decl_1\" (\n"
-              "\t\tdim 2,\n"
-              "\t\tglobal string 8 \"label\",\n"
-              "\t\tglobal color \"tint\",\n"
-              "\t\tglobal scalar array 4 \"w\",\n"
-              "\t\tscalar \"s\",\n"
-              "\t\tinteger array 5 \"ia\",\n"
-              "\t\ttransform \"t\"\n"
-              "\t)\n"
-              "end declare\n\n");
-
 }
 
 TEST_F(MapDeclarationTest, BinaryRecordReadsBackAndDamageIsRefused)

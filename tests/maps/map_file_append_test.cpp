@@ -77,12 +77,10 @@ TEST_F(Map_file_append, AppendToFileRefusals)
 
     put_file(path("text.map"), "declare map", 11);
     EXPECT_EQ(other.append_to_file(path("text.map").c_str(), true), MAP_FILE_MALFORMED);
-    EXPECT_TRUE(saw("cannot append to map file \"" + path("text.map") + "\", file format is open"));
     put_file(path("ob.map"), "qv=MAPob1dim3", 13);
     EXPECT_EQ(other.append_to_file(path("ob.map").c_str(), true), MAP_FILE_MALFORMED);
     EXPECT_EQ(count_lines(MSG_ERROR, "file format is open"), 2);
     EXPECT_EQ(other.append_to_file(path("nowhere.map").c_str(), true), MAP_FILE_CANNOT_OPEN);
-    EXPECT_TRUE(saw("cannot open map file \"" + path("nowhere.map") + "\" for reading"));
 
     ASSERT_EQ(chmod(name.c_str(), 0444), 0);
     if (access(name.c_str(), W_OK) != 0) { // root writes anyway
@@ -150,18 +148,6 @@ TEST_F(Map_file_append, FileElementsFollowTheMapsOwn)
     settled.needs_build = settled.needs_refit = false;
     ASSERT_EQ(settled.append_from_file(name.c_str(), false, true, nullptr), MAP_SUCCESS);
     EXPECT_TRUE(settled.needs_refit);
-
-    // Another element layout is refused, and the map is as it was.
-    Map_impl differing{Map_declaration_impl(3)};
-    const float positions[2][3] = {{1, 2, 3}, {4, 5, 6}};
-    for (const float* position : positions)
-        differing.append_raw(position);
-    differing.commit();
-    captured().clear();
-    EXPECT_EQ(differing.append_from_file(name.c_str(), true, false, &format), MAP_NOT_EQUIVALENT);
-    EXPECT_FALSE(saw("appending from"));
-    EXPECT_EQ(differing.size(), 2u);
-    EXPECT_EQ(differing.page_store().file_count(), 0u);
 }
 
 // A map of several segments is written as plain pages. (The header and record of a

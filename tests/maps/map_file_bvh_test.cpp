@@ -1,5 +1,5 @@
 // The global BVH in a map file: written behind the pages, read instead of a build, merged on
-// an append, and the results of read_bvh and write_bvh.
+// an append.
 #include "tests/maps/map_file_test_support.h"
 
 using namespace map_file_test;
@@ -94,33 +94,4 @@ TEST_F(Map_file_bvh, AppendFromFileMergesOrReadsTheFilesTree)
     ASSERT_EQ(fresh.append_from_file(path("plain.map").c_str(), false, false, nullptr), MAP_SUCCESS);
     EXPECT_TRUE(fresh.needs_build);
     EXPECT_TRUE(fresh.needs_refit);
-}
-
-TEST_F(Map_file_bvh, ResultsOfWriteBvh)
-{
-    Map_impl map(small_declaration());
-    fill(map, 0, 100);
-    map.build_bvh(2.0f, false, false);
-    ASSERT_NE(map.global_bvh, nullptr);
-    const Map_declaration_impl& declaration = *map.get_declaration();
-    const uint32_t per_page = map_elements_per_page(20, 3);
-    Map_status status = MAP_NOT_EDITABLE;
-    Map_file file(MAP_FILE_KIND_WRITE, MAP_FORMAT_BINARY, false, false, false, path("w.map").c_str(), &declaration,
-                  100, 32768, per_page, 1, &map.get_bounds(), &status);
-    ASSERT_EQ(status, MAP_SUCCESS);
-    // The stream past the place of the BVH: it would land on data already written.
-    std::vector<uint8_t> zeros(2 * 32768);
-    ASSERT_TRUE(file.write_raw(zeros.data(), zeros.size()));
-    uint32_t reason = 99;
-    EXPECT_FALSE(file.write_bvh(map.global_bvh, &reason));
-    EXPECT_EQ(reason, uint32_t(MAP_FILE_BVH_NONE));
-    ASSERT_TRUE(file.seek_data(32768));
-    EXPECT_TRUE(file.write_bvh(map.global_bvh, &reason));
-    EXPECT_EQ(reason, uint32_t(MAP_FILE_BVH_DONE));
-    EXPECT_EQ(file.bvh_offset, file.data_offset + 32768);
-    ASSERT_TRUE(file.close());
-    EXPECT_EQ(field_at<uint64_t>(file_bytes(path("w.map")), 34 + field_at<uint32_t>(file_bytes(path("w.map")), 10)),
-              32768u);
-    EXPECT_FALSE(file.write_bvh(map.global_bvh, &reason));
-    EXPECT_EQ(reason, uint32_t(MAP_FILE_BVH_NOT_OPEN));
 }

@@ -97,11 +97,12 @@ TEST_F(Map_storage_cache, FlushesGiveMemoryBackAndKeepChanges)
 // whose swap file failed.
 TEST_F(Map_storage_cache, UnwritableSwapDirectoryKeepsPagesInMemory)
 {
-    Scoped_env tmpdir("TMPDIR", "/nonexistent/map/swap/dir");
+    setenv("TMPDIR", "/nonexistent/map/swap/dir", 1);
     Map_manager::instance().set_size_limit_mb(0.25f); // 8 pages
     Module_scope caller(MOD_MAIN);
     Map_impl map(small_declaration());
     fill_pages(map, 20);
+    unsetenv("TMPDIR");
     EXPECT_TRUE(holds_elements(map, map.size()));
     int errors = 0;
     for (const Captured_line& line : captured()) {

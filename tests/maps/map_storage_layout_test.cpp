@@ -44,9 +44,7 @@ TEST_F(Map_storage_layout, PageSizeIsCorrectedWithItsWarning)
         {16, 32, "map page size in KB smaller than minimum (16), corrected", 1},
         {2048, 1024, "map page size in KB greater than maximum (2048), corrected", 2},
         {33, 64, "map page size in KB rounded up to 64", 3},
-        {96, 128, "map page size in KB rounded up to 128", 3},
         {32, 32, nullptr, 0},
-        {256, 256, nullptr, 0},
     };
     for (const Case& c : cases) {
         captured().clear();
@@ -101,8 +99,9 @@ TEST_F(Map_storage_layout, CacheLimitFollowsSettingsWithinMemory)
     EXPECT_EQ(map_cache_limit_mb(1000, 0, 0, 30), 30.0f);
     EXPECT_EQ(map_cache_limit_mb(1000, 0, 0, 5000), 1000.0f);
     for (const auto& [text, size] : {std::pair{"0", 0u}, {"-64", 0u}, {"300", 300u}}) {
-        Scoped_env env("QV_MAP_CACHE_SIZE", text);
+        setenv("QV_MAP_CACHE_SIZE", text, 1);
         EXPECT_EQ(map_cache_env_size_mb(), size) << text;
     }
+    unsetenv("QV_MAP_CACHE_SIZE");
     EXPECT_GT(map_available_memory_mb(), 0u);
 }
