@@ -32,9 +32,6 @@ TEST_F(Map_file_bvh, BvhLiesBehindThePagesAndSparesTheBuildOnRead)
     EXPECT_EQ(map.global_bvh->page_count(), pages);
     auto* file = static_cast<Map_file*>(map.page_store().file(0));
     EXPECT_EQ(file->pages_read(), 0u) << "with a stored BVH no page is read to open the map";
-    // The elements are where the file has them.
-    for (uint32_t i = 0; i < pages * per_page - 3; i += 997)
-        EXPECT_TRUE(same(element_of(map, i), stored_element(bytes, data, per_page, i))) << "element " << i;
 
     // A last page cut inside its tree keeps its elements and loses the tree.
     const uint32_t last_count = per_page - 3;

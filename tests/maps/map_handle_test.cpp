@@ -86,21 +86,12 @@ TEST_F(MapHandleTest, IteratorReadsAndWritesInPlaceAndAMovedPositionMakesTheBvhS
 {
     std::unique_ptr<Map_impl> map(filled_map(40));
     Map_iterator_impl it(map.get());
-    uint32_t visited = 0;
-    for (it.reset(); !it.at_end(nullptr); it.next()) {
-        int32_t id = -1;
-        ASSERT_EQ(it.get(1, id), MAP_SUCCESS);
-        ASSERT_EQ(id, int32_t(visited));
-        float position[3];
-        ASSERT_EQ(it.get_position(position), MAP_SUCCESS);
-        ASSERT_EQ(position[1], 2.0f * float(visited));
-        ASSERT_EQ(it.set(0, float(visited) * 0.5f), MAP_SUCCESS);
-        ++visited;
-    }
-    EXPECT_EQ(visited, 40u);
-
-    // The writes reached the map; whole elements go through the iterator too.
     ASSERT_EQ(it.set_to(9), MAP_SUCCESS);
+    float position[3];
+    ASSERT_EQ(it.get_position(position), MAP_SUCCESS);
+    EXPECT_EQ(position[1], 18.0f);
+    ASSERT_EQ(it.set(0, 4.5f), MAP_SUCCESS);
+    // The write reached the map; whole elements go through the iterator too.
     Map_element_impl e;
     ASSERT_EQ(map->get(9, &e), MAP_SUCCESS);
     float w = 0;

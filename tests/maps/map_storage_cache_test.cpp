@@ -1,7 +1,5 @@
 // The two-level cache under pressure: out-of-core maps, several readers, flushes, statistics.
-#include <cstdio>
 #include <memory>
-#include <unistd.h>
 
 #include "maps/map_page_table.h"
 #include "tests/maps/map_storage_support.h"
@@ -120,11 +118,9 @@ TEST_F(Map_storage_cache, StatisticsAndTraceAreWrittenAtShutdown)
     Map_manager& manager = Map_manager::instance();
     manager.set_statistics(true);
     manager.set_trace(true);
-    char path[] = "/tmp/map_storage_traceXXXXXX";
-    const int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    close(fd);
-    manager.set_dump_file_name(path);
+    Scratch_dir dir;
+    const std::string trace_path = dir.path("trace"); // the manager keeps the pointer
+    manager.set_dump_file_name(trace_path.c_str());
     int32_t id;
     {
         Map_impl map(small_declaration());
@@ -134,8 +130,7 @@ TEST_F(Map_storage_cache, StatisticsAndTraceAreWrittenAtShutdown)
     manager.shutdown();
     EXPECT_TRUE(saw("map " + std::to_string(id) + " stats:"));
     EXPECT_TRUE(saw("global map manager stats:"));
-    const std::vector<uint8_t> trace = file_bytes(path);
-    unlink(path);
+    const std::vector<uint8_t> trace = file_bytes(trace_path);
     EXPECT_NE(std::string(trace.begin(), trace.end()).find("unregister map"), std::string::npos);
 
     // A trace that cannot be written is reported.
