@@ -6,7 +6,6 @@
 #include <cmath>
 #include <cstring>
 #include <random>
-#include <sstream>
 #include <thread>
 #include <tuple>
 #include <vector>
@@ -311,40 +310,4 @@ TEST_F(KdtreeStoreTest, ChunksFromConcurrentWritersAreWalkedOnceEachWithTheirPos
     EXPECT_EQ(kdtree_iterate(reader, stop_at_three, &calls), 0);
     EXPECT_EQ(calls, 3);
     kdtree_close(reader);
-}
-
-TEST_F(KdtreeStoreTest, WrongModeCallsReportTheirCodesAndTexts)
-{
-    EXPECT_EQ(kdtree_create(2, 8), 0u);
-    EXPECT_EQ(kdtree_open_for_writing(0, nullptr, 0), nullptr);
-    EXPECT_EQ(kdtree_open_for_reading(0, nullptr, nullptr), nullptr);
-
-    const uint32_t tag = make_tree();
-    const std::string t = (std::ostringstream() << "0x" << std::hex << tag).str();
-    Kdtree_handle* writer = kdtree_open_for_writing(tag, nullptr, 0);
-    const float query[3] = {0, 0, 0};
-    EXPECT_EQ(kdtree_lookup(writer, query, 3, 1.0f, nullptr, nullptr, nullptr, nullptr, nullptr), 0u);
-    EXPECT_EQ(kdtree_iterate(writer, collect_all, nullptr), 0);
-    EXPECT_EQ(kdtree_count(writer), 0u);
-    kdtree_close(writer);
-
-    Kdtree_handle* reader = kdtree_open_for_reading(tag, nullptr, nullptr);
-    const Payload payload{};
-    EXPECT_EQ(kdtree_add(reader, &payload, query), 0);
-    EXPECT_EQ(kdtree_count(reader), 0u);
-    kdtree_close(reader);
-
-    // Printed numbers are (module LIB 29 * 10 + error class 1) * 1000 + the code.
-    const std::pair<int32_t, std::string> expected[] = {
-        {291041, "Cannot create kdtree of unknown type 2"},
-        {291052, "Cannot lookup kdtree " + t + ": not opened for reading"},
-        {291054, "cannot add elements to kdtree " + t + ": it is not opened for writing"},
-        {291055, "cannot get number elements to kdtree " + t + "while it is opened for writing"},
-        {291053, "cannot add elements to kdtree " + t + ": it is not opened for writing"},
-    };
-    std::vector<std::pair<int32_t, std::string>> errors;
-    for (const qv_test::Captured_line& line : qv_test::captured())
-        if (line.level == MSG_ERROR)
-            errors.push_back({line.number, line.text});
-    EXPECT_EQ(errors, std::vector(std::begin(expected), std::end(expected)));
 }

@@ -1,12 +1,7 @@
 // Full builds of map BVHs: the reorder, the page trees in the pages, the global tree, and the
 // update rules around them.
 #include <algorithm>
-#include <cstring>
 #include <random>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "maps/map_element.h"
 #include "tests/maps/map_bvh_support.h"

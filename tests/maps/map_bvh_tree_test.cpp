@@ -1,16 +1,11 @@
 // Tree construction of both BVH levels, the page tree in its page, and the global tree's stored
 // form and merge.
-#include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <memory>
-#include <random>
 #include <unistd.h>
-#include <vector>
 
 #include <gtest/gtest.h>
 
-#include "maps/map_page_store.h"
 #include "tests/maps/map_bvh_support.h"
 #include "tests/test_support.h"
 

@@ -4,8 +4,6 @@
 
 #include <cstring>
 #include <iterator>
-#include <string>
-#include <vector>
 
 #include "maps/map_declaration.h"
 #include "tests/test_support.h"

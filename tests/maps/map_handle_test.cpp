@@ -1,11 +1,7 @@
 // Map iterators and handles: walking by index, in-place access, and the life of a map behind an
 // access or edit handle.
-#include <gtest/gtest.h>
-
 #include <functional>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "database/transaction.h"
 #include "maps/map_dbhandle.h"

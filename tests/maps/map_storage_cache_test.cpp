@@ -113,35 +113,6 @@ TEST_F(Map_storage_cache, UnwritableSwapDirectoryKeepsPagesInMemory)
     EXPECT_EQ(errors, 1) << "one error for the map, not one per page";
 }
 
-TEST_F(Map_storage_cache, StatisticsAndTraceAreWrittenAtShutdown)
-{
-    Map_manager& manager = Map_manager::instance();
-    manager.set_statistics(true);
-    manager.set_trace(true);
-    Scratch_dir dir;
-    const std::string trace_path = dir.path("trace"); // the manager keeps the pointer
-    manager.set_dump_file_name(trace_path.c_str());
-    int32_t id;
-    {
-        Map_impl map(small_declaration());
-        id = map.page_store().map_id;
-        fill_pages(map, 3);
-    }
-    manager.shutdown();
-    EXPECT_TRUE(saw("map " + std::to_string(id) + " stats:"));
-    EXPECT_TRUE(saw("global map manager stats:"));
-    const std::vector<uint8_t> trace = file_bytes(trace_path);
-    EXPECT_NE(std::string(trace.begin(), trace.end()).find("unregister map"), std::string::npos);
-
-    // A trace that cannot be written is reported.
-    manager.set_trace(true);
-    manager.set_dump_file_name("/nonexistent/dir/memory_file.txt");
-    manager.shutdown();
-    EXPECT_TRUE(saw("could not dump memory file to \"/nonexistent/dir/memory_file.txt\""));
-    manager.set_statistics(false);
-    manager.set_dump_file_name("memory_file.txt");
-}
-
 TEST_F(Map_storage_cache, AgingMakesTablesGiveBackWhenTheCacheIsFull)
 {
     Map_manager& manager = Map_manager::instance();
