@@ -41,10 +41,10 @@ std::vector<Point> random_points(uint32_t n, uint32_t seed, float spread = 10.0f
     return points;
 }
 
-// One writer, so one chunk, per call.
-void add_points(uint32_t tag, const std::vector<Point>& points, size_t first, size_t last)
+// One writer, so one chunk (with `blob`), per call.
+void add_points(uint32_t tag, const std::vector<Point>& points, size_t first, size_t last, const uint32_t* blob = nullptr)
 {
-    Kdtree_handle* writer = kdtree_open_for_writing(tag, nullptr, 0);
+    Kdtree_handle* writer = kdtree_open_for_writing(tag, blob, blob ? sizeof *blob : 0);
     ASSERT_NE(writer, nullptr);
     for (size_t i = first; i < last; ++i) {
         const Payload payload{points[i].id, float(points[i].id) * 0.5f, {7, 8, 9}};
@@ -183,12 +183,7 @@ TEST_F(KdtreeStoreTest, FilterChangesAndDropsRecordsWhileBalancing)
     const uint32_t tag = make_tree();
     const std::vector<Point> points = random_points(1000, 9);
     const uint32_t blob = 0xB10B;
-    Kdtree_handle* writer = kdtree_open_for_writing(tag, &blob, sizeof blob);
-    for (const Point& p : points) {
-        const Payload payload{p.id, 0, {}};
-        kdtree_add(writer, &payload, p.position);
-    }
-    kdtree_close(writer);
+    add_points(tag, points, 0, points.size(), &blob);
 
     // Keeps records with an id divisible by 3, moves them, and checks the chunk's blob.
     struct Filter_state {
