@@ -55,8 +55,6 @@ TEST_F(MapDeclarationTest, AddChecksGiveTheirStatusInTheDescribedPrecedence)
         {false, "a", MAP_TYPE_NONE, 0, MAP_FIELD_TYPE_ZERO},
         // The name check comes later and overrides the type findings.
         {false, "", MAP_TYPE_NONE, 0, MAP_FIELD_NAME_EMPTY},
-        {true, "position", MAP_TYPE_NONE, 0, MAP_FIELD_NAME_RESERVED},
-        {true, long_name(64), 7, 0, MAP_FIELD_NAME_TOO_LONG},
         // Which types each list takes.
         {false, "s", MAP_TYPE_STRING, 8, MAP_FIELD_ILLEGAL_TYPE},
         {true, "s", MAP_TYPE_STRING, 8, MAP_SUCCESS},
@@ -81,14 +79,6 @@ TEST_F(MapDeclarationTest, AddChecksGiveTheirStatusInTheDescribedPrecedence)
         }
     }
     EXPECT_EQ(Map_declaration_impl(3).add_field(nullptr, MAP_TYPE_SCALAR, 0), MAP_FIELD_NAME_EMPTY);
-
-    // A count on a fixed type is ignored, not refused, and stored as 0.
-    Map_declaration_impl d(3);
-    ASSERT_EQ(d.add_field("v", MAP_TYPE_VECTOR, 5), MAP_SUCCESS);
-    uint32_t count = 99;
-    EXPECT_EQ(d.get_field_info("v", nullptr, &count, nullptr), MAP_SUCCESS);
-    EXPECT_EQ(count, 0u);
-    EXPECT_EQ(d.signature(), "v");
 }
 
 TEST_F(MapDeclarationTest, IdentifiersAddressBothListsAndElementFieldsWinByName)

@@ -1,6 +1,5 @@
 // Map iterators and handles: walking by index, in-place access, and the life of a map behind an
 // access or edit handle.
-#include <functional>
 #include <memory>
 
 #include "database/transaction.h"
@@ -46,37 +45,6 @@ Map_impl* filled_map(uint32_t count)
 }
 
 } // namespace
-
-// previous at 0 and skip past the last element keep the index; skip(n) moves n + 1; next steps
-// onto the end, where only set_to and reset move again.
-TEST_F(MapHandleTest, WalkingRulesOfNextPreviousAndSkip)
-{
-    std::unique_ptr<Map_impl> map(filled_map(5));
-    Map_iterator_impl it(map.get());
-    constexpr uint32_t ANY = 99;
-    const struct {
-        std::function<Map_status()> step;
-        Map_status status;
-        uint32_t index;
-    } steps[] = {
-        {[&] { return it.previous(); }, MAP_ITERATOR_OUT_OF_RANGE, 0}, {[&] { return it.skip(0); }, MAP_SUCCESS, 1},
-        {[&] { return it.skip(2); }, MAP_SUCCESS, 4},           {[&] { return it.skip(0); }, MAP_ITERATOR_OUT_OF_RANGE, 4},
-        {[&] { return it.skip(0xFFFFFFFFu); }, MAP_ITERATOR_OUT_OF_RANGE, 4},
-        {[&] { return it.next(); }, MAP_SUCCESS, 6},             {[&] { return it.previous(); }, MAP_ITERATOR_AT_END, 6},
-        {[&] { return it.skip(0); }, MAP_ITERATOR_AT_END, 6},    {[&] { return it.next(); }, MAP_ITERATOR_AT_END, 6},
-        {[&] { return it.set_to(5); }, MAP_ITERATOR_OUT_OF_RANGE, ANY}, {[&] { return it.set_to(2); }, MAP_SUCCESS, 2},
-        {[&] { return it.previous(); }, MAP_SUCCESS, 1},         {[&] { return it.reset(); }, MAP_SUCCESS, 0},
-    };
-    for (const auto& step : steps) {
-        SCOPED_TRACE(&step - steps);
-        EXPECT_EQ(step.step(), step.status);
-        Map_status status = MAP_SUCCESS;
-        const uint32_t index = it.current(&status);
-        EXPECT_TRUE(step.index == ANY || index == step.index) << index;
-        EXPECT_EQ(status, index == 6 ? MAP_ITERATOR_AT_END : MAP_SUCCESS);
-        EXPECT_EQ(it.at_end(nullptr), index == 6);
-    }
-}
 
 TEST_F(MapHandleTest, IteratorReadsAndWritesInPlaceAndAMovedPositionMakesTheBvhStale)
 {

@@ -49,8 +49,6 @@ TEST_F(Map_storage_cache, TenTimesTheCacheGoesThroughTheSwapFileIntact)
         const Map_cache_statistics statistics = manager.map_statistics(map.page_store().map_id);
         EXPECT_GT(statistics.swaps, 0u);
         EXPECT_GT(statistics.loads, uint64_t(SMALL_LIMIT_PAGES * 10));
-        // One reach of the manager per page change at most; the rest are table hits.
-        EXPECT_GT(statistics.accesses, statistics.global_accesses * 100);
     }
     // The map's pages went back to the free list, none left in use.
     EXPECT_EQ(manager.resident_pages(), 0u);
@@ -66,7 +64,6 @@ TEST_F(Map_storage_cache, FlushesGiveMemoryBackAndKeepChanges)
     EXPECT_GE(manager.resident_pages(), 8u);
 
     manager.flush(0);
-    EXPECT_TRUE(saw("flushed "));
     // Only the newest entry of this thread's table may stay.
     EXPECT_LE(manager.resident_pages(), 1u);
     EXPECT_EQ(manager.free_buffers(), 0u);

@@ -16,8 +16,7 @@ class Map_storage_layout : public Map_storage_test {};
 TEST_F(Map_storage_layout, ElementsPerPageLeaveRoomForThePageBvh)
 {
     // The room itself, for final-gather records in dimension 3, is pinned by the end-to-end
-    // runs' output bytes; other dimensions and sizes only here. Up to 8 elements it is one node.
-    EXPECT_EQ(map_page_bvh_bytes(9, 1), 4u + uint32_t(3 * 20 * 1.6f));
+    // runs' output bytes; other dimensions and sizes only here.
     // The largest count that fits, for every dimension and a spread of sizes.
     for (uint32_t dimension = 1; dimension <= 6; ++dimension) {
         for (uint32_t bytes : {4u * dimension, 20u, 28u, 104u, 1000u, 16000u, 32000u}) {

@@ -1,4 +1,4 @@
-// Map_impl on top of the page store: pending appends and runs of them, commit, globals, copies,
+// Map_impl on top of the page store: pending appends and runs of them, commit, globals, the
 // stored form, files behind elements in memory.
 #include <memory>
 
@@ -63,25 +63,6 @@ TEST_F(Map_storage_map, AppendsStayPendingUntilCommit)
     Map_impl empty(declaration);
     empty.commit();
     EXPECT_FALSE(empty.needs_build);
-}
-
-TEST_F(Map_storage_map, CopiesShareNothing)
-{
-    Map_impl map(small_declaration());
-    const uint32_t count = map.page_store().elements_per_page * 3 + 5;
-    fill(map, 0, count);
-    Small_element extra = small_element(count);
-    map.append_raw(&extra);   // one pending element travels with the copy
-
-    QV::DB::Element_base* copied = map.copy();
-    auto* copy = static_cast<Map_impl*>(copied);
-    EXPECT_EQ(copy->size(), count);
-    EXPECT_EQ(copy->get_pending_count(), 1u);
-    EXPECT_NE(copy->page_store().map_id, map.page_store().map_id);
-    Small_element changed = small_element(999999);
-    map.write_element(7, &changed);
-    EXPECT_TRUE(holds_elements(*copy, count + 1));
-    delete copied;
 }
 
 TEST_F(Map_storage_map, StoredFormRoundTrips)
