@@ -1,5 +1,5 @@
 // Shared by the map, final-gather and kd-tree tests: captured message lines, a scratch
-// directory, raw file bytes, and environment variables set for one scope.
+// directory and raw file bytes.
 #pragma once
 
 #include <cstdint>
@@ -56,30 +56,6 @@ inline bool saw(const std::string& fragment)
 {
     return count_lines(0, fragment) > 0;
 }
-
-// Sets an environment variable for one scope and puts the old value back.
-class Scoped_env {
-public:
-    Scoped_env(const char* name, const char* value) : name_(name)
-    {
-        const char* old = getenv(name);
-        had_ = old != nullptr;
-        saved_ = old ? old : "";
-        setenv(name, value, 1);
-    }
-    ~Scoped_env()
-    {
-        if (had_)
-            setenv(name_, saved_.c_str(), 1);
-        else
-            unsetenv(name_);
-    }
-
-private:
-    const char* name_;
-    bool had_;
-    std::string saved_;
-};
 
 // A private directory under /tmp, removed with everything in it at the end of the scope.
 class Scratch_dir {

@@ -1,9 +1,5 @@
 // Writing classic final-gather files: appending, replacing and refusing. (The layout of a new
 // file, empty or not, is the end-to-end suite's: its copies are checked byte for byte.)
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include "fg_test_support.h"
 
 using namespace fg_test;
@@ -87,30 +83,6 @@ TEST_F(ClassicWriteTest, FilesThatCannotTakePointsAreLeftAlone)
     EXPECT_EQ(write_file("other.map", 1), -1);
     expect_line(path("other.map") + ": wrong file header, not a finalgather map file, skipping", MSG_ERROR, 4);
     EXPECT_EQ(file_bytes(path("other.map")), other);
-}
-
-// A user who may write any file runs the refused write in a child process as nobody.
-TEST_F(ClassicWriteTest, UnwritableFileIsRefusedWhenOptionsAreGiven)
-{
-    ASSERT_EQ(write_file("ro.fg", 2), 1);
-    ASSERT_EQ(chmod(path("ro.fg").c_str(), 0444), 0);
-    ASSERT_EQ(chmod(scratch_.directory.c_str(), 0755), 0);
-    const std::string warning = "finalgather map not writable, not saving new points: " + path("ro.fg");
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        alarm(10);
-        if (geteuid() == 0 && setuid(65534) != 0)
-            _exit(2);
-        lines().clear();
-        const Fg_scene_options options{0, 0};
-        const Line* line = write_file("ro.fg", 1, 0, &options) == -1 ? find_line(warning) : nullptr;
-        _exit(line && line->text == warning && line->level == MSG_WARN && line->number % 1000 == 6 ? 0 : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child status " << status;
-    EXPECT_EQ(file_bytes(path("ro.fg")), Classic_file::of(2).bytes());
 }
 
 }  // namespace

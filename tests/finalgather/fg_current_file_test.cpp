@@ -1,6 +1,5 @@
 // Current final-gather files (binary map files of the final-gather declaration): loading them,
 // writing new ones, and adding to existing ones through a temporary name.
-#include <algorithm>
 #include <numeric>
 
 #include "fg_test_support.h"

@@ -1,7 +1,5 @@
 // Walking the points a stored final-gather map holds. (The declaration and the conversions
 // between records and elements are pinned by the end-to-end runs' output bytes.)
-#include <memory>
-
 #include "fg_test_support.h"
 #include "maps/map_dbhandle.h"
 

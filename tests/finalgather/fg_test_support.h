@@ -117,12 +117,15 @@ struct Classic_file {
 
     std::vector<uint8_t> bytes() const
     {
-        std::vector<uint8_t> out(120 + 104 * records.size(), 0);
-        std::memcpy(out.data(), "qvFG    3.9.4.14", 16);
-        std::memcpy(out.data() + 32, "qvFH", 4);
+        // The header in an array of its own: g++ 12 at -O3 takes the vector for possibly empty.
+        uint8_t header[120] = {};
+        std::memcpy(header, "qvFG    3.9.4.14", 16);
+        std::memcpy(header + 32, "qvFH", 4);
         const uint32_t header_words[][2] = {{36, 1}, {40, version}, {96, count}};
         for (const auto& [offset, value] : header_words)
-            std::memcpy(out.data() + offset, &value, 4);
+            std::memcpy(header + offset, &value, 4);
+        std::vector<uint8_t> out(header, header + 120);
+        out.resize(120 + 104 * records.size());
         for (size_t k = 0; k < records.size(); ++k)
             std::memcpy(out.data() + 120 + 104 * k, &records[k], 104);
         if (big_endian)

@@ -13,17 +13,9 @@ namespace {
 
 class RcfgModuleTest : public Fg_test {};
 
-TEST_F(RcfgModuleTest, StartRegistersPowersTypesAndClassesAndWarnsOfTheObsoleteVariable)
+TEST_F(RcfgModuleTest, StartRegistersPowersTypesAndClasses)
 {
-    // Set but empty still counts.
-    setenv("QV_RCFG_RASTER_FACTOR", "", 1);
     fg_module_init();
-    unsetenv("QV_RCFG_RASTER_FACTOR");
-    ASSERT_EQ(lines().size(), 2u);
-    EXPECT_EQ(lines()[0].text, "Environment variable QV_RCFG_RASTER_FACTOR is obsolete, use");
-    EXPECT_EQ(lines()[1].text, "finalgather presample density (linear scale) instead");
-    EXPECT_TRUE(lines()[0].level == MSG_INFO && lines()[1].level == MSG_INFO);
-
     // "2i3c5i": three words turned, four bytes left alone, six words turned.
     uint32_t tag = 0;
     auto* words = static_cast<uint32_t*>(fg_grid_border_create(&tag));

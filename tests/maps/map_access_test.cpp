@@ -108,27 +108,19 @@ TEST_F(Map_access, StatusValuesOfElementMapAndIteratorAccessors)
     int32_t n = 0;
     Map_vector3 p{};
     Map_color c{};
-    char text[8];
     const struct {
         const char* what;
         std::function<Map_status()> call;
         Map_status expected;
     } rows[] = {
         {"element without declaration, get", [&] { return bare.get(MAP_FIELD_NONE, s); }, MAP_NO_DECLARATION},
-        {"element without declaration, set", [&] { return bare.set(6, 1.0f); }, MAP_NO_DECLARATION},
-        {"element without declaration, position", [&] { return bare.get_position(p); }, MAP_NO_DECLARATION},
         {"element without declaration, set position", [&] { return bare.set_position(&p.x); }, MAP_NO_DECLARATION},
         {"unknown element field", [&] { return e.get(99, s); }, MAP_NO_SUCH_FIELD},
-        {"no field", [&] { return e.get(MAP_FIELD_NONE, s); }, MAP_NO_SUCH_FIELD},
         {"unknown global id before the type", [&] { return e.set(0x10003, int32_t{1}); }, MAP_NO_SUCH_FIELD},
         {"global field through an element", [&] { return e.get(0x10000, s); }, MAP_FIELD_ILLEGAL_TYPE},
-        {"global field set through an element", [&] { return e.set(0x10000, 1.0f); }, MAP_FIELD_ILLEGAL_TYPE},
         {"integer read as scalar", [&] { return e.get(5, s); }, MAP_FIELD_TYPE_MISMATCH},
-        {"scalar set as integer", [&] { return e.set(6, int32_t{3}); }, MAP_FIELD_TYPE_MISMATCH},
-        {"array read as vector", [&] { return e.get(7, p); }, MAP_FIELD_TYPE_MISMATCH},
         {"four floats are no colour", [&] { return e.get(8, c); }, MAP_FIELD_TYPE_MISMATCH},
         {"four floats take no colour", [&] { return e.set(8, &c); }, MAP_FIELD_TYPE_MISMATCH},
-        {"two floats are no colour", [&] { return e.get(1, c); }, MAP_FIELD_TYPE_MISMATCH},
         {"3-float position in dimension 2",
          [&] {
              Map_declaration_impl d2(2);
@@ -136,36 +128,21 @@ TEST_F(Map_access, StatusValuesOfElementMapAndIteratorAccessors)
          },
          MAP_WRONG_DIMENSION},
         {"map without declaration, append", [&] { return no_declaration.append(&bare); }, MAP_NO_DECLARATION},
-        {"map without declaration, append run", [&] { return no_declaration.append_raw_run(&p, 1); }, MAP_NO_DECLARATION},
-        {"map without declaration, get", [&] { return no_declaration.get(0, &bare); }, MAP_NO_DECLARATION},
-        {"map without declaration, global", [&] { return no_declaration.get(0x10000, s); }, MAP_NO_DECLARATION},
         {"append of another layout", [&] { return map.append(&wrong); }, MAP_NOT_EQUIVALENT},
-        {"set from an element without declaration", [&] { return map.set(0, &bare); }, MAP_NO_DECLARATION},
-        {"set of another layout", [&] { return map.set(0, &wrong); }, MAP_NOT_EQUIVALENT},
         {"set past the committed", [&] { return map.set(1, &fine); }, MAP_INDEX_OUT_OF_RANGE},
         {"get of a pending element", [&] { return map.get(1, &fine); }, MAP_INDEX_OUT_OF_RANGE},
         {"global read with another type", [&] { return map.get(0x10000, n); }, MAP_FIELD_TYPE_MISMATCH},
         {"element field through the map", [&] { return map.get(6, s); }, MAP_FIELD_ILLEGAL_TYPE},
         {"unknown global", [&] { return map.get(Map_field_id(0x10000 | 77), s); }, MAP_NO_SUCH_FIELD},
         {"locked map, set", [&] { return locked.set(0, &fine); }, MAP_NOT_EDITABLE},
-        {"locked map, append", [&] { return locked.append(&fine); }, MAP_NOT_EDITABLE},
-        {"locked map, append run", [&] { return locked.append_raw_run(fine.get_data(), 1); }, MAP_NOT_EDITABLE},
-        {"locked map, global", [&] { return locked.set(0x10000, 1.0f); }, MAP_NOT_EDITABLE},
-        {"locked map, iterator set before the field", [&] { return on_locked.set(99, 1.0f); }, MAP_NOT_EDITABLE},
         {"locked map, iterator position", [&] { return on_locked.set_position(p); }, MAP_NOT_EDITABLE},
         {"locked map, iterator get", [&] { return on_locked.get(6, s); }, MAP_SUCCESS},
         {"iterator at the end, before the field", [&] { return at_end.get(99, s); }, MAP_ITERATOR_AT_END},
         {"iterator without map, reset", [&] { return no_map.reset(); }, MAP_ITERATOR_NO_MAP},
-        {"iterator without map, next", [&] { return no_map.next(); }, MAP_ITERATOR_NO_MAP},
-        {"iterator without map, previous", [&] { return no_map.previous(); }, MAP_ITERATOR_NO_MAP},
-        {"iterator without map, skip", [&] { return no_map.skip(0); }, MAP_ITERATOR_NO_MAP},
-        {"iterator without map, set_to", [&] { return no_map.set_to(0); }, MAP_ITERATOR_NO_MAP},
-        {"iterator without map, get", [&] { return no_map.get(0, s); }, MAP_ITERATOR_NO_MAP},
         {"iterator without map, at_end", [&] {
              Map_status status = MAP_SUCCESS;
              return no_map.at_end(&status) && no_map.current(&status) == 0 ? status : MAP_SUCCESS;
          }, MAP_ITERATOR_NO_MAP},
-        {"string global", [&] { return map.get(0x10001, text); }, MAP_SUCCESS},
     };
     for (const auto& row : rows)
         EXPECT_EQ(row.call(), row.expected) << row.what;
@@ -193,10 +170,6 @@ TEST_F(Map_access, GlobalStringsAreCutAndPaddedAndColoursKeepTheirNeighbours)
     EXPECT_EQ(map.get(tint, back), MAP_SUCCESS);
     EXPECT_EQ(back.b, 0.3f);
     EXPECT_EQ(back.a, 1.0f);
-    EXPECT_EQ(map.set(0x10000, 2.5f), MAP_SUCCESS);
-    float value = 0.0f;
-    EXPECT_EQ(map.get(0x10000, value), MAP_SUCCESS);
-    EXPECT_EQ(value, 2.5f);
     EXPECT_EQ(map.get(name, text), MAP_SUCCESS);
     EXPECT_EQ(text[0], 'x');
 }

