@@ -76,6 +76,8 @@ inline float point_distance(const float* position, const float* point)
 // node; element(): an element's bytes, the position first.
 template <uint32_t N>
 struct Point_distance {
+    // Point queries come in coherent streams; segments and caller's functions rarely do.
+    static constexpr bool seeded = true;
     const float* point;
     float box(const float* minimum, const float* maximum) const { return box_distance<N>(minimum, maximum, point); }
     float node(const Map_bvh_node<N>& node) const { return box_distance<N>(node.minimum, node.maximum, point); }
@@ -90,6 +92,7 @@ struct Point_distance {
 };
 
 struct Segment_distance {
+    static constexpr bool seeded = false;
     const float* origin;
     const float* direction;
     float length;
@@ -107,6 +110,7 @@ struct Segment_distance {
 
 template <uint32_t N>
 struct Function_distance {
+    static constexpr bool seeded = false;
     const Map_distance_base_internal& function;
     float box(const float* minimum, const float* maximum) const { return function.box_distance(minimum, maximum); }
     float node(const Map_bvh_node<N>& node) const
@@ -219,10 +223,16 @@ struct Nearest_aside {
     }
 };
 
-// The search's queues, kept per thread.
+// The search's queues, kept per thread, and where the thread's last point search began: the
+// index leaf nearest to its point. Shading points of one thread come near each other, so the
+// next point search scans that leaf first and starts the walk with its bound already tight.
+// `seed_index` only tells which index the leaf number belongs to; a stale number (an index freed
+// and another made at its address) is checked against the index and costs only time.
 struct Search_queues {
     Queue nodes;
     Queue page_nodes;
+    const void* seed_index = nullptr;
+    uint32_t seed_leaf = UINT32_MAX;
 };
 
 Search_queues& thread_queues()
@@ -494,6 +504,25 @@ void run_search(Map_page_store* store, const Map_search_index<N>& index, const s
         return item.count == 0 ? distance.box(item.box.minimum, item.box.maximum)
                                : distance.leaf(item.box, item.count, item.first_slot);
     };
+    // The seed leaf's items are all scanned up front (those within the limit; it only falls),
+    // so the walk passes over that leaf when it comes to it: every element is still tested once.
+    constexpr bool Seeded = !Filtered && Distance::seeded;
+    uint32_t seed = UINT32_MAX, nearest_leaf = UINT32_MAX;
+    if constexpr (Seeded) {
+        // Only a leaf around the point is worth it: a query elsewhere (a random stream) would
+        // pay the leaf's misses for a bound that prunes little.
+        const Node* leaf = queues.seed_index == &index && queues.seed_leaf < index.nodes.size()
+                               ? index_nodes + queues.seed_leaf
+                               : nullptr;
+        if (leaf && leaf->first_item != MAP_BVH_INNER && distance.box(leaf->minimum, leaf->maximum) <= 0.0f) {
+            seed = queues.seed_leaf;
+            for (uint32_t i = leaf->first_item; i < leaf->first_item + leaf->count; ++i) {
+                const Item& item = items[i];
+                if (item_distance(item) <= limit && enter(item.page))
+                    scan(item.first_slot, item.count == 0 ? held : uint32_t(item.first_slot) + item.count);
+            }
+        }
+    }
     Queue& queue = queues.nodes;
     queue.clear();
     Queued next = {root, 0};
@@ -526,7 +555,11 @@ void run_search(Map_page_store* store, const Map_search_index<N>& index, const s
                     aside.add(queue, {d, child});
                 }
             } else {
-                for (uint32_t i = node.first_item; i < node.first_item + node.count; ++i) {
+                if constexpr (Seeded)
+                    if (nearest_leaf == UINT32_MAX)
+                        nearest_leaf = next.index;
+                const uint32_t end = next.index == seed ? node.first_item : node.first_item + node.count;
+                for (uint32_t i = node.first_item; i < end; ++i) {
                     const Item& item = items[i];
                     const float d = item_distance(item);
                     if (d > limit)
@@ -543,6 +576,12 @@ void run_search(Map_page_store* store, const Map_search_index<N>& index, const s
         if (queue.empty())
             break;
         next = pop_queued(queue);
+    }
+    if constexpr (Seeded) {
+        if (nearest_leaf != UINT32_MAX) {
+            queues.seed_index = &index;
+            queues.seed_leaf = nearest_leaf;
+        }
     }
 }
 
