@@ -76,6 +76,8 @@ inline float point_distance(const float* position, const float* point)
 // node; element(): an element's bytes, the position first.
 template <uint32_t N>
 struct Point_distance {
+    // Point queries come in coherent streams; segments and caller's functions rarely do.
+    static constexpr bool seeded = true;
     const float* point;
     float box(const float* minimum, const float* maximum) const { return box_distance<N>(minimum, maximum, point); }
     float node(const Map_bvh_node<N>& node) const { return box_distance<N>(node.minimum, node.maximum, point); }
@@ -87,9 +89,25 @@ struct Point_distance {
     {
         return point_distance<N>(reinterpret_cast<const float*>(bytes), point);
     }
+    // All lanes of an index node at once (the empty ones too): a loop the compiler vectorises.
+    template <class Index>
+    void lanes(const Index& index, uint32_t node, float* out) const
+    {
+        const auto& lanes = index.lanes[node];
+        float sum[Index::WIDTH] = {};
+        for (uint32_t a = 0; a < N; ++a) {
+            const float p = point[a];
+            for (uint32_t i = 0; i < Index::WIDTH; ++i) {
+                const float d = std::max(std::max(lanes.minimum[a][i] - p, p - lanes.maximum[a][i]), 0.0f);
+                sum[i] += d * d;
+            }
+        }
+        memcpy(out, sum, sizeof sum);
+    }
 };
 
 struct Segment_distance {
+    static constexpr bool seeded = false;
     const float* origin;
     const float* direction;
     float length;
@@ -103,10 +121,20 @@ struct Segment_distance {
     {
         return map_segment_point_distance(origin, direction, length, reinterpret_cast<const float*>(bytes));
     }
+    template <class Index>
+    void lanes(const Index& index, uint32_t node, float* out) const
+    {
+        float minimum[3], maximum[3];
+        for (uint32_t i = 0; i < index.links[node].count; ++i) {
+            index.lane_box(node, i, minimum, maximum);
+            out[i] = box(minimum, maximum);
+        }
+    }
 };
 
 template <uint32_t N>
 struct Function_distance {
+    static constexpr bool seeded = false;
     const Map_distance_base_internal& function;
     float box(const float* minimum, const float* maximum) const { return function.box_distance(minimum, maximum); }
     float node(const Map_bvh_node<N>& node) const
@@ -125,6 +153,18 @@ struct Function_distance {
         return node(stored);
     }
     float element(const uint8_t* bytes) const { return function.distance(bytes); }
+    template <class Index>
+    void lanes(const Index& index, uint32_t node, float* out) const
+    {
+        const auto& link = index.links[node];
+        Map_bvh_box<N> lane;
+        for (uint32_t i = 0; i < link.count; ++i) {
+            index.lane_box(node, i, lane.minimum, lane.maximum);
+            const auto* item = link.leaf ? &index.items[link.first + i] : nullptr;
+            out[i] = item && item->count ? leaf(lane, item->count, item->first_slot)
+                                         : box(lane.minimum, lane.maximum);
+        }
+    }
 };
 
 // Binary heaps with `before(a, b)` true when b belongs nearer the top: the layout of
@@ -219,10 +259,17 @@ struct Nearest_aside {
     }
 };
 
-// The search's queues, kept per thread.
+// The search's queues, kept per thread, and where the thread's last point search began: the
+// index leaf nearest to its point. Shading points of one thread come near each other, so the
+// next point search scans that leaf first and starts the walk with its bound already tight.
+// `seed_index` only tells which index the leaf number belongs to; a stale number (an index freed
+// and another made at its address) is checked against the index and costs only time.
 struct Search_queues {
     Queue nodes;
     Queue page_nodes;
+    const void* seed_index = nullptr;
+    uint32_t seed_leaf = UINT32_MAX;
+    float seed_reach = 0.0f;   // the last point search's final limit
 };
 
 Search_queues& thread_queues()
@@ -239,8 +286,6 @@ struct Element_range {
 
 // Queue entries of the index walk: items carry this bit, the index's own nodes do not.
 constexpr uint32_t ITEM_BIT = 0x80000000u;
-// Items under one leaf of the index.
-constexpr uint32_t INDEX_LEAF_SIZE = 4;
 
 // First element of a page and the number it holds, from the segment that holds it (0: none).
 uint32_t page_span(const Map_page_store& store, uint32_t page, uint32_t* first_element)
@@ -271,14 +316,37 @@ const Map_bvh_node<N>* page_tree(const uint8_t* data, uint32_t tree_offset, uint
 // tree, a query enters only the pages where a leaf can still hold something nearer.
 template <uint32_t N>
 struct Map_search_index {
+    // A node's children, or a leaf's items, side by side.
+    static constexpr uint32_t WIDTH = 8;
+    static_assert(MAP_BVH_MAX_CHILDREN <= WIDTH, "an inner node's children fit its lanes");
+    // The boxes of what lies under one node, lane by lane, so that a point's distances to all
+    // of them are taken in one pass over a few cache lines. Lanes beyond the count are empty.
+    struct alignas(64) Lanes {
+        float minimum[N][WIDTH];
+        float maximum[N][WIDTH];
+    };
+    struct Link {
+        uint32_t first;   // first child, or a leaf's first item
+        uint16_t count;
+        uint16_t leaf;
+    };
     struct Item {
-        Map_bvh_box<N> box;     // the page tree's leaf, or the page's box when it has no tree
         uint32_t page;
         uint16_t first_slot;    // the leaf's slots in the page (E is below 2^16)
         uint16_t count;         // 0: the page has no tree and is scanned whole
     };
-    std::vector<Map_bvh_node<N>> nodes;   // leaves cover items[first_item .. first_item + count)
-    std::vector<Item> items;
+    Map_bvh_box<N> root;
+    std::vector<Lanes> lanes;   // by node
+    std::vector<Link> links;    // by node; the root is node 0
+    std::vector<Item> items;    // in leaf order
+
+    void lane_box(uint32_t node, uint32_t lane, float* minimum, float* maximum) const
+    {
+        for (uint32_t a = 0; a < N; ++a) {
+            minimum[a] = lanes[node].minimum[a][lane];
+            maximum[a] = lanes[node].maximum[a][lane];
+        }
+    }
 };
 
 template <uint32_t N>
@@ -297,8 +365,11 @@ const Map_search_index<N>& Map_search_index_slot<N>::get(const Map_global_bvh<N>
     std::lock_guard<std::mutex> hold(lock_);
     if (const Map_search_index<N>* index = ready_.load(std::memory_order_relaxed))
         return *index;
-    using Item = typename Map_search_index<N>::Item;
-    auto* index = new Map_search_index<N>;
+    using Index = Map_search_index<N>;
+    using Item = typename Index::Item;
+    auto* index = new Index;
+    std::vector<Item> items;
+    std::vector<Map_bvh_box<N>> item_boxes;
     Map_page_store* store = tree.store();
     // Only the pages the global tree reaches, as a search through it would.
     if (store && !tree.nodes().empty() && store->elements_per_page) {
@@ -312,7 +383,8 @@ const Map_search_index<N>& Map_search_index_slot<N>::get(const Map_global_bvh<N>
             uint32_t node_count = 0;
             const Map_bvh_node<N>* nodes = page_tree<N>(data, tree_offset, &node_count);
             if (!nodes) {
-                index->items.push_back(Item{tree.boxes()[page], page, 0, 0});
+                items.push_back(Item{page, 0, 0});
+                item_boxes.push_back(tree.boxes()[page]);
                 continue;
             }
             // Children lie after their parents; a child that does not is a damaged page's, which
@@ -326,9 +398,10 @@ const Map_search_index<N>& Map_search_index_slot<N>::get(const Map_global_bvh<N>
                     // Slots beyond the page are never reported; an empty leaf has nothing to give.
                     const uint32_t end = std::min(node.first_item + node.count, store->elements_per_page);
                     if (node.first_item < end) {
-                        Item item = {{}, page, uint16_t(node.first_item), uint16_t(end - node.first_item)};
-                        memcpy(&item.box, node.minimum, sizeof item.box);
-                        index->items.push_back(item);
+                        items.push_back(Item{page, uint16_t(node.first_item), uint16_t(end - node.first_item)});
+                        Map_bvh_box<N> box;
+                        memcpy(&box, node.minimum, sizeof box);
+                        item_boxes.push_back(box);
                     }
                     continue;
                 }
@@ -339,21 +412,34 @@ const Map_search_index<N>& Map_search_index_slot<N>::get(const Map_global_bvh<N>
             }
         }
     }
-    if (!index->items.empty()) {
-        std::vector<float> boxes(index->items.size() * 2 * N);
-        for (size_t i = 0; i < index->items.size(); ++i) {
-            memcpy(&boxes[i * 2 * N], &index->items[i].box, 2 * N * sizeof(float));
-        }
+    if (!items.empty()) {
+        std::vector<Map_bvh_node<N>> nodes;
         std::vector<uint32_t> order;
         std::unique_ptr<Map_bvh_scratch, void (*)(Map_bvh_scratch*)> scratch(map_bvh_scratch_create(),
                                                                              map_bvh_scratch_destroy);
-        map_bvh_build_tree<N>(boxes.data(), uint32_t(index->items.size()), INDEX_LEAF_SIZE, index->nodes, order,
+        map_bvh_build_tree<N>(&item_boxes[0].minimum[0], uint32_t(items.size()), Index::WIDTH, nodes, order,
                               *scratch);
         // Items in leaf order, so that a leaf's items lie together.
-        std::vector<Item> ordered(order.size());
+        index->items.resize(order.size());
         for (size_t i = 0; i < order.size(); ++i)
-            ordered[i] = index->items[order[i]];
-        index->items.swap(ordered);
+            index->items[i] = items[order[i]];
+        memcpy(&index->root, nodes[0].minimum, sizeof index->root);
+        index->lanes.assign(nodes.size(), typename Index::Lanes{});
+        index->links.resize(nodes.size());
+        for (size_t n = 0; n < nodes.size(); ++n) {
+            const Map_bvh_node<N>& node = nodes[n];
+            const bool leaf = node.first_item != MAP_BVH_INNER;
+            const uint32_t first = leaf ? node.first_item : node.first_child;
+            const uint32_t count = std::min(node.count, Index::WIDTH);
+            index->links[n] = {first, uint16_t(count), uint16_t(leaf)};
+            for (uint32_t lane = 0; lane < count; ++lane) {
+                const float* box = leaf ? item_boxes[order[first + lane]].minimum : nodes[first + lane].minimum;
+                for (uint32_t a = 0; a < N; ++a) {
+                    index->lanes[n].minimum[a][lane] = box[a];
+                    index->lanes[n].maximum[a][lane] = box[N + a];
+                }
+            }
+        }
     }
     ready_.store(index, std::memory_order_release);
     return *index;
@@ -368,9 +454,11 @@ void run_search(Map_page_store* store, const Map_search_index<N>& index, const s
                 float resume_distance, Element_range range, std::vector<Map_lookup_entry>& results)
 {
     using Node = Map_bvh_node<N>;
-    using Item = typename Map_search_index<N>::Item;
+    using Index = Map_search_index<N>;
+    using Item = typename Index::Item;
+    using Link = typename Index::Link;
     results.clear();
-    if (index.nodes.empty() || max_count == 0 || !store || store->segments().empty())
+    if (index.links.empty() || max_count == 0 || !store || store->segments().empty())
         return;
     // The heap lives in the caller's array, sized once: never more than the map holds.
     const uint32_t capacity = std::min(max_count, store->segments().back().last_element + 1);
@@ -469,9 +557,9 @@ void run_search(Map_page_store* store, const Map_search_index<N>& index, const s
         }
     };
 
-    const Node* const index_nodes = index.nodes.data();
+    const Link* const links = index.links.data();
     const Item* const items = index.items.data();
-    const float root = distance.box(index_nodes[0].minimum, index_nodes[0].maximum);
+    const float root = distance.box(index.root.minimum, index.root.maximum);
     if (root > limit)
         return;
 
@@ -490,10 +578,31 @@ void run_search(Map_page_store* store, const Map_search_index<N>& index, const s
         }
     }
 
-    auto item_distance = [&](const Item& item) {
-        return item.count == 0 ? distance.box(item.box.minimum, item.box.maximum)
-                               : distance.leaf(item.box, item.count, item.first_slot);
+    auto scan_item = [&](const Item& item) __attribute__((always_inline)) {
+        if (item.page != hint_page && enter(item.page))
+            scan(item.first_slot, item.count == 0 ? held : uint32_t(item.first_slot) + item.count);
     };
+    float d[Index::WIDTH];
+    // The seed leaf's items are all scanned up front (those within the limit; it only falls),
+    // so the walk passes over that leaf when it comes to it: every element is still tested once.
+    constexpr bool Seeded = !Filtered && Distance::seeded;
+    uint32_t seed = UINT32_MAX, nearest_leaf = UINT32_MAX;
+    if constexpr (Seeded) {
+        const uint32_t leaf = queues.seed_leaf;
+        if (queues.seed_index == &index && leaf < index.links.size() && links[leaf].leaf) {
+            distance.lanes(index, leaf, d);
+            // Only a leaf that reaches as near as the last search's farthest result is worth it:
+            // a query elsewhere (a random stream) would pay the items' misses for a bound that
+            // prunes little.
+            const uint32_t count = links[leaf].count;
+            if (*std::min_element(d, d + count) <= queues.seed_reach) {
+                seed = leaf;
+                for (uint32_t lane = 0; lane < count; ++lane)
+                    if (d[lane] <= limit)
+                        scan_item(items[links[leaf].first + lane]);
+            }
+        }
+    }
     Queue& queue = queues.nodes;
     queue.clear();
     Queued next = {root, 0};
@@ -502,39 +611,37 @@ void run_search(Map_page_store* store, const Map_search_index<N>& index, const s
             break;
         Nearest_aside aside;
         if (next.index & ITEM_BIT) {
-            const Item& item = items[next.index & ~ITEM_BIT];
-            if (item.page != hint_page && enter(item.page)) {
-                if (item.count == 0)
-                    scan(0, held);
-                else
-                    scan(item.first_slot, uint32_t(item.first_slot) + item.count);
+            scan_item(items[next.index & ~ITEM_BIT]);
+        } else if (!links[next.index].leaf) {
+            const Link link = links[next.index];
+            distance.lanes(index, next.index, d);
+            for (uint32_t lane = 0; lane < link.count; ++lane) {
+                if (d[lane] > limit)
+                    continue;
+                // What a child within reach leads to starts loading now, so that the misses of
+                // the children overlap.
+                const uint32_t child = link.first + lane;
+                const char* ahead = reinterpret_cast<const char*>(&index.lanes[child]);
+                for (size_t line = 0; line < sizeof(typename Index::Lanes); line += 64)
+                    __builtin_prefetch(ahead + line);
+                aside.add(queue, {d[lane], child});
             }
         } else {
-            const Node& node = index_nodes[next.index];
-            if (node.first_item == MAP_BVH_INNER) {
-                for (uint32_t child = node.first_child; child < node.first_child + node.count; ++child) {
-                    const Node& below = index_nodes[child];
-                    const float d = distance.box(below.minimum, below.maximum);
-                    if (d > limit)
+            const Link link = links[next.index];
+            if constexpr (Seeded)
+                if (nearest_leaf == UINT32_MAX)
+                    nearest_leaf = next.index;
+            if (next.index != seed) {
+                __builtin_prefetch(items + link.first);
+                distance.lanes(index, next.index, d);
+                for (uint32_t lane = 0; lane < link.count; ++lane) {
+                    if (d[lane] > limit)
                         continue;
-                    // As in a page: what a child within reach leads to starts loading now.
-                    const char* ahead = below.first_item == MAP_BVH_INNER
-                                            ? reinterpret_cast<const char*>(index_nodes + below.first_child)
-                                            : reinterpret_cast<const char*>(items + below.first_item);
-                    __builtin_prefetch(ahead);
-                    __builtin_prefetch(ahead + 64);
-                    aside.add(queue, {d, child});
-                }
-            } else {
-                for (uint32_t i = node.first_item; i < node.first_item + node.count; ++i) {
-                    const Item& item = items[i];
-                    const float d = item_distance(item);
-                    if (d > limit)
-                        continue;
+                    const uint32_t i = link.first + lane;
                     // Its elements, when they are in the page at hand, can start loading now.
-                    if (item.page == page_now && data)
-                        __builtin_prefetch(data + size_t(item.first_slot) * element_bytes);
-                    aside.add(queue, {d, i | ITEM_BIT});
+                    if (items[i].page == page_now && data)
+                        __builtin_prefetch(data + size_t(items[i].first_slot) * element_bytes);
+                    aside.add(queue, {d[lane], i | ITEM_BIT});
                 }
             }
         }
@@ -543,6 +650,13 @@ void run_search(Map_page_store* store, const Map_search_index<N>& index, const s
         if (queue.empty())
             break;
         next = pop_queued(queue);
+    }
+    if constexpr (Seeded) {
+        if (nearest_leaf != UINT32_MAX) {
+            queues.seed_index = &index;
+            queues.seed_leaf = nearest_leaf;
+            queues.seed_reach = limit;
+        }
     }
 }
 

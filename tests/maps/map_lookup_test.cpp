@@ -1,6 +1,6 @@
 // Map lookups against a full scan: k nearest by (distance, index) in every dimension, on uniform
-// and clustered maps, in memory and through a cache a tenth of the map, from four threads at once;
-// resumed batches; caller distance functions, segments and subsets; searches after the tree
+// and clustered maps, in memory and through a cache a tenth of the map, from four threads at once,
+// scattered and in a walk of small steps; resumed batches; caller distance functions, segments and subsets; searches after the tree
 // changes and in a copy; statuses.
 #include <algorithm>
 #include <atomic>
@@ -136,6 +136,29 @@ std::vector<float> queries(const Test_map& data, uint32_t count, uint32_t seed)
     return points;
 }
 
+// Squared distance with a weight per axis (dimension 2): the box's nearest point gives a lower bound.
+class Weighted_distance final : public Map_distance_base_internal {
+public:
+    Weighted_distance(const float* point, const float* weights) : point_(point), weights_(weights) {}
+    uint32_t get_dimension() const override { return 2; }
+    float box_distance(const float* minimum, const float* maximum) const override
+    {
+        const float nearest[2] = {std::clamp(point_[0], minimum[0], maximum[0]),
+                                  std::clamp(point_[1], minimum[1], maximum[1])};
+        return weight(nearest);
+    }
+    float distance(const uint8_t* element) const override { return weight(reinterpret_cast<const float*>(element)); }
+    float weight(const float* position) const
+    {
+        return weights_[0] * (position[0] - point_[0]) * (position[0] - point_[0]) +
+               weights_[1] * (position[1] - point_[1]) * (position[1] - point_[1]);
+    }
+
+private:
+    const float* point_;
+    const float* weights_;
+};
+
 class Map_lookup_test : public Map_storage_test {};
 
 } // namespace
@@ -156,7 +179,9 @@ TEST_F(Map_lookup_test, NearestEqualAFullScanInEveryDimensionInMemoryAndOutOfCor
                 Test_map data = make_map(dimension, pages, clustered, dimension * 10 + clustered);
                 if (out_of_core)
                     data.map->flush();
-                // Four threads search the one map (and share its cache), three queries each.
+                // Four threads search the one map (and share its cache): three queries each, then a
+                // walk in small steps from the first, where each search starts from the leaf the
+                // last one found nearest.
                 const std::vector<float> points = queries(data, 12, dimension);
                 std::atomic<uint32_t> wrong{0}, last_wrong{0};
                 std::vector<std::thread> pool;
@@ -165,16 +190,21 @@ TEST_F(Map_lookup_test, NearestEqualAFullScanInEveryDimensionInMemoryAndOutOfCor
                         thread_init_current();
                         {
                             Map_lookup_impl lookup(data.map.get());
-                            for (uint32_t q = t; q < 12; q += 4) {
-                                const float* point = &points[size_t(q) * dimension];
-                                const uint32_t k = ks[q % 3];
-                                const float max_distance = q % 4 == 3 ? 40.0f : 1.0e30f;
+                            auto check = [&](const float* point, uint32_t k, float max_distance, uint32_t q) {
                                 if (lookup.search(point, dimension, k, max_distance) != MAP_SUCCESS ||
                                     lookup.get_kind() != MAP_LOOKUP_KIND_POINT ||
                                     !same(sorted_results(lookup), scan(data, point, k, max_distance))) {
                                     ++wrong;
                                     last_wrong = q;
                                 }
+                            };
+                            for (uint32_t q = t; q < 12; q += 4)
+                                check(&points[size_t(q) * dimension], ks[q % 3], q % 4 == 3 ? 40.0f : 1.0e30f, q);
+                            std::vector<float> at(points.begin() + t * dimension, points.begin() + (t + 1) * dimension);
+                            for (uint32_t step = 0; step < 24; ++step) {
+                                for (uint32_t a = 0; a < dimension; ++a)
+                                    at[a] += 0.25f * float((step + a) % 3) - 0.2f;
+                                check(at.data(), 8, 1.0e30f, 100 + step);
                             }
                         }
                         thread_end_current();
@@ -212,43 +242,6 @@ TEST_F(Map_lookup_test, ResumedBatchesConcatenateToTheFullSortedList)
         EXPECT_TRUE(lookup.is_empty());
     }
 }
-
-namespace {
-
-// Squared distance with a weight per axis: the box's nearest point gives a lower bound.
-class Weighted_distance final : public Map_distance_base_internal {
-public:
-    Weighted_distance(const float* point, const float* weights) : point_(point), weights_(weights) {}
-    uint32_t get_dimension() const override { return 2; }
-    float box_distance(const float* minimum, const float* maximum) const override
-    {
-        float sum = 0.0f;
-        for (int a = 0; a < 2; ++a) {
-            const float d = std::max({minimum[a] - point_[a], point_[a] - maximum[a], 0.0f});
-            sum += weights_[a] * d * d;
-        }
-        return sum;
-    }
-    float distance(const uint8_t* element) const override
-    {
-        float position[2];
-        memcpy(position, element, sizeof position);
-        return weight(position);
-    }
-    float weight(const float* position) const
-    {
-        float sum = 0.0f;
-        for (int a = 0; a < 2; ++a)
-            sum += weights_[a] * (position[a] - point_[a]) * (position[a] - point_[a]);
-        return sum;
-    }
-
-private:
-    const float* point_;
-    const float* weights_;
-};
-
-} // namespace
 
 TEST_F(Map_lookup_test, CallerDistanceSegmentAndSubsetEqualAFullScan)
 {
@@ -376,12 +369,12 @@ TEST_F(Map_lookup_test, StatusesSortingAndTheResultWalk)
     for (walk.reset(); !walk.at_end(nullptr); walk.next(), ++walked) {
         const uint32_t index = lookup.entries()[walked].index;
         int32_t value = -1, stored = -2;
+        float position[2];
         ASSERT_EQ(walk.get(id, value), MAP_SUCCESS);
+        ASSERT_EQ(walk.get_position(position), MAP_SUCCESS);
         flat.map->read_field(index, 8, 4, &stored);
         EXPECT_EQ(value, stored);
         EXPECT_EQ(walk.current(nullptr), index);
-        float position[2];
-        ASSERT_EQ(walk.get_position(position), MAP_SUCCESS);
         EXPECT_EQ(0, memcmp(position, flat.position(index), sizeof position));
     }
     EXPECT_EQ(walked, lookup.size());
