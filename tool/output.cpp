@@ -1,6 +1,11 @@
 // Output: the map under a tag goes to a current map file, or with legacy set to a classic file
 // through the kd-tree store. Failures are reported by the writers; the caller learns nothing.
 #include <unistd.h>
+
+#include <condition_variable>
+#include <latch>
+#include <mutex>
+#include <vector>
 #ifdef __GLIBC__
 #include <malloc.h>
 #endif
@@ -15,6 +20,7 @@
 #include "maps/map_manager.h"
 #include "maps/map_page_store.h"
 #include "runtime/paths.h"
+#include "runtime/threads.h"
 #include "tool/stages.h"
 
 using namespace QV::RCMAP;
@@ -42,6 +48,118 @@ void save_current(const char* path, Tag tag)
     map->write(name, qv::shader_v3::MAP_FORMAT_BINARY, true);
 }
 
+// The map walk's points on their way to the kd-tree writer, a batch at a time and in walk order.
+// Reading and converting the map's pages and copying the points into the kd-tree's blocks each
+// take about half of the walk, so with more than one processor the copies run on a second
+// thread while the walk goes on; the records are added in the same order, so the tree is the
+// same. Only the walk touches the map and only the second thread the writer until it is done.
+class Point_pipe {
+public:
+    explicit Point_pipe(Kdtree_handle* writer) : writer_(writer)
+    {
+        for (auto& batch : batches_)
+            batch.resize(BATCH_POINTS);  // zeroed: the reserved words have no map field
+        if (processor_count() < 2)
+            return;
+        const int row = thread_alloc(run, this, false);
+        if (row < 0)
+            return;
+        thread_notify_end(row, [](void* latch) { static_cast<std::latch*>(latch)->count_down(); }, &ended_);
+        threaded_ = thread_start(row) != 0;
+    }
+
+    ~Point_pipe()
+    {
+        if (!threaded_)
+            return;
+        {
+            std::lock_guard lock(mutex_);
+            finished_ = true;
+        }
+        changed_.notify_all();
+        ended_.wait();
+    }
+
+    Point_pipe(const Point_pipe&) = delete;
+    Point_pipe& operator=(const Point_pipe&) = delete;
+
+    // The slot for the next point, taken in order; every point taken is added.
+    Fg_point* next()
+    {
+        if (filled_ == BATCH_POINTS)
+            flush();
+        if (filled_ == 0 && threaded_) {
+            // The batch about to be filled must have been added.
+            std::unique_lock lock(mutex_);
+            changed_.wait(lock, [this] { return handed_ - added_ < BATCHES; });
+        }
+        return &batches_[handed_ % BATCHES][filled_++];
+    }
+
+    // Hands the batch being filled over; the destructor waits for every batch handed over.
+    void flush()
+    {
+        if (filled_ == 0)
+            return;
+        const uint32_t count = filled_;
+        filled_ = 0;
+        if (!threaded_) {
+            add(batches_[handed_ % BATCHES], count);
+            ++handed_;
+            return;
+        }
+        {
+            std::lock_guard lock(mutex_);
+            counts_[handed_ % BATCHES] = count;
+            ++handed_;
+        }
+        changed_.notify_all();
+    }
+
+private:
+    static constexpr uint32_t BATCH_POINTS = 4096;
+    static constexpr uint64_t BATCHES = 4;
+
+    void add(const std::vector<Fg_point>& batch, uint32_t count)
+    {
+        for (uint32_t i = 0; i < count; ++i)
+            kdtree_add(writer_, batch[i].normal, batch[i].position);  // word 3 onwards
+    }
+
+    static void run(void* raw)
+    {
+        auto* pipe = static_cast<Point_pipe*>(raw);
+        for (uint64_t b = 0;; ++b) {
+            uint32_t count;
+            {
+                std::unique_lock lock(pipe->mutex_);
+                pipe->changed_.wait(lock, [pipe, b] { return pipe->handed_ > b || pipe->finished_; });
+                if (pipe->handed_ == b)
+                    return;
+                count = pipe->counts_[b % BATCHES];
+            }
+            pipe->add(pipe->batches_[b % BATCHES], count);
+            {
+                std::lock_guard lock(pipe->mutex_);
+                pipe->added_ = b + 1;
+            }
+            pipe->changed_.notify_all();
+        }
+    }
+
+    Kdtree_handle* writer_;
+    std::vector<Fg_point> batches_[BATCHES];
+    uint32_t counts_[BATCHES] = {};
+    uint32_t filled_ = 0;   // points in the batch being filled (walk side only)
+    uint64_t handed_ = 0;   // batches handed over
+    uint64_t added_ = 0;    // batches the second thread has added
+    bool threaded_ = false;
+    bool finished_ = false;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::latch ended_{1};
+};
+
 void save_classic(const char* path, Tag tag)
 {
     uint32_t kdtree = kdtree_create(KDTREE_TYPE, KDTREE_PAYLOAD_BYTES);
@@ -52,8 +170,7 @@ void save_classic(const char* path, Tag tag)
         if (map && writer) {
             Map_element_impl element(map->get_declaration());
             Map_iterator_impl it(map);
-            // The reserved words have no map field; they are written as zero.
-            Fg_point point = {};
+            Point_pipe pipe(writer);
             // A page that has been walked goes, changes and all, and its buffer goes back to
             // the memory manager, where the kd-tree's blocks find it: this is the last stage and
             // nothing reads the map again, and its pages would otherwise stay in memory beside
@@ -77,9 +194,9 @@ void save_classic(const char* path, Tag tag)
                     open_cache_page = cache_page;
                 }
                 it.get(&element);
-                fg_point_from_element(&point, &element);
-                kdtree_add(writer, point.normal, point.position);  // word 3 onwards
+                fg_point_from_element(pipe.next(), &element);
             }
+            pipe.flush();
         }
     }
     if (writer)
