@@ -50,16 +50,17 @@ void save_current(const char* path, Tag tag)
 
 // The map walk's points on their way to the kd-tree writer, a batch at a time and in walk order.
 // Reading and converting the map's pages and copying the points into the kd-tree's blocks each
-// take about half of the walk, so with more than one processor the copies run on a second
+// take part of the walk, so with more than one processor the copies run on a second
 // thread while the walk goes on; the records are added in the same order, so the tree is the
 // same. Only the walk touches the map and only the second thread the writer until it is done.
 class Point_pipe {
 public:
-    explicit Point_pipe(Kdtree_handle* writer) : writer_(writer)
+    // `threaded`: whether a second thread may be used.
+    Point_pipe(Kdtree_handle* writer, bool threaded) : writer_(writer)
     {
         for (auto& batch : batches_)
             batch.resize(BATCH_POINTS);  // zeroed: the reserved words have no map field
-        if (processor_count() < 2)
+        if (!threaded || processor_count() < 2)
             return;
         const int row = thread_alloc(run, this, false);
         if (row < 0)
@@ -170,14 +171,20 @@ void save_classic(const char* path, Tag tag)
         if (map && writer) {
             Map_element_impl element(map->get_declaration());
             Map_iterator_impl it(map);
-            Point_pipe pipe(writer);
+            Map_page_store& store = map->page_store();
+            Map_manager& manager = Map_manager::instance();
+            // Only a map whose elements all lie in files: the buffers of pages held in memory
+            // alone are freed in the walk for the kd-tree's blocks to take, which a second
+            // thread allocating from its own heap arena would not do, so the peak would grow.
+            bool all_in_files = true;
+            for (const Map_segment& segment : store.segments())
+                all_in_files = all_in_files && segment.file_index >= 0;
+            Point_pipe pipe(writer, all_in_files);
             // A page that has been walked goes, changes and all, and its buffer goes back to
             // the memory manager, where the kd-tree's blocks find it: this is the last stage and
             // nothing reads the map again, and its pages would otherwise stay in memory beside
             // the kd-tree, which takes another copy of every point (a map read from a classic
             // file has only changed pages, with no file behind them).
-            Map_page_store& store = map->page_store();
-            Map_manager& manager = Map_manager::instance();
             uint32_t open_cache_page = UINT32_MAX;
             for (uint32_t i = 0, end = map->size(); i < end; ++i, it.next()) {
                 uint32_t page, slot;
