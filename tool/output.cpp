@@ -176,9 +176,12 @@ void save_classic(const char* path, Tag tag)
             // Only a map whose elements all lie in files: the buffers of pages held in memory
             // alone are freed in the walk for the kd-tree's blocks to take, which a second
             // thread allocating from its own heap arena would not do, so the peak would grow.
-            bool all_in_files = true;
+            // Elements added since the last segment (a classic input's) belong to none.
+            uint64_t in_files = 0;
             for (const Map_segment& segment : store.segments())
-                all_in_files = all_in_files && segment.file_index >= 0;
+                if (segment.file_index >= 0)
+                    in_files += uint64_t(segment.last_element) - segment.first_element + 1;
+            const bool all_in_files = map->size() > 0 && in_files == map->size();
             Point_pipe pipe(writer, all_in_files);
             // A page that has been walked goes, changes and all, and its buffer goes back to
             // the memory manager, where the kd-tree's blocks find it: this is the last stage and
