@@ -3,7 +3,10 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <mutex>
 #include <vector>
+
+#include <sys/stat.h>
 
 #include "maps/map_bvh.h"
 #include "maps/map_declaration.h"
@@ -64,6 +67,22 @@ bool write_whole_pages(Map_page_store& store, Map_file& file, uint32_t pages)
         if (!file.write_raw(store.get_page(page, true), file.page_bytes))
             return false;
     return true;
+}
+
+// True when `name` is (or may be) one of the files the store reads its pages from.
+bool overwrites_backing_file(const Map_page_store& store, const char* name)
+{
+    struct stat target;
+    if (store.file_count() == 0 || stat(name, &target) != 0)
+        return false;
+    for (size_t i = 0; i < store.file_count(); ++i) {
+        const auto* file = dynamic_cast<const Map_file*>(store.file(i));
+        struct stat source;
+        if (!file || !file->stream() || fstat(fileno(file->stream()), &source) != 0 ||
+            (source.st_dev == target.st_dev && source.st_ino == target.st_ino))
+            return true;
+    }
+    return false;
 }
 
 Map_status write_failed(Map_file& file, bool messages)
@@ -270,7 +289,10 @@ Map_status Map_impl::write_file(const char* filename, Map_file_format format, bo
         needs_build = true;
     // The build leaves the count and the page layout as they are: the file is made first, so
     // that a full build's pages go out while the trees of later pages are still being built;
-    // the bounds it recomputes are stored afterwards.
+    // the bounds it recomputes are stored afterwards. A map read from the file it is written to
+    // is built first, since making the file empties it.
+    if (overwrites_backing_file(store, filename))
+        build_bvh(BVH_DEFAULT_QUALITY, false, false);
     commit();
     const uint32_t count = size_;
     const uint32_t per_page = store.elements_per_page;
@@ -286,7 +308,11 @@ Map_status Map_impl::write_file(const char* filename, Map_file_format format, bo
         return write_failed(file, messages);
     std::atomic<uint32_t> pages_sent{0};
     std::atomic<bool> send_failed{false};
+    // One write at a time: the file's writes take its lock in the kernel anyway, and a thread
+    // that waits here sleeps instead of spinning on that lock.
+    std::mutex write_lock;
     const Map_built_page_sink sink = [&](uint32_t page, const uint8_t* bytes) {
+        std::lock_guard<std::mutex> hold(write_lock);
         if (page < pages && file.write_page_at(page, bytes))
             pages_sent.fetch_add(1, std::memory_order_relaxed);
         else
