@@ -237,11 +237,6 @@ private:
 // t + threads, ... Each thread has its own page table and page buffer, so two threads never
 // write the same page, and the result does not depend on the thread count.
 //
-// Takes each page of a full build as soon as its tree is written, when its bytes are final: from
-// every thread of the build at once, in no set order (a writer of the map file, so that the write
-// runs beside the trees of later pages instead of after all of them).
-using Map_built_page_sink = std::function<void(uint32_t page, const uint8_t* bytes)>;
-
 // Reads page i of `staged` (E elements, `last_page_count` in the last page), puts the
 // elements of the page in the order of its tree's leaves, writes the tree behind them and
 // stores the whole file page as page i of `target`.
@@ -263,8 +258,6 @@ public:
 
     // The pages of thread `t` (0 <= t < threads).
     void run_thread(uint32_t t);
-    // Every finished page also goes to `sink` (may be null), which outlives execute.
-    void set_page_sink(const Map_built_page_sink* sink) { sink_ = sink; }
 
     struct Thread_state;
 
@@ -279,7 +272,6 @@ private:
     Thread_state** states_ = nullptr; // one per thread, made by execute
     void* particle_info_ = nullptr;   // carried, not used by the build
     bool debug_names_ = false;
-    const Map_built_page_sink* sink_ = nullptr;
 };
 
 // ---- Entry points ----------------------------------------------------------------------
@@ -288,10 +280,8 @@ private:
 // global tree when there is none; `forced` demands a full build; a refit-only state rebuilds
 // the global tree over the page boxes and falls back to a full build when that fails; a full
 // build takes `threshold` (negative: MAP_BVH_DEFAULT_THRESHOLD). `verbose` gives the timer
-// lines. Both state flags are clear afterwards. A full build hands its pages to `sink` (may be
-// null) as they are done.
-void update_bvh(Map_impl& map, float threshold, bool forced, bool verbose,
-                const Map_built_page_sink* sink = nullptr);
+// lines. Both state flags are clear afterwards.
+void update_bvh(Map_impl& map, float threshold, bool forced, bool verbose);
 inline void build_bvh(Map_impl& map, float threshold, bool forced, bool verbose)
 {
     update_bvh(map, threshold, forced, verbose);
@@ -306,7 +296,7 @@ qv::shader_v3::Map_status map_commit_and_build_bvh(Map_impl& map, float quality,
 // the instance by dimension; any dimension outside 1 to 6 builds nothing (false). Lets go of
 // the map's backing files (the elements now live in its own pages, one segment). `verbose`
 // gives the timer line "building the BVH for map %u".
-bool build(Map_impl& map, bool verbose = false, const Map_built_page_sink* sink = nullptr);
+bool build(Map_impl& map, bool verbose = false);
 
 // Recomputes the boxes of a built map whose elements moved inside their pages; the timer line
 // "refitting the BVH for map %u" with `verbose`. Nothing without a global tree.

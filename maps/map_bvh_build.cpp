@@ -457,7 +457,7 @@ void copy_to_staged(Map_page_store& store, Map_page_store& staged, Bvh& bvh, uin
 }
 
 template <uint32_t N>
-bool full_build(Map_impl& map, bool verbose, const Map_built_page_sink* sink)
+bool full_build(Map_impl& map, bool verbose)
 {
     Module_scope scope(MOD_RCMP);
     double* timer = verbose ? msg_timer_start() : nullptr;
@@ -558,7 +558,6 @@ bool full_build(Map_impl& map, bool verbose, const Map_built_page_sink* sink)
     if (pages) {
         Map_page_bvh_job<N> job(map_bvh_thread_count(), &store, in_place ? &store : &staged, pages, 0, per_page,
                                 last_page_count);
-        job.set_page_sink(sink);
         job.execute(nullptr);
     }
     // 9. The staged pages go with their store; the map has one segment.
@@ -599,23 +598,23 @@ uint32_t map_bvh_thread_count()
     return g_thread_count.load();
 }
 
-bool build(Map_impl& map, bool verbose, const Map_built_page_sink* sink)
+bool build(Map_impl& map, bool verbose)
 {
     // An element larger than a page leaves no place for any element (E = 0): nothing to build.
     if (!map.get_declaration() || !map.page_store().is_configured() || map.page_store().elements_per_page == 0)
         return false;
     switch (map.page_store().dimension) {
-    case 1: return full_build<1>(map, verbose, sink);
-    case 2: return full_build<2>(map, verbose, sink);
-    case 3: return full_build<3>(map, verbose, sink);
-    case 4: return full_build<4>(map, verbose, sink);
-    case 5: return full_build<5>(map, verbose, sink);
-    case 6: return full_build<6>(map, verbose, sink);
+    case 1: return full_build<1>(map, verbose);
+    case 2: return full_build<2>(map, verbose);
+    case 3: return full_build<3>(map, verbose);
+    case 4: return full_build<4>(map, verbose);
+    case 5: return full_build<5>(map, verbose);
+    case 6: return full_build<6>(map, verbose);
     default: return false;
     }
 }
 
-void update_bvh(Map_impl& map, float threshold, bool forced, bool verbose, const Map_built_page_sink* sink)
+void update_bvh(Map_impl& map, float threshold, bool forced, bool verbose)
 {
     if (!map.bvh_enabled || !map.get_declaration())
         return;
@@ -654,7 +653,7 @@ void update_bvh(Map_impl& map, float threshold, bool forced, bool verbose, const
         if (threshold < 0.0f)
             threshold = MAP_BVH_DEFAULT_THRESHOLD;
         (void)threshold;
-        build(map, verbose, sink);
+        build(map, verbose);
         map.needs_build = false;
         map.needs_refit = false;
     }

@@ -426,36 +426,6 @@ bool Map_file::write_raw(const void* data, size_t bytes)
     return is_open && fwrite(data, 1, bytes, stream_) == bytes;
 }
 
-bool Map_file::write_page_at(uint32_t page, const void* data)
-{
-    if (!is_open)
-        return false;
-    const int descriptor = fileno(stream_);
-    const auto* bytes = static_cast<const uint8_t*>(data);
-    const off_t at = off_t(data_offset + uint64_t(page) * page_bytes);
-    for (size_t done = 0; done < page_bytes;) {
-        ssize_t n = pwrite(descriptor, bytes + done, page_bytes - done, at + off_t(done));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        done += size_t(n);
-    }
-    return true;
-}
-
-bool Map_file::flush()
-{
-    return is_open && fflush(stream_) == 0;
-}
-
-bool Map_file::write_bounds(const Map_bounds& box)
-{
-    bounds = box;
-    const uint32_t m = declaration.dimension();
-    return write_at(bounds_offset, bounds.minimum, 4 * m) && write_raw(bounds.maximum, 4 * m);
-}
-
 bool Map_file::clear_bvh_offset()
 {
     const uint64_t zero = 0;

@@ -140,13 +140,6 @@ public:
     bool seek_data(uint64_t offset);
     // Writes `bytes` at the stream's position.
     bool write_raw(const void* data, size_t bytes);
-    // Writes file page `page` (page_bytes) at its place past the data start, bypassing the
-    // stream and leaving its position alone: threads may call it at once, each for pages of its
-    // own. Whatever the stream holds must have been flushed first (flush).
-    bool write_page_at(uint32_t page, const void* data);
-    bool flush();
-    // Stores `box` as the file's bounds (a write whose map's bounds changed after the header).
-    bool write_bounds(const Map_bounds& box);
     // Stores 0 in the BVH offset field: a file appended to has no BVH.
     bool clear_bvh_offset();
 

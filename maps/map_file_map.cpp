@@ -1,14 +1,9 @@
 // Map_impl's file operations: read, write, append_to_file and append_from_file of the binary
 // map file. The layout itself belongs to Map_file; this file decides what of a map goes where.
 #include <algorithm>
-#include <atomic>
 #include <cstring>
-#include <mutex>
 #include <vector>
 
-#include <sys/stat.h>
-
-#include "maps/map_bvh.h"
 #include "maps/map_declaration.h"
 #include "maps/map_file.h"
 #include "maps/map_impl.h"
@@ -67,22 +62,6 @@ bool write_whole_pages(Map_page_store& store, Map_file& file, uint32_t pages)
         if (!file.write_raw(store.get_page(page, true), file.page_bytes))
             return false;
     return true;
-}
-
-// True when `name` is (or may be) one of the files the store reads its pages from.
-bool overwrites_backing_file(const Map_page_store& store, const char* name)
-{
-    struct stat target;
-    if (store.file_count() == 0 || stat(name, &target) != 0)
-        return false;
-    for (size_t i = 0; i < store.file_count(); ++i) {
-        const auto* file = dynamic_cast<const Map_file*>(store.file(i));
-        struct stat source;
-        if (!file || !file->stream() || fstat(fileno(file->stream()), &source) != 0 ||
-            (source.st_dev == target.st_dev && source.st_ino == target.st_ino))
-            return true;
-    }
-    return false;
 }
 
 Map_status write_failed(Map_file& file, bool messages)
@@ -287,48 +266,23 @@ Map_status Map_impl::write_file(const char* filename, Map_file_format format, bo
     // i / E, slot i % E. Without a BVH the pages are repacked below where they don't.
     if (store.segments().size() > 1)
         needs_build = true;
-    // The build leaves the count and the page layout as they are: the file is made first, so
-    // that a full build's pages go out while the trees of later pages are still being built;
-    // the bounds it recomputes are stored afterwards. A map read from the file it is written to
-    // is built first, since making the file empties it.
-    if (overwrites_backing_file(store, filename))
-        build_bvh(BVH_DEFAULT_QUALITY, false, false);
-    commit();
+    build_bvh(BVH_DEFAULT_QUALITY, false, false);
+
     const uint32_t count = size_;
     const uint32_t per_page = store.elements_per_page;
     const uint32_t pages = count == 0 ? 0 : (count - 1) / per_page + 1;
     Map_status status = MAP_SUCCESS;
     Map_file file(MAP_FILE_KIND_WRITE, MAP_FORMAT_BINARY, notice, messages, false, filename, declaration, count,
                   MAP_FILE_PAGE_BYTES, per_page, pages, &bounds, &status);
-    if (status != MAP_SUCCESS) {
-        build_bvh(BVH_DEFAULT_QUALITY, false, false);
+    if (status != MAP_SUCCESS)
         return status;
-    }
+
     if (globals && !file.write_global(globals))
         return write_failed(file, messages);
-    std::atomic<uint32_t> pages_sent{0};
-    std::atomic<bool> send_failed{false};
-    // One write at a time: the file's writes take its lock in the kernel anyway, and a thread
-    // that waits here sleeps instead of spinning on that lock.
-    std::mutex write_lock;
-    const Map_built_page_sink sink = [&](uint32_t page, const uint8_t* bytes) {
-        std::lock_guard<std::mutex> hold(write_lock);
-        if (page < pages && file.write_page_at(page, bytes))
-            pages_sent.fetch_add(1, std::memory_order_relaxed);
-        else
-            send_failed.store(true, std::memory_order_relaxed);
-    };
-    if (!file.flush())
+    if (!file.seek_data(0))
         return write_failed(file, messages);
-    update_bvh(*this, 1.0f - BVH_DEFAULT_QUALITY, false, false, &sink);
-    if (send_failed.load())
-        return write_failed(file, messages);
-    if (!file.write_bounds(bounds) || !file.seek_data(0))
-        return write_failed(file, messages);
-    // Pages that no full build sent (a map whose tree was up to date) are written here.
-    bool written = pages_sent.load() == pages ? file.seek_data(uint64_t(pages) * file.page_bytes)
-                   : pages_are_packed(store, count) ? write_whole_pages(store, file, pages)
-                                                    : write_repacked_pages(store, file, 0, count, per_page);
+    bool written = pages_are_packed(store, count) ? write_whole_pages(store, file, pages)
+                                                  : write_repacked_pages(store, file, 0, count, per_page);
     if (!written)
         return write_failed(file, messages);
     map_file_write_bvh(*this, file);

@@ -72,7 +72,7 @@ Map_page_bvh_job<N>::Map_page_bvh_job(const Map_page_bvh_job& other)
     : QV::SCHED::Job(other), threads_(other.threads_), store_(other.store_), staged_(other.staged_),
       pages_(other.pages_), first_staged_page_(other.first_staged_page_),
       elements_per_page_(other.elements_per_page_), last_page_count_(other.last_page_count_),
-      particle_info_(other.particle_info_), debug_names_(other.debug_names_), sink_(other.sink_)
+      particle_info_(other.particle_info_), debug_names_(other.debug_names_)
 {
 }
 
@@ -91,8 +91,6 @@ void Map_page_bvh_job<N>::run_thread(uint32_t t)
             // where it is.
             uint8_t* page = store_->get_page(i, false, state.table);
             map_page_bvh_build<N>(page, count, elements_per_page_, element_bytes, nullptr, *state.scratch);
-            if (sink_)
-                (*sink_)(i, page);
             continue;
         }
         // The staged page is only read (through the thread's buffer), so it never becomes dirty
@@ -107,8 +105,6 @@ void Map_page_bvh_job<N>::run_thread(uint32_t t)
         // Fetched last: nothing else is fetched before the build has written it.
         uint8_t* target = store_->get_page(i, false, state.table);
         map_page_bvh_build<N>(state.buffer, count, elements_per_page_, element_bytes, target, *state.scratch);
-        if (sink_)
-            (*sink_)(i, target);
     }
 }
 
