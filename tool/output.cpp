@@ -58,16 +58,19 @@ public:
     // `threaded`: whether a second thread may be used.
     Point_pipe(Kdtree_handle* writer, bool threaded) : writer_(writer)
     {
-        for (auto& batch : batches_)
-            batch.resize(BATCH_POINTS);  // zeroed: the reserved words have no map field
         if (!threaded || processor_count() < 2)
             return;
+        for (auto& batch : batches_)
+            batch.resize(BATCH_POINTS);  // zeroed: the reserved words have no map field
         const int row = thread_alloc(run, this, false);
         if (row < 0)
             return;
         thread_notify_end(row, [](void* latch) { static_cast<std::latch*>(latch)->count_down(); }, &ended_);
         threaded_ = thread_start(row) != 0;
     }
+
+    // Without a second thread the walk adds each point itself: a batch would only add a copy.
+    bool threaded() const { return threaded_; }
 
     ~Point_pipe()
     {
@@ -84,12 +87,12 @@ public:
     Point_pipe(const Point_pipe&) = delete;
     Point_pipe& operator=(const Point_pipe&) = delete;
 
-    // The slot for the next point, taken in order; every point taken is added.
+    // The slot for the next point, taken in order; every point taken is added. Threaded only.
     Fg_point* next()
     {
         if (filled_ == BATCH_POINTS)
             flush();
-        if (filled_ == 0 && threaded_) {
+        if (filled_ == 0) {
             // The batch about to be filled must have been added.
             std::unique_lock lock(mutex_);
             changed_.wait(lock, [this] { return handed_ - added_ < BATCHES; });
@@ -104,11 +107,6 @@ public:
             return;
         const uint32_t count = filled_;
         filled_ = 0;
-        if (!threaded_) {
-            add(batches_[handed_ % BATCHES], count);
-            ++handed_;
-            return;
-        }
         {
             std::lock_guard lock(mutex_);
             counts_[handed_ % BATCHES] = count;
@@ -183,6 +181,7 @@ void save_classic(const char* path, Tag tag)
                     in_files += uint64_t(segment.last_element) - segment.first_element + 1;
             const bool all_in_files = map->size() > 0 && in_files == map->size();
             Point_pipe pipe(writer, all_in_files);
+            Fg_point point = {};  // the reserved words have no map field; they are written as zero
             // A page that has been walked goes, changes and all, and its buffer goes back to
             // the memory manager, where the kd-tree's blocks find it: this is the last stage and
             // nothing reads the map again, and its pages would otherwise stay in memory beside
@@ -204,7 +203,12 @@ void save_classic(const char* path, Tag tag)
                     open_cache_page = cache_page;
                 }
                 it.get(&element);
-                fg_point_from_element(pipe.next(), &element);
+                if (pipe.threaded()) {
+                    fg_point_from_element(pipe.next(), &element);
+                } else {
+                    fg_point_from_element(&point, &element);
+                    kdtree_add(writer, point.normal, point.position);  // word 3 onwards
+                }
             }
             pipe.flush();
         }
