@@ -81,10 +81,6 @@ struct Point_distance {
     const float* point;
     float box(const float* minimum, const float* maximum) const { return box_distance<N>(minimum, maximum, point); }
     float node(const Map_bvh_node<N>& node) const { return box_distance<N>(node.minimum, node.maximum, point); }
-    float leaf(const Map_bvh_box<N>& box, uint32_t, uint32_t) const
-    {
-        return box_distance<N>(box.minimum, box.maximum, point);
-    }
     float element(const uint8_t* bytes) const
     {
         return point_distance<N>(reinterpret_cast<const float*>(bytes), point);
@@ -116,7 +112,6 @@ struct Segment_distance {
         return map_segment_box_distance(origin, direction, length, minimum, maximum);
     }
     float node(const Map_bvh_node<3>& node) const { return box(node.minimum, node.maximum); }
-    float leaf(const Map_bvh_box<3>& box, uint32_t, uint32_t) const { return this->box(box.minimum, box.maximum); }
     float element(const uint8_t* bytes) const
     {
         return map_segment_point_distance(origin, direction, length, reinterpret_cast<const float*>(bytes));
