@@ -198,22 +198,6 @@ TEST_F(Map_bvh_build_test, InPlaceReorderGivesTheBytesOfTheStagedCopy)
     }
 }
 
-TEST_F(Map_bvh_build_test, RefitFollowsElementsMovedInsideTheirPages)
-{
-    Map_impl map(small_declaration());
-    fill_random(map, 6000, 10);
-    map.build_bvh(0.6f, false, false);
-    // Moved behind the map's back, as a particle update does: the trees are stale.
-    Small_element moved = element_of(map, 4321);
-    moved.position[2] = 900.0f;
-    map.write_element(4321, &moved);
-    show_timers();
-    refit(map, true);
-    check_built<3>(map);
-    EXPECT_EQ(global_of(map).nodes()[0].maximum[2], 900.0f);
-    EXPECT_TRUE(saw("for refitting the BVH for map "));
-}
-
 TEST_F(Map_bvh_build_test, UpdateRebuildsOnlyWhatIsStaleAndTimesIt)
 {
     Map_impl map(small_declaration());
@@ -224,15 +208,6 @@ TEST_F(Map_bvh_build_test, UpdateRebuildsOnlyWhatIsStaleAndTimesIt)
     map.needs_build = true;
     update_bvh(map, -1.0f, false, true);
     EXPECT_TRUE(saw("for building the BVH for map "));
-    // Refit state only: the global tree is rebuilt over the boxes, the pages stay as they are.
-    const std::vector<uint8_t> pages = all_pages(map);
-    captured().clear();
-    map.needs_refit = true;
-    update_bvh(map, -1.0f, false, true);
-    EXPECT_TRUE(saw("for building the global BVH for map "));
-    EXPECT_FALSE(saw("for building the BVH for map "));
-    EXPECT_EQ(all_pages(map), pages);
-    check_built<3>(map);
     // A fresh global tree has no boxes, so a refit state falls through to a full build.
     map_global_bvh_destroy(map.global_bvh);
     map.global_bvh = nullptr;
