@@ -385,12 +385,4 @@ TEST_F(Map_lookup_test, StatusesSortingAndTheResultWalk)
     EXPECT_EQ(walk.set(id, int32_t(5)), MAP_NOT_EDITABLE);
     EXPECT_EQ(walk.skip(lookup.size()), MAP_LOOKUP_OUT_OF_RANGE);
 
-    // An empty map: no results, and exhausted at once.
-    Map_declaration_impl declaration(2);
-    Map_impl empty(declaration);
-    empty.build_bvh(0.6f, true, false);
-    Map_lookup_impl nothing(&empty);
-    EXPECT_EQ(nothing.search(spot, 2, 5, 1.0e30f), MAP_SUCCESS);
-    EXPECT_TRUE(nothing.is_empty());
-    EXPECT_TRUE(nothing.is_exhausted());
 }
