@@ -68,6 +68,7 @@ TEST_F(HostLayerTest, HandlerReportsBadMessagesAndDoesNothingElse)
     };
     const Case cases[] = {
         {13, 36, 0, 0, "N41026 received net msg with bad opcode 13"},
+        {-1, 36, 0, 0, "N41026 received net msg with bad opcode -1"},
         {DB_NET_DELETE, 20, 0, 0, "N41028 received net msg of 20 bytes"},
         {DB_NET_DELETE, 40, 0, 0, "N41028 received net msg with payload length 0 in 40 bytes"},
         {DB_NET_FLUSH, 36 + 1365, 1365, 0, "N41028 received net msg with payload length 1365"},
