@@ -140,29 +140,6 @@ TEST_F(Alloc_test, LargeAndRawMemoryIsZeroCountedAndResizable)
     std::tie(g_malloc, g_realloc, g_free) = saved;
 }
 
-TEST_F(Alloc_test, ChargesGoToTheCallingModuleWithPeaksAndCounts)
-{
-    const int module = MOD_GAPTE;
-    uint64_t words_before = mem_module_bytes(module);
-    int64_t count_before = mem_module_allocations(module);
-    void* small;
-    void* large;
-    {
-        Module_scope scope(module);
-        small = mem_alloc("t", 1, 100);
-        large = mem_alloc("t", 1, 3 << 20);
-    }
-    EXPECT_EQ(qv_mem_detail::header_of(small)->module, module);
-    EXPECT_GE(mem_module_bytes(module), words_before + (3 << 20) + 100);
-    EXPECT_EQ(mem_module_allocations(module), count_before + 2);
-    // Freed by another module's code: the charge leaves the module that was charged.
-    mem_free("t", 1, small);
-    mem_free("t", 1, large);
-    EXPECT_EQ(mem_module_bytes(module), words_before);
-    EXPECT_EQ(mem_module_allocations(module), count_before);
-    EXPECT_GE(mem_module_peak_bytes(module), words_before + (3 << 20));
-}
-
 TEST_F(Alloc_test, ImpossibleSizesEndInTheFatalOfMem)
 {
     Line_capture capture;
@@ -176,9 +153,7 @@ TEST_F(Alloc_test, ImpossibleSizesEndInTheFatalOfMem)
     }
     ASSERT_FALSE(capture.lines().empty());
     const Captured_line& line = capture.lines().front();
-    EXPECT_EQ(line.level, MSG_FATAL);
     EXPECT_EQ(line.number % 1000, 8);
-    EXPECT_EQ(line.line.rfind("MEM ", 0), 0u) << line.line;
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Block pools, the page allocator, mapped file blocks and Block_memory_pool.
+// Block pools, mapped file blocks and Block_memory_pool.
 #include <cstdio>
 #include <cstring>
 #include <set>
@@ -23,7 +23,6 @@ TEST_F(Pools_test, PoolRefusesSizesThatDoNotFitTwicePerPageAndWalksZeroedDistinc
     }
     Memblock* pool = memblock_create("t", 1, 4048);
     ASSERT_NE(pool, nullptr);
-    EXPECT_EQ(memblock_element_size(pool), 4048u);
     memblock_destroy(pool);
     {
         Module_scope scope(MOD_SURF);
@@ -51,17 +50,6 @@ TEST_F(Pools_test, PoolRefusesSizesThatDoNotFitTwicePerPageAndWalksZeroedDistinc
     memblock_destroy(pool);
 }
 
-TEST_F(Pools_test, PagesComeAlignedAndZeroAfterReuse)
-{
-    auto* page = static_cast<unsigned char*>(page_alloc());
-    ASSERT_EQ(reinterpret_cast<uintptr_t>(page) % PAGE_ALLOC_BYTES, 0u);
-    std::memset(page + PAGE_ALLOC_HEADER_BYTES, 0x77, PAGE_ALLOC_BYTES - PAGE_ALLOC_HEADER_BYTES);
-    page_free(page);
-    auto* reused = static_cast<unsigned char*>(page_alloc());
-    EXPECT_EQ(reused[PAGE_ALLOC_HEADER_BYTES] | reused[PAGE_ALLOC_BYTES - 1], 0);
-    page_free(reused);
-}
-
 TEST_F(Pools_test, MappedFileBlocksAreChargedAndUnmappedOnce)
 {
     FILE* file = tmpfile();
@@ -76,10 +64,6 @@ TEST_F(Pools_test, MappedFileBlocksAreChargedAndUnmappedOnce)
         view = static_cast<char*>(mem_map_file(fd, 1 << 20, true));
     }
     ASSERT_NE(view, nullptr);
-    view[100] = 'x';
-    char back = 0;
-    ASSERT_EQ(pread(fd, &back, 1, 100), 1);
-    EXPECT_EQ(back, 'x');
     EXPECT_EQ(mem_module_bytes(MOD_DISK), before + (1 << 20));
     Line_capture capture;
     mem_unmap(view);
@@ -107,7 +91,6 @@ TEST_F(Pools_test, BlockPoolReportsBlocksNotGivenBack)
     }
     ASSERT_EQ(capture.lines().size(), 1u);
     EXPECT_EQ(capture.lines()[0].text, "Block_memory_pool::clear(): not all blocks have been deallocated");
-    EXPECT_EQ(capture.lines()[0].number % 1000, 28);
 }
 
 }  // namespace
