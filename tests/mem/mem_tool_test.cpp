@@ -1,5 +1,5 @@
-// The memory manager under the whole tool: a run under a low heap limit flushes the map cache
-// instead of failing, and writes the map an unlimited run writes.
+// The memory manager under the whole tool: the block allocator changes no byte of what a run
+// gives, and a run under a low heap limit flushes the map cache instead of failing.
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -48,12 +48,28 @@ protected:
     std::string input_;
 };
 
-TEST_F(Tool_run_test, ALowHeapLimitFlushesTheMapCacheInsteadOfFailing)
+TEST_F(Tool_run_test, BlockAllocatorChangesNoOutputAndALowHeapLimitFlushesInsteadOfFailing)
 {
-    std::string err;
-    ASSERT_EQ(run("", "-v -f 0.05 " + input_ + " " + dir_ + "/out", &err), 0) << err;
-    const std::string reference = slurp(dir_ + "/out");   // the map the limited run must write
-    ASSERT_FALSE(reference.empty());
+    const std::string jobs[] = {
+        "-v -f 0.05 " + input_ + " " + dir_ + "/out",
+        "-b 0 0 0 2 2 2 -l on " + input_ + " " + dir_ + "/out",
+        "-B 0 0 0 1 1 1 -f 0.2 " + input_ + " " + input_ + " " + dir_ + "/out",
+    };
+    std::string reference;   // the map the first job writes, as the limited run below must
+    for (const std::string& job : jobs) {
+        std::string err_blocks, err_heap;
+        int code_blocks = run("env -u QV_MEM_NOBLOCKS", job, &err_blocks);
+        std::string out_blocks = slurp(dir_ + "/out");
+        int code_heap = run("env QV_MEM_NOBLOCKS=1", job, &err_heap);
+        std::string out_heap = slurp(dir_ + "/out");
+        EXPECT_EQ(code_blocks, 0) << job;
+        EXPECT_EQ(code_heap, code_blocks) << job;
+        EXPECT_FALSE(out_blocks.empty()) << job;
+        EXPECT_TRUE(out_blocks == out_heap) << job;
+        EXPECT_EQ(err_blocks, err_heap) << job;
+        if (reference.empty())
+            reference = out_blocks;
+    }
     std::string limited = dir_ + "/limited";
     // The whole pipeline in a child, as the tool runs it, with a limit a little above what the
     // process holds before the maps are read.
