@@ -131,6 +131,7 @@ TEST_F(ClusterTest, SlavesFetchPlainAndSerializedElementsByteForByte)
     Db_tag tag = 0;
     QV::DB::get_transaction()->store(&tag, blob, nullptr);
     publish();
+    EXPECT_EQ(slave(1).ask("type " + hex(tag)), "ok 63");
     for (int host : {1, 2})
         EXPECT_EQ(slave(host).ask("fetch " + hex(tag)), "ok63 5000 " + hex(hash));
 }
@@ -262,4 +263,35 @@ TEST_F(ClusterTest, SlaveKilledMidTransferEndsItsTransfersAndTheMasterGoesOn)
     EXPECT_FALSE(qv_msg_host_live(3));
     EXPECT_EQ(slave(1).ask("fetch " + hex(small)), expected_fetch(qv_db_peek(small)->data, 2000));
     qv_db_delete(big);
+}
+
+// Both peers' master: it warns of the tags a slave leaves behind, and its death ends the slaves.
+TEST(PeerMasterTest, WarnsOfTagsLeftByADisconnectingSlaveAndItsDeathEndsTheOthers)
+{
+    hostmsg_process_setup();
+    setenv("QV_DEBUG_SLAVE_TAGS", "1", 1);
+    Peer master({"master"});
+    unsetenv("QV_DEBUG_SLAVE_TAGS");
+    std::string port = master.line();
+    ASSERT_EQ(port.substr(0, 5), "port ");
+    std::unique_ptr<Peer> slaves[2];
+    for (int i = 0; i < 2; ++i) {
+        master.send("accept " + std::to_string(i + 1));
+        slaves[i] = std::make_unique<Peer>(std::vector<std::string>{"slave", port.substr(5)});
+        ASSERT_EQ(master.line(), "ok");
+        ASSERT_EQ(slaves[i]->line(), "host " + std::to_string(i + 1));
+    }
+
+    // A tag of slave 1 that the master fetched stays on the master after the slave is gone.
+    std::string made = slaves[0]->ask("make 10 1");
+    ASSERT_EQ(made.substr(0, 3), "ok ");
+    ASSERT_EQ(master.ask("fetch " + made.substr(3)).substr(0, 5), "ok 16");
+    slaves[0]->finish();
+    EXPECT_TRUE(wait_until([&] {
+        return master.messages().find("Found 1 still existing tags for disconnecting host 1") != std::string::npos;
+    }));
+
+    master.kill_now();
+    EXPECT_EQ(slaves[1]->wait_exit(10000), 1);
+    EXPECT_NE(slaves[1]->messages().find("connection to master broken. goodbye."), std::string::npos);
 }

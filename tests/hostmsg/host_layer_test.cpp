@@ -98,6 +98,13 @@ TEST_F(HostLayerTest, HandlerReportsBadMessagesAndDoesNothingElse)
 
 TEST_F(HostLayerTest, PeerOfTheOtherByteOrderIsUnderstoodAndAnsweredInOurs)
 {
+    Db_net_header header{0x01020304, 0x05060708, 0x090A0B0C, 0x0D0E0F10, 0x11121314, 0x15161718, 0x191A1B1C,
+                         0x1D, 0x1E, 0x1F, 0x20, 0x2122, 0x23, 0x24};
+    const Db_net_header swapped{0x04030201, 0x08070605, 0x0C0B0A09, 0x100F0E0D, 0x14131211, 0x18171615,
+                                0x1C1B1A19, 0x1D, 0x1E, 0x1F, 0x20, 0x2221, 0x23, 0x24};
+    EXPECT_EQ(qv_scene_swap_layout(&header, DB_NET_HEADER_LAYOUT), DB_NET_HEADER_BYTES);
+    EXPECT_EQ(std::memcmp(&header, &swapped, DB_NET_HEADER_BYTES), 0);
+
     // Host 5 on a loopback pair whose far end this thread plays, with a welcome in the other order.
     int sockets[2];
     ASSERT_TRUE(qv_msg_socketpair(sockets));

@@ -1,4 +1,4 @@
-// Cluster test support: this process as the master, peer processes as slaves,
+// Cluster test support: this process as the master, peer processes as slaves (or as a master),
 // each driven on its stdin and answering on its stdout. Every read is bounded, and a peer that is
 // still running when its object goes away is killed and reaped.
 #pragma once
@@ -11,9 +11,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
+#include <fstream>
 #include <mutex>
 #include <poll.h>
 #include <spawn.h>
+#include <iterator>
 #include <string>
 #include <sys/wait.h>
 #include <thread>
@@ -181,6 +183,13 @@ public:
     {
         if (pid_ > 0 && kill(pid_, SIGKILL) == 0)
             wait_exit(60000);
+    }
+
+    // Its whole stderr so far: the "L<level> N<number> <text>" lines.
+    std::string messages() const
+    {
+        std::ifstream file(err_path_);
+        return {std::istreambuf_iterator<char>(file), {}};
     }
 
     // Orderly end: "exit" and a bounded wait, else killed.

@@ -2,9 +2,11 @@
 // one line on stdout. Messages of the runtime go to stderr as "L<level> N<number> <text>".
 //
 //     hostmsg_peer slave <port>     joins the master on 127.0.0.1:<port>
+//     hostmsg_peer master           listens on 127.0.0.1; prints "port <n>"
 //
-// Commands: make <size> <seed> | fetch <tag> | state <tag> | write <tag> <byte> | lock <tag> |
-// unlock <tag> | pin <tag> | unpin <tag> | delete <tag> | exit
+// Commands: make <size> <seed> | fetch <tag> | type <tag> | state <tag> |
+// write <tag> <byte> | lock <tag> | unlock <tag> | pin <tag> | unpin <tag> | delete <tag> |
+// accept <host> | exit
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -54,7 +56,7 @@ std::string fetch(Db_tag tag)
     return line;
 }
 
-std::string run(const std::string& command, std::istringstream& words)
+std::string run(const std::string& command, std::istringstream& words, int listener)
 {
     unsigned long long a = 0, b = 0;
     words >> std::hex >> a >> b;
@@ -69,6 +71,10 @@ std::string run(const std::string& command, std::istringstream& words)
     }
     if (command == "fetch")
         return fetch(tag);
+    if (command == "type") {
+        std::snprintf(line, sizeof line, "ok %d", int(qv_db_type(tag)));
+        return line;
+    }
     if (command == "state") {
         Record_probe probe = probe_record(tag);
         std::snprintf(line, sizeof line, "ok %d %d", probe.state, probe.has_data ? 1 : 0);
@@ -96,6 +102,8 @@ std::string run(const std::string& command, std::istringstream& words)
         qv_db_delete(tag);
         return "ok";
     }
+    if (command == "accept")
+        return qv_msg_accept(listener, uint32_t(a), 10000) ? "ok" : "failed";
     return "unknown command " + command;
 }
 
@@ -122,6 +130,7 @@ int main(int argc, char** argv)
     runner.execute = [](Db_tag) { return 1; };
     QV::SCHED::qv_job_set_runner(runner);
 
+    int listener = -1;
     std::string role = argv[1];
     if (role == "slave" && argc > 2) {
         std::string address = std::string("127.0.0.1:") + argv[2];
@@ -129,6 +138,12 @@ int main(int argc, char** argv)
         if (socket < 0 || !qv_msg_join(socket))
             return 3;
         reply("host " + std::to_string(qv_msg_self()));
+    } else if (role == "master") {
+        int port = 0;
+        listener = qv_msg_listen("127.0.0.1", 0, &port);
+        if (listener < 0)
+            return 3;
+        reply("port " + std::to_string(port));
     } else {
         return 2;
     }
@@ -140,7 +155,7 @@ int main(int argc, char** argv)
         words >> command;
         if (command == "exit")
             break;
-        std::string answer = run(command, words);
+        std::string answer = run(command, words, listener);
         // Other hosts act on this answer, an order no race detector sees across processes; the
         // table lock that the network thread takes before it handles a message makes it one.
         qv_msg_connections();
