@@ -1,6 +1,8 @@
-// Heap limits (set, from the registry), the flush protocol, and the failure step.
+// Heap limits (set, from the registry), the flush protocol with the database as a client, and
+// the failure step.
 #include <vector>
 
+#include "database/db.h"
 #include "runtime/registry.h"
 #include "tests/mem/mem_fixture.h"
 
@@ -164,6 +166,37 @@ TEST_F(Limits_test, TenFailedAttemptsEndInTheFatalOfMem)
     EXPECT_EQ(last.level, MSG_FATAL);
     EXPECT_EQ(last.text, "can't allocate 123456 bytes.");
     EXPECT_EQ(last.line.rfind("MEM ", 0), 0u) << last.line;
+}
+
+// The database's flush callback takes its oldest unpinned data, and only as much as asked.
+TEST_F(Limits_test, DatabaseFlushEvictsUnpinnedDataUntilTheTargetIsReached)
+{
+    // In a fresh child: the database is started for this case only, and no cache or buffer
+    // left by an earlier case in this process answers the flush before the database does.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            msg_set_host_number(0);
+            thread_context()->host_number = 0;
+            qv_db_init();
+            const int type = 14;
+            bool ok = qv_db_type_tracked(type);
+            Db_tag tags[8];
+            for (Db_tag& tag : tags) {
+                qv_db_create(&tag, type, 1 << 20);
+                qv_db_unpin(tag);
+            }
+            // One of them stays pinned: it must survive whatever is asked.
+            Db_tag pinned = tags[0];
+            qv_db_access(pinned);
+            uint64_t before = mem_current_bytes() / 8;
+            uint64_t freed = mem_flush_to(before - (uint64_t(3) << 17));
+            ok = ok && freed >= (uint64_t(3) << 17) && freed < (uint64_t(5) << 17);
+            uint64_t all = mem_flush_to(0);
+            ok = ok && freed + all < (uint64_t(8) << 17) && freed + all >= (uint64_t(7) << 17);
+            _exit(ok ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
