@@ -71,6 +71,25 @@ static_assert(offsetof(Db_record, module) == 39);
 static_assert(offsetof(Db_record, state) == 40);
 static_assert(offsetof(Db_record, shared) == 43);
 
+// The access path looks at a record's data and state without its lock (it waits out an arriving
+// or flushing element by looking again), so every store of either field and those looks are atomic.
+inline void* qv_db_data_peek(const Db_record* record)
+{
+    return __atomic_load_n(&record->data, __ATOMIC_ACQUIRE);
+}
+inline void qv_db_data_store(Db_record* record, void* data)
+{
+    __atomic_store_n(&record->data, data, __ATOMIC_RELEASE);
+}
+inline uint8_t qv_db_state_peek(const Db_record* record)
+{
+    return __atomic_load_n(&record->state, __ATOMIC_ACQUIRE);
+}
+inline void qv_db_state_store(Db_record* record, uint8_t state)
+{
+    __atomic_store_n(&record->state, state, __ATOMIC_RELEASE);
+}
+
 // ---- Tag arithmetic (no record is touched) ---------------------------------------------------
 inline bool qv_db_is_job(Db_tag tag) { return (tag & 0xC0000000u) == 0x40000000u; }
 // Host that allocated the tag: bits 30..24 when bit 31 is set, else the master.
@@ -247,6 +266,7 @@ uint32_t qv_db_pin_sum(const Db_thread_list* list, int pidx);
 struct Db_flush_entry {
     Db_record* record;
     Db_tag tag;
+    uint32_t stamp;  // lru_stamp when collected: readers go on stamping while the walk sorts
 };
 // Called under the global lock with unpinned tracked candidates, oldest lru_stamp first.
 using Db_flush_fn = void (*)(void* user1, void* user2, Db_flush_entry* entries, int count,

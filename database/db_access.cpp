@@ -8,7 +8,7 @@ namespace qv_db_detail {
 namespace {
 
 // Another thread or the network reader may change the state while we wait for it.
-inline uint8_t state_now(const Db_record* record) { return *static_cast<const volatile uint8_t*>(&record->state); }
+inline uint8_t state_now(const Db_record* record) { return qv_db_state_peek(record); }
 
 bool host_live(uint32_t host) { return g_remote_hooks.host_live && g_remote_hooks.host_live(host); }
 
@@ -44,8 +44,9 @@ void timewarp()
 inline void stamp(Db_record* record)
 {
     uint32_t now = g_clock.load(std::memory_order_relaxed);
-    if (record->lru_stamp != now)
-        record->lru_stamp = now;
+    // Readers of one tag stamp it side by side; any of their clock values will do.
+    if (__atomic_load_n(&record->lru_stamp, __ATOMIC_RELAXED) != now)
+        __atomic_store_n(&record->lru_stamp, now, __ATOMIC_RELAXED);
 }
 
 }  // namespace
@@ -90,7 +91,7 @@ Db_record* access_path(Db_tag tag, uint32_t home)
             if (context)
                 pin_chain(pins_of(context), record);
             qv_db_clock_advance();
-            record->lru_stamp = g_clock.load(std::memory_order_relaxed);
+            __atomic_store_n(&record->lru_stamp, g_clock.load(std::memory_order_relaxed), __ATOMIC_RELAXED);
         }
     } else {
         record = record_make(tag);
@@ -98,20 +99,20 @@ Db_record* access_path(Db_tag tag, uint32_t home)
             pin_chain(pins_of(context), record);
         stamp(record);
         // Taking the record's lock waits out an eviction or a producer that holds it.
-        if (!record->data || state_now(record) == DB_STATE_FLUSHING) {
+        if (!qv_db_data_peek(record) || state_now(record) == DB_STATE_FLUSHING) {
             lock_enter(record->lock);
             lock_leave(record->lock);
         }
-        if (!record->data && owner != home) {
+        if (!qv_db_data_peek(record) && owner != home) {
             remote_pin(tag, owner, true);
             remote_pinned = true;
         }
-        if (!record->data) {
+        if (!qv_db_data_peek(record)) {
             if (!g_job_hooks.execute || !g_job_hooks.execute(tag))
                 msg_fatal_n(37, "database job execution failed");
             if (this_host() == 0)
                 owner = 0;
-            if (!record->data)
+            if (!qv_db_data_peek(record))
                 msg_debug("job execution for tag %#x type %d yields nothing, trying network.", tag,
                           int(record->type));
         }
@@ -122,16 +123,16 @@ Db_record* access_path(Db_tag tag, uint32_t home)
             thread_sleep(50000);
 
     uint8_t state = state_now(record);
-    if (record->data && state != DB_STATE_ARRIVING) {
+    if (qv_db_data_peek(record) && state != DB_STATE_ARRIVING) {
         if (state == DB_STATE_FREE)
             msg_fatal_n(11, "accessed invalid (deleted?) DB tag %#x", tag);
     } else if (state != DB_STATE_ARRIVING && owner == home &&
-               !((state == DB_STATE_NORMAL || state == DB_STATE_ATTACHED) && !record->data &&
+               !((state == DB_STATE_NORMAL || state == DB_STATE_ATTACHED) && !qv_db_data_peek(record) &&
                  owner != this_host())) {
         msg_fatal_n(0, "accessing unknown tag %#x", tag);
     } else {
         lock_enter(record->lock);
-        bool missing = state_now(record) == DB_STATE_ARRIVING || !record->data;
+        bool missing = state_now(record) == DB_STATE_ARRIVING || !qv_db_data_peek(record);
         lock_leave(record->lock);
         if (missing) {
             if (owner != 0 && !host_live(owner))

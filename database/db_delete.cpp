@@ -124,7 +124,7 @@ void qv_db_delete(Db_tag tag)
         broadcast_delete(tag);
     if ((state == DB_STATE_NORMAL || state == DB_STATE_ARRIVING) && record->data) {
         void* data = record->data;
-        record->data = nullptr;
+        qv_db_data_store(record, nullptr);
         if (record->type == DB_TYPE_SERIALIZABLE && !in_delete) {
             // The element's destructor may delete further tags: they queue until the lock is left.
             qv_db_delay_deletes();

@@ -14,8 +14,8 @@ constexpr int STACK_CANDIDATES = 1024;
 
 int compare_stamps(const void* a, const void* b)
 {
-    uint32_t left = static_cast<const Db_flush_entry*>(a)->record->lru_stamp;
-    uint32_t right = static_cast<const Db_flush_entry*>(b)->record->lru_stamp;
+    uint32_t left = static_cast<const Db_flush_entry*>(a)->stamp;
+    uint32_t right = static_cast<const Db_flush_entry*>(b)->stamp;
     return left < right ? -1 : left > right ? 1 : 0;
 }
 
@@ -69,7 +69,8 @@ void flush_walk_locked(Db_flush_fn fn, void* user1, void* user2)
                     entries = static_cast<Db_flush_entry*>(grown);
                     capacity *= 2;
                 }
-                entries[count++] = Db_flush_entry{record, tag};
+                const uint32_t stamp = __atomic_load_n(&record->lru_stamp, __ATOMIC_RELAXED);
+                entries[count++] = Db_flush_entry{record, tag, stamp};
             }
         }
     }
@@ -99,16 +100,16 @@ void* qv_db_evict(uint32_t* out_size, Db_record* record, Db_thread_list* threads
     lock_enter(record->lock);
     uint8_t saved = record->state;
     // A reader of a job tag that sees this state waits on the record's lock we hold.
-    record->state = DB_STATE_FLUSHING;
+    qv_db_state_store(record, DB_STATE_FLUSHING);
     void* data = nullptr;
     if (qv_db_pin_sum(threads, record->pidx) == 0) {
         data = record->data;
         if (out_size)
             *out_size = record->size;
-        record->data = nullptr;
+        qv_db_data_store(record, nullptr);
         record->size = 0;
     }
-    record->state = saved;
+    qv_db_state_store(record, saved);
     if (!data)
         lock_leave(record->lock);
     return data;
@@ -131,9 +132,9 @@ void qv_db_emergency_free()
             return;
         total_bytes += record->size;
         ++count;
-        record->state = DB_STATE_FREE;
+        qv_db_state_store(record, DB_STATE_FREE);
         data_free(record->type, record->data);
-        record->data = nullptr;
+        qv_db_data_store(record, nullptr);
         lock_destroy(&record->lock);
     });
     thread_list_release(&threads);

@@ -48,7 +48,7 @@ void* qv_db_create(Db_tag* tag, int type, uint32_t size, void* data)
     Db_tag made = tag_allocate(type, false, qv_db_current_job(), &record);
     if (!data)
         data = QV_ALLOC(size);
-    record->data = data;
+    qv_db_data_store(record, data);
     record->size = size;
     record->module = uint8_t(module);
     if (context && !qv_db_type_tracked(type))
@@ -93,7 +93,7 @@ void* qv_db_realloc(Db_tag tag, uint32_t size)
         size = 1;
     Lock_holder hold(g_global_lock);
     ++statistics().reallocs;
-    record->data = QV_REALLOC(record->data, size);
+    qv_db_data_store(record, QV_REALLOC(record->data, size));
     record->size = size;
     return record->data;
 }
@@ -107,7 +107,7 @@ void* qv_db_replace(Db_tag tag, uint32_t size, void* data)
     Lock_holder hold(g_global_lock);
     if (record->data != data)
         data_free(record->type, record->data);
-    record->data = data;
+    qv_db_data_store(record, data);
     record->size = size;
     return data;
 }
@@ -116,9 +116,9 @@ void qv_db_attach(Db_tag tag, void* data, uint32_t size)
 {
     Module_scope scope(MOD_DB);
     Db_record* record = record_get(tag);
-    record->data = data;
+    qv_db_data_store(record, data);
     record->size = size;
-    record->state = DB_STATE_ATTACHED;
+    qv_db_state_store(record, DB_STATE_ATTACHED);
 }
 
 void qv_db_release_data(Db_tag tag)
@@ -129,10 +129,10 @@ void qv_db_release_data(Db_tag tag)
         (record->state == DB_STATE_ATTACHED && record->type == DB_TYPE_SERIALIZABLE))
         data_free(record->type, record->data);
     if (record->state == DB_STATE_ATTACHED)
-        record->state = DB_STATE_NORMAL;
+        qv_db_state_store(record, DB_STATE_NORMAL);
     if (record->shared == 1 && this_host() == 0)
         push_flush(tag, record);
-    record->data = nullptr;
+    qv_db_data_store(record, nullptr);
     record->size = 0;
 }
 
@@ -143,8 +143,8 @@ void qv_db_alias(Db_tag tag, Db_tag source)
     const Db_record* from = record_get(source);
     target->lru_stamp = from->lru_stamp;
     target->size = from->size;
-    target->data = from->data;
-    target->state = from->state;
+    qv_db_data_store(target, from->data);
+    qv_db_state_store(target, from->state);
     target->type = from->type;
     target->module = from->module;
 }

@@ -199,7 +199,7 @@ Db_tag tag_allocate(int type, bool job, Db_record* parent, Db_record** out_recor
     }
     record->type = uint8_t(type);
     record->module = 0;
-    record->state = DB_STATE_NORMAL;
+    qv_db_state_store(record, DB_STATE_NORMAL);
     record->priv = 0;
     record->shared = 0;
     record->parent = parent;
@@ -265,7 +265,7 @@ void qv_db_exit()
     for_each_record([](Db_tag, Db_record* record) {
         if (record->data && record->state != DB_STATE_ATTACHED && record->state != DB_STATE_FREE)
             data_free(record->type, record->data);
-        record->data = nullptr;
+        qv_db_data_store(record, nullptr);
     });
     if (deleting)
         *deleting = saved;

@@ -132,12 +132,12 @@ void Transaction::store_over(Db_tag tag, Element_base* element, const char* name
         else
             QV_FREE(old);
     }
-    record->data = element;
+    qv_db_data_store(record, element);
     record->type = DB_TYPE_SERIALIZABLE;
     record->module = MOD_DB;
     record->flags = 1;
     record->size = std::max<uint32_t>(recorded_size(element), 1);
-    record->state = DB_STATE_NORMAL;
+    qv_db_state_store(record, DB_STATE_NORMAL);
     if (qv_db_tracked(tag, record->type))
         qv_db_unpin(tag);
     tag_names_register(tag, name);
