@@ -90,6 +90,15 @@ TEST_F(Map_file_read, DamagedFieldsGiveTheirStatusAndMessage)
     EXPECT_EQ(more.append_to_file(bad.c_str(), true), MAP_FILE_MALFORMED);
     EXPECT_EQ(file_bytes(bad), zero) << "refused before anything is written";
     EXPECT_TRUE(holds_elements(holder, 3, 100));
+
+    // A page count one short still leaves every element inside the file, so only the count
+    // check itself can refuse it.
+    const uint32_t per_page = field_at<uint32_t>(bytes, 22 + d + g);
+    std::vector<uint8_t> two_pages = written(path("two.map"), per_page + 1);
+    ASSERT_EQ(field_at<uint32_t>(two_pages, 26 + d + g), 2u);
+    set_field_at<uint32_t>(two_pages, 26 + d + g, 1);
+    put_file(bad, two_pages);
+    EXPECT_EQ(holder.read(bad.c_str(), 0), MAP_FILE_MALFORMED);
 }
 
 TEST_F(Map_file_read, OpenFormatsAreRecognisedByTheirFirstBytes)
